@@ -1,0 +1,131 @@
+#include <Poco/AutoPtr.h>
+#include <Poco/Dynamic/Var.h>
+#include <Poco/Exception.h>
+#include <Poco/URI.h>
+
+#include <exception>
+
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
+#include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+#include "media_server/IPCService/Public/ServiceLog.h"
+
+namespace IPCService {
+namespace MetaDataGW {
+
+namespace {
+
+using Poco::JSON::Object;
+
+constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
+
+/// What ends a path inside a URL, and so must be escaped within it.
+constexpr char PATH_END[] = "?#";
+
+/// A member that must be a JSON string.
+/// @throws Poco::Exception when it is absent or something else
+std::string stringArgument(const Object& info, const char* key)
+{
+    return info.get(key).extract<std::string>();
+}
+
+/// A member that must be a number or convert to one.
+std::uint32_t numberArgument(const Object& info, const char* key)
+{
+    const Poco::Dynamic::Var value = info.get(key);
+    // An absent value is reported as for strings.
+    return value.isEmpty() ? value.extract<Poco::UInt32>() : value.convert<Poco::UInt32>();
+}
+
+/// A URL's path as it stands in a request line: what is no part of a path, blanks and line ends above all, is escaped.
+std::string requestPath(const Poco::URI& url)
+{
+    std::string path;
+    Poco::URI::encode(url.getPath(), PATH_END, path);
+    return path;
+}
+
+/// @throws Poco::URISyntaxException when the URL does not say which server it means
+void requireServer(const Poco::URI& url)
+{
+    if (url.getHost().empty() || url.getPort() == 0) {
+        throw Poco::URISyntaxException("URL without host or port", url.toString());
+    }
+}
+
+/// Reads a command's arguments and logs each. @throws Poco::Exception at the first that is missing or wrong
+DownloadTaskParam readArguments(const Object& info)
+{
+    DownloadTaskParam param;
+    param.cameraCode = stringArgument(info, "cameraCode");
+    LOG(Information, "cameraCode:%s", param.cameraCode.c_str());
+    param.taskID = stringArgument(info, "taskID");
+    LOG(Information, "taskID:%s", param.taskID.c_str());
+    param.totalNum = numberArgument(info, "totalNum");
+    LOG(Information, "totalNum:%d", static_cast<int>(param.totalNum));
+    param.sqbh = stringArgument(info, "sqbh");
+    LOG(Information, "sqbh:%s", param.sqbh.c_str());
+    param.datatime = stringArgument(info, "datatime");
+    LOG(Information, "datatime:%s", param.datatime.c_str());
+    param.securityCode = stringArgument(info, "securityCode");
+    LOG(Information, "securityCode:%s", param.securityCode.c_str());
+    const std::string taskUrlText = stringArgument(info, "taskURL");
+    LOG(Information, "taskURL:%s", taskUrlText.c_str());
+    const std::string resultUrlText = stringArgument(info, "taskResultURL");
+    LOG(Information, "taskResultURL:%s", resultUrlText.c_str());
+
+    const Poco::URI taskUrl(taskUrlText);
+    const Poco::URI resultUrl(resultUrlText);
+    requireServer(taskUrl);
+    param.ServerIp = taskUrl.getHost();
+    param.ServerPort = taskUrl.getPort();
+    param.ServerUri = requestPath(taskUrl);
+    // Results go to the server of the task, whatever server the result URL names.
+    param.ResultUri = requestPath(resultUrl);
+    return param;
+}
+
+}  // namespace
+
+bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
+{
+    if (m_pSubSystem->isDownloading()) {
+        LOG(Information, "not allowed,is downloading  white now");
+        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_BUSY);
+        return false;
+    }
+    try {
+        m_downloadTaskParam = readArguments(*info);
+        LOG(Information, "ServerIp:%s  ServerPort:%d ServerUri:%s ResultUri:%s", m_downloadTaskParam.ServerIp.c_str(),
+            static_cast<int>(m_downloadTaskParam.ServerPort), m_downloadTaskParam.ServerUri.c_str(),
+            m_downloadTaskParam.ResultUri.c_str());
+        startDownload();
+    } catch (const Poco::Exception& exc) {
+        LOG(Error, "DownWhiteHandler Err %s ", exc.displayText().c_str());
+        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+        return false;
+    } catch (const std::exception& exc) {
+        LOG(Error, "DownWhiteHandler Err %s ", exc.what());
+        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+        return false;
+    }
+    SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_OK);
+    return true;
+}
+
+void CustomJsonMsgLoop::startDownload()
+{
+    m_pSubSystem->setDownloading(true);
+    try {
+        Poco::AutoPtr<CustomJsonPicDownloadTask> pTask(
+            new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
+        m_pApp->startTask(pTask.duplicate());
+    } catch (...) {
+        m_pSubSystem->setDownloading(false);
+        throw;
+    }
+}
+
+}  // namespace MetaDataGW
+}  // namespace IPCService

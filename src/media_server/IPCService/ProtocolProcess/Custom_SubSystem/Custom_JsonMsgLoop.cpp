@@ -1,0 +1,235 @@
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
+
+#include <Poco/Exception.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <exception>
+#include <vector>
+
+#include "bounds_checked.h"
+#include "media_server/IPCService/Public/IPCUnixTransmitter.h"
+#include "media_server/IPCService/Public/JsonText.h"
+#include "media_server/IPCService/Public/ServiceLog.h"
+
+namespace IPCService {
+namespace MetaDataGW {
+
+namespace {
+
+using Poco::Dynamic::Var;
+using Poco::JSON::Object;
+
+constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
+
+constexpr char COMMAND_PATH[] = "/tmp/HK";
+constexpr char TASK_NAME[] = "Json Msg Loop";
+constexpr int RECEIVE_ATTEMPTS = 3;
+constexpr long RECEIVE_PAUSE = 10;  // milliseconds
+constexpr unsigned REPLY_BLANKS = 2;
+
+const std::string taskName = "taskName";
+const std::string taskInfo = "taskInfo";
+
+/// Head of a command or reply. Of a command only tag and bodyLength are read.
+struct CommandHead
+{
+    char destPath[8];
+    char srcPath[8];
+    std::uint8_t reserved1[224];
+    std::uint32_t tag;
+    std::uint32_t reserved2;
+    std::uint8_t reserved3[8];
+    std::uint32_t bodyLength;  ///< bytes of the datagram that follows
+    std::uint32_t reserved4;
+    std::uint32_t reserved5;
+    std::uint8_t reserved6[12];
+};
+static_assert(sizeof(CommandHead) == 280, "wire size");
+static_assert(offsetof(CommandHead, srcPath) == 8, "wire offset");
+static_assert(offsetof(CommandHead, tag) == 240, "wire offset");
+static_assert(offsetof(CommandHead, reserved2) == 244, "wire offset");
+static_assert(offsetof(CommandHead, bodyLength) == 256, "wire offset");
+static_assert(offsetof(CommandHead, reserved4) == 260, "wire offset");
+static_assert(offsetof(CommandHead, reserved5) == 264, "wire offset");
+
+/// What every socket path of the camera, and so every head, begins with. No JSON text does.
+constexpr char HEAD_BEGIN[] = {'/', 't', 'm', 'p', '/'};
+
+/// The command's name as text.
+std::string nameOf(const Var& cmd)
+{
+    return cmd.isEmpty() ? cmd.extract<std::string>() : JsonText::fromAny(cmd);
+}
+
+}  // namespace
+
+CustomJsonMsgLoop::CustomJsonMsgLoop(CustomSubSystem* pSubSystem)
+    : Poco::Task(TASK_NAME),
+      m_pApp(nullptr),
+      m_address(Poco::Net::AddressFamily::UNIX_LOCAL, COMMAND_PATH),
+      m_socket(),
+      m_downloadTaskParam(),
+      m_pSubSystem(pSubSystem),
+      m_interruption()
+{
+}
+
+CustomJsonMsgLoop::~CustomJsonMsgLoop() = default;
+
+void CustomJsonMsgLoop::bind()
+{
+    bindToPath(m_socket, m_address);
+}
+
+void CustomJsonMsgLoop::cancel()
+{
+    Poco::Task::cancel();
+    m_interruption.interrupt();
+}
+
+void CustomJsonMsgLoop::runTask()
+{
+    ::prctl(PR_SET_NAME, TASK_NAME);
+    const Interruption::Scope scope(m_interruption);
+    try {
+        while (!isCancelled()) {
+            serveCommand();
+        }
+    } catch (const Interrupted&) {
+        // Cancelled while it waited.
+    }
+}
+
+void CustomJsonMsgLoop::serveCommand()
+{
+    std::uint32_t tag = 0;
+    try {
+        std::string body;
+        RecvJsonMsg(body, tag);
+        Var cmd;
+        Object::Ptr info;
+        if (!GetJsonMsgInfo(body, cmd, info)) {
+            LOG(Information, "GetJsonMsgInfo err:.");
+            SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+            return;
+        }
+        dispatch(cmd, info, tag);
+    } catch (const Poco::Exception& exc) {
+        LOG(Error, "PUBLIC_JSON Err %s ", exc.displayText().c_str());
+        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+    } catch (const std::exception& exc) {
+        LOG(Error, "PUBLIC_JSON Err %s ", exc.what());
+        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+    }
+}
+
+void CustomJsonMsgLoop::dispatch(const Var& cmd, Object::Ptr& info, std::uint32_t& tag)
+{
+    const std::string name = nameOf(cmd);
+    LOG(Information, "Process cmd:%s.", name.c_str());
+    LOG(Information, "Process info:%s.", JsonText::compact(info).c_str());
+    if (name == "whiteListDown") {
+        DownWhiteHandler(info, tag);
+    } else if (name == "faceNotHitDown") {
+        FaceNotHitHandler(info, tag);
+    } else if (name == "whiteListClear") {
+        WhiteListClearHandler(info, tag);
+    } else {
+        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+        LOG(Information, "Process cmd:%s  not supported .", name.c_str());
+    }
+}
+
+int CustomJsonMsgLoop::receiveDatagram(void* buffer, int length)
+{
+    try {
+        Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
+        return m_socket.receiveBytes(buffer, length, 0);
+    } catch (const Poco::Exception& exc) {
+        LOG(Error, "receiveBytes fail:%s.", exc.displayText().c_str());
+        return -1;
+    }
+}
+
+bool CustomJsonMsgLoop::nextIsHead()
+{
+    char begin[sizeof(HEAD_BEGIN)] = {};
+    Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
+    const int size = m_socket.receiveBytes(begin, sizeof(begin), MSG_PEEK | MSG_TRUNC);
+    return size == static_cast<int>(sizeof(CommandHead)) && std::memcmp(begin, HEAD_BEGIN, sizeof(begin)) == 0;
+}
+
+std::string CustomJsonMsgLoop::receiveBody(std::uint32_t length)
+{
+    // The length is the client's word and may be anything; memory follows the datagram that is really there.
+    Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
+    const int size = m_socket.receiveBytes(nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    const auto room = std::min<std::size_t>(length, static_cast<std::size_t>(std::max(size, 0)));
+    std::vector<char> buffer(room + 1);
+    for (int attempt = 1; receiveDatagram(buffer.data(), static_cast<int>(room)) < 0 && attempt < RECEIVE_ATTEMPTS;
+         ++attempt) {
+        Interruption::sleep(RECEIVE_PAUSE);
+    }
+    return std::string(buffer.data());
+}
+
+void CustomJsonMsgLoop::RecvJsonMsg(std::string& body, std::uint32_t& tag)
+{
+    body.clear();
+    CommandHead head{};
+    if (receiveDatagram(&head, sizeof(head)) < 0) {
+        // Whatever is wrong with the socket may last: no use in running into it at full speed.
+        Interruption::sleep(RECEIVE_PAUSE);
+        return;
+    }
+    tag = head.tag;
+    // A client that died between head and body must not turn each later head into a body.
+    if (!nextIsHead()) {
+        body = receiveBody(head.bodyLength);
+    }
+}
+
+bool CustomJsonMsgLoop::GetJsonMsgInfo(const std::string& body, Var& cmd, Object::Ptr& info)
+{
+    try {
+        const Object::Ptr command = JsonText::parse(body).extract<Object::Ptr>();
+        cmd = command->get(taskName);
+        info = command->get(taskInfo).extract<Object::Ptr>();
+        return true;
+    } catch (const Poco::Exception& exc) {
+        LOG(Error, "PUBLIC_JSON Err %s ", exc.displayText().c_str());
+    } catch (const std::exception& exc) {
+        LOG(Error, "PUBLIC_JSON Err %s ", exc.what());
+    }
+    return false;
+}
+
+void CustomJsonMsgLoop::SendJsonMsg(const std::string& destPath, const std::uint32_t& tag, int statusCode)
+{
+    try {
+        Object::Ptr status = new Object;
+        status->set("StatusCode", statusCode);
+        const std::string body = JsonText::indented(status, REPLY_BLANKS);
+        const Poco::Net::SocketAddress address(Poco::Net::AddressFamily::UNIX_LOCAL, destPath);
+        CommandHead head{};
+        strncpy_s(head.destPath, sizeof(head.destPath), COMMAND_CLIENT_PATH, sizeof(head.destPath) - 1);
+        strncpy_s(head.srcPath, sizeof(head.srcPath), COMMAND_PATH, sizeof(head.srcPath) - 1);
+        head.tag = tag;
+        head.bodyLength = static_cast<std::uint32_t>(body.size());
+        const int headBytes = m_socket.sendTo(&head, sizeof(head), address, DATAGRAM_SEND_FLAGS);
+        const int bodyBytes = m_socket.sendTo(body.data(), static_cast<int>(body.size()), address, DATAGRAM_SEND_FLAGS);
+        LOG(Information, "SendJsonMsg head: %d body :%d.", headBytes, bodyBytes);
+    } catch (const Poco::Exception& exc) {
+        LOG(Error, "SendJsonMsg fail:%s.", exc.displayText().c_str());
+    } catch (const std::exception& exc) {
+        LOG(Error, "SendJsonMsg fail:%s.", exc.what());
+    }
+}
+
+}  // namespace MetaDataGW
+}  // namespace IPCService

@@ -1,0 +1,201 @@
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSession.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SecureStreamSocket.h>
+#include <Poco/Net/SecureStreamSocketImpl.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/StreamCopier.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <istream>
+#include <ostream>
+
+#include "media_server/IPCService/Public/Interruption.h"
+
+namespace IPCService {
+namespace MetaDataGW {
+
+namespace {
+
+using Poco::Net::SecureStreamSocket;
+using Poco::Net::SecureStreamSocketImpl;
+
+constexpr std::chrono::seconds LONGEST_STEP(5);
+constexpr std::size_t COPY_BUFFER_SIZE = 8192;
+
+/// The time within which a step must end.
+class Deadline
+{
+public:
+    Deadline() : m_end(std::chrono::steady_clock::now() + LONGEST_STEP) {}
+
+    /// Waits for a socket.
+    /// @throws Poco::TimeoutException when the time is over
+    void wait(int descriptor, short events) const
+    {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(m_end - std::chrono::steady_clock::now()).count();
+        if (left <= 0 || !Interruption::wait(descriptor, events, static_cast<long>(left))) {
+            throw Poco::TimeoutException();
+        }
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_end;
+};
+
+/// A TLS socket that never blocks inside the library: whenever the library would wait for the peer, the wait happens
+/// here, where it has an end and can be interrupted. The library's own time-out covers neither the handshake nor,
+/// from 1.11 on, a read, which it tries twice.
+class PlatformSocketImpl : public SecureStreamSocketImpl
+{
+public:
+    /// Connects and shakes hands.
+    PlatformSocketImpl(Poco::Net::Context::Ptr pContext, const std::string& host,
+                       const Poco::Net::SocketAddress& address)
+        : SecureStreamSocketImpl(pContext)
+    {
+        const Deadline deadline;
+        setPeerHostName(host);
+        connectNB(address);
+        deadline.wait(sockfd(), POLLOUT);
+        if (const int failure = socketError()) {
+            SocketImpl::error(failure, address.toString());
+        }
+        complete(deadline, [this] { return completeHandshake(); });
+        m_sendDeadline = Deadline();
+    }
+
+    /// One request is sent over the socket, right after the handshake: all of it has to leave in time.
+    int sendBytes(const void* buffer, int length, int flags) override
+    {
+        return complete(m_sendDeadline, [&] { return SecureStreamSocketImpl::sendBytes(buffer, length, flags); });
+    }
+
+    int receiveBytes(void* buffer, int length, int flags) override
+    {
+        return complete(Deadline(), [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
+    }
+
+protected:
+    ~PlatformSocketImpl() override = default;
+
+private:
+    /// Repeats a step of the library until it no longer asks to wait for the peer.
+    template <typename Step>
+    int complete(const Deadline& deadline, Step step)
+    {
+        for (;;) {
+            const int result = step();
+            if (result == SecureStreamSocket::ERR_SSL_WANT_READ) {
+                deadline.wait(sockfd(), POLLIN);
+            } else if (result == SecureStreamSocket::ERR_SSL_WANT_WRITE) {
+                deadline.wait(sockfd(), POLLOUT);
+            } else {
+                return result;
+            }
+        }
+    }
+
+    Deadline m_sendDeadline;
+};
+
+/// Gives a socket implementation to the library.
+class PlatformSocket : public SecureStreamSocket
+{
+public:
+    explicit PlatformSocket(PlatformSocketImpl* pImpl) : SecureStreamSocket(pImpl) {}
+};
+
+/// A client session over one PlatformSocket.
+class PlatformSession : public Poco::Net::HTTPSClientSession
+{
+public:
+    PlatformSession(const std::string& host, Poco::UInt16 port) : HTTPSClientSession(host, port), m_bPeerClosed(false)
+    {
+    }
+
+    /// Throws what a stream of this session swallowed.
+    void rethrowFailure() const
+    {
+        Interruption::check();
+        if (const Poco::Exception* pFailure = networkException()) {
+            pFailure->rethrow();
+        }
+    }
+
+    /// True when the peer closed the connection while more was to be read.
+    bool peerClosed() const { return m_bPeerClosed; }
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override
+    {
+        attachSocket(PlatformSocket(
+            new PlatformSocketImpl(Poco::Net::SSLManager::instance().defaultClientContext(), getHost(), address)));
+    }
+
+    int read(char* buffer, std::streamsize length) override
+    {
+        const int count = HTTPSClientSession::read(buffer, length);
+        m_bPeerClosed = m_bPeerClosed || count == 0;
+        return count;
+    }
+
+    /// Without the library's second try over a new connection, which a keep-alive session makes.
+    int write(const char* buffer, std::streamsize length) override { return HTTPSession::write(buffer, length); }
+
+private:
+    bool m_bPeerClosed;
+};
+
+/// A connection that ends early looks to the library like the end of the body.
+bool isCutOff(const Poco::Net::HTTPResponse& response, const std::string& text, bool peerClosed)
+{
+    using Poco::Net::HTTPResponse;
+    const auto status = response.getStatus();
+    if (status == HTTPResponse::HTTP_NO_CONTENT || status == HTTPResponse::HTTP_NOT_MODIFIED) {
+        return false;
+    }
+    if (response.getChunkedTransferEncoding()) {
+        return peerClosed;
+    }
+    return response.hasContentLength() && static_cast<Poco::Int64>(text.size()) < response.getContentLength64();
+}
+
+}  // namespace
+
+std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poco::Net::HTTPRequest& request,
+                                 const std::string& body, Poco::Net::HTTPResponse& response)
+{
+    // A URL may come without a path or with a relative one; a request line may not.
+    if (request.getURI().compare(0, 1, "/") != 0) {
+        request.setURI("/" + request.getURI());
+    }
+    PlatformSession session(host, port);
+    // A session without keep-alive would rewrite the request's own header.
+    session.setKeepAlive(request.getKeepAlive() && request.has(Poco::Net::HTTPMessage::CONNECTION));
+
+    std::ostream& requestStream = session.sendRequest(request);
+    requestStream.write(body.data(), static_cast<std::streamsize>(body.size()));
+    requestStream.flush();
+    session.rethrowFailure();
+
+    std::istream& responseStream = session.receiveResponse(response);
+    std::string text;
+    Poco::StreamCopier::copyToString(responseStream, text, COPY_BUFFER_SIZE);
+    session.rethrowFailure();
+    if (isCutOff(response, text, session.peerClosed())) {
+        throw Poco::Net::MessageException("response ends before its end");
+    }
+    return text;
+}
+
+}  // namespace MetaDataGW
+}  // namespace IPCService

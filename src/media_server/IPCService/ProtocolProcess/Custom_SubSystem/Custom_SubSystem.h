@@ -1,0 +1,74 @@
+#ifndef CUSTOM_SUBSYSTEM_CUSTOM_SUBSYSTEM_H
+#define CUSTOM_SUBSYSTEM_CUSTOM_SUBSYSTEM_H
+
+#include <Poco/SharedPtr.h>
+#include <Poco/TaskManager.h>
+#include <Poco/UUID.h>
+#include <Poco/Util/Subsystem.h>
+
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask.h"
+#include "media_server/IPCService/Public/IPCServiceOldProtocol.h"
+#include "media_server/IPCService/Public/IPCUnixTransmitter.h"
+#include "public/utils/alg_utils/utils_process_ringbuf.h"
+
+namespace IPCService {
+namespace ProtocalProcess {
+class Public_SubProcess;
+}
+namespace MetaDataGW {
+
+/// The command side of the service: brings up its message endpoint, the ring buffer, the TLS client settings and the
+/// command loop, and holds what the commands share.
+class CustomSubSystem : public Poco::Util::Subsystem
+{
+public:
+    /// Binds "/tmp/CU".
+    /// @throws Poco::Net::NetException when the path cannot be bound
+    CustomSubSystem();
+    ~CustomSubSystem() override;
+
+    const char* name() const override;
+
+    /// Start-up, on the main thread. Waits without limit for ITGT. When the ring buffer cannot be opened it stops
+    /// there: the process then runs without command loop.
+    /// @param app  a Public_SubProcess; std::bad_cast otherwise
+    /// @throws Poco::Exception when TLS or the command loop cannot be set up
+    void initialize(Poco::Util::Application& app) override;
+
+    /// Does nothing: sockets and ring buffer stay open until the process ends.
+    void uninitialize() override;
+
+    /// True while a download runs. Any thread.
+    bool isDownloading() const;
+
+    /// Any thread.
+    void setDownloading(bool bDownloading);
+
+private:
+    Poco::SharedPtr<IPCUnixTransmitter> m_pTransmitter;
+    Poco::SharedPtr<IPCServiceOldProtocol> m_pProtocol;
+
+public:
+    /// The running download. Used by the download task's thread only.
+    DownloadPictureTask m_downloadTask;
+
+    /// Producer of the metadata ring buffer; null until it is opened. Written before the command loop starts.
+    ProcessRingBufHndl* m_ringBufHandle;
+
+    Poco::UUID m_uuid;
+
+    /// Busy mark: set by the command loop, cleared by the download task. Reach it through isDownloading and
+    /// setDownloading, whose accesses are atomic.
+    bool m_bDownloading;
+
+    Poco::TaskManager m_taskManager;
+
+private:
+    void announceToItgt();
+    void startCommandLoop(ProtocalProcess::Public_SubProcess& app);
+};
+
+}  // namespace MetaDataGW
+}  // namespace IPCService
+
+#endif

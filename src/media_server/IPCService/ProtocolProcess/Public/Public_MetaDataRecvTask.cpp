@@ -1,0 +1,111 @@
+#include "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Dynamic/Var.h>
+#include <Poco/Exception.h>
+#include <Poco/JSON/Object.h>
+#include <poll.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "media_server/IPCService/ProtocolProcess/Public/MetaDataNotification.h"
+#include "media_server/IPCService/Public/JsonText.h"
+#include "media_server/IPCService/Public/ServiceLog.h"
+
+namespace IPCService {
+namespace ProtocalProcess {
+
+namespace {
+
+constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask";
+
+constexpr long NO_OBSERVER_PAUSE = 1000;  // milliseconds
+/// One of so many failed gets is logged.
+constexpr unsigned GET_FAILURES_PER_LINE = 500;
+
+void countGetFailure()
+{
+    static std::atomic<unsigned> failures{0};
+    if (failures.fetch_add(1) % GET_FAILURES_PER_LINE == 0) {
+        LOG(Error, "Utils_EventCacheBufGet FAIL!\n");
+    }
+}
+
+/// The record's text: up to its NUL, at the latest to the end of the mapping.
+std::string textOf(const EventCacheBufData& data)
+{
+    const char* end = static_cast<const char*>(data.stMMapAddr.pBufData) + data.stMMapAddr.length;
+    return std::string(data.pData, ::strnlen(data.pData, static_cast<std::size_t>(end - data.pData)));
+}
+
+/// Parses a record. @return an empty value when it is malformed
+Poco::Dynamic::Var parseRecord(const std::string& text)
+{
+    try {
+        return JsonText::parse(text);
+    } catch (const Poco::Exception& exc) {
+        LOG(Error, "PUBLIC_JSON Err %s ", exc.displayText().c_str());
+        return Poco::Dynamic::Var();
+    }
+}
+
+}  // namespace
+
+Public_MetaDataRecvTask::Public_MetaDataRecvTask(EventCacheHndl* handle)
+    : Poco::Task("MetaDataRecvTask"), m_pstEventCacheHndl(handle)
+{
+}
+
+Public_MetaDataRecvTask::~Public_MetaDataRecvTask() = default;
+
+void Public_MetaDataRecvTask::interrupt() noexcept
+{
+    m_interruption.interrupt();
+}
+
+void Public_MetaDataRecvTask::runTask()
+{
+    poco_assert(m_pstEventCacheHndl != NULL);
+    const Interruption::Scope scope(m_interruption);
+    try {
+        for (;;) {
+            if (m_notificationCenter.hasObservers()) {
+                receiveRecord();
+            } else {
+                Interruption::sleep(NO_OBSERVER_PAUSE);
+            }
+        }
+    } catch (const Interrupted&) {
+        // The service stops.
+    }
+}
+
+void Public_MetaDataRecvTask::receiveRecord()
+{
+    // The wait ends with an interruption, which the read behind it would not.
+    Interruption::wait(m_pstEventCacheHndl->nEventFd, POLLIN, -1);
+    // Cleared each time: an answer without a buffer would leave the one before, which is unmapped by now.
+    EventCacheBufData stBufData = {};
+    if (Utils_EventCacheBufGet(m_pstEventCacheHndl, &stBufData) != IPC_SUCCESS) {
+        countGetFailure();
+        return;
+    }
+    if (stBufData.nDataLen == 0) {
+        Utils_EventCacheBufRelease(m_pstEventCacheHndl, &stBufData);
+        LOG(Error, "stBufData.nDataLen zero!\n");
+        return;
+    }
+    const Poco::Dynamic::Var result = parseRecord(textOf(stBufData));
+    Utils_EventCacheBufRelease(m_pstEventCacheHndl, &stBufData);
+    if (!result.convert<bool>()) {
+        return;
+    }
+    Poco::JSON::Object::Ptr pObject = result.extract<Poco::JSON::Object::Ptr>();
+    m_notificationCenter.postNotification(new MetaDataGW::MetaDataNotification(pObject.get()));
+}
+
+}  // namespace ProtocalProcess
+}  // namespace IPCService

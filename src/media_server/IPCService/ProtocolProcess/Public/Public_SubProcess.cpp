@@ -1,0 +1,168 @@
+#include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+
+#include <Poco/Bugcheck.h>
+#include <Poco/Thread.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+
+#include "bounds_checked.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
+#include "media_server/IPCService/Public/ServiceLog.h"
+
+namespace IPCService {
+namespace ProtocalProcess {
+
+namespace {
+
+constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess";
+
+constexpr char PUBLISHER_NAME[] = "gate.saas.olv";
+/// Line that a failed subscription is reported with, wherever the check stands.
+constexpr int SUBSCRIPTION_ASSERTION_LINE = 91;
+constexpr std::chrono::milliseconds LONGEST_TASK_END(1000);
+constexpr long TASK_END_STEP = 2;  // milliseconds
+
+/// Holds the stop signals back from the calling thread. @return the thread's signal mask before
+sigset_t blockStopSignals()
+{
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGQUIT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &before);
+    return before;
+}
+
+/// Holds the stop signals back from the threads that are started meanwhile: they are for the main thread's wait, and
+/// any other thread that took one would end the process by the signal.
+class StopSignalsBlocked
+{
+public:
+    StopSignalsBlocked() : m_before(blockStopSignals()) {}
+    ~StopSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    StopSignalsBlocked(const StopSignalsBlocked&) = delete;
+    StopSignalsBlocked& operator=(const StopSignalsBlocked&) = delete;
+
+private:
+    sigset_t m_before;
+};
+
+/// Reaps one child for each signal delivered; signals that fell together leave their other children for later.
+/// Runs in signal context.
+extern "C" void reapChild(int /*signal*/, siginfo_t* /*info*/, void* /*context*/)
+{
+    const int savedErrno = errno;
+    ::waitpid(-1, nullptr, WNOHANG);
+    errno = savedErrno;
+}
+
+void captureChildSignal()
+{
+    struct sigaction action = {};
+    if (sigemptyset(&action.sa_mask) != 0) {
+        LOG(Error, "sigemptyset Fail");
+        return;
+    }
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = reapChild;
+    if (::sigaction(SIGCHLD, &action, nullptr) != 0) {
+        LOG(Error, "register capture SIGCHLD signal Fail");
+        return;
+    }
+    LOG(Information, "SignalCapture sucess!\n");
+}
+
+}  // namespace
+
+Public_SubProcess::Public_SubProcess() : m_taskManager(), m_pMetaDataRecvTask(), m_exitCode(EXIT_SOFTWARE)
+{
+    memset_s(&m_stEventCacheHndl, sizeof(m_stEventCacheHndl), 0, sizeof(m_stEventCacheHndl));
+}
+
+Public_SubProcess::~Public_SubProcess()
+{
+    if (!endTasks()) {
+        std::_Exit(m_exitCode);
+    }
+}
+
+void Public_SubProcess::startTask(Poco::Task* pTask)
+{
+    const StopSignalsBlocked blocked;
+    m_taskManager.start(pTask);
+}
+
+void Public_SubProcess::rethrowStartFailure() const
+{
+    if (m_pStartFailure) {
+        m_pStartFailure->rethrow();
+    }
+}
+
+void Public_SubProcess::initialize(Poco::Util::Application& self)
+{
+    try {
+        startUp(self);
+    } catch (const Poco::Exception& exc) {
+        m_pStartFailure.reset(exc.clone());
+        throw;
+    }
+}
+
+void Public_SubProcess::startUp(Poco::Util::Application& self)
+{
+    const int nRet = Utils_EventCacheSubscribe(&m_stEventCacheHndl, PUBLISHER_NAME, nullptr);
+    if (nRet != IPC_SUCCESS) {
+        Poco::Bugcheck::assertion("nRet == IPC_SUCCESS", __FILE__, SUBSCRIPTION_ASSERTION_LINE);
+    }
+    m_pMetaDataRecvTask = new Public_MetaDataRecvTask(&m_stEventCacheHndl);
+    startTask(m_pMetaDataRecvTask.duplicate());
+    if (auto* pSubProcess = dynamic_cast<Public_SubProcess*>(&self)) {
+        pSubProcess->addSubsystem(new MetaDataGW::CustomSubSystem());
+    }
+    Poco::Util::Application::initialize(self);
+}
+
+void Public_SubProcess::uninitialize()
+{
+    Poco::Util::Application::uninitialize();
+}
+
+int Public_SubProcess::main(const std::vector<std::string>& /*args*/)
+{
+    // For good: whoever reads the last line below may send a stop signal before the wait begins, and a second signal
+    // must not cut the stop short.
+    blockStopSignals();
+    captureChildSignal();
+    LOG(Information, "waitForTerminationRequest sucess!\n");
+    waitForTerminationRequest();
+    m_exitCode = EXIT_OK;
+    return EXIT_OK;
+}
+
+bool Public_SubProcess::endTasks()
+{
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + LONGEST_TASK_END;
+    m_taskManager.cancelAll();
+    if (m_pMetaDataRecvTask) {
+        m_pMetaDataRecvTask->interrupt();
+    }
+    // The task manager tells of a task's end before it forgets the task, so its count is the only sure sign.
+    while (m_taskManager.count() > 0) {
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        Poco::Thread::sleep(TASK_END_STEP);
+    }
+    return true;
+}
+
+}  // namespace ProtocalProcess
+}  // namespace IPCService

@@ -1,0 +1,63 @@
+#ifndef PROTOCOLPROCESS_PUBLIC_SUBPROCESS_H
+#define PROTOCOLPROCESS_PUBLIC_SUBPROCESS_H
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <Poco/Task.h>
+#include <Poco/TaskManager.h>
+#include <Poco/Util/ServerApplication.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask.h"
+#include "public/utils/alg_utils/utils_srvfs_eventcache.h"
+
+namespace IPCService {
+namespace ProtocalProcess {
+
+/// The service process: owns every task, the event-cache subscription and the subsystem.
+class Public_SubProcess : public Poco::Util::ServerApplication
+{
+public:
+    Public_SubProcess();
+
+    /// Ends the tasks, which use this object and the subsystem. A thread that does not come back within a second, held
+    /// in a call that nothing can interrupt, would touch what is destroyed next: the process then ends here, with the
+    /// exit code that main would have returned.
+    ~Public_SubProcess() override;
+
+    /// Starts a task on the default thread pool; the task manager owns it from then on. Any thread.
+    /// @throws Poco::Exception when no thread can be had
+    void startTask(Poco::Task* pTask);
+
+    /// Throws what initialize threw. The framework reports such a failure differently from version to version; the
+    /// process entry reports it in one way.
+    void rethrowStartFailure() const;
+
+    /// Subscribes to the event cache, starts the receive task and brings up the subsystem. Main thread.
+    /// @throws Poco::Exception when the service cannot start
+    void initialize(Poco::Util::Application& self) override;
+    void uninitialize() override;
+
+    /// Serves until a stop signal. @return EXIT_OK
+    int main(const std::vector<std::string>& args) override;
+
+private:
+    void startUp(Poco::Util::Application& self);
+
+    /// Interrupts all tasks. @return true when they ended in time
+    bool endTasks();
+
+    Poco::TaskManager m_taskManager;
+    Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
+    EventCacheHndl m_stEventCacheHndl;
+    std::unique_ptr<Poco::Exception> m_pStartFailure;
+    int m_exitCode;
+};
+
+}  // namespace ProtocalProcess
+}  // namespace IPCService
+
+#endif
