@@ -5,6 +5,7 @@
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/NetException.h>
+#include <Poco/Net/SSLException.h>
 #include <Poco/Net/SSLManager.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SecureStreamSocketImpl.h>
@@ -79,9 +80,15 @@ public:
         return complete(m_sendDeadline, [&] { return SecureStreamSocketImpl::sendBytes(buffer, length, flags); });
     }
 
+    /// A peer that closes without the TLS farewell has closed nevertheless: whether the response was complete shows
+    /// in the response.
     int receiveBytes(void* buffer, int length, int flags) override
     {
-        return complete(Deadline(), [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
+        try {
+            return complete(Deadline(), [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
+        } catch (const Poco::Net::SSLConnectionUnexpectedlyClosedException&) {
+            return 0;
+        }
     }
 
 protected:

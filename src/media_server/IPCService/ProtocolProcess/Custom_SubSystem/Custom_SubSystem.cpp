@@ -73,6 +73,10 @@ void setUpTls()
         SSL_CTX_set_max_proto_version(pContext->sslContext(), TLS1_2_VERSION) != 1) {
         throw Poco::Net::SSLContextException("TLS 1.2 is not available");
     }
+#ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
+    // OpenSSL 3 takes a close without the TLS farewell for a protocol error; older versions report a plain close.
+    SSL_CTX_set_options(pContext->sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+#endif
     Poco::Net::SSLManager::instance().initializeClient(nullptr, pCertificateHandler, pContext);
 }
 

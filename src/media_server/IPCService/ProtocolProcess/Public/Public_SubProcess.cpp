@@ -111,6 +111,7 @@ void Public_SubProcess::initialize(Poco::Util::Application& self)
         startUp(self);
     } catch (const Poco::Exception& exc) {
         m_pStartFailure.reset(exc.clone());
+        logger().setLevel("none");  // the process entry reports it; a framework that does so too would repeat it
         throw;
     }
 }

@@ -1,0 +1,146 @@
+"""The whole simulated camera around one running service."""
+
+from __future__ import annotations
+
+import os
+import re
+from collections.abc import Callable, Mapping, Sequence
+from pathlib import Path
+from types import TracebackType
+from typing import TypeVar
+
+from simulator.client import Client
+from simulator.events import EventPublisher
+from simulator.face_library import FaceLibrary
+from simulator.itgt import Itgt
+from simulator.journal import Event, Journal
+from simulator.platform import Platform
+from simulator.sandbox import CameraError, Sandbox
+from simulator.service import LogRecord, Service
+
+T = TypeVar("T")
+
+MARKER = "/tmp/intelligent_ok"
+# The last thing that the service logs when it starts.
+_SERVING = "waitForTerminationRequest sucess!"
+
+
+def build_folder() -> Path:
+    """Where the service was built: $CAMGATE_BUILD, or build/host of this repository."""
+    return Path(os.environ.get("CAMGATE_BUILD") or Path(__file__).parent.parent / "build" / "host").resolve()
+
+
+class Camera:
+    """A camera with all its processes; `with Camera() as camera:` starts it, and leaves nothing behind.
+
+    Leaving the block raises CameraError if a hook or script raised an exception meanwhile.
+
+    service    path of the binary; default: the one of build_folder()
+    preload    libraries to preload; default: the one that plays the device nodes. Sanitizer runtimes that the binary
+               needs come before them by themselves.
+    libraries  folders to search for libraries before the binary's own, to put another platform library in place
+    environment  further variables for the service
+    marker     whether ITGT's readiness marker exists from the start
+    itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
+    start      whether to start the service at once; else start_service() does
+    wait       whether starting waits until the service takes commands; without a marker it never does
+
+    Attributes: journal, sandbox, itgt, faces, client, events, platform, service.
+    Must be entered on a thread that lives as long as the camera.
+    """
+
+    def __init__(self, *, service: Path | None = None, preload: Sequence[Path] | None = None,
+                 libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
+                 itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
+                 wait: bool = True) -> None:
+        self._marker = marker
+        self._start = start
+        self._wait = wait and marker
+        self.journal = Journal()
+        self.sandbox = Sandbox()
+        self.itgt = Itgt(self.journal, self.sandbox.folder)
+        self.faces = FaceLibrary(self.journal, self.sandbox.folder)
+        self.client = Client(self.journal, self.sandbox.folder)
+        self.events = EventPublisher(self.journal, self.path("/tmp/.camera/event"), self.path("/tmp/.camera/cache"))
+        self._parts = [part for part, wanted in ((self.itgt, itgt), (self.faces, faces), (self.client, client),
+                                                 (self.events, events)) if wanted]
+        self.platform = Platform(self.journal)
+        if preload is None:
+            preload = [build_folder() / "lib" / "libcamera_devices.so"]
+        self.service = Service(self.journal, self.sandbox, service or build_folder() / "bin" / "protocol_process",
+                               preload=preload, libraries=libraries, environment=environment)
+
+    def __enter__(self) -> Camera:
+        try:
+            for part in self._parts:
+                part.start()
+            if self._marker:
+                self.make_ready()
+            if self._start:
+                self.start_service(self._wait)
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        self.close()
+        failed = [str(event) for event in self.journal.events if event.kind == "hook_failed"]
+        if failed and kind is None:
+            raise CameraError("a hook or script of this camera failed: " + "; ".join(failed))
+
+    def close(self) -> None:
+        """Ends the service and every process of the camera and removes its folder. May be called twice."""
+        try:
+            self.service.stop()
+        finally:
+            for part in (self.platform, self.client, self.itgt, self.faces, self.events):
+                part.stop()
+            self.sandbox.remove()
+
+    def start_service(self, wait: bool = True) -> None:
+        """Starts the service, again if it has ended; the platform gets the ports of its new network."""
+        self.platform.stop()
+        begin = len(self.journal)
+        sockets = self.service.start()
+        self.platform.start(sockets[:-2], kept=sockets[-2:])
+        if wait:
+            self.wait_serving(since=begin)
+
+    def wait_serving(self, timeout: float = 20.0, since: int = 0) -> None:
+        """Waits until the service has started and takes commands. Raises CameraError if it ended instead."""
+        def started_or_ended(event: Event) -> bool:
+            return event.matches("service", "ended") or (
+                event.matches("service", "log") and _SERVING in event.record.text)
+        event = self.journal.wait_for(started_or_ended, timeout, since)
+        if event.kind == "ended":
+            tail = self.service.stderr.decode("utf-8", "backslashreplace")[-3000:]
+            raise CameraError(f"the service ended with code {event.exit_code} while it started:\n{tail}")
+
+    def make_ready(self) -> None:
+        """Creates ITGT's readiness marker."""
+        self.path(MARKER).touch()
+
+    def path(self, path: str) -> Path:
+        """Where a path of the camera below /tmp, /mnt or /dev/shm lies on this machine."""
+        return self.sandbox.outside(path)
+
+    def report(self) -> str:
+        """What a failed test should show: the service's output and the last events."""
+        output = (self.service.stderr + self.service.stdout).decode("utf-8", "backslashreplace")
+        events = "\n".join(str(event) for event in self.journal.events[-60:] if event.kind != "log")
+        return f"--- output of the service\n{output}--- last events\n{events}\n"
+
+    def wait_for(self, predicate: Callable[[Event], bool], timeout: float = 10.0, since: int = 0) -> Event:
+        """The first event, past ones from position `since` on included, for which `predicate` is true."""
+        return self.journal.wait_for(predicate, timeout, since)
+
+    def wait_until(self, condition: Callable[[], T], timeout: float = 10.0) -> T:
+        """The first true value of `condition()`, evaluated now and after every event."""
+        return self.journal.wait_until(condition, timeout)
+
+    def wait_for_log(self, wanted: str | re.Pattern[str] | Callable[[LogRecord], bool], timeout: float = 10.0,
+                     since: int = 0) -> LogRecord:
+        """The first log record whose text contains a string or matches a pattern, or that satisfies a predicate."""
+        return self.service.wait_for_log(wanted, timeout, since)

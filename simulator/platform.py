@@ -1,0 +1,163 @@
+"""The remote platform: serves pages of face records and takes import reports, over HTTPS."""
+
+from __future__ import annotations
+
+import base64
+import functools
+import json
+import socket
+from collections import defaultdict, deque
+from collections.abc import Callable, Iterable, Sequence
+from typing import Any, Union
+
+from simulator.certificate import server_context
+from simulator.http import NEVER, Request, Response, Send, Step
+from simulator.https_server import Connection, HttpsServer
+from simulator.journal import Journal
+from simulator.pictures import picture
+
+# What the platform can answer: a response, bytes as they are, steps, nothing ever (None), or a function of the request.
+Answer = Union[Response, bytes, Sequence[Step], None, Callable[[Request], "Answer"]]
+
+
+class Platform:
+    """Serves `task_path` and `result_path`; everything else is 404.
+
+    port, second_port    where it listens, on 127.0.0.1 and ::1; both behave alike unless on_connect tells them apart
+    full_port            127.0.0.1 only: connects to it hang, because nobody takes them
+    picture_sizes        smallest and largest picture in bytes
+    requests, reports    every request so far; those to the result path
+    on_request           called as on_request(request, default) in place of the own behaviour; default() carries that
+                         out and returns its Response. Runs on the connection's thread.
+    on_connect           called with each new Connection; returns steps for the bare TCP connection (NEVER: it never
+                         shakes hands) or None for the ordinary handshake
+    connections          every connection so far
+
+    Journal: "request" with `request`, "page" with `start`, `records` and `bytes`, "report" with `request`, "response"
+    with `response` (before it is sent; only ordinary ones), and those of HttpsServer.
+    """
+
+    name = "platform"
+    port = 8443
+    second_port = 8444
+    full_port = 8445
+    task_path = "/platform/whiteList"
+    result_path = "/platform/whiteListResult"
+
+    def __init__(self, journal: Journal) -> None:
+        self.picture_sizes = (20_000, 200_000)
+        self.requests: list[Request] = []
+        self.on_request: Callable[[Request, Callable[[], Response]], Answer] | None = None
+        self._journal = journal
+        self._scripts: dict[str, deque[Answer]] = defaultdict(deque)
+        self._kept: list[socket.socket] = []
+        self._server = HttpsServer(journal, server_context(), self._answer)
+
+    @property
+    def reports(self) -> list[Request]:
+        return [request for request in list(self.requests) if request.target == self.result_path]
+
+    @property
+    def connections(self) -> list[Connection]:
+        return list(self._server.connections)
+
+    @property
+    def on_connect(self) -> Callable[[Connection], Iterable[Step] | None] | None:
+        return self._server.on_connect
+
+    @on_connect.setter
+    def on_connect(self, hook: Callable[[Connection], Iterable[Step] | None] | None) -> None:
+        self._server.on_connect = hook
+
+    def use_tls(self, minimum: str = "1.2", maximum: str = "1.3") -> None:
+        """Offers only these TLS versions ("1.2", "1.3") to further connections."""
+        self._server.context = server_context(minimum, maximum)
+
+    def script(self, path: str, *answers: Answer) -> None:
+        """Queues the answers to the next requests for this path, ahead of on_request and the own behaviour."""
+        self._scripts[path].extend(answers)
+
+    def task(self, faces: int = 75, **changes: Any) -> dict[str, Any]:
+        """The "taskInfo" of a whiteListDown for this platform; `changes` replace members, ... removes one."""
+        info: dict[str, Any] = {
+            "cameraCode": "C1", "taskID": "T1", "totalNum": faces, "sqbh": "S1", "datatime": "D1",
+            "securityCode": "K1", "taskURL": f"https://127.0.0.1:{self.port}{self.task_path}",
+            "taskResultURL": f"https://127.0.0.1:{self.port}{self.result_path}", **changes}
+        return {name: value for name, value in info.items() if value is not ...}
+
+    def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
+        """Serves the listening sockets; those of `kept` are only held open. Owns all of them until stop."""
+        self._kept = list(kept)
+        self._server.start(listeners)
+
+    def stop(self) -> None:
+        """Closes the ports and every connection."""
+        self._server.stop()
+        for one in self._kept:
+            one.close()
+        self._kept.clear()
+
+    def page(self, start: int, count: int) -> bytes:
+        """The platform's document for records `start` to `start + count - 1`."""
+        return _page(start, count, *self.picture_sizes)
+
+    def default(self, request: Request) -> Response:
+        """The platform's own behaviour."""
+        if request.target == self.task_path:
+            asked = _json_object(request)
+            start, count = asked.get("startIndex"), asked.get("offset")
+            if not isinstance(start, int) or not isinstance(count, int) or not 1 <= count <= 30:
+                return Response(400)
+            body = self.page(start, count)
+            self._journal.add(self.name, "page", start=start, records=count, bytes=len(body))
+            return Response(body=body)
+        if request.target == self.result_path:
+            return Response(body=b'{"result":"ok"}')
+        return Response(404)
+
+    def _answer(self, request: Request) -> Iterable[Step]:
+        self.requests.append(request)
+        self._journal.add(self.name, "request", request=request, target=request.target)
+        if request.target == self.result_path:
+            self._journal.add(self.name, "report", request=request)
+        script = self._scripts[request.target]
+        if script:
+            answer = script.popleft()
+        elif self.on_request is not None:
+            answer = self.on_request(request, lambda: self.default(request))
+        else:
+            answer = self.default(request)
+        return self._steps(answer, request)
+
+    def _steps(self, answer: Answer, request: Request) -> Iterable[Step]:
+        if answer is None:
+            return NEVER
+        if isinstance(answer, Response):
+            self._journal.add(self.name, "response", response=answer, target=request.target)
+            return answer.steps()
+        if isinstance(answer, bytes):
+            return [Send(answer)]
+        if callable(answer):
+            return self._steps(answer(request), request)
+        return answer
+
+
+def credential_number(index: int) -> str:
+    """The identifier of the record at `index`: an identity card's 18 digits."""
+    return f"110101{19600101 + index % 30 + 10000 * (index % 40)}{index:04d}"
+
+
+def _json_object(request: Request) -> dict[str, Any]:
+    try:
+        document = request.json()
+    except ValueError:
+        return {}
+    return document if isinstance(document, dict) else {}
+
+
+@functools.lru_cache(maxsize=8)
+def _page(start: int, count: int, minimum: int, maximum: int) -> bytes:
+    records = [{"credentialNumber": credential_number(index), "name": f"Face {index}",
+                "picture": base64.b64encode(picture(index, minimum, maximum)).decode()}
+               for index in range(start, start + count)]
+    return json.dumps({"startIndex": start, "offset": count, "records": records}).encode()

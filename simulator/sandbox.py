@@ -1,0 +1,81 @@
+"""A private camera around the service: own /tmp, /mnt, /dev, accounts and network, at the real paths."""
+
+from __future__ import annotations
+
+import atexit
+import os
+import shutil
+import subprocess
+import tempfile
+from collections.abc import Sequence
+from pathlib import Path
+
+# The account that the service switches to, as root: any that is not root's.
+_ACCOUNT_ID = 74
+# Folders of this machine that the sandbox hides behind private ones.
+_HIDDEN = ("/tmp", "/mnt", "/dev")
+
+
+class CameraError(Exception):
+    """The simulated camera cannot do what it was asked; the text says why and, where it helps, what to do."""
+
+
+class Sandbox:
+    """Owns one camera's private folder and knows how to run a program inside the sandbox.
+
+    The folder lies directly below /tmp, because paths of unix sockets are short. Everything written to the camera's
+    /tmp, /mnt and /dev/shm can be seen and changed from outside through `outside`.
+    """
+
+    def __init__(self) -> None:
+        if shutil.which("bwrap") is None:
+            raise CameraError("bwrap is not installed; run scripts/bootstrap or: apt-get install bubblewrap")
+        self.folder = Path(tempfile.mkdtemp(prefix="cam", dir="/tmp"))
+        atexit.register(self.remove)  # for an end before the camera was closed
+        for name in ("tmp", "tmp/.camera", "tmp/mmcblk0", "tmp/mmcblk0/face_basic", "mnt", "mnt/srvfs", "dev",
+                     "dev/shm"):
+            self._make_folder(name)
+        self._write_accounts()
+
+    def outside(self, path: str) -> Path:
+        """Where a path of the camera below /tmp, /mnt or /dev/shm lies on this machine."""
+        return self.folder / path.lstrip("/")
+
+    def command(self, visible: Sequence[Path] = ()) -> list[str]:
+        """The command line to put before a program and its arguments.
+
+        `visible` names files or folders that the program needs even if they lie below /tmp, /mnt or /dev here.
+        """
+        arguments = ["bwrap", "--die-with-parent", "--unshare-net", "--unshare-pid", "--unshare-ipc",
+                     "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc"]
+        for name in ("dev/shm", "tmp", "mnt"):
+            arguments += ["--bind", str(self.folder / name), f"/{name}"]
+        for name in ("etc/passwd", "etc/group"):
+            arguments += ["--ro-bind", str(self.folder / name), f"/{name}"]
+        for path in dict.fromkeys(path.resolve() for path in visible):
+            if str(path).startswith(tuple(f"{hidden}/" for hidden in _HIDDEN)):
+                arguments += ["--ro-bind", str(path), str(path)]
+        return [*arguments, "--"]
+
+    def run(self, program: Sequence[str | Path], timeout: float = 10.0) -> subprocess.CompletedProcess[bytes]:
+        """Runs another program of the camera to its end, for example a reader of the ring buffer."""
+        command = [*self.command([Path(program[0]).parent]), *map(str, program)]
+        return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
+
+    def remove(self) -> None:
+        shutil.rmtree(self.folder, ignore_errors=True)
+        atexit.unregister(self.remove)
+
+    def _make_folder(self, name: str) -> None:
+        folder = self.folder / name
+        folder.mkdir(parents=True, exist_ok=True)
+        folder.chmod(0o777)
+
+    def _write_accounts(self) -> None:
+        """As root the account is a real other one; else it is the own, the only one that can be switched to."""
+        uid, gid = (_ACCOUNT_ID, _ACCOUNT_ID) if os.geteuid() == 0 else (os.getuid(), os.getgid())
+        folder = self.folder / "etc"
+        folder.mkdir()
+        (folder / "passwd").write_text("root:x:0:0:root:/root:/bin/sh\n"
+                                       f"sshd:x:{uid}:{gid}:sshd:/tmp:/usr/sbin/nologin\n")
+        (folder / "group").write_text(f"root:x:0:\nsshd:x:{gid}:\n")
