@@ -48,6 +48,8 @@ using ::QL_CMD_TYPE;
 template <typename Value, std::size_t Offset>
 struct MsgNumber
 {
+    static constexpr std::size_t OFFSET = Offset;
+    static constexpr std::size_t WIDTH = sizeof(Value);
     static_assert(Offset + sizeof(Value) <= sizeof(MSG_DATA), "the field lies inside the message");
 
     static Value get(const MSG_DATA& message)
@@ -67,6 +69,8 @@ struct MsgNumber
 template <std::size_t Offset, std::size_t Width = sizeof(MSG_DATA) - Offset>
 struct MsgText
 {
+    static constexpr std::size_t OFFSET = Offset;
+    static constexpr std::size_t WIDTH = Width;
     static_assert(Offset + Width <= sizeof(MSG_DATA), "the field lies inside the message");
 
     /// The text up to its NUL or to the end of the field, whichever comes first.

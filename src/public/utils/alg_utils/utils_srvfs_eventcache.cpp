@@ -8,98 +8,21 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 
 #include "bounds_checked.h"
+#include "public/utils/alg_utils/utils_srvfs_eventcache_wire.h"
 
 ITGT_DEBUG_FLAG g_enITGTDebugFlag = ITGT_DEBUG_OFF;
 
 namespace {
 
+using namespace EventCacheWire;  // what the functions below read and write
+
 constexpr char LOG_SOURCE[] = "public/utils/alg_utils/utils_srvfs_eventcache";
 constexpr char EVENT_NODE[] = "/mnt/srvfs/event.paas.olv";
 constexpr char CACHE_NODE[] = "/dev/cache";
 constexpr char DEFAULT_TAG[] = "1";
-
-/// First part of the subscription record on the event node.
-struct SubscriptionHeader
-{
-    std::uint16_t magic;
-    std::uint8_t unused1;
-    std::uint8_t type;  ///< low 7 bits
-    std::uint16_t unused2;
-    std::uint16_t unused3;
-    std::uint16_t headerLength;
-    std::uint16_t unused4;
-    std::uint32_t bodyLength;
-};
-static_assert(sizeof(SubscriptionHeader) == 16, "wire size");
-static_assert(offsetof(SubscriptionHeader, type) == 3, "wire offset");
-static_assert(offsetof(SubscriptionHeader, headerLength) == 8, "wire offset");
-static_assert(offsetof(SubscriptionHeader, bodyLength) == 12, "wire offset");
-
-/// Second part of the subscription record.
-struct SubscriptionBody
-{
-    std::uint8_t unused1[16];
-    char publisherName[16];
-    char subscriberTag[16];
-    std::uint8_t unused2[240];
-};
-static_assert(sizeof(SubscriptionBody) == 288, "wire size");
-static_assert(offsetof(SubscriptionBody, publisherName) == 16, "wire offset");
-static_assert(offsetof(SubscriptionBody, subscriberTag) == 32, "wire offset");
-
-/// Head of a notification read from the event node.
-struct NotificationHead
-{
-    std::uint8_t unused[4];
-    std::uint16_t noBuffer;  ///< non-zero: there is nothing to fetch
-    std::uint16_t status;    ///< 200: success
-    std::uint16_t descriptorOffset;
-};
-static_assert(offsetof(NotificationHead, noBuffer) == 4, "wire offset");
-static_assert(offsetof(NotificationHead, status) == 6, "wire offset");
-static_assert(offsetof(NotificationHead, descriptorOffset) == 8, "wire offset");
-
-/// Where a notification says its buffer is.
-struct BufferDescriptor
-{
-    std::uint32_t identifier;
-    std::uint32_t unused;
-    std::uint32_t length;     ///< bytes to map
-    std::uint32_t attribute;  ///< the driver's own
-};
-static_assert(sizeof(BufferDescriptor) == 16, "wire size");
-static_assert(offsetof(BufferDescriptor, length) == 8, "wire offset");
-static_assert(offsetof(BufferDescriptor, attribute) == 12, "wire offset");
-
-/// Argument of the cache driver's map request.
-struct MapRequest
-{
-    std::uint32_t address;  ///< set by the driver
-    std::uint32_t identifier;
-    std::uint32_t length;
-    std::uint32_t attribute;
-};
-static_assert(sizeof(MapRequest) == 16, "wire size");
-constexpr unsigned long MAP_REQUEST = 0x80100701;
-static_assert(_IOR(7, 1, MapRequest) == MAP_REQUEST, "direction read, type 7, number 1, size 16");
-
-/// What a mapped buffer begins with; the data follow.
-struct BlockHeader
-{
-    std::uint8_t unused[52];
-    std::uint32_t dataLength;
-};
-static_assert(sizeof(BlockHeader) == 56, "wire size");
-static_assert(offsetof(BlockHeader, dataLength) == 52, "wire offset");
-
-constexpr std::size_t LONGEST_NOTIFICATION = 256;
-constexpr std::uint16_t STATUS_SUCCESS = 200;
-/// Producers older than version 8.0.1 put these bytes between the block header and the data.
-constexpr std::uint32_t OLD_PRODUCER_GAP = 8;
 
 constexpr useconds_t READ_FAILURE_PAUSE = 200000;  // microseconds
 /// One of so many read failures in a row of calls is logged.
@@ -228,7 +151,8 @@ int Utils_EventCacheSubscribe(EventCacheHndl* handle, const char* pPublisherName
         UTILS_LOG(UTILS_LOG_ERROR, "[%s]:Utils_EventCacheSubscriberInit fail", UTILS_LOG_TAG);
         return nRet;
     }
-    SubscriptionHeader header = {0x5331, 0, 2, 0, 0, sizeof(SubscriptionHeader), 0, sizeof(SubscriptionBody)};
+    SubscriptionHeader header = {SUBSCRIPTION_MAGIC,         0, SUBSCRIPTION_TYPE,       0, 0,
+                                 sizeof(SubscriptionHeader), 0, sizeof(SubscriptionBody)};
     SubscriptionBody body = {};
     const char* subscriberTag = tag != nullptr ? tag : DEFAULT_TAG;
     if (strncpy_s(body.publisherName, sizeof(body.publisherName), pPublisherName, strlen(pPublisherName)) != 0 ||

@@ -6,12 +6,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <vector>
 
 #include "bounds_checked.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_CommandHead.h"
 #include "media_server/IPCService/Public/IPCUnixTransmitter.h"
 #include "media_server/IPCService/Public/JsonText.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
@@ -34,31 +34,6 @@ constexpr unsigned REPLY_BLANKS = 2;
 
 const std::string taskName = "taskName";
 const std::string taskInfo = "taskInfo";
-
-/// Head of a command or reply. Of a command only tag and bodyLength are read.
-struct CommandHead
-{
-    char destPath[8];
-    char srcPath[8];
-    std::uint8_t reserved1[224];
-    std::uint32_t tag;
-    std::uint32_t reserved2;
-    std::uint8_t reserved3[8];
-    std::uint32_t bodyLength;  ///< bytes of the datagram that follows
-    std::uint32_t reserved4;
-    std::uint32_t reserved5;
-    std::uint8_t reserved6[12];
-};
-static_assert(sizeof(CommandHead) == 280, "wire size");
-static_assert(offsetof(CommandHead, srcPath) == 8, "wire offset");
-static_assert(offsetof(CommandHead, tag) == 240, "wire offset");
-static_assert(offsetof(CommandHead, reserved2) == 244, "wire offset");
-static_assert(offsetof(CommandHead, bodyLength) == 256, "wire offset");
-static_assert(offsetof(CommandHead, reserved4) == 260, "wire offset");
-static_assert(offsetof(CommandHead, reserved5) == 264, "wire offset");
-
-/// What every socket path of the camera, and so every head, begins with. No JSON text does.
-constexpr char HEAD_BEGIN[] = {'/', 't', 'm', 'p', '/'};
 
 /// The command's name as text.
 std::string nameOf(const Var& cmd)
