@@ -120,34 +120,21 @@ void CustomJsonMsgLoop::dispatch(const Var& cmd, Object::Ptr& info, std::uint32_
     }
 }
 
-int CustomJsonMsgLoop::receiveDatagram(void* buffer, int length)
+int CustomJsonMsgLoop::receiveDatagram(void* buffer, std::size_t length, int flags)
 {
     try {
         Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
-        return m_socket.receiveBytes(buffer, length, 0);
+        return m_socket.receiveBytes(buffer, static_cast<int>(length), flags);
     } catch (const Poco::Exception& exc) {
         LOG(Error, "receiveBytes fail:%s.", exc.displayText().c_str());
         return -1;
     }
 }
 
-bool CustomJsonMsgLoop::nextIsHead()
+std::string CustomJsonMsgLoop::receiveBody(std::size_t length)
 {
-    char begin[sizeof(HEAD_BEGIN)] = {};
-    Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
-    const int size = m_socket.receiveBytes(begin, sizeof(begin), MSG_PEEK | MSG_TRUNC);
-    return size == static_cast<int>(sizeof(CommandHead)) && std::memcmp(begin, HEAD_BEGIN, sizeof(begin)) == 0;
-}
-
-std::string CustomJsonMsgLoop::receiveBody(std::uint32_t length)
-{
-    // The length is the client's word and may be anything; memory follows the datagram that is really there.
-    Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
-    const int size = m_socket.receiveBytes(nullptr, 0, MSG_PEEK | MSG_TRUNC);
-    const auto room = std::min<std::size_t>(length, static_cast<std::size_t>(std::max(size, 0)));
-    std::vector<char> buffer(room + 1);
-    for (int attempt = 1; receiveDatagram(buffer.data(), static_cast<int>(room)) < 0 && attempt < RECEIVE_ATTEMPTS;
-         ++attempt) {
+    std::vector<char> buffer(length + 1);
+    for (int attempt = 1; receiveDatagram(buffer.data(), length, 0) < 0 && attempt < RECEIVE_ATTEMPTS; ++attempt) {
         Interruption::sleep(RECEIVE_PAUSE);
     }
     return std::string(buffer.data());
@@ -157,16 +144,20 @@ void CustomJsonMsgLoop::RecvJsonMsg(std::string& body, std::uint32_t& tag)
 {
     body.clear();
     CommandHead head{};
-    if (receiveDatagram(&head, sizeof(head)) < 0) {
+    if (receiveDatagram(&head, sizeof(head), 0) < 0) {
         // Whatever is wrong with the socket may last: no use in running into it at full speed.
         Interruption::sleep(RECEIVE_PAUSE);
         return;
     }
     tag = head.tag;
-    // A client that died between head and body must not turn each later head into a body.
-    if (!nextIsHead()) {
-        body = receiveBody(head.bodyLength);
+    char begin[sizeof(HEAD_BEGIN)] = {};
+    const int size = receiveDatagram(begin, sizeof(begin), MSG_PEEK | MSG_TRUNC);
+    if (size == static_cast<int>(sizeof(head)) && std::memcmp(begin, HEAD_BEGIN, sizeof(begin)) == 0) {
+        // The next command: its client lost this one's body, and must not lose every later command with it.
+        return;
     }
+    // The length is the client's word and may be anything; memory follows the datagram that is really there.
+    body = receiveBody(std::min<std::size_t>(head.bodyLength, static_cast<std::size_t>(std::max(size, 0))));
 }
 
 bool CustomJsonMsgLoop::GetJsonMsgInfo(const std::string& body, Var& cmd, Object::Ptr& info)

@@ -7,6 +7,7 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Task.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -87,14 +88,11 @@ public:
     ProtocalProcess::Public_SubProcess* m_pApp;
 
 private:
-    /// Receives one datagram. @return its bytes in the buffer, or -1 after a failure, which is logged
-    int receiveDatagram(void* buffer, int length);
+    /// Waits for one datagram. @return its bytes, as recv counts them with these flags; -1 after a failure, logged
+    int receiveDatagram(void* buffer, std::size_t length, int flags);
 
-    /// True when the next datagram is a head, not a body. Waits for it.
-    bool nextIsHead();
-
-    /// Receives the datagram behind a head. @param length  bytes that the head announced
-    std::string receiveBody(std::uint32_t length);
+    /// Receives the datagram behind a head, cut to length bytes. @return its text up to its first NUL
+    std::string receiveBody(std::size_t length);
 
     void serveCommand();
     void dispatch(const Poco::Dynamic::Var& cmd, Poco::JSON::Object::Ptr& info, std::uint32_t& tag);

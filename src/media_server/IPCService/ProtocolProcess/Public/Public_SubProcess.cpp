@@ -2,6 +2,7 @@
 
 #include <Poco/Bugcheck.h>
 #include <Poco/Thread.h>
+#include <Poco/ThreadPool.h>
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -53,6 +54,13 @@ private:
     sigset_t m_before;
 };
 
+/// The default thread pool. Its first threads start with it.
+Poco::ThreadPool& threadPool()
+{
+    const StopSignalsBlocked blocked;
+    return Poco::ThreadPool::defaultPool();
+}
+
 /// Reaps one child for each signal delivered; signals that fell together leave their other children for later.
 /// Runs in signal context.
 extern "C" void reapChild(int /*signal*/, siginfo_t* /*info*/, void* /*context*/)
@@ -80,7 +88,7 @@ void captureChildSignal()
 
 }  // namespace
 
-Public_SubProcess::Public_SubProcess() : m_taskManager(), m_pMetaDataRecvTask(), m_exitCode(EXIT_SOFTWARE)
+Public_SubProcess::Public_SubProcess() : m_taskManager(threadPool()), m_pMetaDataRecvTask(), m_exitCode(EXIT_SOFTWARE)
 {
     memset_s(&m_stEventCacheHndl, sizeof(m_stEventCacheHndl), 0, sizeof(m_stEventCacheHndl));
 }
