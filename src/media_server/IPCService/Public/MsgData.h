@@ -125,6 +125,10 @@ using PageTime = MsgText<304>;
 
 }  // namespace MsgField
 
+/// Socket paths of the peers.
+constexpr char ITGT_PATH[] = "/tmp/II";
+constexpr char FACE_LIBRARY_PATH[] = "/tmp/A";
+
 /// Value of the module word in every command of the 7000 range.
 constexpr std::int64_t MSG_MODULE_FACE = 101;
 

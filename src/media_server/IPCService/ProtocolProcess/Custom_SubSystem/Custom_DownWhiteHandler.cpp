@@ -9,6 +9,7 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
 namespace IPCService {
@@ -101,12 +102,8 @@ bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
             static_cast<int>(m_downloadTaskParam.ServerPort), m_downloadTaskParam.ServerUri.c_str(),
             m_downloadTaskParam.ResultUri.c_str());
         startDownload();
-    } catch (const Poco::Exception& exc) {
-        LOG(Error, "DownWhiteHandler Err %s ", exc.displayText().c_str());
-        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
-        return false;
     } catch (const std::exception& exc) {
-        LOG(Error, "DownWhiteHandler Err %s ", exc.what());
+        LOG(Error, "DownWhiteHandler Err %s ", exceptionText(exc).c_str());
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
         return false;
     }

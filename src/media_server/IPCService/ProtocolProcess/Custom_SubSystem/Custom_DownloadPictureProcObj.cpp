@@ -1,6 +1,5 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj.h"
 
-#include <Poco/Exception.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/SharedPtr.h>
@@ -12,6 +11,7 @@
 #include <exception>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/MessageExchange.h"
 #include "media_server/IPCService/Public/MsgData.h"
@@ -24,7 +24,6 @@ namespace {
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj";
 
-constexpr char ITGT_PATH[] = "/tmp/II";
 constexpr char FACE_LIBRARY_DIRECTORY[] = "/tmp/mmcblk0/face_basic/faceLib/";
 constexpr char PAGE_FILE_PREFIX[] = "white";
 
@@ -163,10 +162,8 @@ int SendSysObj(DownloadPictureProcParam& page, CustomBaseObj& request, const std
         }
         notifyItgt(page, fileName);
         return 0;
-    } catch (const Poco::Exception& exc) {
-        return logFailure(exc.displayText());
     } catch (const std::exception& exc) {
-        return logFailure(exc.what());
+        return logFailure(exceptionText(exc));
     }
 }
 

@@ -1,6 +1,5 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.h"
 
-#include <Poco/Exception.h>
 #include <Poco/Net/HTTPMessage.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
@@ -8,6 +7,7 @@
 #include <exception>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSession.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
@@ -51,10 +51,8 @@ int Custom_HttpParam::SendMsgAndRecvResponse(std::string& response)
         response = exchangeWithPlatform(m_server.ServerIp, m_server.ServerPort, request, m_body, httpResponse);
         LOG(Information, "Http Status $%d", static_cast<int>(httpResponse.getStatus()));
         return httpResponse.getStatus();
-    } catch (const Poco::Exception& exc) {
-        return logFailure(exc.displayText());
     } catch (const std::exception& exc) {
-        return logFailure(exc.what());
+        return logFailure(exceptionText(exc));
     }
 }
 

@@ -12,6 +12,7 @@
 
 #include "bounds_checked.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_CommandHead.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/IPCUnixTransmitter.h"
 #include "media_server/IPCService/Public/JsonText.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
@@ -94,11 +95,8 @@ void CustomJsonMsgLoop::serveCommand()
             return;
         }
         dispatch(cmd, info, tag);
-    } catch (const Poco::Exception& exc) {
-        LOG(Error, "PUBLIC_JSON Err %s ", exc.displayText().c_str());
-        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
     } catch (const std::exception& exc) {
-        LOG(Error, "PUBLIC_JSON Err %s ", exc.what());
+        LOG(Error, "PUBLIC_JSON Err %s ", exceptionText(exc).c_str());
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
     }
 }
@@ -167,12 +165,10 @@ bool CustomJsonMsgLoop::GetJsonMsgInfo(const std::string& body, Var& cmd, Object
         cmd = command->get(taskName);
         info = command->get(taskInfo).extract<Object::Ptr>();
         return true;
-    } catch (const Poco::Exception& exc) {
-        LOG(Error, "PUBLIC_JSON Err %s ", exc.displayText().c_str());
     } catch (const std::exception& exc) {
-        LOG(Error, "PUBLIC_JSON Err %s ", exc.what());
+        LOG(Error, "PUBLIC_JSON Err %s ", exceptionText(exc).c_str());
+        return false;
     }
-    return false;
 }
 
 void CustomJsonMsgLoop::SendJsonMsg(const std::string& destPath, const std::uint32_t& tag, int statusCode)
@@ -190,10 +186,8 @@ void CustomJsonMsgLoop::SendJsonMsg(const std::string& destPath, const std::uint
         const int headBytes = m_socket.sendTo(&head, sizeof(head), address, DATAGRAM_SEND_FLAGS);
         const int bodyBytes = m_socket.sendTo(body.data(), static_cast<int>(body.size()), address, DATAGRAM_SEND_FLAGS);
         LOG(Information, "SendJsonMsg head: %d body :%d.", headBytes, bodyBytes);
-    } catch (const Poco::Exception& exc) {
-        LOG(Error, "SendJsonMsg fail:%s.", exc.displayText().c_str());
     } catch (const std::exception& exc) {
-        LOG(Error, "SendJsonMsg fail:%s.", exc.what());
+        LOG(Error, "SendJsonMsg fail:%s.", exceptionText(exc).c_str());
     }
 }
 

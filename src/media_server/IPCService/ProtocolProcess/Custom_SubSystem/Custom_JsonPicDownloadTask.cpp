@@ -1,10 +1,9 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 
-#include <Poco/Exception.h>
-
 #include <exception>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
 namespace IPCService {
@@ -13,6 +12,19 @@ namespace MetaDataGW {
 namespace {
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask";
+
+/// Marks the subsystem busy for its lifetime.
+class BusyMark
+{
+public:
+    explicit BusyMark(CustomSubSystem& subSystem) : m_subSystem(subSystem) { m_subSystem.setDownloading(true); }
+    ~BusyMark() { m_subSystem.setDownloading(false); }
+    BusyMark(const BusyMark&) = delete;
+    BusyMark& operator=(const BusyMark&) = delete;
+
+private:
+    CustomSubSystem& m_subSystem;
+};
 
 }  // namespace
 
@@ -36,22 +48,17 @@ void CustomJsonPicDownloadTask::runTask()
     LOG(Information, "CustomJsonPicDownloadTask Begin ");
     try {
         download();
-        m_pSubSystem->setDownloading(false);
         LOG(Information, "CustomJsonPicDownloadTask End ");
     } catch (const Interrupted&) {
-        m_pSubSystem->setDownloading(false);
-    } catch (const Poco::Exception& exc) {
-        m_pSubSystem->setDownloading(false);
-        LOG(Error, "CustomJsonPicDownloadTask Err %s ", exc.displayText().c_str());
+        // Cancelled while it waited.
     } catch (const std::exception& exc) {
-        m_pSubSystem->setDownloading(false);
-        LOG(Error, "CustomJsonPicDownloadTask Err %s ", exc.what());
+        LOG(Error, "CustomJsonPicDownloadTask Err %s ", exceptionText(exc).c_str());
     }
 }
 
 void CustomJsonPicDownloadTask::download()
 {
-    m_pSubSystem->setDownloading(true);
+    const BusyMark busy(*m_pSubSystem);
     // A copy: a later command may rewrite the record while this download runs.
     m_pSubSystem->m_downloadTask.m_downloadTaskParam = *m_pDownloadTaskParam;
     m_pSubSystem->m_downloadTask.runTask();

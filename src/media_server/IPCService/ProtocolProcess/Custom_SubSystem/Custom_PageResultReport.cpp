@@ -12,6 +12,7 @@
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSession.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/JsonText.h"
 #include "media_server/IPCService/Public/MessageExchange.h"
@@ -30,8 +31,6 @@ using Poco::JSON::Object;
 
 // The records of the report are known under the name of the download process, with these lines.
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj";
-
-constexpr char ITGT_PATH[] = "/tmp/II";
 
 /// Reads the state file. @return false when it cannot be read, which is logged
 bool readStateFile(const std::string& path, std::string& text)
@@ -135,12 +134,6 @@ std::string buildDocument(const DownloadPictureProcParam& page, const Array::Ptr
     return JsonText::compact(document);
 }
 
-void logPostFailure(const std::string& text)
-{
-    Interruption::check();
-    LOG_AT(Information, 221, "metadata %s", text.c_str());
-}
-
 void postDocument(const DownloadPictureProcParam& page, const std::string& document)
 {
     using Poco::Net::HTTPRequest;
@@ -152,10 +145,10 @@ void postDocument(const DownloadPictureProcParam& page, const std::string& docum
         const std::string answer = exchangeWithPlatform(page.ServerIp, page.ServerPort, request, document, response);
         LOG_AT(Information, 217, "response status %d ,picTaskResult %s responselen %d",
                static_cast<int>(response.getStatus()), response.getReason().c_str(), static_cast<int>(answer.size()));
-    } catch (const Poco::Exception& exc) {
-        logPostFailure(exc.displayText());
     } catch (const std::exception& exc) {
-        logPostFailure(exc.what());
+        // An interrupted thread fails in many ways on its way out; none of them is worth a line.
+        Interruption::check();
+        LOG_AT(Information, 221, "metadata %s", exceptionText(exc).c_str());
     }
 }
 
@@ -171,10 +164,8 @@ void ReportPageResult(const DownloadPictureProcParam& page, const char* statePat
         const std::string document = buildDocument(page, importInfo);
         LOG_AT(Information, 198, "@@@picTaskResult Update  %s", document.c_str());
         postDocument(page, document);
-    } catch (const Poco::Exception& exc) {
-        LOG(Error, "ReportPageResult err %s", exc.displayText().c_str());
     } catch (const std::exception& exc) {
-        LOG(Error, "ReportPageResult err %s", exc.what());
+        LOG(Error, "ReportPageResult err %s", exceptionText(exc).c_str());
     }
 }
 

@@ -29,7 +29,6 @@ using ProtocalProcess::Public_SubProcess;
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem";
 
 constexpr char OWN_PATH[] = "/tmp/CU";
-constexpr char ITGT_PATH[] = "/tmp/II";
 constexpr char ITGT_READY_MARKER[] = "/tmp/intelligent_ok";
 constexpr char SERVICE_USER[] = "sshd";
 constexpr long MARKER_INTERVAL = 1000;  // milliseconds

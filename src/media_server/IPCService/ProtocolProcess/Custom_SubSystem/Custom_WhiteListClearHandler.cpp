@@ -22,7 +22,6 @@ using Poco::JSON::Object;
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
 
-constexpr char FACE_LIBRARY_PATH[] = "/tmp/A";
 constexpr std::uint32_t SET_SUB_TYPE = 1;
 constexpr std::uint32_t SET_COUNT = 3;
 constexpr std::uint32_t CLEAR_ACCEPTED = 0;
