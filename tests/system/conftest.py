@@ -1,0 +1,110 @@
+"""What every system test uses: cameras that are looked over at the end, and the order in which tests run."""
+
+from __future__ import annotations
+
+import sys
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+from simulator import Camera  # noqa: E402 importable only with the path above
+
+# Pictures of this size make pages of 30 records small where their content does not matter.
+SMALL_PICTURES = (800, 1_000)
+STOPPED_CLEANLY = (0,)
+
+CAMERAS: pytest.StashKey[list[Camera]] = pytest.StashKey()
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    config.addinivalue_line("markers", "seconds(n): takes about so long because the service waits; the longest go first")
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    def seconds(item: pytest.Item) -> float:
+        marker = item.get_closest_marker("seconds")
+        return float(marker.args[0]) if marker else 0.0
+    items.sort(key=seconds, reverse=True)
+
+
+@pytest.hookimpl(optionalhook=True)
+def pytest_xdist_make_scheduler(config: pytest.Config, log: Any) -> Any:
+    """Hands out one test at a time, so that the long ones do not gather at one worker."""
+    from xdist.scheduler import LoadScheduling
+
+    class OneByOne(LoadScheduling):  # type: ignore[misc] # xdist comes without types
+        def schedule(self) -> None:
+            if self.collection is None and self.collection_is_completed:
+                self._check_nodes_have_same_collection()
+                self.collection = list(self.node2collection.values())[0]
+                self.pending[:] = range(len(self.collection))
+                for _ in range(2):  # a worker starts a test when it knows the next one
+                    for node in self.nodes:
+                        self._send_tests(node, 1)
+            for node in self.nodes:
+                self.check_schedule(node)
+
+        def check_schedule(self, node: Any, duration: float = 0) -> None:
+            if node.shutting_down:
+                return
+            if not self.pending:
+                node.shutdown()
+            elif len(self.node2pending[node]) < 2:
+                self._send_tests(node, 1)
+
+    return OneByOne(config, log)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Iterator[None]:
+    """Shows with a failure what the cameras of the test went through."""
+    outcome = yield
+    report = outcome.get_result()  # type: ignore[attr-defined] # what a hook wrapper is sent
+    if report.failed:
+        for number, camera in enumerate(item.stash.get(CAMERAS, []), 1):
+            report.sections.append((f"camera {number}", camera.report()[-20_000:]))
+
+
+def look_over(camera: Camera, ends_with: tuple[int, ...], records_only: bool) -> None:
+    """What holds for every camera at its end, whatever the test was about."""
+    assert camera.service.exit_code in ends_with, "the service's exit code"
+    assert camera.service.stdout == b"", "the service prints nothing"
+    assert not camera.journal.find(kind="hook_failed")
+    if records_only and ends_with == STOPPED_CLEANLY:
+        strange = [record.text for record in camera.service.log if record.level == ""]
+        assert not strange, "every line of standard error is a log record"
+
+
+@pytest.fixture
+def start_camera(request: pytest.FixtureRequest) -> Iterator[Callable[..., Camera]]:
+    """Starts cameras that end with the test: start_camera(ends_with=(0,), records_only=True, **arguments of Camera).
+
+    ends_with     the exit codes that the service may have at the end, after a SIGTERM if it still runs
+    records_only  whether standard error holds nothing but records of the stand-in log
+    """
+    cameras = request.node.stash.setdefault(CAMERAS, [])
+    endings: list[tuple[tuple[int, ...], bool]] = []
+
+    def start(*, ends_with: tuple[int, ...] = STOPPED_CLEANLY, records_only: bool = True, **arguments: Any) -> Camera:
+        camera = Camera(**arguments)
+        camera.platform.picture_sizes = SMALL_PICTURES
+        cameras.append(camera)
+        endings.append((ends_with, records_only))
+        return camera.__enter__()
+
+    yield start
+    for camera in cameras:
+        camera.close()
+    for camera, (ends_with, records_only) in zip(cameras, endings):
+        look_over(camera, ends_with, records_only)
+
+
+@pytest.fixture
+def camera(start_camera: Callable[..., Camera]) -> Camera:
+    """A camera with all its processes, whose service takes commands."""
+    return start_camera()

@@ -1,0 +1,119 @@
+"""What several test files share: names of log sources, waits, and small programs in C."""
+
+from __future__ import annotations
+
+import os
+import re
+import subprocess
+from collections.abc import Callable
+from pathlib import Path
+
+from simulator import Camera, Event, LogRecord, build_folder
+
+_COMMAND_SIDE = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/"
+SUBSYSTEM = _COMMAND_SIDE + "Custom_SubSystem"
+LOOP = _COMMAND_SIDE + "Custom_JsonMsgLoop"
+TASK = _COMMAND_SIDE + "Custom_JsonPicDownloadTask"
+DOWNLOAD = _COMMAND_SIDE + "Custom_DownloadPictureProcObj"
+HTTP = _COMMAND_SIDE + "Custom_HttpParam"
+PROCESS = "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess"
+TRANSMITTER = "media_server/IPCService/Public/IPCUnixTransmitter"
+EVENT_CACHE = "public/utils/alg_utils/utils_srvfs_eventcache"
+RING_BUFFER = "public/utils/alg_utils/utils_process_ringbuf"
+
+# Seconds that a stop may take: about one, and some for a busy machine and the sanitizers.
+STOP_SECONDS = 3.0
+BEGIN = "CustomJsonPicDownloadTask Begin "
+END = "CustomJsonPicDownloadTask End "
+
+
+def sanitized() -> bool:
+    """True for a service built with a sanitizer, whose memory says nothing about the service's own."""
+    listing = subprocess.run(["ldd", str(build_folder() / "bin" / "protocol_process")], capture_output=True, text=True,
+                             check=True).stdout
+    return re.search(r"lib[at]san", listing) is not None
+
+
+def expect_log(camera: Camera, level: str, path: str, text: str, line: int | None = None, since: int = 0,
+               timeout: float = 10.0) -> LogRecord:
+    """Waits for the first record with exactly this text and holds its level, source path and source line against it."""
+    record = camera.wait_for_log(lambda record: record.text == text, timeout, since)
+    assert (record.level, record.path) == (level, path)
+    assert line is None or record.line == line
+    return record
+
+
+def texts(camera: Camera, path: str | None = None) -> list[str]:
+    """The texts of the log so far, or of one source path."""
+    return [record.text for record in camera.service.log if path in (None, record.path)]
+
+
+def count_text(camera: Camera, text: str) -> int:
+    return texts(camera).count(text)
+
+
+def download(camera: Camera, faces: int = 1, timeout: float = 15.0, **changes: object) -> None:
+    """Runs one whiteListDown from the command to the end of its task."""
+    begin = len(camera.journal)
+    assert camera.client.command("whiteListDown", camera.platform.task(faces, **changes)).status == 200
+    wait_end(camera, begin, timeout)
+
+
+def wait_end(camera: Camera, since: int = 0, timeout: float = 15.0) -> None:
+    """Waits until a download's task has ended."""
+    expect_log(camera, "INFO", TASK, END, since=since, timeout=timeout)
+
+
+def expect_working(camera: Camera) -> None:
+    """The service takes a good command as if nothing had happened before."""
+    assert camera.client.command("faceNotHitDown", {"still": "there"}).status == 200
+
+
+def received(camera: Camera, source: str, command: int, since: int = 0, timeout: float = 10.0) -> Event:
+    """Waits until a peer ("itgt", "faces") has received a request with this command."""
+    return camera.wait_for(lambda event: event.matches(source, "received", command=command), timeout, since)
+
+
+def wait_stopped(camera: Camera, number: int, timeout: float = STOP_SECONDS) -> int:
+    """Sends a stop signal and waits for the end; returns the exit code."""
+    camera.service.send_signal(number)
+    return camera.service.wait(timeout)
+
+
+def status_field(camera: Camera, name: str) -> str:
+    """A field of the service's /proc/PID/status."""
+    for line in Path(f"/proc/{camera.service.pid}/status").read_text().splitlines():
+        if line.startswith(f"{name}:"):
+            return line.partition(":")[2].strip()
+    raise AssertionError(f"no field {name} in the service's status")
+
+
+def kilobytes(camera: Camera, name: str) -> int:
+    """A memory field of /proc/PID/status: VmHWM is the most that ever was in memory, VmRSS what is."""
+    return int(status_field(camera, name).split()[0])
+
+
+def descriptors(camera: Camera) -> int:
+    """The number of open descriptors of the service."""
+    return len(os.listdir(f"/proc/{camera.service.pid}/fd"))
+
+
+def threads(camera: Camera) -> int:
+    return len(os.listdir(f"/proc/{camera.service.pid}/task"))
+
+
+def compiled(folder: Path, source: str) -> Path:
+    """A shared library made of C source, to preload into the service or to put in a library's place."""
+    path = folder / "lib.c"
+    path.write_text("#define _GNU_SOURCE\n" + source)
+    library = folder / "libtest.so"
+    made = subprocess.run(["gcc", "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", str(library), str(path)],
+                          capture_output=True, text=True, check=False)
+    assert made.returncode == 0, made.stderr
+    return library
+
+
+def with_library(start_camera: Callable[..., Camera], folder: Path, source: str, **arguments: object) -> Camera:
+    """A camera whose service has functions replaced by those of a C source."""
+    devices = build_folder() / "lib" / "libcamera_devices.so"
+    return start_camera(preload=[devices, compiled(folder, source)], **arguments)

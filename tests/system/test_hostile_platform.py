@@ -1,0 +1,187 @@
+"""A platform that answers badly, late, or not at all: status 400, one record, and the next download works."""
+
+from __future__ import annotations
+
+import random
+from collections.abc import Callable, Sequence
+from typing import Any
+
+import pytest
+
+from simulator import NEVER, Camera, Close, Reset, Response, Send, Wait, trickle
+from support import DOWNLOAD, HTTP, count_text, download, expect_log, kilobytes, sanitized, texts, wait_end
+
+PAGE = "/tmp/mmcblk0/face_basic/faceLib/white0"
+
+
+def expect_failed_page(camera: Camera, total: int = 31, timeout: float = 15.0, **changes: Any) -> None:
+    """The page fails as status 400, nothing is handed on, and the next download works."""
+    reports = len(camera.platform.reports)
+    begin = len(camera.journal)
+    download(camera, total, timeout, **changes)
+    record = camera.wait_for_log("SendMsgAndRecvResponse err:", since=begin)
+    assert (record.level, record.path) == ("ERROR", HTTP)
+    assert len(record.text) > len("SendMsgAndRecvResponse err:")
+    expect_log(camera, "INFO", DOWNLOAD, "DownloadPictureProcess Status:400", since=begin)
+    expect_log(camera, "INFO", DOWNLOAD, "[Custom] download picture, response error.", since=begin)
+    camera.wait_for_log("DownloadPictureProcess fail.", since=begin)
+    assert len(camera.platform.reports) == reports
+    assert camera.itgt.requests(7020) == []
+    assert not camera.path(PAGE).exists()
+    camera.platform.on_connect = None
+    download(camera, 1)
+    assert len(camera.platform.reports) == reports + 1
+
+
+WHOLE = Response(body=b'{"records":[]}' * 100).encode()
+HEAD = WHOLE.partition(b"\r\n\r\n")[0] + b"\r\n\r\n"
+CHUNKED = Response(body=b"x" * 10_000, chunk_size=1000).encode()
+HALF = CHUNKED.index(b"\r\n\r\n") + 4 + 5 * 1007  # between two chunks
+BROKEN: dict[str, Sequence[Any]] = {
+    "nothing": [Close()], "nothing and no alert": [Close(alert=False)], "reset": [Reset()],
+    "no http": [Send(b"\x16\x03\x01 hello\r\n\r\n"), Close()], "random": [Send(random.Random(3).randbytes(5000)), Close()],
+    "status line cut off": [Send(b"HTTP/1.1 2"), Close()], "head cut off": [Send(HEAD[:-10]), Close()],
+    "no status": [Send(b"HTTP/1.1 \r\n\r\n"), Close()], "text for a status": [Send(b"HTTP/1.1 abc OK\r\n\r\n"), Close()],
+    "body cut off": [Send(WHOLE[:-1]), Close()], "body cut off without alert": [Send(WHOLE[:-500]), Close(alert=False)],
+    "body then reset": [Send(WHOLE[:-500]), Reset()], "chunks cut off": [Send(CHUNKED[:-1500]), Close()],
+    "last chunk missing": [Send(CHUNKED[:-5]), Close()], "half of the chunks": [Send(CHUNKED[:HALF]), Close()], "chunks then reset": [Send(CHUNKED[:3000]), Reset()],
+    "no chunk": [Send(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n"), Close()],
+    "endless header": [Send(b"HTTP/1.1 200 OK\r\nX: " + b"x" * 1_000_000), Close()],
+    "thousands of headers": [Send(b"HTTP/1.1 200 OK\r\n" + b"X: y\r\n" * 20_000 + b"\r\n{}"), Close()]}
+
+
+@pytest.mark.parametrize("steps", BROKEN.values(), ids=BROKEN.keys())
+def test_broken_answer_fails_the_page(camera: Camera, steps: Sequence[Any]) -> None:
+    camera.platform.script(camera.platform.task_path, steps)
+    expect_failed_page(camera)
+
+
+@pytest.mark.parametrize("length", ["-1", "abc", "99999999999999999999", "1e3"])
+def test_odd_content_length_does_no_harm(camera: Camera, length: str) -> None:
+    camera.platform.script(camera.platform.task_path, [
+        Send(b"HTTP/1.1 200 OK\r\nContent-Length: " + length.encode() + b"\r\n\r\n{}"), Close()])
+    download(camera, 1)
+    download(camera, 1)
+    assert camera.platform.reports
+
+
+@pytest.mark.parametrize("steps", [
+    [Close()], [Reset()], [Send(b"HTTP/1.1 200 OK\r\n\r\n"), Close()], [Send(b"\x16\x03\x03\xff\xff" + b"x" * 70_000), Close()],
+    [Send(b"\x15\x03\x03\0\x02\x02\x28"), Close()]], ids=["closed", "reset", "plain http", "bad record", "alert"])
+def test_broken_handshake_fails_the_page(camera: Camera, steps: Sequence[Any]) -> None:
+    camera.platform.on_connect = lambda connection: steps
+    expect_failed_page(camera)
+    assert camera.platform.connections[0].requests == 0
+
+
+def test_refused_connection_fails_the_page(camera: Camera) -> None:
+    expect_failed_page(camera, taskURL="https://127.0.0.1:9/x")
+
+
+def test_unknown_host_fails_the_page(camera: Camera) -> None:
+    expect_failed_page(camera, timeout=30, taskURL="https://no-such-host.invalid/x")
+
+
+def hang(camera: Camera, prepare: Callable[[], None], **changes: Any) -> float:
+    """Seconds from the parameter block to the failure."""
+    prepare()
+    begin = len(camera.journal)
+    assert camera.client.command("whiteListDown", camera.platform.task(31, **changes)).status == 200
+    started, failed = (camera.wait_for(lambda event: event.matches("service", "log")
+                                       and event.record.text.startswith(text), 20, begin)
+                       for text in ("Http URI:", "SendMsgAndRecvResponse err:"))
+    wait_end(camera, begin)
+    return failed.time - started.time
+
+
+def expect_5_seconds(camera: Camera, seconds: float) -> None:
+    assert 4.5 <= seconds <= 6.5
+    expect_log(camera, "INFO", DOWNLOAD, "DownloadPictureProcess Status:400")
+    camera.platform.on_connect = None
+    download(camera, 1)
+    assert len(camera.platform.reports) == 1
+
+
+@pytest.mark.seconds(5)
+def test_hanging_connect_ends_after_5_seconds(camera: Camera) -> None:
+    expect_5_seconds(camera, hang(camera, lambda: None, taskURL=f"https://127.0.0.1:{camera.platform.full_port}/x"))
+
+
+@pytest.mark.seconds(5)
+def test_hanging_handshake_ends_after_5_seconds(camera: Camera) -> None:
+    def prepare() -> None:
+        camera.platform.on_connect = lambda connection: NEVER
+
+    expect_5_seconds(camera, hang(camera, prepare))
+
+
+@pytest.mark.seconds(5)
+def test_handshake_byte_by_byte_ends_after_5_seconds(camera: Camera) -> None:
+    def prepare() -> None:
+        camera.platform.on_connect = lambda connection: trickle(b"\x16\x03\x03\x40\x00" + b"\x02" * 1000, 1, 0.2)
+
+    expect_5_seconds(camera, hang(camera, prepare))
+
+
+@pytest.mark.seconds(5)
+@pytest.mark.parametrize("steps", [None, [Send(b"HTTP/1.1 200 OK\r\nContent-"), Wait()], [Send(HEAD), Wait()],
+                                   [Send(WHOLE[:-1]), Wait()], [Send(CHUNKED[:-1500]), Wait()]],
+                         ids=["silent", "in the head", "after the head", "before the last byte", "between chunks"])
+def test_silence_ends_after_5_seconds(camera: Camera, steps: Any) -> None:
+    expect_5_seconds(camera, hang(camera, lambda: camera.platform.script(camera.platform.task_path, steps)))
+
+
+@pytest.mark.seconds(5)
+def test_platform_that_does_not_read_a_large_request_ends_after_5_seconds(camera: Camera) -> None:
+    """The request is larger than what the connection's buffers take."""
+    results = b",".join(b'{"ID":"%0100d","RESULT_TYPE_E":0}' % number for number in range(80_000))
+    camera.itgt.on_state_file = lambda document: b'{"TaskResultArry":[' + results + b"]}"
+    connections = []
+
+    def second_is_silent(connection: Any) -> Any:
+        connections.append(connection)
+        return NEVER if len(connections) == 2 else None
+
+    camera.platform.on_connect = second_is_silent
+    begin = len(camera.journal)
+    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    camera.wait_for(lambda event: event.matches("platform", "accepted", connection=2), 30)
+    failed = camera.wait_for_log(lambda record: record.text.startswith("metadata "), 30, begin)
+    assert (failed.level, failed.path, failed.line) == ("INFO", DOWNLOAD, 221)
+    wait_end(camera, begin)
+
+
+@pytest.mark.parametrize("chunk_size", [0, 4096])
+def test_answer_of_10_megabytes_is_held_once(camera: Camera, chunk_size: int) -> None:
+    download(camera, 1)
+    before = kilobytes(camera, "VmHWM")
+    body = random.Random(5).randbytes(7_000_000).hex().encode()[:10_000_000]
+    camera.platform.script(camera.platform.task_path, Response(body=body, chunk_size=chunk_size))
+    download(camera, 1, timeout=30)
+    assert camera.path(PAGE).read_bytes() == body
+    if not sanitized():
+        # A growing text is held twice for the moment of its move.
+        assert kilobytes(camera, "VmHWM") - before < 35_000
+
+
+def test_many_failures_then_a_download_that_works(camera: Camera) -> None:
+    for steps in list(BROKEN.values())[:10]:
+        camera.platform.script(camera.platform.task_path, steps)
+        download(camera, 1)
+    download(camera, 31)
+    assert len(camera.platform.reports) == 2
+    assert count_text(camera, "DownloadPictureProcess fail.") == 10
+    assert not [text for text in texts(camera) if text.startswith("CustomJsonPicDownloadTask Err")]
+
+
+def test_answer_sent_before_the_request_was_read_does_no_harm(camera: Camera) -> None:
+    camera.platform.script(camera.platform.task_path, [Send(WHOLE + WHOLE + b"trailing bytes"), Close()])
+    download(camera, 1)
+    assert camera.path(PAGE).read_bytes() == WHOLE.partition(b"\r\n\r\n")[2]
+
+
+@pytest.mark.parametrize("status_line", [b"HTTP/1.1 100 Continue\r\n\r\n", b"HTTP/1.1 100 Continue\r\nA: b\r\n\r\n"])
+def test_interim_answer_is_passed_over(camera: Camera, status_line: bytes) -> None:
+    camera.platform.script(camera.platform.task_path, [Send(status_line), Send(WHOLE)])
+    download(camera, 1)
+    assert camera.path(PAGE).read_bytes() == WHOLE.partition(b"\r\n\r\n")[2]

@@ -1,0 +1,196 @@
+"""The two requests on the wire, and the connections they go over."""
+
+from __future__ import annotations
+
+import pytest
+
+from simulator import Camera, Close, Response, Send, trickle
+from support import DOWNLOAD, HTTP, count_text, download, expect_log, texts, wait_end
+
+PAGE = "/tmp/mmcblk0/face_basic/faceLib/white0"
+
+
+def test_page_request_byte_for_byte(camera: Camera) -> None:
+    download(camera, 1)
+    assert camera.platform.requests[0].raw == (
+        b"POST /platform/whiteList HTTP/1.1\r\n"
+        b"Connection: Keep-Alive\r\n"
+        b"Content-Type: application/json;charset=UTF-8\r\n"
+        b"Accept: application/json;charset=UTF-8\r\n"
+        b"Content-Length: 120\r\n"
+        b"Host: 127.0.0.1:8443\r\n"
+        b"\r\n"
+        b'{\n "cameraCode" : "C1",\n "taskID" : "T1",\n "startIndex" : 0,\n "offset" : 1,\n "datatime" : "D1",\n'
+        b' "securityCode" : "K1"\n}')
+
+
+def test_report_request_byte_for_byte(camera: Camera) -> None:
+    download(camera, 1)
+    body = (b'{"ImportInfo":[{"credentialNumber":"110101196001010000","importStatus":0}],"cameraCode":"C1",'
+            b'"datatime":"2024-05-17 08:30:00","offset":1,"securityCode":"K1","startIndex":0,"taskID":"T1"}')
+    assert camera.platform.requests[1].raw == (
+        b"POST /platform/whiteListResult HTTP/1.1\r\n"
+        b"Content-Type: application/json;charset=UTF-8\r\n"
+        b"Accept: application/json;charset=UTF-8\r\n"
+        b"Content-Length: %d\r\n"
+        b"Connection: Close\r\n"
+        b"Host: 127.0.0.1:8443\r\n"
+        b"\r\n" % len(body)) + body
+
+
+def test_content_length_counts_bytes(camera: Camera) -> None:
+    download(camera, 1, cameraCode="面" * 100)
+    for request in camera.platform.requests:
+        assert request.header("Content-Length") == str(len(request.body))
+        assert request.json()["cameraCode"] == "面" * 100
+
+
+def test_no_connection_is_used_twice(camera: Camera) -> None:
+    download(camera, 31)
+    assert [request.connection for request in camera.platform.requests] == [1, 2, 3, 4]
+    camera.wait_until(lambda: all(connection.closed for connection in camera.platform.connections))
+    assert [connection.requests for connection in camera.platform.connections] == [1, 1, 1, 1]
+
+
+def test_tls_12_is_used_where_13_is_on_offer(camera: Camera) -> None:
+    camera.platform.use_tls("1.2", "1.3")
+    download(camera, 1)
+    assert {request.tls_version for request in camera.platform.requests} == {"TLSv1.2"}
+
+
+def test_tls_12_alone_is_enough(camera: Camera) -> None:
+    camera.platform.use_tls("1.2", "1.2")
+    download(camera, 1)
+    assert len(camera.platform.reports) == 1
+
+
+def test_platform_with_tls_13_only_is_refused(camera: Camera) -> None:
+    camera.platform.use_tls("1.3", "1.3")
+    download(camera, 1)
+    assert camera.platform.requests == []
+    assert [connection.tls_version for connection in camera.platform.connections] == [""]
+    record = camera.wait_for_log("SendMsgAndRecvResponse err:")
+    assert (record.level, record.path) == ("ERROR", HTTP)
+    expect_log(camera, "INFO", DOWNLOAD, "DownloadPictureProcess Status:400")
+    camera.platform.use_tls("1.2", "1.3")
+    download(camera, 1)
+    assert len(camera.platform.reports) == 1
+
+
+def test_excluded_ciphers_are_not_used(camera: Camera) -> None:
+    download(camera, 1)
+    for request in camera.platform.requests:
+        assert request.cipher not in ("AES256-SHA", "AES128-SHA", "DES-CBC3-SHA")
+        assert not request.cipher.startswith(("DHE", "ADH", "RC4", "NULL"))
+
+
+def test_unknown_certificate_is_accepted_without_a_word(camera: Camera) -> None:
+    """No check, but no question on the console either: nothing is printed, no input is waited for."""
+    download(camera, 1)
+    assert len(camera.platform.reports) == 1
+    assert camera.service.stdout == b""
+    assert not [record for record in camera.service.log if record.level == ""]
+
+
+@pytest.mark.parametrize("path", ["/a%20b", "/%E9%9D%A2", "/a%2520b", "/a+b;c=d", "/a,b", "/!$&'()*+,;=:@-._~", "/a%0D%0AX-Evil:%201/b", "/a%3Fb",
+                                  "/a%23b"])
+def test_escaped_path_stays_one_request_line(camera: Camera, path: str) -> None:
+    download(camera, 1, taskURL=f"https://127.0.0.1:{camera.platform.port}{path}")
+    request = camera.platform.requests[0]
+    assert request.request_line.split(" ")[0] == "POST"
+    assert request.request_line.split(" ")[-1] == "HTTP/1.1"
+    assert request.request_line.count(" ") == 2
+    assert len(request.headers) == 5
+    assert request.target == path
+
+
+def test_escaped_result_path_stays_one_request_line(camera: Camera) -> None:
+    download(camera, 1, taskResultURL=f"https://127.0.0.1:{camera.platform.port}/result%20path")
+    assert camera.platform.requests[1].request_line == "POST /result%20path HTTP/1.1"
+
+
+def test_url_without_a_path_asks_for_the_root(camera: Camera) -> None:
+    download(camera, 1, taskURL=f"https://127.0.0.1:{camera.platform.port}")
+    assert camera.platform.requests[0].request_line == "POST / HTTP/1.1"
+
+
+@pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
+def test_redirects_are_not_followed(camera: Camera, status: int) -> None:
+    platform = camera.platform
+    elsewhere = f"https://127.0.0.1:{platform.second_port}/elsewhere"
+    platform.script(platform.task_path, Response(status, headers=[("Location", elsewhere)]))
+    download(camera, 1)
+    assert len(platform.connections) == 1
+    expect_log(camera, "INFO", HTTP, f"Http Status ${status}")
+    expect_log(camera, "INFO", DOWNLOAD, f"DownloadPictureProcess Status:{status}")
+
+
+@pytest.mark.parametrize("status", [200, 201, 400, 404, 418, 500, 599])
+def test_status_is_taken_as_it_comes(camera: Camera, status: int) -> None:
+    camera.platform.script(camera.platform.task_path, Response(status, b'{"records":[]}'))
+    download(camera, 1)
+    expect_log(camera, "INFO", HTTP, f"Http Status ${status}")
+    expect_log(camera, "INFO", DOWNLOAD, f"DownloadPictureProcess Status:{status}")
+    assert len(camera.platform.reports) == (1 if status == 200 else 0)
+    assert not [text for text in texts(camera) if text.startswith("SendMsgAndRecvResponse err")]
+
+
+@pytest.mark.parametrize("chunk_size", [1, 1000, 100_000])
+def test_chunked_answer_is_put_together(camera: Camera, chunk_size: int) -> None:
+    body = camera.platform.page(0, 2)
+    camera.platform.script(camera.platform.task_path, Response(body=body, chunk_size=chunk_size))
+    download(camera, 2)
+    assert camera.path(PAGE).read_bytes() == body
+
+
+def test_answer_that_ends_with_the_connection_is_taken_whole(camera: Camera) -> None:
+    body = camera.platform.page(0, 2)
+    camera.platform.script(camera.platform.task_path,
+                           [Send(b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n" + body), Close()])
+    download(camera, 2)
+    assert camera.path(PAGE).read_bytes() == body
+
+
+def test_answer_over_http_10_is_taken(camera: Camera) -> None:
+    camera.platform.script(camera.platform.task_path, b"HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\n{}")
+    download(camera, 1)
+    assert camera.path(PAGE).read_bytes() == b"{}"
+
+
+def test_empty_body_is_an_answer(camera: Camera) -> None:
+    camera.platform.script(camera.platform.task_path, Response(body=b""))
+    download(camera, 1)
+    expect_log(camera, "INFO", DOWNLOAD, "DownloadPictureProcess Status:200")
+    assert camera.path(PAGE).read_bytes() == b""
+
+
+@pytest.mark.seconds(6)
+def test_slow_answer_is_taken_as_long_as_something_comes(camera: Camera) -> None:
+    """The 5 seconds are those of each wait, not of the whole answer."""
+    body = camera.platform.page(0, 1)
+    answer = Response(body=body).encode()
+    camera.platform.script(camera.platform.task_path, trickle(answer, len(answer) // 4 + 1, 1.6))
+    download(camera, 1)
+    assert camera.path(PAGE).read_bytes() == body
+
+
+@pytest.mark.seconds(6)
+def test_answer_after_6_seconds_is_too_late(camera: Camera) -> None:
+    camera.platform.script(camera.platform.task_path, Response(body=b"{}", delay=6))
+    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    asked = camera.wait_for(lambda event: event.matches("platform", "request")).time
+    failed = camera.wait_for(lambda event: event.matches("service", "log")
+                             and event.record.text.startswith("SendMsgAndRecvResponse err:"))
+    assert 4.5 <= failed.time - asked <= 5.9
+    assert (failed.record.level, failed.record.path) == ("ERROR", HTTP)
+    assert len(failed.record.text) > len("SendMsgAndRecvResponse err:")
+    wait_end(camera)
+    expect_log(camera, "INFO", DOWNLOAD, "DownloadPictureProcess Status:400")
+    assert len(camera.platform.requests) == 1
+
+
+def test_parameters_are_logged_for_each_request(camera: Camera) -> None:
+    download(camera, 31)
+    assert count_text(camera, "Http Param:") == 2
+    assert count_text(camera, "Http Method:POST ") == 2
+    assert count_text(camera, "------------------------------") == 4

@@ -1,0 +1,244 @@
+"""A stop signal ends the service with 0 within about a second, whatever it is doing."""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import signal
+import threading
+from collections.abc import Callable
+from pathlib import Path
+
+import pytest
+
+from simulator import NEVER, Camera, Event, Response, trickle, wire
+from support import BEGIN, STOP_SECONDS, expect_log, expect_working, received, wait_stopped
+
+StartCamera = Callable[..., Camera]
+
+SIGNALS = [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT]
+
+
+def start_download(camera: Camera, **changes: object) -> None:
+    assert camera.client.command("whiteListDown", camera.platform.task(31, **changes)).status == 200
+
+
+def idle(camera: Camera) -> None:
+    expect_working(camera)
+
+
+def between_head_and_body(camera: Camera) -> None:
+    camera.client.send_raw(wire.encode_head(1, 10))
+    camera.client.send_raw(b"")
+    camera.client.wait_reply(1)
+    camera.client.send_raw(wire.encode_head(2, 10))
+
+
+def page_coming_slowly(camera: Camera) -> None:
+    camera.platform.picture_sizes = (20_000, 200_000)
+    camera.platform.script(camera.platform.task_path,
+                           lambda request: trickle(camera.platform.default(request).encode(), 10_000, 0.05))
+    start_download(camera)
+    camera.wait_for(lambda event: event.matches("platform", "request"))
+
+
+def between_many_pages(camera: Camera) -> None:
+    assert camera.client.command("whiteListDown", camera.platform.task(30_000)).status == 200
+    camera.wait_until(lambda: len(camera.platform.reports) >= 3)
+
+
+def silent_itgt_after_page(camera: Camera) -> None:
+    camera.itgt.script(7020, None)
+    start_download(camera)
+    received(camera, "itgt", 7020)
+
+
+def silent_itgt_at_progress(camera: Camera) -> None:
+    camera.itgt.script(7021, None)
+    start_download(camera)
+    received(camera, "itgt", 7021)
+
+
+def silent_itgt_at_time(camera: Camera) -> None:
+    camera.itgt.script(7031, None)
+    start_download(camera)
+    received(camera, "itgt", 7031)
+
+
+def absent_itgt(camera: Camera) -> None:
+    camera.itgt.stop()
+    start_download(camera)
+    camera.wait_for_log("sendTo fail:")
+
+
+def pause_between_tries(camera: Camera) -> None:
+    camera.itgt.not_ready_answers = 5
+    start_download(camera)
+    camera.wait_for_log("Not Ready, try ")
+
+
+def pause_after_another_answer(camera: Camera) -> None:
+    camera.itgt.script(7021, lambda request: wire.encode_reply(request, command=7777))
+    start_download(camera)
+    camera.wait_for(lambda event: event.matches("itgt", "sent") and event.message.command == 7777)
+
+
+def hanging_connect(camera: Camera) -> None:
+    start_download(camera, taskURL=f"https://127.0.0.1:{camera.platform.full_port}/x")
+    camera.wait_for_log("Http URI:/x ")
+
+
+def hanging_handshake(camera: Camera) -> None:
+    camera.platform.on_connect = lambda connection: NEVER
+    start_download(camera)
+    camera.wait_for(lambda event: event.matches("platform", "accepted"))
+
+
+def silent_platform_at_page(camera: Camera) -> None:
+    camera.platform.script(camera.platform.task_path, None)
+    start_download(camera)
+    camera.wait_for(lambda event: event.matches("platform", "request"))
+
+
+def silent_platform_at_report(camera: Camera) -> None:
+    camera.platform.script(camera.platform.result_path, None)
+    start_download(camera)
+    camera.wait_for(lambda event: event.matches("platform", "report"))
+
+
+def silent_faces_at_clear(camera: Camera) -> None:
+    camera.faces.script(7019, None)
+    camera.client.send("whiteListClear", {"cameraCode": "C1"})
+    received(camera, "faces", 7019)
+
+
+def silent_faces_at_set(camera: Camera) -> None:
+    camera.faces.script(7018, None)
+    camera.client.send("whiteListClear", {"cameraCode": "C1"})
+    received(camera, "faces", 7018)
+
+
+def clear_waiting_for_its_turn(camera: Camera) -> None:
+    silent_itgt_at_progress(camera)
+    camera.client.send("whiteListClear", {"cameraCode": "C1"})
+    camera.wait_for_log("cameraCode:C1", since=len(camera.journal) - 1)
+
+
+STATES = [idle, between_head_and_body, page_coming_slowly, between_many_pages, silent_itgt_after_page,
+          silent_itgt_at_progress, silent_itgt_at_time, absent_itgt, pause_between_tries, pause_after_another_answer,
+          hanging_connect, hanging_handshake, silent_platform_at_page, silent_platform_at_report,
+          silent_faces_at_clear, silent_faces_at_set, clear_waiting_for_its_turn]
+
+
+@pytest.mark.parametrize("state", STATES, ids=lambda state: state.__name__)
+def test_stop_within_about_a_second_in_every_state(camera: Camera, state: Callable[[Camera], None]) -> None:
+    state(camera)
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+
+
+@pytest.mark.parametrize("number", SIGNALS, ids=lambda number: number.name)
+@pytest.mark.parametrize("state", [idle, silent_itgt_at_progress], ids=lambda state: state.__name__)
+def test_each_stop_signal_ends_with_0(camera: Camera, number: signal.Signals, state: Callable[[Camera], None]) -> None:
+    state(camera)
+    assert wait_stopped(camera, number) == 0
+
+
+@pytest.mark.parametrize("second", SIGNALS, ids=lambda number: number.name)
+@pytest.mark.parametrize("state", [idle, silent_platform_at_page], ids=lambda state: state.__name__)
+def test_second_signal_right_behind_changes_nothing(camera: Camera, second: signal.Signals,
+                                                    state: Callable[[Camera], None]) -> None:
+    state(camera)
+    camera.service.send_signal(signal.SIGTERM)
+    assert wait_stopped(camera, second) == 0
+
+
+def test_many_signals_at_once_change_nothing(camera: Camera) -> None:
+    silent_itgt_after_page(camera)
+    for number in SIGNALS * 30:
+        camera.service.send_signal(number)
+    assert camera.service.wait(STOP_SECONDS) == 0
+
+
+@pytest.mark.parametrize("number", SIGNALS, ids=lambda number: number.name)
+def test_signal_right_after_the_line_that_announces_the_wait(start_camera: StartCamera, number: signal.Signals) -> None:
+    camera = start_camera(start=False)
+
+    def stop(event: Event) -> None:
+        if event.matches("service", "log") and "waitForTerminationRequest" in event.record.text:
+            camera.service.send_signal(number)
+
+    camera.journal.listen(stop)
+    camera.start_service(wait=False)
+    assert camera.service.wait() == 0
+
+
+def test_stop_while_commands_rain_down(camera: Camera) -> None:
+    stopped = threading.Event()
+
+    def rain() -> None:
+        while not stopped.is_set():
+            with contextlib.suppress(OSError):
+                camera.client.send("faceNotHitDown", {"a": "b" * 1000})
+
+    thread = threading.Thread(target=rain)
+    thread.start()
+    try:
+        camera.wait_until(lambda: len(camera.client.replies) > 20)
+        assert wait_stopped(camera, signal.SIGTERM) == 0
+    finally:
+        stopped.set()
+        thread.join()
+
+
+def test_stop_without_a_client_that_takes_replies(camera: Camera) -> None:
+    camera.client.send_body(b"[]")
+    camera.client.stop()
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+
+
+def test_stop_after_the_event_publisher_went_away(camera: Camera) -> None:
+    camera.events.stop()
+    expect_working(camera)
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+
+
+def test_stop_in_the_middle_of_an_import_leaves_the_page_file(camera: Camera) -> None:
+    silent_itgt_at_progress(camera)
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+    page = camera.path("/tmp/mmcblk0/face_basic/faceLib/white0").read_bytes()
+    assert len(json.loads(page)["records"]) == 30
+    assert camera.platform.reports == []
+
+
+def test_stop_aborts_a_connect_rather_than_failing_it(camera: Camera) -> None:
+    """A download that the stop ends leaves no record of a failure that was none."""
+    hanging_connect(camera)
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+    failures = [record.text for record in camera.service.log if "err" in record.text.lower() and record.level == "ERROR"]
+    assert not [text for text in failures if "SendMsgAndRecvResponse" in text]
+
+
+def test_it_serves_again_after_a_stop_in_the_middle_of_a_download(camera: Camera) -> None:
+    silent_itgt_at_progress(camera)
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+    camera.start_service()
+    begin = len(camera.journal)
+    start_download(camera)
+    expect_log(camera, "INFO", "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask",
+               BEGIN, since=begin)
+    camera.wait_until(lambda: len(camera.platform.reports) == 2)
+
+
+def test_stop_does_not_wait_for_a_descriptor_held_elsewhere(camera: Camera) -> None:
+    """Nothing of the service outlives it: its process is gone when its exit code is there."""
+    page_coming_slowly(camera)
+    pid = camera.service.pid
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+    assert not Path(f"/proc/{pid}").exists()
+
+
+def test_stop_with_an_answer_that_is_refused(camera: Camera) -> None:
+    camera.platform.script(camera.platform.task_path, Response(503))
+    start_download(camera)
+    camera.wait_for_log("DownloadPictureProcess fail.")
+    assert wait_stopped(camera, signal.SIGTERM) == 0

@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "command_fixture.h"
+#include "public/utils/alg_utils/utils_process_ringbuf.h"
+#include "support/fake_platform.h"
+#include "support/system_calls.h"
+
+namespace {
+
+constexpr char LOG_FILE[] = "Custom_JsonMsgLoop";
+
+/** The faceNotHitDown command. */
+class FaceNotHitTest : public CommandTest
+{
+protected:
+    FaceNotHitTest()
+    {
+        EXPECT_EQ(Utils_ProcessRingBufProducerInit(&m_subSystem.m_ringBufHandle, nullptr, 26214, 0x400000), 0);
+    }
+
+    void handle(const std::string& json)
+    {
+        auto info = arguments(json);
+        CapturedLog::clear();
+        std::uint32_t tag = 55;
+        m_loop->FaceNotHitHandler(info, tag);
+    }
+
+    /** The one record that reached the ring buffer. */
+    static std::string record()
+    {
+        const std::vector<FakePlatform::Sent> sent = FakePlatform::sent();
+        EXPECT_EQ(sent.size(), 1U);
+        return sent.empty() ? "" : sent[0].record;
+    }
+};
+
+TEST_F(FaceNotHitTest, PutsItsArgumentsAsOneRecordWithANulAndReplies)
+{
+    handle(R"({ "faceId" : "F1", "count" : 3, "list" : [ 1, "two", null, true, {} ] })");
+    EXPECT_EQ(record(), bytes("{\"count\":3,\"faceId\":\"F1\",\"list\":[1,\"two\",null,true,{}]}\0"));
+    EXPECT_EQ(FakePlatform::sent()[0].flag, 1);
+    EXPECT_EQ(FakePlatform::sent()[0].handle, m_subSystem.m_ringBufHandle);
+    expectReply(55, 200);
+    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{replied()});
+}
+
+TEST_F(FaceNotHitTest, EmptyArgumentsAreARecordOfTwoCharacters)
+{
+    handle("{}");
+    EXPECT_EQ(record(), bytes("{}\0"));
+    expectReply(55, 200);
+}
+
+TEST_F(FaceNotHitTest, TextBeyondAsciiPassesThrough)
+{
+    handle(R"({"name":"\u00e4 )" + std::string("\xE7\x9B\xB8\xF0\x9F\x93\xB7") + R"( \"q\" \n"})");
+    EXPECT_EQ(record(), std::string("{\"name\":\"\xC3\xA4 \xE7\x9B\xB8\xF0\x9F\x93\xB7 \\\"q\\\" \\n\"}") + '\0');
+}
+
+class RecordLengthTest : public FaceNotHitTest, public testing::WithParamInterface<std::size_t>
+{
+};
+
+TEST_P(RecordLengthTest, ReachesTheRingBufferWhole)
+{
+    std::string text = R"({"a":")" + std::string(GetParam() - 8, 'x') + R"("})";
+    for (std::size_t i = 6; i < text.size() - 2; ++i) {
+        text[i] = static_cast<char>('a' + i % 23);
+    }
+    ASSERT_EQ(text.size(), GetParam());
+    handle(text);
+    EXPECT_TRUE(record() == text + '\0');
+    expectReply(55, 200);
+}
+
+INSTANTIATE_TEST_SUITE_P(FaceNotHitTest, RecordLengthTest,
+                         testing::Values(4095U, 4096U, 32766U, 32767U, 32768U, 32769U, 65536U, 204800U));
+
+TEST_F(FaceNotHitTest, RefusedRecordIsLoggedAndThenAnswered)
+{
+    FakePlatform::setSendResult(-1);
+    handle("{}");
+    expectReply(55, 400);
+    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{error("metadata put ring buf fail."), replied()}));
+    EXPECT_EQ(FakePlatform::sent().size(), 1U) << "nothing is tried twice";
+}
+
+TEST_F(FaceNotHitTest, AnyResultButZeroIsARefusal)
+{
+    FakePlatform::setSendResult(7);
+    handle("{}");
+    expectReply(55, 400);
+}
+
+TEST_F(FaceNotHitTest, GoesOnAfterARefusedRecord)
+{
+    FakePlatform::setSendResult(-1);
+    handle("{}");
+    expectReply(55, 400);
+    FakePlatform::setSendResult(0);
+    handle(R"({"a":1})");
+    expectReply(55, 200);
+    EXPECT_EQ(FakePlatform::sent().back().record, bytes("{\"a\":1}\0"));
+}
+
+TEST_F(FaceNotHitTest, WithoutARingBufferIsAnsweredAllTheSame)
+{
+    m_subSystem.m_ringBufHandle = nullptr;
+    handle("{}");
+    expectReply(55, 200);
+    EXPECT_TRUE(FakePlatform::sent().empty());
+    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{replied()});
+}
+
+TEST_F(FaceNotHitTest, WithoutMemoryIsAnsweredAndThenLogged)
+{
+    systemCalls().largestArray = 100;
+    handle(R"({"a":")" + std::string(92, 'x') + R"("})");
+    expectReply(55, 400);
+    EXPECT_TRUE(FakePlatform::sent().empty());
+    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{replied(), error("malloc fail.")}));
+}
+
+TEST_F(FaceNotHitTest, TakesOneByteMoreThanItsText)
+{
+    systemCalls().largestArray = 100;
+    handle(R"({"a":")" + std::string(91, 'x') + R"("})");
+    expectReply(55, 200);
+    EXPECT_EQ(record().size(), 100U);
+}
+
+}  // namespace

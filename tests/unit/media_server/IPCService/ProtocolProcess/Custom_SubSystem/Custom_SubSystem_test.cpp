@@ -1,0 +1,285 @@
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Util/Application.h>
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <typeinfo>
+#include <vector>
+
+#include "exchange_messages.h"
+#include "log_lines.h"
+#include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+#include "support/fake_platform.h"
+#include "support/system_calls.h"
+#include "support/unix_socket.h"
+
+using IPCService::MetaDataGW::CustomSubSystem;
+using IPCService::ProtocalProcess::Public_SubProcess;
+
+namespace {
+
+constexpr char LOG_FILE[] = "Custom_SubSystem";
+
+void makeMarker()
+{
+    std::ofstream("/tmp/intelligent_ok").put('\n');
+}
+
+mode_t modeOf(const std::string& path)
+{
+    struct stat status = {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    EXPECT_TRUE(S_ISSOCK(status.st_mode)) << path;
+    return status.st_mode & 07777;
+}
+
+TEST(CustomSubSystemTest, IsMadeIdleUnderItsName)
+{
+    const CustomSubSystem subSystem;
+    EXPECT_STREQ(subSystem.name(), "Custom Protocol");
+    EXPECT_FALSE(subSystem.isDownloading());
+    EXPECT_FALSE(subSystem.m_bDownloading);
+    EXPECT_EQ(subSystem.m_ringBufHandle, nullptr);
+    EXPECT_EQ(subSystem.m_taskManager.count(), 0);
+    EXPECT_EQ(subSystem.m_downloadTask.name(), "Custom Download Picture");
+    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{info("CustomSubSystem ...")});
+}
+
+TEST(CustomSubSystemTest, HasAnIdentityOfItsTimeAndPlace)
+{
+    const auto first = std::make_unique<CustomSubSystem>();
+    const CustomSubSystem second;
+    EXPECT_EQ(first->m_uuid.version(), Poco::UUID::UUID_TIME_BASED);
+    EXPECT_FALSE(first->m_uuid.isNull());
+    EXPECT_NE(first->m_uuid, second.m_uuid);
+}
+
+TEST(CustomSubSystemTest, BindsItsSocketOverAStaleFileWithMode0660)
+{
+    std::ofstream("/tmp/CU") << "stale";
+    umask(0777);
+    const CustomSubSystem subSystem;
+    EXPECT_EQ(modeOf("/tmp/CU"), 0660U);
+}
+
+TEST(CustomSubSystemTest, IsNotMadeWithoutItsSocket)
+{
+    std::filesystem::create_directories("/tmp/CU/in the way");
+    EXPECT_THROW(CustomSubSystem(), Poco::Exception);
+    EXPECT_TRUE(loggedBy(LOG_FILE).empty());
+}
+
+TEST(CustomSubSystemTest, KeepsTheBusyMark)
+{
+    CustomSubSystem subSystem;
+    subSystem.setDownloading(true);
+    EXPECT_TRUE(subSystem.isDownloading());
+    EXPECT_TRUE(subSystem.m_bDownloading);
+    subSystem.setDownloading(false);
+    EXPECT_FALSE(subSystem.isDownloading());
+    EXPECT_FALSE(subSystem.m_bDownloading);
+}
+
+/** Start-up with everything there but what a test takes away. */
+class StartUpTest : public testing::Test
+{
+protected:
+    StartUpTest()
+    {
+        makeMarker();
+        CapturedLog::clear();
+    }
+
+    void startUp() { m_subSystem.initialize(m_app); }
+
+    CustomSubSystem m_subSystem;
+    Public_SubProcess m_app;
+    UnixSocket m_itgt{"/tmp/II"};
+};
+
+TEST_F(StartUpTest, SwitchesTheUserAndLogsThatItgtIsReady)
+{
+    startUp();
+    EXPECT_EQ(FakePlatform::users(), std::vector<std::string>{"sshd"});
+    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{info("CustomSubSystem Wait itgt ok!\n")});
+}
+
+TEST_F(StartUpTest, GoesOnAsTheOldUserWhenTheSwitchFails)
+{
+    FakePlatform::setChangeUserResult(1);
+    startUp();
+    EXPECT_EQ(loggedBy(LOG_FILE),
+              (std::vector<LogLine>{error("Fail to run ChangeProcUser"), info("CustomSubSystem Wait itgt ok!\n")}));
+    EXPECT_TRUE(std::filesystem::exists("/tmp/HK"));
+}
+
+TEST_F(StartUpTest, WaitsForItgtAndLooksOnceASecond)
+{
+    std::filesystem::remove("/tmp/intelligent_ok");
+    const Stopwatch watch;
+    std::thread thread([this] { startUp(); });
+    EXPECT_TRUE(CapturedLog::waitForFormat("CustomSubSystem Wait itgt fail!\n", 3));
+    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(2000));
+    EXPECT_EQ(FakePlatform::users().size(), 1U);
+    EXPECT_TRUE(FakePlatform::opened().empty());
+    EXPECT_FALSE(std::filesystem::exists("/tmp/HK"));
+    EXPECT_FALSE(m_itgt.hasDatagram());
+    const Stopwatch sinceMarker;
+    makeMarker();
+    thread.join();
+    EXPECT_LT(sinceMarker.elapsed(), std::chrono::milliseconds(1500));
+    const LogLine wait = info("CustomSubSystem Wait itgt fail!\n");
+    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{wait, wait, wait, info("CustomSubSystem Wait itgt ok!\n")}));
+}
+
+TEST_F(StartUpTest, OpensTheRingBuffer)
+{
+    startUp();
+    const std::vector<FakePlatform::Opened> opened = FakePlatform::opened();
+    ASSERT_EQ(opened.size(), 1U);
+    EXPECT_EQ(opened[0].name, "metadata_servfile26214");
+    EXPECT_EQ(opened[0].size, 4194304U);
+    EXPECT_NE(m_subSystem.m_ringBufHandle, nullptr);
+    EXPECT_EQ(opened[0].handle, m_subSystem.m_ringBufHandle);
+}
+
+TEST_F(StartUpTest, EndsThereWithoutTheRingBuffer)
+{
+    FakePlatform::setAllocationFails(true);
+    startUp();
+    EXPECT_EQ(loggedBy(LOG_FILE),
+              (std::vector<LogLine>{info("CustomSubSystem Wait itgt ok!\n"),
+                                    error("%s Utils_ProcessRingBufProducerInit fail, errno[%d]",
+                                          "initialize Utils_ProcessRingBufProducerInit fail, errno[-1]")}));
+    EXPECT_FALSE(m_itgt.hasDatagram());
+    EXPECT_FALSE(std::filesystem::exists("/tmp/HK"));
+}
+
+TEST_F(StartUpTest, AnnouncesItselfToItgtByteForByte)
+{
+    startUp();
+    std::string expected = messageOf(1037);
+    putText(expected, 0, "/tmp/II");
+    putText(expected, 8, "/tmp/CU");
+    putNumber<std::uint32_t>(expected, 160, 4);
+    EXPECT_EQ(difference(expected, m_itgt.receive().value_or("")), "");
+    EXPECT_EQ(m_itgt.sender(), "/tmp/CU");
+    EXPECT_FALSE(m_itgt.hasDatagram());
+}
+
+TEST_F(StartUpTest, AnnouncesItselfBeforeTheCommandLoopExists)
+{
+    bool ringBufferOpen = false;
+    bool commandSocketThere = true;
+    systemCalls().sendTo = [&](int, std::size_t length, int) {
+        EXPECT_EQ(length, 21408U);
+        ringBufferOpen = !FakePlatform::opened().empty();
+        commandSocketThere = std::filesystem::exists("/tmp/HK");
+    };
+    startUp();
+    EXPECT_TRUE(ringBufferOpen);
+    EXPECT_FALSE(commandSocketThere);
+}
+
+TEST_F(StartUpTest, GoesOnWhenItgtDoesNotListen)
+{
+    unlink("/tmp/II");
+    startUp();
+    EXPECT_TRUE(std::filesystem::exists("/tmp/HK"));
+}
+
+TEST_F(StartUpTest, BindsTheCommandSocketOverAStaleFileWithMode0660)
+{
+    std::ofstream("/tmp/HK") << "stale";
+    umask(0777);
+    startUp();
+    EXPECT_EQ(modeOf("/tmp/HK"), 0660U);
+}
+
+TEST_F(StartUpTest, ServesCommands)
+{
+    startUp();
+    UnixSocket client("/tmp/KH");
+    std::string head(280, '\0');
+    putNumber<std::uint32_t>(head, 240, 9);
+    putNumber<std::uint32_t>(head, 256, 43);
+    ASSERT_TRUE(client.send("/tmp/HK", head));
+    ASSERT_TRUE(client.send("/tmp/HK", R"({"taskName":"faceNotHitDown","taskInfo":{}})"));
+    EXPECT_EQ(client.receive().value_or("").size(), 280U);
+    EXPECT_EQ(client.receive().value_or(""), "{\n  \"StatusCode\" : 200\n}");
+    EXPECT_EQ(FakePlatform::sent().size(), 1U);
+}
+
+TEST_F(StartUpTest, FailsWithoutTheCommandSocket)
+{
+    std::filesystem::create_directories("/tmp/HK/in the way");
+    EXPECT_THROW(startUp(), Poco::Exception);
+}
+
+TEST_F(StartUpTest, EndLeavesEverythingOpen)
+{
+    startUp();
+    m_subSystem.uninitialize();
+    EXPECT_TRUE(m_itgt.send("/tmp/CU", "still bound"));
+    EXPECT_TRUE(m_itgt.send("/tmp/HK", "still bound"));
+    EXPECT_NE(m_subSystem.m_ringBufHandle, nullptr);
+}
+
+/** The cipher names of a context, in order. */
+std::vector<std::string> cipherNames(const SSL_CTX* context)
+{
+    std::vector<std::string> names;
+    STACK_OF(SSL_CIPHER)* ciphers = SSL_CTX_get_ciphers(context);
+    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
+        names.emplace_back(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(ciphers, i)));
+    }
+    return names;
+}
+
+TEST_F(StartUpTest, SetsTheTlsDefaultsOfTheProcess)
+{
+    startUp();
+    const Poco::Net::Context::Ptr context = Poco::Net::SSLManager::instance().defaultClientContext();
+    EXPECT_EQ(context->usage(), Poco::Net::Context::TLSV1_2_CLIENT_USE);
+    EXPECT_EQ(context->verificationMode(), Poco::Net::Context::VERIFY_NONE);
+    SSL_CTX* const found = context->sslContext();
+    EXPECT_EQ(SSL_CTX_get_verify_mode(found), SSL_VERIFY_NONE);
+    EXPECT_EQ(SSL_CTX_get_verify_depth(found), 9);
+    EXPECT_EQ(SSL_CTX_get_min_proto_version(found), TLS1_2_VERSION);
+    EXPECT_EQ(SSL_CTX_get_max_proto_version(found), TLS1_2_VERSION);
+    EXPECT_EQ(SSL_CTX_get0_certificate(found), nullptr);
+    EXPECT_EQ(SSL_CTX_get0_privatekey(found), nullptr);
+
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> expected(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free);
+    ASSERT_EQ(SSL_CTX_set_cipher_list(expected.get(),
+                                      "ALL:!DH:!aNULL:!eNULL:!SEED-SHA:!CAMELLIA128-SHA:!CAMELLIA256-SHA:"
+                                      "!IDEA-CBC-SHA:!RC4:!AES256-SHA:!AES128-SHA:!DES-CBC3-SHA"),
+              1);
+    EXPECT_EQ(cipherNames(found), cipherNames(expected.get()));
+}
+
+TEST(CustomSubSystemApplicationTest, AnotherApplicationIsNotServed)
+{
+    makeMarker();
+    CustomSubSystem subSystem;
+    Poco::AutoPtr<Poco::Util::Application> application(new Poco::Util::Application);
+    EXPECT_THROW(subSystem.initialize(*application), std::bad_cast);
+    EXPECT_EQ(FakePlatform::users().size(), 1U);
+    EXPECT_TRUE(FakePlatform::opened().empty());
+    EXPECT_FALSE(std::filesystem::exists("/tmp/HK"));
+}
+
+}  // namespace

@@ -1,0 +1,376 @@
+#include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Task.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/captured_log.h"
+#include "support/child.h"
+#include "support/event_cache.h"
+#include "support/fake_platform.h"
+#include "support/log_line.h"
+#include "support/raw_bytes.h"
+#include "support/system_calls.h"
+#include "support/unix_socket.h"
+#include "support/waiting.h"
+
+namespace {
+
+using IPCService::ProtocalProcess::Public_SubProcess;
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+
+const char SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess";
+const char CAPTURED[] = "SignalCapture sucess!\n";
+const char WAITING[] = "waitForTerminationRequest sucess!\n";
+
+/// A task that does what it is given.
+class WorkTask : public Poco::Task
+{
+public:
+    explicit WorkTask(std::function<void(WorkTask&)> work) : Poco::Task("work"), m_work(std::move(work)) {}
+    void runTask() override { m_work(*this); }
+    using Poco::Task::isCancelled;
+    using Poco::Task::sleep;
+
+private:
+    std::function<void(WorkTask&)> m_work;
+};
+
+sigset_t signalSet(std::initializer_list<int> signals)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals) {
+        sigaddset(&set, signal);
+    }
+    return set;
+}
+
+/// Looks at a service when it waits for its end, and sends it a stop signal. The signal is the main thread's.
+std::thread stopper(int stopSignal, std::function<void()> look)
+{
+    return std::thread([look = std::move(look), stopSignal] {
+        const sigset_t stopSignals = signalSet({SIGINT, SIGQUIT, SIGTERM});
+        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+        EXPECT_TRUE(CapturedLog::waitForFormat(WAITING));
+        look();
+        ::kill(::getpid(), stopSignal);
+    });
+}
+
+/// Runs a service's main and, when it waits for its end, a look at it; then a stop signal ends it.
+void serve(Public_SubProcess& process, int stopSignal, const std::function<void()>& look)
+{
+    std::thread observer = stopper(stopSignal, look);
+    EXPECT_EQ(process.main({}), 0);
+    observer.join();
+}
+
+void nothing() {}
+
+bool isZombie(pid_t child)
+{
+    siginfo_t info = {};
+    return ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == child;
+}
+
+/// Starts a child that ends at once, and waits until it has.
+pid_t endedChild()
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(0);
+    }
+    EXPECT_TRUE(eventually([child] { return isZombie(child); }));
+    return child;
+}
+
+/// The stop signals that the calling thread holds back.
+std::vector<int> heldBack()
+{
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    std::vector<int> signals;
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) {
+        if (sigismember(&mask, signal) == 1) {
+            signals.push_back(signal);
+        }
+    }
+    return signals;
+}
+
+TEST(SubProcess, ServesUntilAnyStopSignalAndReturnsZero)
+{
+    for (const int signal : {SIGTERM, SIGINT, SIGQUIT}) {
+        EXPECT_EQ(inChild([signal] {
+                      Public_SubProcess process;
+                      serve(process, signal, nothing);
+                  }),
+                  0)
+            << signal;
+    }
+}
+
+TEST(SubProcess, LogsOnceBeforeItWaits)
+{
+    EXPECT_EQ(inChild([] {
+                  Public_SubProcess process;
+                  serve(process, SIGTERM, [] {
+                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{CAPTURED, WAITING}));
+                      EXPECT_EQ(onlyLine(SOURCE, 1, CAPTURED), CAPTURED);
+                      EXPECT_EQ(onlyLine(SOURCE, 1, WAITING), WAITING);
+                  });
+                  EXPECT_EQ(CapturedLog::records().size(), 2U);
+              }),
+              0);
+}
+
+TEST(SubProcess, ChildSignalHasAHandlerWithInformationAndAnEmptyMask)
+{
+    EXPECT_EQ(inChild([] {
+                  Public_SubProcess process;
+                  serve(process, SIGTERM, [] {
+                      struct sigaction action = {};
+                      EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
+                      // The C library's own flag, which it adds to every action on some machines.
+                      constexpr int RESTORER = 0x04000000;
+                      EXPECT_EQ(action.sa_flags & ~RESTORER, SA_SIGINFO);
+                      for (int signal = 1; signal < 32; ++signal) {
+                          EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
+                      }
+                  });
+              }),
+              0);
+}
+
+TEST(SubProcess, OneSignalReapsOneChild)
+{
+    EXPECT_EQ(inChild([] {
+                  // Held back in all threads, the signals of both children become one.
+                  const sigset_t childSignal = signalSet({SIGCHLD});
+                  pthread_sigmask(SIG_BLOCK, &childSignal, nullptr);
+                  Public_SubProcess process;
+                  serve(process, SIGTERM, [&childSignal] {
+                      const std::array<pid_t, 2> children = {endedChild(), endedChild()};
+                      pthread_sigmask(SIG_UNBLOCK, &childSignal, nullptr);
+                      EXPECT_EQ(std::count_if(children.begin(), children.end(), isZombie), 1);
+
+                      ::raise(SIGCHLD);
+                      EXPECT_EQ(std::count_if(children.begin(), children.end(), isZombie), 0);
+                  });
+              }),
+              0);
+}
+
+TEST(SubProcess, EachChildIsReapedByItsOwnSignal)
+{
+    EXPECT_EQ(inChild([] {
+                  Public_SubProcess process;
+                  serve(process, SIGTERM, [] {
+                      for (int i = 0; i < 3; ++i) {
+                          const pid_t child = ::fork();
+                          if (child == 0) {
+                              ::_exit(0);
+                          }
+                          EXPECT_TRUE(eventually([child] { return ::kill(child, 0) == -1 && errno == ESRCH; }));
+                      }
+                  });
+              }),
+              0);
+}
+
+TEST(SubProcess, HandlerNeitherWaitsNorChangesTheErrorNumber)
+{
+    EXPECT_EQ(inChild([] {
+                  Public_SubProcess process;
+                  serve(process, SIGTERM, [] {
+                      const pid_t running = ::fork();
+                      if (running == 0) {
+                          ::pause();
+                      }
+                      const Stopwatch stopwatch;
+                      errno = 4711;
+                      ::raise(SIGCHLD);
+                      EXPECT_EQ(errno, 4711);
+                      EXPECT_LT(stopwatch.elapsed(), milliseconds(5000));
+                      ::kill(running, SIGKILL);
+                      EXPECT_TRUE(eventually([running] { return ::kill(running, 0) == -1; }));
+                      errno = 4712;
+                      ::raise(SIGCHLD);
+                      EXPECT_EQ(errno, 4712) << "no child at all";
+                  });
+              }),
+              0);
+}
+
+TEST(SubProcess, ServesWithoutHandlerWhenTheSignalSetFails)
+{
+    EXPECT_EQ(inChild([] {
+                  Public_SubProcess process;
+                  systemCalls().sigemptysetFails = true;
+                  serve(process, SIGTERM, [] {
+                      struct sigaction action = {};
+                      EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
+                      EXPECT_EQ(action.sa_handler, SIG_DFL);
+                      EXPECT_EQ(onlyLine(SOURCE, 3, "sigemptyset Fail"), "sigemptyset Fail");
+                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{"sigemptyset Fail", WAITING}));
+                  });
+              }),
+              0);
+}
+
+TEST(SubProcess, ServesWithoutHandlerWhenItCannotBeInstalled)
+{
+    EXPECT_EQ(inChild([] {
+                  Public_SubProcess process;
+                  systemCalls().sigactionFails = true;
+                  const char text[] = "register capture SIGCHLD signal Fail";
+                  serve(process, SIGTERM, [&text] {
+                      EXPECT_EQ(onlyLine(SOURCE, 3, text), text);
+                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{text, WAITING}));
+                  });
+              }),
+              0);
+}
+
+TEST(SubProcess, FailedSubscriptionIsAnAssertionOfLine91)
+{
+    EventCache cache;
+    cache.eventAnswer = -1;
+    Public_SubProcess process;
+    process.rethrowStartFailure();
+    const auto expectAssertion = [](const std::function<void()>& call) {
+        try {
+            call();
+            FAIL() << "nothing thrown";
+        } catch (const Poco::AssertionViolationException& exc) {
+            EXPECT_THAT(exc.displayText(), HasSubstr("nRet == IPC_SUCCESS"));
+            EXPECT_THAT(exc.displayText(), HasSubstr("Public_SubProcess"));
+            EXPECT_THAT(exc.displayText(), HasSubstr("line 91"));
+        }
+    };
+    expectAssertion([&process] { process.initialize(process); });
+    expectAssertion([&process] { process.rethrowStartFailure(); });
+    EXPECT_TRUE(FakePlatform::users().empty()) << "the subsystem came up nevertheless";
+}
+
+TEST(SubProcess, RunSubscribesStartsItsTaskAndTheSubsystemAndServes)
+{
+    EXPECT_EQ(inChild([] {
+                  EventCache cache;
+                  UnixSocket itgt("/tmp/II");
+                  std::ofstream("/tmp/intelligent_ok");
+                  std::atomic<bool> idles{false};
+                  systemCalls().polling = [&idles](const pollfd*, nfds_t, int limit) {
+                      if (limit > 900 && limit <= 1000) {
+                          idles = true;
+                      }
+                  };
+                  std::thread observer = stopper(SIGTERM, [&] {
+                      const std::string subscription = cache.packet();
+                      EXPECT_EQ(textAt(subscription, 16 + 16), "gate.saas.olv");
+                      EXPECT_EQ(textAt(subscription, 16 + 32), "1");
+                      EXPECT_TRUE(eventually([&idles] { return idles.load(); }));
+                      EXPECT_EQ(numberAt<std::uint32_t>(itgt.receive().value(), 164), 1037U);
+                      EXPECT_EQ(FakePlatform::opened().size(), 1U);
+                  });
+                  char name[] = "service";
+                  char* arguments[] = {name, nullptr};
+                  {
+                      Public_SubProcess process;
+                      EXPECT_EQ(process.run(1, arguments), 0);
+                      process.rethrowStartFailure();
+                  }
+                  observer.join();
+                  systemCalls().polling = nullptr;
+              }),
+              0);
+}
+
+TEST(SubProcess, TasksHoldTheStopSignalsBackAndTheCallerDoesNot)
+{
+    Public_SubProcess process;
+    const std::vector<int> before = heldBack();
+    std::atomic<bool> done{false};
+    std::vector<int> inTask;
+    process.startTask(new WorkTask([&done, &inTask](WorkTask&) {
+        inTask = heldBack();
+        done = true;
+    }));
+    ASSERT_TRUE(eventually([&done] { return done.load(); }));
+    EXPECT_EQ(inTask, (std::vector<int>{SIGINT, SIGQUIT, SIGTERM}));
+    EXPECT_EQ(heldBack(), before);
+}
+
+TEST(SubProcess, DestructionCancelsTasksAndWaitsForThem)
+{
+    std::atomic<bool> started{false};
+    std::atomic<bool> ended{false};
+    auto process = std::make_unique<Public_SubProcess>();
+    process->startTask(new WorkTask([&started, &ended](WorkTask& task) {
+        started = true;
+        EXPECT_TRUE(eventually([&task] { return task.isCancelled(); }));
+        ended = true;
+    }));
+    ASSERT_TRUE(eventually([&started] { return started.load(); }));
+    const Stopwatch stopwatch;
+    process.reset();
+    EXPECT_TRUE(ended);
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1500));
+}
+
+/// The exit code of a process whose destruction meets a task that does not end, and how long that took.
+int exitCodeWithStubbornTask(bool afterMain)
+{
+    const Stopwatch stopwatch;
+    const int code = inChild([afterMain] {
+        std::atomic<bool> started{false};
+        {
+            Public_SubProcess process;
+            process.startTask(new WorkTask([&started](WorkTask&) {
+                started = true;
+                for (;;) {
+                    ::pause();
+                }
+            }));
+            EXPECT_TRUE(eventually([&started] { return started.load(); }));
+            if (afterMain) {
+                serve(process, SIGTERM, nothing);
+            }
+        }
+        std::_Exit(99);
+    });
+    EXPECT_GE(stopwatch.elapsed(), milliseconds(900)) << "it got its second";
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(5000));
+    return code;
+}
+
+TEST(SubProcess, TaskThatDoesNotEndIsLeftBehindWithTheExitCodeOfMain)
+{
+    EXPECT_EQ(exitCodeWithStubbornTask(true), 0);
+}
+
+TEST(SubProcess, TaskThatDoesNotEndIsLeftBehindWithSoftwareErrorBeforeMain)
+{
+    EXPECT_EQ(exitCodeWithStubbornTask(false), 70);
+}
+
+}  // namespace

@@ -1,0 +1,273 @@
+#include "media_server/IPCService/Public/Interruption.h"
+
+#include <Poco/Exception.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+#include <type_traits>
+
+#include "support/system_calls.h"
+#include "support/waiting.h"
+
+namespace {
+
+using IPCService::Interrupted;
+using IPCService::Interruption;
+using std::chrono::milliseconds;
+
+class Pipe
+{
+public:
+    Pipe() { EXPECT_EQ(::pipe2(m_ends.data(), O_CLOEXEC), 0); }
+    ~Pipe()
+    {
+        ::close(m_ends[0]);
+        ::close(m_ends[1]);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    int reader() const { return m_ends[0]; }
+    int writer() const { return m_ends[1]; }
+    void fill() const { EXPECT_EQ(::write(m_ends[1], "x", 1), 1); }
+
+private:
+    std::array<int, 2> m_ends{};
+};
+
+/// Counts the polls that begin while it lives.
+class Polls
+{
+public:
+    Polls()
+    {
+        systemCalls().polling = [this](const pollfd*, nfds_t, int) { ++m_count; };
+    }
+    ~Polls() { systemCalls().polling = nullptr; }
+    Polls(const Polls&) = delete;
+    Polls& operator=(const Polls&) = delete;
+
+    bool waitFor(int count) const
+    {
+        return eventually([this, count] { return m_count >= count; });
+    }
+
+private:
+    std::atomic<int> m_count{0};
+};
+
+static_assert(std::is_empty<Interrupted>::value && !std::is_base_of<std::exception, Interrupted>::value,
+              "not caught as a failure");
+
+TEST(Interruption, WaitTellsThatADescriptorIsReady)
+{
+    const Pipe pipe;
+    EXPECT_TRUE(Interruption::wait(pipe.writer(), POLLOUT, -1));
+    pipe.fill();
+    EXPECT_TRUE(Interruption::wait(pipe.reader(), POLLIN, -1));
+    EXPECT_TRUE(Interruption::wait(pipe.reader(), POLLIN, 0));
+}
+
+TEST(Interruption, WaitEndsWithTheTimeOutAndNotBefore)
+{
+    const Pipe pipe;
+    const Stopwatch stopwatch;
+    EXPECT_FALSE(Interruption::wait(pipe.reader(), POLLIN, 50));
+    EXPECT_GE(stopwatch.elapsed(), milliseconds(50));
+}
+
+TEST(Interruption, WaitWithoutTimeDoesNotWait)
+{
+    const Pipe pipe;
+    const Stopwatch stopwatch;
+    EXPECT_FALSE(Interruption::wait(pipe.reader(), POLLIN, 0));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000));
+}
+
+TEST(Interruption, WaitEndsWhenTheDescriptorBecomesReady)
+{
+    const Pipe pipe;
+    const Polls polls;
+    auto waiting = std::async(std::launch::async, [&pipe] { return Interruption::wait(pipe.reader(), POLLIN, -1); });
+    ASSERT_TRUE(polls.waitFor(1));
+    pipe.fill();
+    EXPECT_TRUE(waiting.get());
+}
+
+TEST(Interruption, BadDescriptorCountsAsReady)
+{
+    const int closed = ::dup(0);
+    ::close(closed);
+    EXPECT_TRUE(Interruption::wait(closed, POLLIN, -1));
+}
+
+TEST(Interruption, SleepLastsItsTime)
+{
+    const Stopwatch stopwatch;
+    Interruption::sleep(30);
+    EXPECT_GE(stopwatch.elapsed(), milliseconds(30));
+}
+
+TEST(Interruption, SignalsDoNotShortenAWait)
+{
+    struct sigaction before = {};
+    struct sigaction ignoring = {};
+    ignoring.sa_handler = [](int) {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &ignoring, &before), 0);
+    const Polls polls;
+    std::atomic<bool> ended{false};
+    const Stopwatch stopwatch;
+    std::thread sleeper([&ended] {
+        Interruption::sleep(100);
+        ended = true;
+    });
+    ASSERT_TRUE(polls.waitFor(1));
+    while (!ended) {
+        ::pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::yield();
+    }
+    sleeper.join();
+    EXPECT_GE(stopwatch.elapsed(), milliseconds(100));
+    EXPECT_TRUE(polls.waitFor(2)) << "no signal came during the sleep";
+    ::sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(Interruption, InterruptEndsAWaitForADescriptor)
+{
+    const Pipe pipe;
+    const Polls polls;
+    Interruption interruption;
+    auto waiting = std::async(std::launch::async, [&pipe, &interruption] {
+        const Interruption::Scope scope(interruption);
+        Interruption::wait(pipe.reader(), POLLIN, -1);
+    });
+    ASSERT_TRUE(polls.waitFor(1));
+    const Stopwatch stopwatch;
+    interruption.interrupt();
+    EXPECT_THROW(waiting.get(), Interrupted);
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000));
+}
+
+TEST(Interruption, InterruptEndsASleep)
+{
+    const Polls polls;
+    Interruption interruption;
+    auto sleeping = std::async(std::launch::async, [&interruption] {
+        const Interruption::Scope scope(interruption);
+        Interruption::sleep(3600000);
+    });
+    ASSERT_TRUE(polls.waitFor(1));
+    interruption.interrupt();
+    EXPECT_THROW(sleeping.get(), Interrupted);
+}
+
+TEST(Interruption, InterruptBeforeTheScopeCounts)
+{
+    Interruption interruption;
+    interruption.interrupt();
+    const Interruption::Scope scope(interruption);
+    EXPECT_THROW(Interruption::sleep(3600000), Interrupted);
+}
+
+TEST(Interruption, InterruptWinsOverAReadyDescriptor)
+{
+    const Pipe pipe;
+    pipe.fill();
+    Interruption interruption;
+    interruption.interrupt();
+    const Interruption::Scope scope(interruption);
+    EXPECT_THROW(Interruption::wait(pipe.reader(), POLLIN, -1), Interrupted);
+    EXPECT_THROW(Interruption::wait(pipe.reader(), POLLIN, 0), Interrupted);
+}
+
+TEST(Interruption, ThereIsNoWayBack)
+{
+    Interruption interruption;
+    interruption.interrupt();
+    interruption.interrupt();
+    const Interruption::Scope scope(interruption);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_THROW(Interruption::check(), Interrupted);
+        EXPECT_THROW(Interruption::sleep(0), Interrupted);
+    }
+}
+
+TEST(Interruption, CheckPassesUntilInterrupted)
+{
+    Interruption::check();
+    Interruption interruption;
+    const Interruption::Scope scope(interruption);
+    Interruption::check();
+    interruption.interrupt();
+    EXPECT_THROW(Interruption::check(), Interrupted);
+}
+
+TEST(Interruption, OtherThreadsAreNotInterrupted)
+{
+    Interruption interruption;
+    interruption.interrupt();
+    const Interruption::Scope scope(interruption);
+    std::async(std::launch::async, [] {
+        Interruption::check();
+        Interruption::sleep(1);
+    }).get();
+    EXPECT_THROW(Interruption::check(), Interrupted);
+}
+
+TEST(Interruption, AfterItsScopeAThreadIsNotInterrupted)
+{
+    Interruption interruption;
+    {
+        const Interruption::Scope scope(interruption);
+    }
+    interruption.interrupt();
+    Interruption::check();
+}
+
+TEST(Interruption, InnerScopeHidesTheOuterOne)
+{
+    Interruption outer;
+    Interruption inner;
+    const Interruption::Scope outerScope(outer);
+    {
+        const Interruption::Scope innerScope(inner);
+        outer.interrupt();
+        Interruption::check();
+    }
+    EXPECT_THROW(Interruption::check(), Interrupted);
+}
+
+TEST(Interruption, OuterScopeReturnsAfterTheInnerOne)
+{
+    Interruption outer;
+    Interruption inner;
+    const Interruption::Scope outerScope(outer);
+    {
+        const Interruption::Scope innerScope(inner);
+        inner.interrupt();
+        EXPECT_THROW(Interruption::check(), Interrupted);
+    }
+    Interruption::check();
+}
+
+TEST(Interruption, NeedsADescriptor)
+{
+    rlimit before = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_THROW(Interruption(), Poco::SystemException);
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+}  // namespace

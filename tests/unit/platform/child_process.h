@@ -1,0 +1,135 @@
+#ifndef TESTS_UNIT_PLATFORM_CHILD_PROCESS_H
+#define TESTS_UNIT_PLATFORM_CHILD_PROCESS_H
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+/** Any wait of these tests that takes longer has failed. */
+constexpr int DEADLINE_MILLISECONDS = 20000;
+
+/** Runs the body in a forked child, where expectations may be used. @return the child's exit code, 0 if all held */
+template <typename Body>
+int inFork(Body body)
+{
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/** A program that runs beside the test, its standard output and standard error on pipes. Killed at the end of its life.
+ */
+class Program
+{
+public:
+    explicit Program(std::vector<std::string> words, const char* outputFile = nullptr)
+    {
+        std::array<int, 2> output{};
+        std::array<int, 2> errors{};
+        EXPECT_EQ(pipe2(output.data(), O_CLOEXEC), 0);
+        EXPECT_EQ(pipe2(errors.data(), O_CLOEXEC), 0);
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        m_process = fork();
+        if (m_process == 0) {
+            dup2(outputFile == nullptr ? output[1] : open(outputFile, O_WRONLY), STDOUT_FILENO);
+            dup2(errors[1], STDERR_FILENO);
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+        close(output[1]);
+        close(errors[1]);
+        m_output = output[0];
+        m_errors = errors[0];
+    }
+    ~Program()
+    {
+        if (m_process > 0) {
+            kill(m_process, SIGKILL);
+            waitpid(m_process, nullptr, 0);
+        }
+        close(m_output);
+        close(m_errors);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    /** The next line of standard output without its line end; what there is at the end of the output or the deadline.
+     */
+    std::string line()
+    {
+        while (m_text.find('\n') == std::string::npos && readMore(m_output, m_text)) {
+        }
+        const std::size_t end = m_text.find('\n');
+        const std::string result = m_text.substr(0, end);
+        m_text.erase(0, end == std::string::npos ? end : end + 1);
+        return result;
+    }
+
+    /** Everything of standard output that line() has not taken, up to its end. */
+    std::string output()
+    {
+        while (readMore(m_output, m_text)) {
+        }
+        return m_text;
+    }
+
+    std::string errors()
+    {
+        std::string text;
+        while (readMore(m_errors, text)) {
+        }
+        return text;
+    }
+
+    void signal(int number) const { kill(m_process, number); }
+
+    /** Waits for the end; standard output must have been read or be short. @return the exit code, -1 after a signal */
+    int exitCode()
+    {
+        output();
+        int status = -1;
+        waitpid(m_process, &status, 0);
+        m_process = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    static bool readMore(int descriptor, std::string& text)
+    {
+        pollfd ready{descriptor, POLLIN, 0};
+        if (poll(&ready, 1, DEADLINE_MILLISECONDS) != 1) {
+            ADD_FAILURE() << "the program is silent for too long";
+            return false;
+        }
+        std::array<char, 65536> buffer{};
+        const ssize_t length = read(descriptor, buffer.data(), buffer.size());
+        text.append(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+        return length > 0;
+    }
+
+    pid_t m_process = -1;
+    int m_output = -1;
+    int m_errors = -1;
+    std::string m_text;
+};
+
+#endif

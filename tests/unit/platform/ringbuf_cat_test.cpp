@@ -1,0 +1,236 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/child_process.h"
+#include "platform/shared_ring.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+std::vector<std::string> command(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), CAMGATE_BIN_DIR "/ringbuf_cat");
+    return arguments;
+}
+
+/** A ring with an open producer. */
+class RingbufCat : public testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_EQ(handle.open(ring, 4096), 0); }
+
+    RingName ring;
+    Handle handle;
+};
+
+TEST_F(RingbufCat, PrintsEachRecordOfAnotherProcessOnceOnALineOfItsOwn)
+{
+    ASSERT_EQ(handle.put("{\"first\":1}"), 0);
+    ASSERT_EQ(handle.put(""), 0);
+    ASSERT_EQ(handle.put("third"), 0);
+    Program first(command({ring.name()}));
+    EXPECT_EQ(first.output(), "{\"first\":1}\n\nthird\n");
+    EXPECT_EQ(first.exitCode(), 0);
+
+    ASSERT_EQ(handle.put("fourth"), 0);
+    Program second(command({ring.name()}));
+    EXPECT_EQ(second.output(), "fourth\n");
+    EXPECT_EQ(second.exitCode(), 0);
+}
+
+TEST_F(RingbufCat, LeavesOutOneNulAtTheEndAndEscapesControlCharacters)
+{
+    ASSERT_EQ(handle.put(std::string("ends\0", 5)), 0);
+    ASSERT_EQ(handle.put(std::string("in\0side\0\0", 9)), 0);
+    ASSERT_EQ(handle.put("a\nb\rc\td\x1b[31m\x7f\xc2\x9b\xff \xc3\xa4\xe6\xb1\x89"), 0);
+    Program program(command({ring.name()}));
+    EXPECT_EQ(program.line(), "ends");
+    EXPECT_EQ(program.line(), "in\\x00side\\x00");
+    EXPECT_EQ(program.line(), "a\\nb\\rc\\td\\x1b[31m\\x7f\\xc2\\x9b\\xff \xc3\xa4\xe6\xb1\x89");
+    EXPECT_EQ(program.exitCode(), 0);
+}
+
+TEST_F(RingbufCat, StopsAfterTheCountAndLeavesTheRestUnread)
+{
+    for (const char* record : {"one", "two", "three"}) {
+        ASSERT_EQ(handle.put(record), 0);
+    }
+    Program first(command({"--count", "2", ring.name()}));
+    EXPECT_EQ(first.output(), "one\ntwo\n");
+    Program rest(command({ring.name(), "--count=5"}));
+    EXPECT_EQ(rest.output(), "three\n");
+    EXPECT_EQ(rest.exitCode(), 0);
+}
+
+TEST_F(RingbufCat, PrintsALongRecordWhole)
+{
+    const RingName large;
+    ASSERT_EQ(handle.open(large, 4194304), 0);
+    const std::string record(204800, 'x');
+    ASSERT_EQ(handle.put(record), 0);
+    Program program(command({large.name()}));
+    EXPECT_EQ(program.output(), record + "\n");
+}
+
+TEST_F(RingbufCat, FollowsUntilInterrupted)
+{
+    for (const int interruption : {SIGINT, SIGTERM}) {
+        Program program(command({"--follow", ring.name()}));
+        ASSERT_EQ(handle.put("first"), 0);
+        EXPECT_EQ(program.line(), "first");
+        ASSERT_EQ(handle.put("second"), 0);
+        EXPECT_EQ(program.line(), "second");
+        program.signal(interruption);
+        EXPECT_EQ(program.exitCode(), 0);
+    }
+}
+
+TEST_F(RingbufCat, FollowsUpToTheCount)
+{
+    Program program(command({"--follow", "--count", "2", ring.name()}));
+    ASSERT_EQ(handle.put("first"), 0);
+    EXPECT_EQ(program.line(), "first");
+    ASSERT_EQ(handle.put("second"), 0);
+    EXPECT_EQ(program.output(), "second\n");
+    EXPECT_EQ(program.exitCode(), 0);
+}
+
+/** The number-th record of a producer in a hurry: long ones, so that it often writes over one that is being read. */
+std::string hurriedRecord(int number)
+{
+    const std::size_t length = static_cast<std::size_t>(number) * 7919U % 30000U;
+    return std::to_string(number) + ':' + std::string(length, static_cast<char>('a' + number % 26));
+}
+
+TEST_F(RingbufCat, PrintsOnlyWholeRecordsInOrderWhileTheProducerOvertakesIt)
+{
+    const RingName large;
+    ASSERT_EQ(handle.open(large, 65536), 0);
+    Program program(command({"--follow", large.name()}));
+    constexpr int RECORDS = 20000;
+    std::thread producer([this] {
+        for (int number = 1; number <= RECORDS; ++number) {
+            ASSERT_EQ(handle.put(hurriedRecord(number)), 0);
+        }
+    });
+    int previous = 0;
+    while (previous < RECORDS) {
+        const std::string line = program.line();
+        const int number = std::atoi(line.c_str());
+        EXPECT_GT(number, previous);
+        EXPECT_EQ(line, hurriedRecord(number));
+        if (HasFailure()) {
+            break;
+        }
+        previous = number;
+    }
+    producer.join();
+    program.signal(SIGINT);
+    program.output();
+    EXPECT_EQ(program.exitCode(), 0);
+}
+
+TEST_F(RingbufCat, SaysHowMuchWasOverwrittenUnread)
+{
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(handle.put(std::string(2000, static_cast<char>('a' + i))), 0);
+    }
+    Program program(command({ring.name()}));
+    EXPECT_EQ(program.output(), std::string(2000, 'b') + "\n" + std::string(2000, 'c') + "\n");
+    EXPECT_THAT(program.errors(), HasSubstr("2008 bytes of records were overwritten"));
+    EXPECT_EQ(program.exitCode(), 0);
+}
+
+TEST_F(RingbufCat, SkipsADamagedRecordAndGoesOn)
+{
+    ASSERT_EQ(handle.put("damaged"), 0);
+    const std::uint32_t length = 5000;
+    const RawRing raw(ring);
+    std::memcpy(raw.bytes() + 64, &length, sizeof length);
+    Program first(command({ring.name()}));
+    EXPECT_EQ(first.output(), "");
+    EXPECT_EQ(first.exitCode(), 0);
+    ASSERT_EQ(handle.put("sound"), 0);
+    Program second(command({ring.name()}));
+    EXPECT_EQ(second.output(), "sound\n");
+}
+
+TEST_F(RingbufCat, NeverCrashesOverWrongPositions)
+{
+    const RawRing raw(ring);
+    for (const std::uint64_t oldest : {std::uint64_t{1}, std::uint64_t{8}, UINT64_MAX - 7}) {
+        for (const std::uint64_t read : {std::uint64_t{3}, std::uint64_t{800}, UINT64_MAX}) {
+            ASSERT_EQ(handle.put("record"), 0);
+            std::memcpy(raw.bytes() + 16, &oldest, sizeof oldest);
+            std::memcpy(raw.bytes() + 32, &read, sizeof read);
+            Program program(command({ring.name()}));
+            const int code = program.exitCode();
+            EXPECT_TRUE(code == 0 || code == 1) << code;
+        }
+    }
+}
+
+TEST_F(RingbufCat, LeavesARecordUnreadThatItCannotPrint)
+{
+    ASSERT_EQ(handle.put("record"), 0);
+    Program failing(command({ring.name()}), "/dev/full");
+    EXPECT_EQ(failing.exitCode(), 1);
+    EXPECT_THAT(failing.errors(), HasSubstr("No space left on device"));
+    Program program(command({ring.name()}));
+    EXPECT_EQ(program.output(), "record\n");
+}
+
+TEST_F(RingbufCat, RefusesASecondReader)
+{
+    Program reader(command({"--follow", ring.name()}));
+    ASSERT_EQ(handle.put("record"), 0);
+    ASSERT_EQ(reader.line(), "record");
+    Program second(command({ring.name()}));
+    EXPECT_EQ(second.exitCode(), 1);
+    EXPECT_THAT(second.errors(), HasSubstr("has a reader already"));
+}
+
+TEST_F(RingbufCat, SaysWhatToDoAboutAMissingRing)
+{
+    Program program(command({"camgate_test_no_such_ring"}));
+    EXPECT_EQ(program.exitCode(), 1);
+    EXPECT_THAT(program.errors(), HasSubstr("\"camgate_test_no_such_ring\": No such file or directory. Nobody has "
+                                            "opened it yet: start the process that fills it first."));
+}
+
+TEST_F(RingbufCat, RefusesSharedMemoryThatIsNoRing)
+{
+    const RawRing raw(ring);
+    std::memcpy(raw.bytes(), "SOMETHIN", 8);
+    Program program(command({ring.name()}));
+    EXPECT_EQ(program.exitCode(), 1);
+    EXPECT_THAT(program.errors(), HasSubstr("is no ring buffer that this program knows"));
+}
+
+TEST_F(RingbufCat, ExplainsItsUsage)
+{
+    Program help(command({"--help"}));
+    EXPECT_THAT(help.output(), HasSubstr("Usage: ringbuf_cat"));
+    EXPECT_EQ(help.exitCode(), 0);
+    const std::vector<std::vector<std::string>> wrong = {{},
+                                                         {"--unknown", "name"},
+                                                         {"--count", "0", "name"},
+                                                         {"--count", "-1", "name"},
+                                                         {"--count", "many", "name"},
+                                                         {"one", "two"}};
+    for (const std::vector<std::string>& arguments : wrong) {
+        Program program(command(arguments));
+        EXPECT_EQ(program.exitCode(), 2);
+        EXPECT_THAT(program.errors(), HasSubstr("See ringbuf_cat --help."));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,215 @@
+#include "public/utils/alg_utils/utils_process_ringbuf.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include "support/captured_log.h"
+#include "support/fake_platform.h"
+#include "support/log_line.h"
+#include "support/system_calls.h"
+
+namespace {
+
+const char SOURCE[] = "public/utils/alg_utils/utils_process_ringbuf";
+
+class RingBuf : public testing::Test
+{
+protected:
+    static std::int64_t put(ProcessRingBufHndl* handle, const std::string& record, int flag = 0)
+    {
+        const PutRecord putRecord = {record.data(), 0xDEADBEEF, static_cast<std::uint32_t>(record.size())};
+        return Utils_ProcessRingBufPut(handle, &putRecord, flag);
+    }
+
+    ProcessRingBufHndl* opened()
+    {
+        EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), 0);
+        EXPECT_NE(handle, nullptr);
+        return handle;
+    }
+
+    ProcessRingBufHndl* handle = nullptr;
+};
+
+static_assert(std::is_same<decltype(&Utils_ProcessRingBufProducerInit),
+                           int (*)(ProcessRingBufHndl**, void*, long long, long long)>::value,
+              "four parameters");
+static_assert(std::is_same<decltype(&Utils_ProcessRingBufPut),
+                           std::int64_t (*)(ProcessRingBufHndl*, const PutRecord*, int)>::value,
+              "64-bit result");
+
+TEST_F(RingBuf, InitOpensTheNamedBufferOfThatSize)
+{
+    opened();
+
+    ASSERT_EQ(FakePlatform::opened().size(), 1U);
+    EXPECT_EQ(FakePlatform::opened()[0].handle, handle);
+    EXPECT_EQ(FakePlatform::opened()[0].name, "metadata_servfile26214");
+    EXPECT_EQ(FakePlatform::opened()[0].size, 4194304U);
+    ASSERT_EQ(FakePlatform::allocations().size(), 1U);
+    EXPECT_GE(FakePlatform::allocations()[0], 512 + sizeof(pthread_mutex_t)) << "room for the framework's state";
+}
+
+TEST_F(RingBuf, InitLogsTheNameAsAnError)
+{
+    opened();
+    EXPECT_EQ(CapturedLog::records().size(), 1U);
+    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:client open name %s\n"),
+              "[LogCommon]:client open name metadata_servfile26214\n");
+}
+
+TEST_F(RingBuf, KeyIsDecimalWithSignAnd64Bits)
+{
+    const std::vector<std::tuple<long long, std::string>> keys = {
+        {0, "metadata_servfile0"},
+        {-1, "metadata_servfile-1"},
+        {std::numeric_limits<long long>::max(), "metadata_servfile9223372036854775807"},
+        {std::numeric_limits<long long>::min(), "metadata_servfile-9223372036854775808"}};
+    for (const auto& [key, name] : keys) {
+        EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, key, 1), 0);
+        EXPECT_EQ(FakePlatform::opened().back().name, name);
+    }
+}
+
+TEST_F(RingBuf, SizeIsPassedWith32Bits)
+{
+    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 1, 0x1FFFFFFFFLL), 0);
+    EXPECT_EQ(FakePlatform::opened()[0].size, 0xFFFFFFFFU);
+}
+
+TEST_F(RingBuf, ReservedParameterIsNotUsed)
+{
+    char reserved[4] = "abc";
+    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, reserved, 1, 1), 0);
+    EXPECT_STREQ(reserved, "abc");
+}
+
+TEST_F(RingBuf, InitWithoutMemoryFailsSilently)
+{
+    FakePlatform::setAllocationFails(true);
+    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_TRUE(FakePlatform::opened().empty());
+    EXPECT_TRUE(CapturedLog::records().empty());
+}
+
+TEST_F(RingBuf, HandleIsKeptWhenTheNameCannotBeCleared)
+{
+    systemCalls().memsetFails = true;
+    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_TRUE(FakePlatform::opened().empty());
+    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:Failed to memset buf"), "[LogCommon]:Failed to memset buf");
+    EXPECT_EQ(CapturedLog::records().size(), 1U);
+}
+
+TEST_F(RingBuf, HandleIsKeptWhenTheNameCannotBeFormatted)
+{
+    systemCalls().sprintfFails = true;
+    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_TRUE(FakePlatform::opened().empty());
+    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:Failed to sprintf_s"), "[LogCommon]:Failed to sprintf_s");
+    EXPECT_EQ(CapturedLog::records().size(), 1U);
+}
+
+TEST_F(RingBuf, FailedOpenShowsWithTheFirstPut)
+{
+    FakePlatform::setOpenResult(-5);
+    FakePlatform::setSendResult(-7);
+    opened();
+    EXPECT_EQ(CapturedLog::records().size(), 1U) << "only the name";
+    EXPECT_EQ(put(handle, "record"), -7);
+    EXPECT_EQ(CapturedLog::records().size(), 1U) << "the put logs nothing";
+}
+
+TEST_F(RingBuf, PutPassesTheRecordOn)
+{
+    const std::string record("a\0b", 3);
+    EXPECT_EQ(put(opened(), record), 0);
+
+    ASSERT_EQ(FakePlatform::sent().size(), 1U);
+    EXPECT_EQ(FakePlatform::sent()[0].handle, handle);
+    EXPECT_EQ(FakePlatform::sent()[0].record, record);
+    EXPECT_EQ(FakePlatform::sent()[0].data, record.data()) << "no copy";
+}
+
+TEST_F(RingBuf, PutPassesTheInverseOfItsFlag)
+{
+    opened();
+    for (const int flag : {0, 1, -1, 256}) {
+        put(handle, "x", flag);
+    }
+    std::vector<int> flags;
+    for (const FakePlatform::Sent& sent : FakePlatform::sent()) {
+        flags.push_back(sent.flag);
+    }
+    EXPECT_EQ(flags, (std::vector<int>{1, 0, 0, 0}));
+}
+
+TEST_F(RingBuf, PutWidensTheResultWithItsSign)
+{
+    opened();
+    for (const int result : {-1, 1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+        FakePlatform::setSendResult(result);
+        EXPECT_EQ(put(handle, "x"), static_cast<std::int64_t>(result));
+    }
+}
+
+TEST_F(RingBuf, PutWithoutHandleFailsSilently)
+{
+    EXPECT_EQ(put(nullptr, "x"), -1);
+    EXPECT_TRUE(FakePlatform::sent().empty());
+    EXPECT_TRUE(CapturedLog::records().empty());
+}
+
+TEST_F(RingBuf, PutHoldsTheHandlesMutexWhileItSends)
+{
+    opened();
+    int locked = 0;
+    FakePlatform::onSend([this, &locked] {
+        std::thread([this, &locked] { locked = pthread_mutex_trylock(&handle->m_mutex); }).join();
+        return 0;
+    });
+    put(handle, "x");
+    EXPECT_EQ(locked, EBUSY);
+    EXPECT_EQ(pthread_mutex_trylock(&handle->m_mutex), 0) << "free again afterwards";
+    pthread_mutex_unlock(&handle->m_mutex);
+}
+
+TEST_F(RingBuf, PutsOfSeveralThreadsDoNotOverlap)
+{
+    opened();
+    std::atomic<int> inside{0};
+    std::atomic<int> overlaps{0};
+    FakePlatform::onSend([&inside, &overlaps] {
+        overlaps += inside++ == 0 ? 0 : 1;
+        std::this_thread::yield();
+        --inside;
+        return 0;
+    });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([this] {
+            for (int record = 0; record < 100; ++record) {
+                put(handle, "x");
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(overlaps, 0);
+    EXPECT_EQ(FakePlatform::sent().size(), 400U);
+}
+
+}  // namespace

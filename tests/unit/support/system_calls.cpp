@@ -1,0 +1,207 @@
+#include "support/system_calls.h"
+
+#include <Poco/Net/SocketImpl.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <features.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <new>
+
+#include "bounds_checked.h"
+
+// The linker leads each call of NAME to __wrap_NAME and each of __real_NAME to the system's NAME (option --wrap).
+
+SystemCalls& systemCalls()
+{
+    static SystemCalls& instance = *new SystemCalls;
+    return instance;
+}
+
+namespace {
+
+/// The mode that an open has when it creates a file.
+mode_t modeOf(int flags, va_list arguments)
+{
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, unsigned int)) : 0;
+}
+
+std::optional<int> hookedOpen(const char* path, int flags)
+{
+    return systemCalls().open ? systemCalls().open(path, flags) : std::nullopt;
+}
+
+int failed(int error)
+{
+    errno = error;
+    return -1;
+}
+
+}  // namespace
+
+extern "C" {
+
+int __real_open(const char* path, int flags, ...);
+int __real_open64(const char* path, int flags, ...);
+int __real_ioctl(int descriptor, unsigned long request, ...);
+int __real_usleep(useconds_t microseconds);
+int __real_poll(pollfd* waited, nfds_t count, int milliseconds);
+int __real_munmap(void* address, std::size_t length);
+ssize_t __real_writev(int descriptor, const iovec* parts, int count);
+int __real_sigemptyset(sigset_t* signals);
+int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* before);
+errno_t __real__memset_s_chk(void* target, rsize_t size, int value, rsize_t count, std::size_t known);
+
+int __wrap_open(const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    const std::optional<int> answer = hookedOpen(path, flags);
+    return answer ? *answer : __real_open(path, flags, mode);
+}
+
+int __wrap_open64(const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    const std::optional<int> answer = hookedOpen(path, flags);
+    return answer ? *answer : __real_open64(path, flags, mode);
+}
+
+int __wrap_ioctl(int descriptor, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const std::optional<int> answer =
+        systemCalls().ioctl ? systemCalls().ioctl(descriptor, request, argument) : std::nullopt;
+    return answer ? *answer : __real_ioctl(descriptor, request, argument);
+}
+
+int __wrap_usleep(useconds_t microseconds)
+{
+    if (systemCalls().usleep) {
+        systemCalls().usleep(microseconds);
+        return 0;
+    }
+    return __real_usleep(microseconds);
+}
+
+int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds)
+{
+    if (systemCalls().polling) {
+        systemCalls().polling(waited, count, milliseconds);
+    }
+    return __real_poll(waited, count, milliseconds);
+}
+
+int __wrap_munmap(void* address, std::size_t length)
+{
+    const std::optional<int> answer = systemCalls().munmap ? systemCalls().munmap(address, length) : std::nullopt;
+    return answer ? *answer : __real_munmap(address, length);
+}
+
+ssize_t __wrap_writev(int descriptor, const iovec* parts, int count)
+{
+    if (systemCalls().writing) {
+        systemCalls().writing(descriptor, count);
+    }
+    return __real_writev(descriptor, parts, count);
+}
+
+int __wrap_sigemptyset(sigset_t* signals)
+{
+    const int result = __real_sigemptyset(signals);
+    return systemCalls().sigemptysetFails ? failed(EINVAL) : result;
+}
+
+int __wrap_sigaction(int signal, const struct sigaction* action, struct sigaction* before)
+{
+    return systemCalls().sigactionFails ? failed(EINVAL) : __real_sigaction(signal, action, before);
+}
+
+errno_t __wrap__memset_s_chk(void* target, rsize_t size, int value, rsize_t count, std::size_t known)
+{
+    return systemCalls().memsetFails ? EINVAL : __real__memset_s_chk(target, size, value, count, known);
+}
+
+int __wrap__sprintf_s_chk(char* target, rsize_t size, std::size_t known, const char* format, ...)
+{
+    if (systemCalls().sprintfFails) {
+        return -1;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = _vsprintf_s_chk(target, size, known, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+// The file status has had other names inside the C library.
+#if __GLIBC_PREREQ(2, 33)
+int __real_fstat64(int descriptor, struct stat64* status);
+int __wrap_fstat64(int descriptor, struct stat64* status)
+{
+    return systemCalls().fstatFails ? failed(EIO) : __real_fstat64(descriptor, status);
+}
+int __real_fstat(int descriptor, struct stat* status);
+int __wrap_fstat(int descriptor, struct stat* status)
+{
+    return systemCalls().fstatFails ? failed(EIO) : __real_fstat(descriptor, status);
+}
+#else
+int __real___fxstat64(int version, int descriptor, struct stat64* status);
+int __wrap___fxstat64(int version, int descriptor, struct stat64* status)
+{
+    return systemCalls().fstatFails ? failed(EIO) : __real___fxstat64(version, descriptor, status);
+}
+#endif
+
+/// Comes before the C library's for shared libraries, too.
+ssize_t sendto(int descriptor, const void* data, std::size_t length, int flags, const sockaddr* address, socklen_t size)
+{
+    if (systemCalls().sendTo) {
+        systemCalls().sendTo(descriptor, length, flags);
+    }
+    static const auto next = reinterpret_cast<decltype(&::sendto)>(::dlsym(RTLD_NEXT, "sendto"));
+    return next(descriptor, data, length, flags, address, size);
+}
+
+}  // extern "C"
+
+/// What the standard library's does, below the limit.
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept
+{
+    const std::size_t limit = systemCalls().largestArray;
+    if (limit != 0 && size > limit) {
+        return nullptr;
+    }
+    try {
+        return ::operator new[](size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+/// Comes before the library's own, whose sockets reach it through their table of virtual functions.
+bool Poco::Net::SocketImpl::poll(const Poco::Timespan& timeout, int mode)
+{
+    if (systemCalls().socketPoll) {
+        systemCalls().socketPoll();
+    }
+    using Poll = bool (*)(Poco::Net::SocketImpl*, const Poco::Timespan&, int);
+    static const auto next =
+        reinterpret_cast<Poll>(::dlsym(RTLD_NEXT, "_ZN4Poco3Net10SocketImpl4pollERKNS_8TimespanEi"));
+    return next(this, timeout, mode);
+}

@@ -1,0 +1,54 @@
+#ifndef TESTS_UNIT_SUPPORT_SYSTEM_CALLS_H
+#define TESTS_UNIT_SUPPORT_SYSTEM_CALLS_H
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+
+/// Stands between this program and some functions of the system. Without a hook they do what they always do.
+///
+/// Set hooks before the threads that come through them start; hooks are called on those threads. All are gone at the
+/// start of each test. Except for sendTo and socketPoll, only calls by this program's own objects and static libraries
+/// are seen.
+struct SystemCalls
+{
+    /// Answers an open of a path, or nothing: the system answers.
+    std::function<std::optional<int>(const std::string& path, int flags)> open;
+
+    /// Answers an ioctl with its one argument, or nothing: the system answers.
+    std::function<std::optional<int>(int descriptor, unsigned long request, void* argument)> ioctl;
+
+    /// Takes the place of usleep.
+    std::function<void(useconds_t microseconds)> usleep;
+
+    /// Is told before each poll; milliseconds as poll takes them.
+    std::function<void(const pollfd* waited, nfds_t count, int milliseconds)> polling;
+
+    /// Answers a munmap, or nothing: the system answers.
+    std::function<std::optional<int>(void* address, std::size_t length)> munmap;
+
+    /// Is told before each writev, with the number of parts.
+    std::function<void(int descriptor, int count)> writing;
+
+    /// Is told before each sendto, also of shared libraries.
+    std::function<void(int descriptor, std::size_t length, int flags)> sendTo;
+
+    /// Is called before each poll of the network library's sockets, and may throw.
+    std::function<void()> socketPoll;
+
+    // Functions that shall fail.
+    bool fstatFails = false;
+    bool sigemptysetFails = false;  ///< after its work
+    bool sigactionFails = false;
+    bool memsetFails = false;      ///< memset_s
+    bool sprintfFails = false;     ///< sprintf_s, with -1
+    std::size_t largestArray = 0;  ///< new (std::nothrow) char[] of more bytes fails; 0: no limit
+};
+
+SystemCalls& systemCalls();
+
+#endif
