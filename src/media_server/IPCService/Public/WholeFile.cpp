@@ -19,7 +19,7 @@ namespace {
 
 struct CloseFile
 {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 

@@ -104,6 +104,21 @@ bool findDescriptor(const unsigned char* notification, std::size_t size, std::si
     return true;
 }
 
+/// What keeps a buffer from being released, as the format of its log line; null when nothing does.
+const char* missingForRelease(const EventCacheHndl* pstEventCacheHndl, const EventCacheBufData* pstBufData)
+{
+    if (pstEventCacheHndl == nullptr) {
+        return "[%s]:pstEventCacheHndl NULL";
+    }
+    if (pstBufData == nullptr || pstBufData->pData == nullptr) {
+        return "[%s]:pstBufData NULL";
+    }
+    if (pstBufData->stMMapAddr.pBufData == nullptr) {
+        return "[%s]:stMMapAddr pBufData NULL";
+    }
+    return pstBufData->stMMapAddr.length == 0 ? "[%s]:stMMapAddr length NULL" : nullptr;
+}
+
 }  // namespace
 
 int Utils_EventCacheSubscriberInit(EventCacheHndl* ppstEventCacheHndl, const char* pPublisherName)
@@ -202,16 +217,7 @@ int Utils_EventCacheBufGet(EventCacheHndl* pstEventCacheHndl, EventCacheBufData*
 
 int Utils_EventCacheBufRelease(EventCacheHndl* pstEventCacheHndl, EventCacheBufData* pstBufData)
 {
-    const char* missing = nullptr;
-    if (pstEventCacheHndl == nullptr) {
-        missing = "[%s]:pstEventCacheHndl NULL";
-    } else if (pstBufData == nullptr || pstBufData->pData == nullptr) {
-        missing = "[%s]:pstBufData NULL";
-    } else if (pstBufData->stMMapAddr.pBufData == nullptr) {
-        missing = "[%s]:stMMapAddr pBufData NULL";
-    } else if (pstBufData->stMMapAddr.length == 0) {
-        missing = "[%s]:stMMapAddr length NULL";
-    }
+    const char* missing = missingForRelease(pstEventCacheHndl, pstBufData);
     if (missing != nullptr) {
         UTILS_LOG(UTILS_LOG_ERROR, missing, UTILS_LOG_TAG);
         return IPC_EXCHANGE_FAILED;

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <istream>
 #include <ostream>
+#include <utility>
 
 #include "media_server/IPCService/Public/Interruption.h"
 
@@ -61,7 +62,7 @@ public:
     /// Connects and shakes hands.
     PlatformSocketImpl(Poco::Net::Context::Ptr pContext, const std::string& host,
                        const Poco::Net::SocketAddress& address)
-        : SecureStreamSocketImpl(pContext)
+        : SecureStreamSocketImpl(std::move(pContext))
     {
         const Deadline deadline;
         setPeerHostName(host);
@@ -125,7 +126,8 @@ public:
 class PlatformSession : public Poco::Net::HTTPSClientSession
 {
 public:
-    PlatformSession(const std::string& host, Poco::UInt16 port) : HTTPSClientSession(host, port), m_bPeerClosed(false)
+    PlatformSession(const std::string& host, Poco::UInt16 port)
+        : HTTPSClientSession(host, port), m_bConnected(false), m_bPeerClosed(false)
     {
     }
 
@@ -144,6 +146,12 @@ public:
 protected:
     void connect(const Poco::Net::SocketAddress& address) override
     {
+        // A session with keep-alive answers a failed write with a second try over a new connection. The failure that
+        // is reported is the first.
+        if (m_bConnected) {
+            throw Poco::Net::ConnectionResetException();
+        }
+        m_bConnected = true;
         attachSocket(PlatformSocket(
             new PlatformSocketImpl(Poco::Net::SSLManager::instance().defaultClientContext(), getHost(), address)));
     }
@@ -155,10 +163,8 @@ protected:
         return count;
     }
 
-    /// Without the library's second try over a new connection, which a keep-alive session makes.
-    int write(const char* buffer, std::streamsize length) override { return HTTPSession::write(buffer, length); }
-
 private:
+    bool m_bConnected;
     bool m_bPeerClosed;
 };
 

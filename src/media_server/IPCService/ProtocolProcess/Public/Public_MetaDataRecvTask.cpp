@@ -1,6 +1,6 @@
 #include "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask.h"
 
-#include <Poco/AutoPtr.h>
+#include <Poco/Bugcheck.h>
 #include <Poco/Dynamic/Var.h>
 #include <Poco/Exception.h>
 #include <Poco/JSON/Object.h>
@@ -68,7 +68,9 @@ void Public_MetaDataRecvTask::interrupt() noexcept
 
 void Public_MetaDataRecvTask::runTask()
 {
-    poco_assert(m_pstEventCacheHndl != NULL);
+    if (m_pstEventCacheHndl == nullptr) {
+        Poco::Bugcheck::assertion("m_pstEventCacheHndl != NULL", __FILE__, __LINE__);
+    }
     const Interruption::Scope scope(m_interruption);
     try {
         for (;;) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <exception>
 
 #include "bounds_checked.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
@@ -155,22 +156,26 @@ int Public_SubProcess::main(const std::vector<std::string>& /*args*/)
     return EXIT_OK;
 }
 
-bool Public_SubProcess::endTasks()
+bool Public_SubProcess::endTasks() noexcept
 {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + LONGEST_TASK_END;
-    m_taskManager.cancelAll();
-    if (m_pMetaDataRecvTask) {
-        m_pMetaDataRecvTask->interrupt();
-    }
-    // The task manager tells of a task's end before it forgets the task, so its count is the only sure sign.
-    while (m_taskManager.count() > 0) {
-        if (Clock::now() >= deadline) {
-            return false;
+    try {
+        m_taskManager.cancelAll();
+        if (m_pMetaDataRecvTask) {
+            m_pMetaDataRecvTask->interrupt();
         }
-        Poco::Thread::sleep(TASK_END_STEP);
+        // The task manager tells of a task's end before it forgets the task, so its count is the only sure sign.
+        while (m_taskManager.count() > 0) {
+            if (Clock::now() >= deadline) {
+                return false;
+            }
+            Poco::Thread::sleep(TASK_END_STEP);
+        }
+        return true;
+    } catch (const std::exception&) {
+        return false;
     }
-    return true;
 }
 
 }  // namespace ProtocalProcess

@@ -48,7 +48,7 @@ private:
     void startUp(Poco::Util::Application& self);
 
     /// Interrupts all tasks. @return true when they ended in time
-    bool endTasks();
+    bool endTasks() noexcept;
 
     Poco::TaskManager m_taskManager;
     Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
