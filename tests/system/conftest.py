@@ -22,7 +22,7 @@ CAMERAS: pytest.StashKey[list[Camera]] = pytest.StashKey()
 
 
 def pytest_configure(config: pytest.Config) -> None:
-    config.addinivalue_line("markers", "seconds(n): takes about so long because the service waits; the longest go first")
+    config.addinivalue_line("markers", "seconds(n): takes so long, because the service waits; the longest go first")
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:

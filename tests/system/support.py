@@ -5,6 +5,8 @@ from __future__ import annotations
 import os
 import re
 import subprocess
+import threading
+import time
 from collections.abc import Callable
 from pathlib import Path
 
@@ -78,6 +80,14 @@ def wait_stopped(camera: Camera, number: int, timeout: float = STOP_SECONDS) -> 
     """Sends a stop signal and waits for the end; returns the exit code."""
     camera.service.send_signal(number)
     return camera.service.wait(timeout)
+
+
+def poll_until(condition: Callable[[], bool], seconds: float = 5.0) -> None:
+    """Waits for what no event tells of, such as the state of a process."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < deadline, "not seen in time"
+        threading.Event().wait(0.002)
 
 
 def status_field(camera: Camera, name: str) -> str:

@@ -17,7 +17,8 @@ FIRST_ID = 4_300_000_001
 
 
 def request_header(subtype: int, command: int) -> bytes:
-    return b"/tmp/II\0/tmp/CP\0" + bytes(144) + struct.pack("<II", subtype, command) + bytes(32) + struct.pack("<q", 101)
+    commands = struct.pack("<II", subtype, command)
+    return b"/tmp/II\0/tmp/CP\0" + bytes(144) + commands + bytes(32) + struct.pack("<q", 101)
 
 
 def patched_reply(offset: int, replacement: bytes, **fields: object) -> Callable[[wire.Message], bytes]:

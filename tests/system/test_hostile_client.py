@@ -114,13 +114,12 @@ BROKEN_TEXT = {
 
 
 @pytest.mark.parametrize("text", BROKEN_TEXT.values(), ids=BROKEN_TEXT.keys())
-@pytest.mark.parametrize("place", ["name", "member", "value"])
-def test_invalid_utf8_is_answered_and_forgotten(camera: Camera, text: bytes, place: str) -> None:
-    body = {"name": b'{"taskName":"%s","taskInfo":{}}', "member": b'{"taskName":"faceNotHitDown","taskInfo":{"%s":1}}',
-            "value": b'{"taskName":"faceNotHitDown","taskInfo":{"a":"%s"}}'}[place] % text
-    reply = camera.client.wait_reply(camera.client.send_body(body))
-    assert reply.status in ((400,) if place == "name" else (200, 400))
-    expect_working(camera)
+def test_invalid_utf8_is_answered_and_forgotten(camera: Camera, text: bytes) -> None:
+    for body, statuses in ((b'{"taskName":"%s","taskInfo":{}}', (400,)),
+                           (b'{"taskName":"faceNotHitDown","taskInfo":{"%s":1}}', (200, 400)),
+                           (b'{"taskName":"faceNotHitDown","taskInfo":{"a":"%s"}}', (200, 400))):
+        assert camera.client.wait_reply(camera.client.send_body(body % text)).status in statuses
+        expect_working(camera)
 
 
 ODD_TEXT = {
@@ -148,8 +147,6 @@ def test_log_stays_one_line_a_record_whatever_the_client_sends(camera: Camera) -
 
 
 STRINGS = ["cameraCode", "taskID", "sqbh", "datatime", "securityCode", "taskURL", "taskResultURL"]
-WRONG_TYPES: dict[str, Any] = {"null": None, "number": 7, "bool": True, "array": ["x"], "object": {"x": "y"},
-                               "fraction": 1.5}
 
 
 def expect_refused_download(camera: Camera, **changes: Any) -> str:
@@ -173,14 +170,18 @@ def test_missing_argument_is_refused(camera: Camera, name: str) -> None:
     assert expect_refused_download(camera, **{name: ...}).endswith("Can not extract empty value. ")
 
 
-@pytest.mark.parametrize("value", WRONG_TYPES.values(), ids=WRONG_TYPES.keys())
 @pytest.mark.parametrize("name", STRINGS)
-def test_text_argument_of_another_type_is_refused(camera: Camera, name: str, value: Any) -> None:
-    text = expect_refused_download(camera, **{name: value})
-    assert "Can not convert " in text or "Can not extract empty value." in text
+def test_text_argument_of_another_type_is_refused(camera: Camera, name: str) -> None:
+    for value in (7, True, ["x"], {"x": "y"}, 1.5, None):
+        begin = len(camera.journal)
+        assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: value})).status == 400
+        text = camera.wait_for_log("DownWhiteHandler Err ", since=begin).text
+        assert ("Can not extract empty value. " if value is None else "Can not convert ") in text
+    assert "Can not convert " in expect_refused_download(camera, **{name: 7})
 
 
-@pytest.mark.parametrize("value", [None, "", "abc", "12x", -1, "-1", 2**32, 2**63, str(2**64), ["1"], {"a": 1}], ids=repr)
+@pytest.mark.parametrize("value", [None, "", "abc", "12x", -1, "-1", 2**32, 2**63, str(2**64 + 1), ["1"], {"a": 1}],
+                         ids=repr)
 def test_number_of_records_that_is_no_unsigned_number_is_refused(camera: Camera, value: Any) -> None:
     expect_refused_download(camera, totalNum=value)
 
@@ -216,8 +217,9 @@ def test_url_of_100_kilobytes_does_no_harm(camera: Camera, name: str) -> None:
 
 
 @pytest.mark.parametrize("url", ["", "/platform/whiteList", "https://", "https:///path", "https://:8443/path", "https",
-                                 "https://127.0.0.1:0/x", "https://127.0.0.1:65536/x", "https://127.0.0.1:99999999999/x",
-                                 "https://127.0.0.1:abc/x", "https://[::1/x", "127.0.0.1:8443/x", "://x/y"])
+                                 "https://127.0.0.1:0/x", "https://127.0.0.1:65536/x",
+                                 "https://127.0.0.1:99999999999/x", "https://127.0.0.1:abc/x", "https://[::1/x",
+                                 "127.0.0.1:8443/x", "://x/y"])
 def test_task_url_that_names_no_server_is_refused(camera: Camera, url: str) -> None:
     expect_refused_download(camera, taskURL=url)
 
@@ -259,7 +261,7 @@ def test_hundreds_of_commands_leave_memory_as_it_was(camera: Camera) -> None:
     before = kilobytes(camera, "RssAnon")
     send(500)
     # A leak of one body a command would be 2 MB; the sanitizers keep freed memory back.
-    assert kilobytes(camera, "RssAnon") - before < (60_000 if sanitized() else 1_000)
+    assert kilobytes(camera, "RssAnon") - before < (400_000 if sanitized() else 1_000)
 
 
 @pytest.mark.parametrize("value", [2**64 + 5, 10**30, -2**63 - 1])

@@ -92,8 +92,9 @@ def test_unknown_certificate_is_accepted_without_a_word(camera: Camera) -> None:
     assert not [record for record in camera.service.log if record.level == ""]
 
 
-@pytest.mark.parametrize("path", ["/a%20b", "/%E9%9D%A2", "/a%2520b", "/a+b;c=d", "/a,b", "/!$&'()*+,;=:@-._~", "/a%0D%0AX-Evil:%201/b", "/a%3Fb",
-                                  "/a%23b"])
+@pytest.mark.parametrize("path", [
+    "/a%20b", "/%E9%9D%A2", "/a%2520b", "/a+b;c=d", "/a,b", "/!$&'()*+,;=:@-._~", "/a%0D%0AX-Evil:%201/b", "/a%3Fb",
+    "/a%23b"])
 def test_escaped_path_stays_one_request_line(camera: Camera, path: str) -> None:
     download(camera, 1, taskURL=f"https://127.0.0.1:{camera.platform.port}{path}")
     request = camera.platform.requests[0]

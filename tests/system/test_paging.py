@@ -43,8 +43,8 @@ def test_total_is_asked_for_in_pages_of_30_with_this_body(camera: Camera, total:
 def test_strings_of_the_command_are_escaped_in_the_request(camera: Camera) -> None:
     download(camera, 1, cameraCode='a"b\\c', taskID="\n\t\x01", datatime="面/ü", securityCode="")
     body = page_requests(camera)[0].decode()
-    assert body == ('{\n "cameraCode" : "a\\"b\\\\c",\n "taskID" : "\\n\\t\\u0001",\n "startIndex" : 0,\n "offset" : 1,\n'
-                    ' "datatime" : "面\\/ü",\n "securityCode" : ""\n}')
+    assert body == ('{\n "cameraCode" : "a\\"b\\\\c",\n "taskID" : "\\n\\t\\u0001",\n "startIndex" : 0,\n'
+                    ' "offset" : 1,\n "datatime" : "面\\/ü",\n "securityCode" : ""\n}')
 
 
 def test_page_file_holds_the_answer_as_it_came(camera: Camera) -> None:

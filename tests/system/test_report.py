@@ -131,7 +131,8 @@ def test_bad_element_is_named(camera: Camera) -> None:
     assert "Can not convert " in camera.wait_for_log("faceresultlist_ary parser Err ").text
 
 
-@pytest.mark.parametrize("content", [b"{", b"hello", b'{"TaskResultArry":[}', b"{}{}", b"[" * 10_000, b"{'a':1}", b"7", b'"x"'])
+@pytest.mark.parametrize("content", [b"{", b"hello", b'{"TaskResultArry":[}', b"{}{}", b"[" * 10_000, b"{'a':1}", b"7",
+                                     b'"x"'])
 def test_syntax_error_is_logged_and_nothing_posted(camera: Camera, content: bytes) -> None:
     with_state(camera, content)
     record = camera.wait_for_log("parser Err ")

@@ -12,11 +12,10 @@ from typing import Any
 import pytest
 
 from simulator import Camera, Close, Response, Send
-from support import (DOWNLOAD, END, count_text, descriptors, download, expect_log, expect_working, kilobytes, received,
-                     sanitized, status_field, texts, threads, wait_end, with_library)
+from support import (DOWNLOAD, END, count_text, descriptors, download, expect_log, expect_working, kilobytes,
+                     poll_until, received, sanitized, status_field, texts, threads, wait_end, with_library)
 
 StartCamera = Callable[..., Camera]
-
 
 # Seconds for an answer that waits for nothing.
 PROMPT = 4.0
@@ -42,13 +41,9 @@ def limited(camera: Camera, option: str, limit: int) -> Iterator[None]:
         set_limit(before)
 
 
-def settled(camera: Camera, measure: Callable[[Camera], int], most: int) -> bool:
+def settles(camera: Camera, measure: Callable[[Camera], int], most: int) -> None:
     """Waits until a measure is at most so much: a connection or thread ends a moment after its record."""
-    for _ in range(50):
-        if measure(camera) <= most:
-            return True
-        expect_working(camera)
-    return False
+    poll_until(lambda: measure(camera) <= most)
 
 
 def test_30_downloads_leave_descriptors_threads_and_memory_as_they_were(camera: Camera) -> None:
@@ -57,8 +52,8 @@ def test_30_downloads_leave_descriptors_threads_and_memory_as_they_were(camera: 
     before = descriptors(camera), threads(camera), kilobytes(camera, "RssAnon")
     for _ in range(30):
         download(camera, 31)
-    assert settled(camera, descriptors, before[0])
-    assert settled(camera, threads, before[1] + SPARE_THREADS)
+    settles(camera, descriptors, before[0])
+    settles(camera, threads, before[1] + SPARE_THREADS)
     # A kept page is about 40 KB, a kept message 21 KB; the sanitizers keep freed memory back.
     assert kilobytes(camera, "RssAnon") - before[2] < (200_000 if sanitized() else 700)
 
@@ -74,8 +69,8 @@ def test_failed_downloads_leave_descriptors_and_threads_as_they_were(camera: Cam
     before = descriptors(camera), threads(camera)
     for number in range(20):
         fail(number)
-    assert settled(camera, descriptors, before[0])
-    assert settled(camera, threads, before[1] + SPARE_THREADS)
+    settles(camera, descriptors, before[0])
+    settles(camera, threads, before[1] + SPARE_THREADS)
     assert camera.platform.reports == []
 
 
@@ -162,7 +157,7 @@ def test_few_descriptors_fail_somewhere_and_nothing_is_kept(camera: Camera, spar
             wait_end_in_any_way(camera, begin)
     download(camera, 3)
     assert camera.platform.reports[-1].json()["offset"] == 3
-    assert settled(camera, descriptors, before)
+    settles(camera, descriptors, before)
 
 
 IGNORE_SIZE_SIGNAL = """

@@ -43,7 +43,8 @@ def test_clear_request_byte_for_byte(camera: Camera) -> None:
 
 
 def test_one_set_request_for_each_list_byte_for_byte(camera: Camera) -> None:
-    camera.faces.lists = [face_list(1, "Staff"), face_list(2**64 - 1, "面", list_type=-2, on_control=-1, threshold=-2**63)]
+    camera.faces.lists = [face_list(1, "Staff"),
+                          face_list(2**64 - 1, "面", list_type=-2, on_control=-1, threshold=-2**63)]
     clear(camera)
     payloads = [struct.pack("<IIQiiq", 3, 0, 1, 1, 1, 80) + b"Staff",
                 struct.pack("<IIQiiq", 3, 0, 2**64 - 1, -2, -1, -2**63) + "面".encode()]
@@ -132,7 +133,8 @@ def test_path_without_its_nul_ends_with_the_message(camera: Camera) -> None:
 
 
 def test_configuration_that_cannot_be_read(camera: Camera) -> None:
-    camera.faces.script(7019, lambda message: wire.encode_reply(message, same_header=True, configuration="/tmp/mmcblk0"))
+    camera.faces.script(7019, lambda message: wire.encode_reply(
+        message, same_header=True, configuration="/tmp/mmcblk0"))
     clear(camera, 400)
     expect_failure_after_the_reply(camera, " fread pJsonConfig error.", 337)
 
@@ -196,7 +198,8 @@ def test_bad_element_ends_the_command_after_the_elements_before_it(camera: Camer
     assert count_text(camera, "CMD_ALARM_FACE_LIB_SET TaskID:1 FaceListName good") == 1
 
 
-@pytest.mark.parametrize("content", [{}, {"FaceListsArry": None}, {"FaceListsArry": "x"}, {"FaceListsArry": {}}, [GOOD]])
+@pytest.mark.parametrize("content", [{}, {"FaceListsArry": None}, {"FaceListsArry": "x"}, {"FaceListsArry": {}},
+                                     [GOOD]])
 def test_missing_or_mistyped_array(camera: Camera, content: Any) -> None:
     with_configuration(camera, content, 400)
     expect_array_failure(camera)

@@ -16,17 +16,13 @@ namespace {
 constexpr std::chrono::milliseconds LONGEST_TURN(5000);
 
 /// A counting event descriptor that holds 1 while the turn is free: unlike a mutex it can be waited for together with
-/// an interruption. Opened once and kept for the life of the process.
-int turnDescriptor()
-{
-    static const int descriptor = ::eventfd(1, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC);
-    return descriptor;
-}
+/// an interruption. Opened before anything can use up the descriptors, and kept for the life of the process.
+const int turnDescriptor = ::eventfd(1, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC);
 
 bool tryTakeTurn()
 {
     std::uint64_t count = 0;
-    return ::read(turnDescriptor(), &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
+    return ::read(turnDescriptor, &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
 }
 
 /// @return false when the turn was not to be had in time
@@ -36,7 +32,7 @@ bool takeTurn()
     const auto deadline = Clock::now() + LONGEST_TURN;
     while (!tryTakeTurn()) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0 || !Interruption::wait(turnDescriptor(), POLLIN, static_cast<long>(left.count()))) {
+        if (left.count() <= 0 || !Interruption::wait(turnDescriptor, POLLIN, static_cast<long>(left.count()))) {
             return false;
         }
     }
@@ -56,7 +52,7 @@ void MessageExchange::Turn::pass() noexcept
 {
     if (m_bOwned) {
         const std::uint64_t one = 1;
-        (void)!::write(turnDescriptor(), &one, sizeof(one));
+        (void)!::write(turnDescriptor, &one, sizeof(one));
         m_bOwned = false;
     }
 }

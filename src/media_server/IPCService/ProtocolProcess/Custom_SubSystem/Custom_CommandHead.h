@@ -29,9 +29,6 @@ static_assert(offsetof(CommandHead, bodyLength) == 256, "wire offset");
 static_assert(offsetof(CommandHead, reserved4) == 260, "wire offset");
 static_assert(offsetof(CommandHead, reserved5) == 264, "wire offset");
 
-/// What every socket path of the camera, and so every head, begins with. No JSON text does.
-constexpr char HEAD_BEGIN[] = {'/', 't', 'm', 'p', '/'};
-
 }  // namespace MetaDataGW
 }  // namespace IPCService
 

@@ -1,8 +1,11 @@
+#include <Poco/Ascii.h>
 #include <Poco/AutoPtr.h>
 #include <Poco/Dynamic/Var.h>
 #include <Poco/Exception.h>
+#include <Poco/NumberFormatter.h>
 #include <Poco/URI.h>
 
+#include <cstring>
 #include <exception>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
@@ -21,8 +24,8 @@ using Poco::JSON::Object;
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
 
-/// What ends a path inside a URL, and so must be escaped within it.
-constexpr char PATH_END[] = "?#";
+/// What stands for itself in a URL's path, besides letters and digits.
+constexpr char PATH_CHARACTERS[] = "-._~!$&'()*+,;=:@/";
 
 /// A member that must be a JSON string.
 /// @throws Poco::Exception when it is absent or something else
@@ -43,7 +46,15 @@ std::uint32_t numberArgument(const Object& info, const char* key)
 std::string requestPath(const Poco::URI& url)
 {
     std::string path;
-    Poco::URI::encode(url.getPath(), PATH_END, path);
+    for (const char character : url.getPath()) {
+        if (Poco::Ascii::isAlphaNumeric(character) ||
+            (character != '\0' && std::strchr(PATH_CHARACTERS, character) != nullptr)) {
+            path += character;
+        } else {
+            path += '%';
+            Poco::NumberFormatter::appendHex(path, static_cast<unsigned>(static_cast<unsigned char>(character)), 2);
+        }
+    }
     return path;
 }
 

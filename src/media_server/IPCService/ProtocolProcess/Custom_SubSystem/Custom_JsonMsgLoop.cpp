@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 #include <vector>
 
@@ -35,6 +34,14 @@ constexpr unsigned REPLY_BLANKS = 2;
 
 const std::string taskName = "taskName";
 const std::string taskInfo = "taskInfo";
+
+/// True when a datagram that should be a body is the next head instead: it has the size of a head, not the one that
+/// was announced, and begins with a socket path or an empty one, as no JSON text does.
+bool isHead(int size, char first, std::uint32_t announcedLength)
+{
+    return size == static_cast<int>(sizeof(CommandHead)) && announcedLength != sizeof(CommandHead) &&
+           (first == '/' || first == '\0');
+}
 
 /// The command's name as text.
 std::string nameOf(const Var& cmd)
@@ -148,9 +155,9 @@ void CustomJsonMsgLoop::RecvJsonMsg(std::string& body, std::uint32_t& tag)
         return;
     }
     tag = head.tag;
-    char begin[sizeof(HEAD_BEGIN)] = {};
-    const int size = receiveDatagram(begin, sizeof(begin), MSG_PEEK | MSG_TRUNC);
-    if (size == static_cast<int>(sizeof(head)) && std::memcmp(begin, HEAD_BEGIN, sizeof(begin)) == 0) {
+    char first = '\0';
+    const int size = receiveDatagram(&first, sizeof(first), MSG_PEEK | MSG_TRUNC);
+    if (isHead(size, first, head.bodyLength)) {
         // The next command: its client lost this one's body, and must not lose every later command with it.
         return;
     }

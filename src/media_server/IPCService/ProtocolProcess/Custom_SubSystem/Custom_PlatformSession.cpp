@@ -85,12 +85,18 @@ public:
     /// in the response.
     int receiveBytes(void* buffer, int length, int flags) override
     {
+        int count = 0;
         try {
-            return complete(Deadline(), [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
+            count = complete(Deadline(), [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
         } catch (const Poco::Net::SSLConnectionUnexpectedlyClosedException&) {
-            return 0;
+            count = 0;
         }
+        m_bPeerClosed = m_bPeerClosed || count == 0;
+        return count;
     }
+
+    /// True when the peer closed the connection while more was to be read.
+    bool peerClosed() const { return m_bPeerClosed; }
 
 protected:
     ~PlatformSocketImpl() override = default;
@@ -113,6 +119,7 @@ private:
     }
 
     Deadline m_sendDeadline;
+    bool m_bPeerClosed = false;
 };
 
 /// Gives a socket implementation to the library.
@@ -126,10 +133,7 @@ public:
 class PlatformSession : public Poco::Net::HTTPSClientSession
 {
 public:
-    PlatformSession(const std::string& host, Poco::UInt16 port)
-        : HTTPSClientSession(host, port), m_bConnected(false), m_bPeerClosed(false)
-    {
-    }
+    PlatformSession(const std::string& host, Poco::UInt16 port) : HTTPSClientSession(host, port), m_pSocket() {}
 
     /// Throws what a stream of this session swallowed.
     void rethrowFailure() const
@@ -141,31 +145,23 @@ public:
     }
 
     /// True when the peer closed the connection while more was to be read.
-    bool peerClosed() const { return m_bPeerClosed; }
+    bool peerClosed() const { return m_pSocket && m_pSocket->peerClosed(); }
 
 protected:
     void connect(const Poco::Net::SocketAddress& address) override
     {
         // A session with keep-alive answers a failed write with a second try over a new connection. The failure that
         // is reported is the first.
-        if (m_bConnected) {
+        if (m_pSocket) {
             throw Poco::Net::ConnectionResetException();
         }
-        m_bConnected = true;
-        attachSocket(PlatformSocket(
-            new PlatformSocketImpl(Poco::Net::SSLManager::instance().defaultClientContext(), getHost(), address)));
-    }
-
-    int read(char* buffer, std::streamsize length) override
-    {
-        const int count = HTTPSClientSession::read(buffer, length);
-        m_bPeerClosed = m_bPeerClosed || count == 0;
-        return count;
+        m_pSocket =
+            new PlatformSocketImpl(Poco::Net::SSLManager::instance().defaultClientContext(), getHost(), address);
+        attachSocket(PlatformSocket(m_pSocket.duplicate()));
     }
 
 private:
-    bool m_bConnected;
-    bool m_bPeerClosed;
+    Poco::AutoPtr<PlatformSocketImpl> m_pSocket;
 };
 
 /// A connection that ends early looks to the library like the end of the body.
