@@ -7,6 +7,12 @@ execute_process(COMMAND ${CMAKE_CURRENT_LIST_DIR}/armhf-root --path
 if(NOT armhf_root OR NOT EXISTS ${armhf_root})
     message(FATAL_ERROR "The Debian 11 root for 32-bit ARM is missing: run scripts/bootstrap --armhf")
 endif()
+# What was found and built in the last one is of no use with another one.
+if(DEFINED CACHE{CAMGATE_ARMHF_ROOT} AND NOT CAMGATE_ARMHF_ROOT STREQUAL armhf_root)
+    message(FATAL_ERROR "The root for 32-bit ARM has changed since the last configuration: run cmake --fresh "
+        "--preset armhf")
+endif()
+set(CAMGATE_ARMHF_ROOT ${armhf_root} CACHE INTERNAL "The folder that scripts/armhf-root made")
 # The folder's name follows from these files.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
     ${CMAKE_CURRENT_LIST_DIR}/armhf-root ${CMAKE_CURRENT_LIST_DIR}/armhf-packages.lock)

@@ -6,9 +6,10 @@
 """
 
 from simulator.camera import Camera, build_folder
+from simulator.errors import CameraError
 from simulator.http import NEVER, Close, Request, Reset, Response, Send, Wait, trickle
 from simulator.journal import Event, Journal
-from simulator.sandbox import CameraError, Sandbox
+from simulator.sandbox import Sandbox
 from simulator.service import LogRecord
 
 __all__ = ["NEVER", "Camera", "CameraError", "Close", "Event", "Journal", "LogRecord", "Request", "Reset", "Response",

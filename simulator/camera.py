@@ -10,12 +10,13 @@ from types import TracebackType
 from typing import TypeVar
 
 from simulator.client import Client
+from simulator.errors import CameraError
 from simulator.events import EventPublisher
 from simulator.face_library import FaceLibrary
 from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
 from simulator.platform import Platform
-from simulator.sandbox import CameraError, Sandbox
+from simulator.sandbox import Sandbox
 from simulator.service import LogRecord, Service
 
 T = TypeVar("T")

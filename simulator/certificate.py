@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from simulator.sandbox import CameraError
+from simulator.errors import CameraError
 
 VERSIONS = {"1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
 

@@ -13,9 +13,9 @@ from typing import NoReturn
 from simulator.camera import Camera, build_folder
 from simulator.describe import describe_notification
 from simulator.display import Display
+from simulator.errors import CameraError
 from simulator.itgt import IMPORTED
 from simulator.journal import Event
-from simulator.sandbox import CameraError
 
 _RING_BUFFER = "metadata_servfile26214"
 _PAGE_SIZE = 30

@@ -10,31 +10,33 @@ import tempfile
 from collections.abc import Sequence
 from pathlib import Path
 
+from simulator import emulator
+from simulator.errors import CameraError
+
 # The account that the service switches to, as root: any that is not root's.
 _ACCOUNT_ID = 74
 # Folders of this machine that the sandbox hides behind private ones.
 _HIDDEN = ("/tmp", "/mnt", "/dev")
 
 
-class CameraError(Exception):
-    """The simulated camera cannot do what it was asked; the text says why and, where it helps, what to do."""
-
-
 class Sandbox:
     """Owns one camera's private folder and knows how to run a program inside the sandbox.
 
     The folder lies directly below /tmp, because paths of unix sockets are short. Everything written to the camera's
-    /tmp, /mnt and /dev/shm can be seen and changed from outside through `outside`.
+    /tmp, /mnt and /dev/shm can be seen and changed from outside through `outside`. Shared memory lies below this
+    machine's /dev/shm: older C libraries want a file system in memory there.
     """
 
     def __init__(self) -> None:
         if shutil.which("bwrap") is None:
             raise CameraError("bwrap is not installed; run scripts/bootstrap or: apt-get install bubblewrap")
         self.folder = Path(tempfile.mkdtemp(prefix="cam", dir="/tmp"))
+        self._shared_memory = Path(tempfile.mkdtemp(prefix="cam", dir="/dev/shm"))
+        self._shared_memory.chmod(0o777)
         atexit.register(self.remove)  # for an end before the camera was closed
-        for name in ("tmp", "tmp/.camera", "tmp/mmcblk0", "tmp/mmcblk0/face_basic", "mnt", "mnt/srvfs", "dev",
-                     "dev/shm"):
+        for name in ("tmp", "tmp/.camera", "tmp/mmcblk0", "tmp/mmcblk0/face_basic", "mnt", "mnt/srvfs", "dev"):
             self._make_folder(name)
+        (self.folder / "dev/shm").symlink_to(self._shared_memory)
         self._write_accounts()
 
     def outside(self, path: str) -> Path:
@@ -49,7 +51,7 @@ class Sandbox:
         arguments = ["bwrap", "--die-with-parent", "--unshare-net", "--unshare-pid", "--unshare-ipc",
                      "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc"]
         for name in ("dev/shm", "tmp", "mnt"):
-            arguments += ["--bind", str(self.folder / name), f"/{name}"]
+            arguments += ["--bind", str((self.folder / name).resolve()), f"/{name}"]
         for name in ("etc/passwd", "etc/group"):
             arguments += ["--ro-bind", str(self.folder / name), f"/{name}"]
         for path in dict.fromkeys(path.resolve() for path in visible):
@@ -59,11 +61,15 @@ class Sandbox:
 
     def run(self, program: Sequence[str | Path], timeout: float = 10.0) -> subprocess.CompletedProcess[bytes]:
         """Runs another program of the camera to its end, for example a reader of the ring buffer."""
-        command = [*self.command([Path(program[0]).parent]), *map(str, program)]
+        binary = Path(program[0])
+        words, _ = emulator.process(binary, {})
+        visible = [binary.parent, *emulator.needed_folders(binary)]
+        command = [*self.command(visible), *words, *map(str, program[1:])]
         return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
 
     def remove(self) -> None:
-        shutil.rmtree(self.folder, ignore_errors=True)
+        for folder in (self.folder, self._shared_memory):
+            shutil.rmtree(folder, ignore_errors=True)
         atexit.unregister(self.remove)
 
     def _make_folder(self, name: str) -> None:

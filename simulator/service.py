@@ -16,8 +16,10 @@ from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
+from simulator import emulator
+from simulator.errors import CameraError
 from simulator.journal import Journal
-from simulator.sandbox import CameraError, Sandbox
+from simulator.sandbox import Sandbox
 
 PORTS = (8443, 8444)
 FULL_PORT = 8445
@@ -106,7 +108,8 @@ class Service:
             ours.settimeout(_START_SECONDS)
             self._spawn(theirs)
             theirs.close()
-            ours.send(json.dumps({"argv": [str(self._binary)], "environment": self._service_environment(),
+            argv, environment = emulator.process(self._binary, self._service_environment())
+            ours.send(json.dumps({"argv": argv, "environment": environment,
                                   "ports": PORTS, "full_port": FULL_PORT}).encode())
             sockets = self._receive_sockets(ours)
             self._journal.add(self.name, "started", pid=self.pid)
@@ -164,7 +167,8 @@ class Service:
     def _spawn(self, channel: socket.socket) -> None:
         channel.set_inheritable(True)
         launcher = Path(__file__).with_name("launcher.py").read_text()
-        visible = [self._binary.parent.parent, self._binary.parent, *self._preload, *self._libraries]
+        visible = [self._binary.parent.parent, self._binary.parent, *self._preload, *self._libraries,
+                   *emulator.needed_folders(self._binary)]
         command = [*self._sandbox.command(visible),
                    "/usr/bin/python3", "-I", "-S", "-c", launcher, str(channel.fileno())]
         self._exit_code = None

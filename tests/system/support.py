@@ -3,14 +3,14 @@
 from __future__ import annotations
 
 import os
-import re
 import subprocess
 import threading
 import time
 from collections.abc import Callable
 from pathlib import Path
 
-from simulator import Camera, Event, LogRecord, build_folder
+from simulator import Camera, Event, LogRecord, build_folder, emulator
+from simulator.service import sanitizer_runtimes
 
 _COMMAND_SIDE = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/"
 SUBSYSTEM = _COMMAND_SIDE + "Custom_SubSystem"
@@ -31,9 +31,7 @@ END = "CustomJsonPicDownloadTask End "
 
 def sanitized() -> bool:
     """True for a service built with a sanitizer, whose memory says nothing about the service's own."""
-    listing = subprocess.run(["ldd", str(build_folder() / "bin" / "protocol_process")], capture_output=True, text=True,
-                             check=True).stdout
-    return re.search(r"lib[at]san", listing) is not None
+    return bool(sanitizer_runtimes(build_folder() / "bin" / "protocol_process"))
 
 
 def expect_log(camera: Camera, level: str, path: str, text: str, line: int | None = None, since: int = 0,
@@ -117,7 +115,8 @@ def compiled(folder: Path, source: str) -> Path:
     path = folder / "lib.c"
     path.write_text("#define _GNU_SOURCE\n" + source)
     library = folder / "libtest.so"
-    made = subprocess.run(["gcc", "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", str(library), str(path)],
+    compiler = emulator.compiler(build_folder() / "bin" / "protocol_process")
+    made = subprocess.run([compiler, "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", str(library), str(path)],
                           capture_output=True, text=True, check=False)
     assert made.returncode == 0, made.stderr
     return library

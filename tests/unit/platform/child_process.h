@@ -57,8 +57,8 @@ public:
         }
         close(output[1]);
         close(errors[1]);
-        m_output = output[0];
-        m_errors = errors[0];
+        m_output.descriptor = output[0];
+        m_errors.descriptor = errors[0];
     }
     ~Program()
     {
@@ -66,8 +66,8 @@ public:
             kill(m_process, SIGKILL);
             waitpid(m_process, nullptr, 0);
         }
-        close(m_output);
-        close(m_errors);
+        close(m_output.descriptor);
+        close(m_errors.descriptor);
     }
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
@@ -76,36 +76,39 @@ public:
      */
     std::string line()
     {
-        while (m_text.find('\n') == std::string::npos && readMore(m_output, m_text)) {
+        while (m_output.text.find('\n') == std::string::npos && !m_output.ended && readMore()) {
         }
-        const std::size_t end = m_text.find('\n');
-        const std::string result = m_text.substr(0, end);
-        m_text.erase(0, end == std::string::npos ? end : end + 1);
+        const std::size_t end = m_output.text.find('\n');
+        const std::string result = m_output.text.substr(0, end);
+        m_output.text.erase(0, end == std::string::npos ? end : end + 1);
         return result;
     }
 
     /** Everything of standard output that line() has not taken, up to its end. */
     std::string output()
     {
-        while (readMore(m_output, m_text)) {
+        while (!m_output.ended && readMore()) {
         }
-        return m_text;
+        return m_output.text;
     }
 
     std::string errors()
     {
-        std::string text;
-        while (readMore(m_errors, text)) {
+        while (!m_errors.ended && readMore()) {
         }
-        return text;
+        return m_errors.text;
     }
 
     void signal(int number) const { kill(m_process, number); }
 
-    /** Waits for the end; standard output must have been read or be short. @return the exit code, -1 after a signal */
+    /** Waits for the end. @return the exit code, -1 after a signal or the deadline */
     int exitCode()
     {
         output();
+        errors();
+        if (!m_output.ended || !m_errors.ended) {
+            return -1;
+        }
         int status = -1;
         waitpid(m_process, &status, 0);
         m_process = -1;
@@ -113,23 +116,41 @@ public:
     }
 
 private:
-    static bool readMore(int descriptor, std::string& text)
+    struct Stream
     {
-        pollfd ready{descriptor, POLLIN, 0};
-        if (poll(&ready, 1, DEADLINE_MILLISECONDS) != 1) {
+        int descriptor = -1;
+        bool ended = false;
+        std::string text;
+    };
+
+    /** Takes what either stream has next: a program must never wait for the one that the test is not looking at. */
+    bool readMore()
+    {
+        std::array<pollfd, 2> ready{{{m_output.ended ? -1 : m_output.descriptor, POLLIN, 0},
+                                     {m_errors.ended ? -1 : m_errors.descriptor, POLLIN, 0}}};
+        if (poll(ready.data(), ready.size(), DEADLINE_MILLISECONDS) <= 0) {
             ADD_FAILURE() << "the program is silent for too long";
             return false;
         }
+        take(m_output, ready[0]);
+        take(m_errors, ready[1]);
+        return true;
+    }
+
+    static void take(Stream& stream, const pollfd& ready)
+    {
+        if (ready.revents == 0) {
+            return;
+        }
         std::array<char, 65536> buffer{};
-        const ssize_t length = read(descriptor, buffer.data(), buffer.size());
-        text.append(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-        return length > 0;
+        const ssize_t length = read(stream.descriptor, buffer.data(), buffer.size());
+        stream.text.append(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+        stream.ended = length <= 0;
     }
 
     pid_t m_process = -1;
-    int m_output = -1;
-    int m_errors = -1;
-    std::string m_text;
+    Stream m_output;
+    Stream m_errors;
 };
 
 #endif

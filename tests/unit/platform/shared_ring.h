@@ -7,9 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "srvfs_client.h"
@@ -82,6 +84,19 @@ public:
     }
     std::uint64_t oldest() const { return number<std::uint64_t>(16); }
     std::uint64_t end() const { return number<std::uint64_t>(24); }
+
+    /** Waits until the reader has marked every record as read. @return false if it takes too long */
+    bool waitUntilConsumed() const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (number<std::uint64_t>(32) != end()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::yield();
+        }
+        return true;
+    }
 
     /** The payloads of all records, oldest first. */
     std::vector<std::string> records() const

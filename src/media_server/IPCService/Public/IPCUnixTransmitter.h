@@ -14,7 +14,7 @@ namespace IPCService {
 constexpr int DATAGRAM_SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
 
 /// Binds a socket to a path: removes a stale socket file first, and gives the new one mode 0660 whatever the umask.
-/// @throws Poco::Net::NetException when the path cannot be bound
+/// @throws Poco::IOException when the path cannot be bound
 void bindToPath(Poco::Net::DatagramSocket& socket, const Poco::Net::SocketAddress& address);
 
 /// One unix datagram socket bound to a path. Has no lock: two threads must not both wait for replies on it.
@@ -23,7 +23,7 @@ class IPCUnixTransmitter : public IPCServiceTransmitter
 {
 public:
     /// @param path  socket file to bind, see bindToPath
-    /// @throws Poco::Net::NetException when the path cannot be bound
+    /// @throws Poco::IOException when the path cannot be bound
     explicit IPCUnixTransmitter(const std::string& path);
 
     /// Not offered by unix datagram sockets: logs and returns -1.

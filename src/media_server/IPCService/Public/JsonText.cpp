@@ -1,10 +1,13 @@
 #include "media_server/IPCService/Public/JsonText.h"
 
 #include <Poco/JSON/Array.h>
+#include <Poco/JSON/JSONException.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <utility>
 
 namespace IPCService {
 namespace JsonText {
@@ -17,6 +20,27 @@ using Poco::JSON::Object;
 
 /// Deeper documents are refused: they serve nobody, and each level costs stack in parser, writer and destructor.
 constexpr std::size_t GREATEST_DEPTH = 128;
+
+/// How deep objects and arrays are nested in a text, at most. Brackets inside strings do not count.
+std::size_t greatestDepth(const std::string& text)
+{
+    std::size_t depth = 0;
+    std::size_t greatest = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char character = text[i];
+        if (character == '"') {
+            inString = !inString;
+        } else if (inString) {
+            i += character == '\\' ? 1 : 0;  // whatever is escaped, a quote above all, does not end the string
+        } else if (character == '{' || character == '[') {
+            greatest = std::max(greatest, ++depth);
+        } else if ((character == '}' || character == ']') && depth > 0) {
+            --depth;
+        }
+    }
+    return greatest;
+}
 
 /// Blanks that an object turned into text is indented by.
 constexpr unsigned DEFAULT_BLANKS = 2;
@@ -171,9 +195,11 @@ std::string written(const Var& value, unsigned blanks)
 
 Var parse(const std::string& text)
 {
-    Poco::JSON::Parser parser(new Poco::JSON::ParseHandler(false));
-    parser.setDepth(GREATEST_DEPTH);
-    return parser.parse(text);
+    // The parser has a limit of its own, which not every version obeys.
+    if (greatestDepth(text) > GREATEST_DEPTH) {
+        throw Poco::JSON::JSONException("Maximum depth exceeded");
+    }
+    return Poco::JSON::Parser(new Poco::JSON::ParseHandler(false)).parse(text);
 }
 
 std::string compact(const Var& value)

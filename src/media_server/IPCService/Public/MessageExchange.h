@@ -23,7 +23,7 @@ class MessageExchange
 {
 public:
     /// Waits for the turn and binds the path.
-    /// @throws Poco::Net::NetException when the path cannot be bound
+    /// @throws Poco::IOException when the path cannot be bound
     MessageExchange();
     ~MessageExchange();
     MessageExchange(const MessageExchange&) = delete;

@@ -11,8 +11,6 @@
 #include <memory>
 #include <new>
 
-#include "bounds_checked.h"
-
 namespace IPCService {
 
 namespace {
@@ -44,9 +42,7 @@ WholeFileResult readText(std::FILE* file, std::size_t size, std::string& text)
         return WholeFileResult::AllocationFailed;
     }
     // One byte more than the file, so that the text ends even when the file has no NUL.
-    if (memset_s(buffer.get(), size + 1, 0, size + 1) != 0) {
-        return WholeFileResult::ReadFailed;
-    }
+    buffer[size] = '\0';
     if (std::fread(buffer.get(), 1, size, file) != size) {
         return WholeFileResult::ReadFailed;
     }

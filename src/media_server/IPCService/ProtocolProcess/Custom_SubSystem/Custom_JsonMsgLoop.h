@@ -44,7 +44,7 @@ public:
     ~CustomJsonMsgLoop() override;
 
     /// Binds the command socket. To be called before the loop starts.
-    /// @throws Poco::Net::NetException when the path cannot be bound
+    /// @throws Poco::IOException when the path cannot be bound
     void bind();
 
     /// Ends the loop within its present wait, whatever it waits for. Any thread, at any time.

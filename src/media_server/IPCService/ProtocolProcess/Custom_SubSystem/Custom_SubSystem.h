@@ -23,7 +23,7 @@ class CustomSubSystem : public Poco::Util::Subsystem
 {
 public:
     /// Binds "/tmp/CU".
-    /// @throws Poco::Net::NetException when the path cannot be bound
+    /// @throws Poco::IOException when the path cannot be bound
     CustomSubSystem();
     ~CustomSubSystem() override;
 

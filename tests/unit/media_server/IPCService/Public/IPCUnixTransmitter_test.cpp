@@ -334,6 +334,11 @@ TEST_F(UnixTransmitter, PollWithoutFreeDescriptorFailsAndIsOverAfterwards)
 {
     IPCUnixTransmitter transmitter(folder.file("own"));
     ASSERT_TRUE(UnixSocket().send(folder.file("own"), "text"));
+    // A sanitizer needs descriptors itself where it meets a class for the first time.
+    systemCalls().socketPoll = [] { throw Poco::IOException("first"); };
+    EXPECT_EQ(transmitter.PollRead(0, 0), 0);
+    systemCalls().socketPoll = nullptr;
+    CapturedLog::clear();
     rlimit before = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none = {0, before.rlim_max};

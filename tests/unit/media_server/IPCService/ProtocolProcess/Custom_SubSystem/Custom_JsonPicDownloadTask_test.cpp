@@ -24,7 +24,12 @@ class JsonPicDownloadTaskTest : public DownloadTest
 protected:
     using Task = Poco::AutoPtr<CustomJsonPicDownloadTask>;
 
-    Task makeTask() { return Task(new CustomJsonPicDownloadTask(&m_service.subSystem(), &m_record)); }
+    Task makeTask()
+    {
+        Task task(new CustomJsonPicDownloadTask(&m_service.subSystem(), &m_record));
+        m_tasks.emplace_back(task);
+        return task;
+    }
 
     bool busy() { return m_service.subSystem().isDownloading(); }
 

@@ -89,9 +89,10 @@ protected:
     }
 
     IPCService::MetaDataGW::CustomSubSystem m_subSystem;
-    IPCService::ProtocalProcess::Public_SubProcess m_app;
     Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonMsgLoop> m_loop{
         new IPCService::MetaDataGW::CustomJsonMsgLoop(&m_subSystem)};
+    // Its end waits for the loop and for the downloads, which use what stands before it.
+    IPCService::ProtocalProcess::Public_SubProcess m_app;
     UnixSocket m_client{"/tmp/KH"};
     std::string m_body;
     std::uint32_t m_tag = 0;

@@ -1,6 +1,8 @@
 #ifndef TESTS_UNIT_CUSTOM_SUBSYSTEM_DOWNLOAD_FIXTURE_H
 #define TESTS_UNIT_CUSTOM_SUBSYSTEM_DOWNLOAD_FIXTURE_H
 
+#include <Poco/AutoPtr.h>
+#include <Poco/Task.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -87,6 +89,8 @@ protected:
         return std::filesystem::exists("/tmp/mmcblk0/face_basic/faceLib/" + name);
     }
 
+    /** Tasks of the service that the test holds on to, until the service's end has waited for them. */
+    std::vector<Poco::AutoPtr<Poco::Task>> m_tasks;
     ReadyService m_service;
     TlsServer::Script m_platformScript = always(httpAnswer("the page"));
     TlsServer m_platform{
