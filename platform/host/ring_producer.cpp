@@ -98,7 +98,7 @@ void RingProducer::makeRoom(std::uint64_t span)
         // Anybody may have written over the length: where it leads out of the ring, all records go.
         m_oldest = dropped > m_end - m_oldest ? m_end : m_oldest + dropped;
     }
-    header().oldest.store(m_oldest, std::memory_order_relaxed);
+    header().oldest.store(m_oldest, std::memory_order_release);
 }
 
 RingHeader& RingProducer::header() const

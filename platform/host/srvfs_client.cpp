@@ -12,6 +12,7 @@
 
 #include <errno.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -36,6 +37,15 @@ struct ClientState
 static_assert(sizeof(ClientState) <= SRVFS_CLIENT_STATE_SIZE);
 static_assert(std::is_standard_layout_v<ClientState> && alignof(ClientState) <= alignof(std::max_align_t));
 
+/** What stands before each block of srvfs_calloc. */
+struct alignas(std::max_align_t) Block
+{
+    Block* next;
+};
+
+/** All blocks. The framework's memory lives as long as the process: a leak checker is to see that it is still held. */
+std::atomic<Block*> g_blocks{nullptr};
+
 ClientState* openedState(void* handle)
 {
     ClientState* const state = static_cast<ClientState*>(handle);
@@ -47,7 +57,17 @@ ClientState* openedState(void* handle)
 void* srvfs_calloc(size_t count, size_t size)
 {
     size_t bytes = 0;
-    return __builtin_mul_overflow(count, size, &bytes) ? nullptr : std::calloc(count, size);
+    if (__builtin_mul_overflow(count, size, &bytes) || __builtin_add_overflow(bytes, sizeof(Block), &bytes)) {
+        return nullptr;
+    }
+    auto* const block = static_cast<Block*>(std::calloc(1, bytes));
+    if (block == nullptr) {
+        return nullptr;
+    }
+    block->next = g_blocks.load(std::memory_order_relaxed);
+    while (!g_blocks.compare_exchange_weak(block->next, block, std::memory_order_release)) {
+    }
+    return block + 1;
 }
 
 /** Opening a handle that is open already closes what it had. */

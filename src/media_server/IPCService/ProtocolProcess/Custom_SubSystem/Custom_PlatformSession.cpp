@@ -144,8 +144,17 @@ public:
         }
     }
 
-    /// True when the peer closed the connection while more was to be read.
-    bool peerClosed() const { return m_pSocket && m_pSocket->peerClosed(); }
+    /// True when a chunked body broke off. The library takes a closed connection and a size that is no number for the
+    /// end of the body; behind a real end stands nothing but trailers.
+    bool chunksBrokeOff()
+    {
+        std::string line;
+        while (buffered() > 0 && (line.empty() || line.back() != '\n')) {
+            line += static_cast<char>(get());
+        }
+        const bool isTrailer = line == "\r\n" || line.find(':') != std::string::npos;
+        return m_pSocket->peerClosed() || !(line.empty() || isTrailer);
+    }
 
 protected:
     void connect(const Poco::Net::SocketAddress& address) override
@@ -165,7 +174,7 @@ private:
 };
 
 /// A connection that ends early looks to the library like the end of the body.
-bool isCutOff(const Poco::Net::HTTPResponse& response, const std::string& text, bool peerClosed)
+bool isCutOff(PlatformSession& session, const Poco::Net::HTTPResponse& response, const std::string& text)
 {
     using Poco::Net::HTTPResponse;
     const auto status = response.getStatus();
@@ -173,7 +182,7 @@ bool isCutOff(const Poco::Net::HTTPResponse& response, const std::string& text, 
         return false;
     }
     if (response.getChunkedTransferEncoding()) {
-        return peerClosed;
+        return session.chunksBrokeOff();
     }
     return response.hasContentLength() && static_cast<Poco::Int64>(text.size()) < response.getContentLength64();
 }
@@ -200,7 +209,7 @@ std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poc
     std::string text;
     Poco::StreamCopier::copyToString(responseStream, text, COPY_BUFFER_SIZE);
     session.rethrowFailure();
-    if (isCutOff(response, text, session.peerClosed())) {
+    if (isCutOff(session, response, text)) {
         throw Poco::Net::MessageException("response ends before its end");
     }
     return text;

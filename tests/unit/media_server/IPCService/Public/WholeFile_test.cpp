@@ -125,14 +125,6 @@ TEST_F(WholeFile, ExhaustedMemoryIsAFailure)
     EXPECT_EQ(text, std::string(1000, 'x'));
 }
 
-TEST_F(WholeFile, FailedClearingIsAFailure)
-{
-    const std::string path = folder.write("f", "text");
-    systemCalls().memsetFails = true;
-    EXPECT_EQ(read(path), WholeFileResult::ReadFailed);
-    EXPECT_EQ(text, "before");
-}
-
 TEST_F(WholeFile, NoDescriptorStaysOpen)
 {
     const std::string path = folder.write("f", "text");
