@@ -37,9 +37,10 @@ struct ClientState
 static_assert(sizeof(ClientState) <= SRVFS_CLIENT_STATE_SIZE);
 static_assert(std::is_standard_layout_v<ClientState> && alignof(ClientState) <= alignof(std::max_align_t));
 
-/** What stands before each block of srvfs_calloc. */
-struct alignas(std::max_align_t) Block
+/** One block of srvfs_calloc. */
+struct Block
 {
+    void* memory;
     Block* next;
 };
 
@@ -56,18 +57,18 @@ ClientState* openedState(void* handle)
 
 void* srvfs_calloc(size_t count, size_t size)
 {
-    size_t bytes = 0;
-    if (__builtin_mul_overflow(count, size, &bytes) || __builtin_add_overflow(bytes, sizeof(Block), &bytes)) {
+    void* const memory = std::calloc(count, size);
+    auto* const block = static_cast<Block*>(std::calloc(1, sizeof(Block)));
+    if (memory == nullptr || block == nullptr) {
+        std::free(memory);
+        std::free(block);
         return nullptr;
     }
-    auto* const block = static_cast<Block*>(std::calloc(1, bytes));
-    if (block == nullptr) {
-        return nullptr;
-    }
+    block->memory = memory;
     block->next = g_blocks.load(std::memory_order_relaxed);
     while (!g_blocks.compare_exchange_weak(block->next, block, std::memory_order_release)) {
     }
-    return block + 1;
+    return memory;
 }
 
 /** Opening a handle that is open already closes what it had. */

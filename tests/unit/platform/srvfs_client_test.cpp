@@ -23,7 +23,6 @@ TEST(SrvfsCalloc, GivesZeroedMemory)
     auto* const bytes = static_cast<unsigned char*>(srvfs_calloc(3, 100));
     ASSERT_NE(bytes, nullptr);
     EXPECT_TRUE(std::all_of(bytes, bytes + 300, [](unsigned char byte) { return byte == 0; }));
-    std::free(bytes);
 }
 
 TEST(SrvfsCalloc, RefusesASizeThatOverflows)
