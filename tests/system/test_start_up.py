@@ -60,7 +60,7 @@ def test_missing_cache_node_is_not_noticed_at_start(start_camera: StartCamera) -
     camera.events.cache_folder.rmdir()
     camera.start_service()
     expect_log(camera, "DEBUG", EVENT_CACHE, "[LogCommon]:open cache fd is -1")
-    assert len(camera.events.subscriptions) == 1
+    camera.wait_until(lambda: len(camera.events.subscriptions) == 1)
     expect_working(camera)
 
 

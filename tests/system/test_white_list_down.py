@@ -12,6 +12,7 @@ ADDRESS = "ServerIp:{}  ServerPort:{} ServerUri:{} ResultUri:{}"
 
 def test_arguments_are_logged_in_order_and_the_addresses_after_them(camera: Camera) -> None:
     download(camera, 0)
+    camera.wait_for_log("SendJsonMsg head: 280 body :24.")
     lines = [(record.level, record.text) for record in camera.service.log if record.path == LOOP]
     assert lines[2:-1] == [("INFO", text) for text in (
         "cameraCode:C1", "taskID:T1", "totalNum:0", "sqbh:S1", "datatime:D1", "securityCode:K1",
