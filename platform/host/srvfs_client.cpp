@@ -57,7 +57,12 @@ ClientState* openedState(void* handle)
 
 void* srvfs_calloc(size_t count, size_t size)
 {
-    void* const memory = std::calloc(count, size);
+    // The sanitizers' calloc ends the process where the C library's refuses.
+    size_t bytes = 0;
+    if (__builtin_mul_overflow(count, size, &bytes)) {
+        return nullptr;
+    }
+    void* const memory = std::calloc(1, bytes);
     auto* const block = static_cast<Block*>(std::calloc(1, sizeof(Block)));
     if (memory == nullptr || block == nullptr) {
         std::free(memory);
