@@ -43,9 +43,16 @@ def expect_log(camera: Camera, level: str, path: str, text: str, line: int | Non
     return record
 
 
+def records(camera: Camera, path: str | None = None) -> list[LogRecord]:
+    """The log so far, or that of one source path. A reply overtakes its own record: that is waited for."""
+    camera.wait_until(lambda: sum(record.text.startswith("SendJsonMsg head") for record in list(camera.service.log))
+                      >= len(camera.client.replies))
+    return [record for record in list(camera.service.log) if path in (None, record.path)]
+
+
 def texts(camera: Camera, path: str | None = None) -> list[str]:
     """The texts of the log so far, or of one source path."""
-    return [record.text for record in camera.service.log if path in (None, record.path)]
+    return [record.text for record in records(camera, path)]
 
 
 def count_text(camera: Camera, text: str) -> int:

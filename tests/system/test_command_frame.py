@@ -10,7 +10,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import LOOP, expect_log, expect_working, texts
+from support import LOOP, expect_log, expect_working, records, texts
 
 StartCamera = Callable[..., Camera]
 
@@ -124,7 +124,7 @@ UNDECODABLE = {
 def test_undecodable_body_is_logged_and_answered_400(camera: Camera, body: bytes) -> None:
     assert camera.client.wait_reply(camera.client.send_body(body)).status == 400
     camera.wait_for_log("SendJsonMsg head: 280 body :24.")
-    error, note, reply = [record for record in camera.service.log if record.path == LOOP]
+    error, note, reply = records(camera, LOOP)
     assert (error.level, error.text[:16], error.text[-1]) == ("ERROR", "PUBLIC_JSON Err ", " ")
     assert len(error.text) > 20
     assert (note.level, note.text) == ("INFO", "GetJsonMsgInfo err:.")

@@ -10,7 +10,7 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.face_library import face_list
-from support import LOOP, TRANSMITTER, count_text, expect_log, expect_working, received, texts
+from support import LOOP, TRANSMITTER, count_text, expect_log, expect_working, received, records, texts
 
 CONFIGURATION = "/tmp/mmcblk0/face_basic/facelists.json"
 
@@ -32,7 +32,7 @@ def request(subtype: int, command: int, payload: bytes = b"") -> bytes:
 def expect_failure_after_the_reply(camera: Camera, text: str, line: int) -> None:
     """The error record with its line, and after the record of the reply."""
     error = expect_log(camera, "ERROR", LOOP, text, line)
-    lines = [record for record in camera.service.log if record.path == LOOP]
+    lines = records(camera, LOOP)
     assert lines[lines.index(error) - 1].text == "SendJsonMsg head: 280 body :24."
     expect_working(camera)
 
@@ -53,7 +53,7 @@ def test_one_set_request_for_each_list_byte_for_byte(camera: Camera) -> None:
 
 def test_command_is_logged_with_its_lines(camera: Camera) -> None:
     clear(camera)
-    lines = [(record.level, record.line, record.text) for record in camera.service.log if record.path == LOOP]
+    lines = [(record.level, record.line, record.text) for record in records(camera, LOOP)]
     assert lines[2:6] == [
         ("INFO", 290, "cameraCode:C1"), ("INFO", 306, f" [Custom] download picture file {CONFIGURATION}."),
         ("INFO", 407, "CMD_ALARM_FACE_LIB_SET TaskID:1 FaceListName Staff"),

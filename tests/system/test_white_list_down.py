@@ -5,15 +5,14 @@ from __future__ import annotations
 import pytest
 
 from simulator import Camera, Response
-from support import BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, texts, wait_end
+from support import BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records, texts, wait_end
 
 ADDRESS = "ServerIp:{}  ServerPort:{} ServerUri:{} ResultUri:{}"
 
 
 def test_arguments_are_logged_in_order_and_the_addresses_after_them(camera: Camera) -> None:
     download(camera, 0)
-    camera.wait_for_log("SendJsonMsg head: 280 body :24.")
-    lines = [(record.level, record.text) for record in camera.service.log if record.path == LOOP]
+    lines = [(record.level, record.text) for record in records(camera, LOOP)]
     assert lines[2:-1] == [("INFO", text) for text in (
         "cameraCode:C1", "taskID:T1", "totalNum:0", "sqbh:S1", "datatime:D1", "securityCode:K1",
         "taskURL:https://127.0.0.1:8443/platform/whiteList",
