@@ -5,7 +5,8 @@ from __future__ import annotations
 import pytest
 
 from simulator import Camera, Response
-from support import BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records, texts, wait_end
+from support import (BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records, texts,
+                     wait_end)
 
 ADDRESS = "ServerIp:{}  ServerPort:{} ServerUri:{} ResultUri:{}"
 
