@@ -4,10 +4,14 @@
 
 namespace IPCService {
 
-std::string exceptionText(const std::exception& exc)
+std::string exceptionText(const std::exception& exc) noexcept
 {
-    const auto* pException = dynamic_cast<const Poco::Exception*>(&exc);
-    return pException != nullptr ? pException->displayText() : exc.what();
+    try {
+        const auto* pException = dynamic_cast<const Poco::Exception*>(&exc);
+        return pException != nullptr ? pException->displayText() : exc.what();
+    } catch (const std::exception&) {
+        return "out of memory";  // short enough to need none
+    }
 }
 
 }  // namespace IPCService

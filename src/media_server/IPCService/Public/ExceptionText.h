@@ -6,8 +6,9 @@
 
 namespace IPCService {
 
-/// What an exception says: the display text of the framework's own, what() of any other.
-std::string exceptionText(const std::exception& exc);
+/// What an exception says: the display text of the framework's own, what() of any other. Throws nothing itself, so
+/// that handlers can use it when memory is short.
+std::string exceptionText(const std::exception& exc) noexcept;
 
 }  // namespace IPCService
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <mutex>
 
 #include "media_server/IPCService/Public/Interruption.h"
 
@@ -15,33 +16,39 @@ namespace {
 
 constexpr std::chrono::milliseconds LONGEST_TURN(5000);
 
-/// A counting event descriptor that holds 1 while the turn is free: unlike a mutex it can be waited for together with
-/// an interruption. Opened before anything can use up the descriptors, and kept for the life of the process.
-const int turnDescriptor = ::eventfd(1, EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC);
+/// Who has the turn, of all threads; null: nobody. Under turnMutex.
+const void* turnOwner = nullptr;
+std::mutex turnMutex;
 
-bool tryTakeTurn()
-{
-    std::uint64_t count = 0;
-    return ::read(turnDescriptor, &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
-}
+/// Becomes readable when the turn is passed on: unlike a condition it can be waited for together with an interruption.
+/// Opened before anything can use up the descriptors, and kept for the life of the process.
+const int turnPassed = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 
-/// @return false when the turn was not to be had in time
-bool takeTurn()
+/// @param isOverdue  whether the present owner has had its time
+bool tryTakeTurn(const void* owner, bool isOverdue)
 {
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + LONGEST_TURN;
-    while (!tryTakeTurn()) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0 || !Interruption::wait(turnDescriptor, POLLIN, static_cast<long>(left.count()))) {
-            return false;
-        }
+    const std::lock_guard<std::mutex> lock(turnMutex);
+    if (turnOwner != nullptr && !isOverdue) {
+        return false;
     }
+    turnOwner = owner;
     return true;
 }
 
 }  // namespace
 
-MessageExchange::Turn::Turn() : m_bOwned(takeTurn()) {}
+MessageExchange::Turn::Turn()
+{
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + LONGEST_TURN;
+    bool isOverdue = false;
+    while (!tryTakeTurn(this, isOverdue)) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        isOverdue = left.count() <= 0 || !Interruption::wait(turnPassed, POLLIN, static_cast<long>(left.count()));
+        std::uint64_t passes = 0;
+        (void)!::read(turnPassed, &passes, sizeof(passes));
+    }
+}
 
 MessageExchange::Turn::~Turn()
 {
@@ -50,10 +57,11 @@ MessageExchange::Turn::~Turn()
 
 void MessageExchange::Turn::pass() noexcept
 {
-    if (m_bOwned) {
+    const std::lock_guard<std::mutex> lock(turnMutex);
+    if (turnOwner == this) {
+        turnOwner = nullptr;
         const std::uint64_t one = 1;
-        (void)!::write(turnDescriptor, &one, sizeof(one));
-        m_bOwned = false;
+        (void)!::write(turnPassed, &one, sizeof(one));
     }
 }
 

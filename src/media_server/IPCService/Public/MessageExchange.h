@@ -44,7 +44,7 @@ public:
     void finish();
 
 private:
-    /// This process's one turn, held from construction until the exchange is over.
+    /// This process's one turn, held from construction until the exchange is over, or until another took it.
     class Turn
     {
     public:
@@ -53,9 +53,6 @@ private:
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
         void pass() noexcept;
-
-    private:
-        bool m_bOwned;
     };
 
     Turn m_turn;  // first: the turn is taken before the path, and passed on after the socket is closed

@@ -61,7 +61,7 @@ struct MsgNumber
 
     static void set(MSG_DATA& message, Value value)
     {
-        std::memcpy(reinterpret_cast<char*>(&message) + Offset, &value, sizeof(value));
+        memcpy_s(reinterpret_cast<char*>(&message) + Offset, sizeof(message) - Offset, &value, sizeof(value));
     }
 };
 

@@ -37,6 +37,9 @@ File openForReading(const std::string& path)
 
 WholeFileResult readText(std::FILE* file, std::size_t size, std::string& text)
 {
+    if (size == std::numeric_limits<std::size_t>::max()) {
+        return WholeFileResult::AllocationFailed;  // no room for the end of the text on a 32-bit machine
+    }
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[size + 1]);
     if (!buffer) {
         return WholeFileResult::AllocationFailed;

@@ -37,6 +37,10 @@ bool openNode(const char* path, int& descriptor)
 /// @return false when the mapping cannot hold the data it claims
 bool locateData(char* mapping, std::uint32_t mappedLength, EventCacheBufData& data)
 {
+    if (mappedLength < sizeof(BlockHeader)) {
+        UTILS_LOG(UTILS_LOG_ERROR, "[%s]:buffer length %u is too short", UTILS_LOG_TAG, mappedLength);
+        return false;
+    }
     BlockHeader header;
     std::memcpy(&header, mapping, sizeof(header));
     const std::uint32_t room = mappedLength - static_cast<std::uint32_t>(sizeof(header));
@@ -97,10 +101,6 @@ bool findDescriptor(const unsigned char* notification, std::size_t size, std::si
         return false;
     }
     std::memcpy(&descriptor, notification + offset, sizeof(descriptor));
-    if (descriptor.length < sizeof(BlockHeader)) {
-        UTILS_LOG(UTILS_LOG_ERROR, "[%s]:buffer length %u is too short", UTILS_LOG_TAG, descriptor.length);
-        return false;
-    }
     return true;
 }
 

@@ -1,10 +1,10 @@
-#include <Poco/Ascii.h>
 #include <Poco/AutoPtr.h>
 #include <Poco/Dynamic/Var.h>
 #include <Poco/Exception.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/URI.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 
@@ -24,8 +24,8 @@ using Poco::JSON::Object;
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
 
-/// What stands for itself in a URL's path, besides letters and digits.
-constexpr char PATH_CHARACTERS[] = "-._~!$&'()*+,;=:@/";
+/// What would mean something else in a request's path when it is not escaped.
+constexpr char MEANINGFUL_IN_PATH[] = "%?#";
 
 /// A member that must be a JSON string.
 /// @throws Poco::Exception when it is absent or something else
@@ -42,26 +42,27 @@ std::uint32_t numberArgument(const Object& info, const char* key)
     return value.isEmpty() ? value.extract<Poco::UInt32>() : value.convert<Poco::UInt32>();
 }
 
-/// A URL's path as it stands in a request line: what is no part of a path, blanks and line ends above all, is escaped.
-std::string requestPath(const Poco::URI& url)
+/// A URL's path without its escapes, but for those that keep its meaning.
+std::string pathOf(const Poco::URI& url)
 {
     std::string path;
     for (const char character : url.getPath()) {
-        if (Poco::Ascii::isAlphaNumeric(character) ||
-            (character != '\0' && std::strchr(PATH_CHARACTERS, character) != nullptr)) {
-            path += character;
+        if (character != '\0' && std::strchr(MEANINGFUL_IN_PATH, character) != nullptr) {
+            path += '%' + Poco::NumberFormatter::formatHex(static_cast<unsigned char>(character), 2);
         } else {
-            path += '%';
-            Poco::NumberFormatter::appendHex(path, static_cast<unsigned>(static_cast<unsigned char>(character)), 2);
+            path += character;
         }
     }
     return path;
 }
 
-/// @throws Poco::URISyntaxException when the URL does not say which server it means
+/// @throws Poco::URISyntaxException when the URL names no server, or one that would break the request's Host header
 void requireServer(const Poco::URI& url)
 {
-    if (url.getHost().empty() || url.getPort() == 0) {
+    const std::string& host = url.getHost();
+    const bool isText =
+        std::all_of(host.begin(), host.end(), [](unsigned char byte) { return byte > ' ' && byte != 0x7F; });
+    if (host.empty() || !isText || url.getPort() == 0) {
         throw Poco::URISyntaxException("URL without host or port", url.toString());
     }
 }
@@ -92,9 +93,9 @@ DownloadTaskParam readArguments(const Object& info)
     requireServer(taskUrl);
     param.ServerIp = taskUrl.getHost();
     param.ServerPort = taskUrl.getPort();
-    param.ServerUri = requestPath(taskUrl);
+    param.ServerUri = pathOf(taskUrl);
     // Results go to the server of the task, whatever server the result URL names.
-    param.ResultUri = requestPath(resultUrl);
+    param.ResultUri = pathOf(resultUrl);
     return param;
 }
 

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <exception>
-#include <vector>
+#include <iterator>
+#include <memory>
+#include <new>
 
 #include "bounds_checked.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_CommandHead.h"
@@ -35,12 +37,15 @@ constexpr unsigned REPLY_BLANKS = 2;
 const std::string taskName = "taskName";
 const std::string taskInfo = "taskInfo";
 
+/// What every socket path of the camera, and so every head, begins with. No JSON text does.
+constexpr char HEAD_BEGIN[] = {'/', 't', 'm', 'p', '/'};
+
 /// True when a datagram that should be a body is the next head instead: it has the size of a head, not the one that
-/// was announced, and begins with a socket path or an empty one, as no JSON text does.
-bool isHead(int size, char first, std::uint32_t announcedLength)
+/// was announced, and begins like one.
+bool isHead(int size, const char (&begin)[sizeof(HEAD_BEGIN)], std::uint32_t announcedLength)
 {
     return size == static_cast<int>(sizeof(CommandHead)) && announcedLength != sizeof(CommandHead) &&
-           (first == '/' || first == '\0');
+           std::equal(std::begin(begin), std::end(begin), HEAD_BEGIN);
 }
 
 /// The command's name as text.
@@ -136,13 +141,29 @@ int CustomJsonMsgLoop::receiveDatagram(void* buffer, std::size_t length, int fla
     }
 }
 
-std::string CustomJsonMsgLoop::receiveBody(std::size_t length)
+bool CustomJsonMsgLoop::receiveBody(std::uint32_t announcedLength, std::string& body)
 {
-    std::vector<char> buffer(length + 1);
-    for (int attempt = 1; receiveDatagram(buffer.data(), length, 0) < 0 && attempt < RECEIVE_ATTEMPTS; ++attempt) {
-        Interruption::sleep(RECEIVE_PAUSE);
+    char begin[sizeof(HEAD_BEGIN)] = {};
+    const int size = receiveDatagram(begin, sizeof(begin), MSG_PEEK | MSG_TRUNC);
+    if (size < 0) {
+        return false;
     }
-    return std::string(buffer.data());
+    if (isHead(size, begin, announcedLength)) {
+        // The next command: its client lost this one's body, and must not lose every later command with it.
+        return true;
+    }
+    // The length is the client's word and may be anything; memory follows the datagram that is really there.
+    const auto length = std::min<std::size_t>(announcedLength, static_cast<std::size_t>(size));
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[length + 1]());
+    if (!buffer) {
+        receiveDatagram(begin, 0, 0);  // taken all the same, so that the next command begins with its head
+        throw std::bad_alloc();
+    }
+    if (receiveDatagram(buffer.get(), length, 0) < 0) {
+        return false;
+    }
+    body.assign(buffer.get());
+    return true;
 }
 
 void CustomJsonMsgLoop::RecvJsonMsg(std::string& body, std::uint32_t& tag)
@@ -155,14 +176,9 @@ void CustomJsonMsgLoop::RecvJsonMsg(std::string& body, std::uint32_t& tag)
         return;
     }
     tag = head.tag;
-    char first = '\0';
-    const int size = receiveDatagram(&first, sizeof(first), MSG_PEEK | MSG_TRUNC);
-    if (isHead(size, first, head.bodyLength)) {
-        // The next command: its client lost this one's body, and must not lose every later command with it.
-        return;
+    for (int attempt = 1; !receiveBody(head.bodyLength, body) && attempt < RECEIVE_ATTEMPTS; ++attempt) {
+        Interruption::sleep(RECEIVE_PAUSE);
     }
-    // The length is the client's word and may be anything; memory follows the datagram that is really there.
-    body = receiveBody(std::min<std::size_t>(head.bodyLength, static_cast<std::size_t>(std::max(size, 0))));
 }
 
 bool CustomJsonMsgLoop::GetJsonMsgInfo(const std::string& body, Var& cmd, Object::Ptr& info)

@@ -91,8 +91,11 @@ private:
     /// Waits for one datagram. @return its bytes, as recv counts them with these flags; -1 after a failure, logged
     int receiveDatagram(void* buffer, std::size_t length, int flags);
 
-    /// Receives the datagram behind a head, cut to length bytes. @return its text up to its first NUL
-    std::string receiveBody(std::size_t length);
+    /// Tries once to receive the datagram behind a head.
+    /// @param announcedLength  bytes that the head announced; a longer datagram is cut
+    /// @param body             set to its text up to its first NUL; left as it is when the body is missing
+    /// @return false after a failure, which is logged
+    bool receiveBody(std::uint32_t announcedLength, std::string& body);
 
     void serveCommand();
     void dispatch(const Poco::Dynamic::Var& cmd, Poco::JSON::Object::Ptr& info, std::uint32_t& tag);

@@ -10,6 +10,7 @@
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SecureStreamSocketImpl.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/NumberFormatter.h>
 #include <Poco/StreamCopier.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -71,14 +72,14 @@ public:
         if (const int failure = socketError()) {
             SocketImpl::error(failure, address.toString());
         }
-        complete(deadline, [this] { return completeHandshake(); });
+        complete(&deadline, [this] { return completeHandshake(); });
         m_sendDeadline = Deadline();
     }
 
     /// One request is sent over the socket, right after the handshake: all of it has to leave in time.
     int sendBytes(const void* buffer, int length, int flags) override
     {
-        return complete(m_sendDeadline, [&] { return SecureStreamSocketImpl::sendBytes(buffer, length, flags); });
+        return complete(&m_sendDeadline, [&] { return SecureStreamSocketImpl::sendBytes(buffer, length, flags); });
     }
 
     /// A peer that closes without the TLS farewell has closed nevertheless: whether the response was complete shows
@@ -87,7 +88,7 @@ public:
     {
         int count = 0;
         try {
-            count = complete(Deadline(), [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
+            count = complete(nullptr, [&] { return SecureStreamSocketImpl::receiveBytes(buffer, length, flags); });
         } catch (const Poco::Net::SSLConnectionUnexpectedlyClosedException&) {
             count = 0;
         }
@@ -103,15 +104,16 @@ protected:
 
 private:
     /// Repeats a step of the library until it no longer asks to wait for the peer.
+    /// @param pDeadline  for all waits together; null: each wait has its own
     template <typename Step>
-    int complete(const Deadline& deadline, Step step)
+    int complete(const Deadline* pDeadline, Step step)
     {
         for (;;) {
             const int result = step();
             if (result == SecureStreamSocket::ERR_SSL_WANT_READ) {
-                deadline.wait(sockfd(), POLLIN);
+                (pDeadline != nullptr ? *pDeadline : Deadline()).wait(sockfd(), POLLIN);
             } else if (result == SecureStreamSocket::ERR_SSL_WANT_WRITE) {
-                deadline.wait(sockfd(), POLLOUT);
+                (pDeadline != nullptr ? *pDeadline : Deadline()).wait(sockfd(), POLLOUT);
             } else {
                 return result;
             }
@@ -173,12 +175,31 @@ private:
     Poco::AutoPtr<PlatformSocketImpl> m_pSocket;
 };
 
+/// A path as it can stand in a request line: absolute, and with blanks, line ends and whatever is not ASCII escaped.
+std::string requestTarget(const std::string& path)
+{
+    std::string target;
+    if (path.compare(0, 1, "/") != 0) {
+        target += '/';
+    }
+    for (const char character : path) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte > ' ' && byte < 0x7F) {
+            target += character;
+        } else {
+            target += '%' + Poco::NumberFormatter::formatHex(byte, 2);
+        }
+    }
+    return target;
+}
+
 /// A connection that ends early looks to the library like the end of the body.
 bool isCutOff(PlatformSession& session, const Poco::Net::HTTPResponse& response, const std::string& text)
 {
     using Poco::Net::HTTPResponse;
     const auto status = response.getStatus();
-    if (status == HTTPResponse::HTTP_NO_CONTENT || status == HTTPResponse::HTTP_NOT_MODIFIED) {
+    if (status < HTTPResponse::HTTP_OK || status == HTTPResponse::HTTP_NO_CONTENT ||
+        status == HTTPResponse::HTTP_NOT_MODIFIED) {
         return false;
     }
     if (response.getChunkedTransferEncoding()) {
@@ -192,10 +213,7 @@ bool isCutOff(PlatformSession& session, const Poco::Net::HTTPResponse& response,
 std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poco::Net::HTTPRequest& request,
                                  const std::string& body, Poco::Net::HTTPResponse& response)
 {
-    // A URL may come without a path or with a relative one; a request line may not.
-    if (request.getURI().compare(0, 1, "/") != 0) {
-        request.setURI("/" + request.getURI());
-    }
+    request.setURI(requestTarget(request.getURI()));
     PlatformSession session(host, port);
     // A session without keep-alive would rewrite the request's own header.
     session.setKeepAlive(request.getKeepAlive() && request.has(Poco::Net::HTTPMessage::CONNECTION));

@@ -136,6 +136,8 @@ void CustomSubSystem::announceToItgt()
 
 void CustomSubSystem::startCommandLoop(Public_SubProcess& app)
 {
+    // From the bind on, whoever sees the socket may send a stop signal before the wait for it begins.
+    Public_SubProcess::holdStopSignals();
     Poco::AutoPtr<CustomJsonMsgLoop> pLoop(new CustomJsonMsgLoop(this));
     pLoop->bind();
     pLoop->m_pApp = &app;

@@ -52,6 +52,19 @@ Poco::Dynamic::Var parseRecord(const std::string& text)
     }
 }
 
+/// Parses the record in a buffer and releases the buffer, however that ends.
+Poco::Dynamic::Var takeRecord(EventCacheHndl* handle, EventCacheBufData& data)
+{
+    struct Release
+    {
+        EventCacheHndl* handle;
+        EventCacheBufData& data;
+        ~Release() { Utils_EventCacheBufRelease(handle, &data); }
+    };
+    const Release release{handle, data};
+    return parseRecord(textOf(data));
+}
+
 }  // namespace
 
 Public_MetaDataRecvTask::Public_MetaDataRecvTask(EventCacheHndl* handle)
@@ -100,8 +113,7 @@ void Public_MetaDataRecvTask::receiveRecord()
         LOG(Error, "stBufData.nDataLen zero!\n");
         return;
     }
-    const Poco::Dynamic::Var result = parseRecord(textOf(stBufData));
-    Utils_EventCacheBufRelease(m_pstEventCacheHndl, &stBufData);
+    const Poco::Dynamic::Var result = takeRecord(m_pstEventCacheHndl, stBufData);
     if (!result.convert<bool>()) {
         return;
     }

@@ -31,7 +31,7 @@ constexpr long TASK_END_STEP = 2;  // milliseconds
 /// Holds the stop signals back from the calling thread. @return the thread's signal mask before
 sigset_t blockStopSignals()
 {
-    sigset_t stopSignals;
+    sigset_t stopSignals = {};
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGQUIT);
@@ -107,10 +107,15 @@ void Public_SubProcess::startTask(Poco::Task* pTask)
     m_taskManager.start(pTask);
 }
 
+void Public_SubProcess::holdStopSignals()
+{
+    blockStopSignals();
+}
+
 void Public_SubProcess::rethrowStartFailure() const
 {
     if (m_pStartFailure) {
-        m_pStartFailure->rethrow();
+        std::rethrow_exception(m_pStartFailure);
     }
 }
 
@@ -118,8 +123,8 @@ void Public_SubProcess::initialize(Poco::Util::Application& self)
 {
     try {
         startUp(self);
-    } catch (const Poco::Exception& exc) {
-        m_pStartFailure.reset(exc.clone());
+    } catch (...) {
+        m_pStartFailure = std::current_exception();
         logger().setLevel("none");  // the process entry reports it; a framework that does so too would repeat it
         throw;
     }
@@ -146,9 +151,8 @@ void Public_SubProcess::uninitialize()
 
 int Public_SubProcess::main(const std::vector<std::string>& /*args*/)
 {
-    // For good: whoever reads the last line below may send a stop signal before the wait begins, and a second signal
-    // must not cut the stop short.
-    blockStopSignals();
+    // For good: a second signal must not cut the stop short.
+    holdStopSignals();
     captureChildSignal();
     LOG(Information, "waitForTerminationRequest sucess!\n");
     waitForTerminationRequest();

@@ -2,12 +2,11 @@
 #define PROTOCOLPROCESS_PUBLIC_SUBPROCESS_H
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Exception.h>
 #include <Poco/Task.h>
 #include <Poco/TaskManager.h>
 #include <Poco/Util/ServerApplication.h>
 
-#include <memory>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -32,6 +31,10 @@ public:
     /// @throws Poco::Exception when no thread can be had
     void startTask(Poco::Task* pTask);
 
+    /// Keeps the stop signals for main's wait from now on, so that they end the service in order, with its exit code.
+    /// Main thread.
+    static void holdStopSignals();
+
     /// Throws what initialize threw. The framework reports such a failure differently from version to version; the
     /// process entry reports it in one way.
     void rethrowStartFailure() const;
@@ -53,7 +56,7 @@ private:
     Poco::TaskManager m_taskManager;
     Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
     EventCacheHndl m_stEventCacheHndl;
-    std::unique_ptr<Poco::Exception> m_pStartFailure;
+    std::exception_ptr m_pStartFailure;
     int m_exitCode;
 };
 

@@ -238,6 +238,11 @@ TEST(MessageExchange, WhoWaitedFiveSecondsGoesAheadAndTakesThePath)
     EXPECT_LT(stopwatch.elapsed(), milliseconds(8000));
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
     EXPECT_TRUE(second.ends()) << "the reply went elsewhere";
+    {
+        const TurnWait wait;
+        const MessageExchange third;
+        EXPECT_EQ(wait.longest(), 0) << "the stuck exchange lost its turn for good";
+    }
 
     EXPECT_EQ(stuck.result().wait_for(milliseconds(0)), std::future_status::timeout);
     stuck.interrupt();

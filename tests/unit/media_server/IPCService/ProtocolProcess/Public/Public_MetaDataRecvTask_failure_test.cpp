@@ -94,6 +94,7 @@ TEST_F(MetaDataRecvTask, HostileNotificationsDoNotEndIt)
 {
     const Consumer consumer(task->m_notificationCenter);
     start();
+    cache.setBuffer(std::string(55, 'x'));
     cache.notify("x");
     cache.notify(EventCache::head(0, 200, 65535));
     cache.notify(EventCache::notification(55));
