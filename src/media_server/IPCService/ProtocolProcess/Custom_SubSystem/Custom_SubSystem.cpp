@@ -1,6 +1,5 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 
-#include <Poco/AutoPtr.h>
 #include <Poco/Net/AcceptCertificateHandler.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/InvalidCertificateHandler.h>
@@ -138,10 +137,10 @@ void CustomSubSystem::startCommandLoop(Public_SubProcess& app)
 {
     // From the bind on, whoever sees the socket may send a stop signal before the wait for it begins.
     Public_SubProcess::holdStopSignals();
-    Poco::AutoPtr<CustomJsonMsgLoop> pLoop(new CustomJsonMsgLoop(this));
-    pLoop->bind();
-    pLoop->m_pApp = &app;
-    app.startTask(pLoop.duplicate());
+    m_pLoop = new CustomJsonMsgLoop(this);
+    m_pLoop->bind();
+    m_pLoop->m_pApp = &app;
+    app.startTask(m_pLoop.duplicate());
 }
 
 }  // namespace MetaDataGW

@@ -1,6 +1,7 @@
 #ifndef CUSTOM_SUBSYSTEM_CUSTOM_SUBSYSTEM_H
 #define CUSTOM_SUBSYSTEM_CUSTOM_SUBSYSTEM_H
 
+#include <Poco/AutoPtr.h>
 #include <Poco/SharedPtr.h>
 #include <Poco/TaskManager.h>
 #include <Poco/UUID.h>
@@ -16,6 +17,8 @@ namespace ProtocalProcess {
 class Public_SubProcess;
 }
 namespace MetaDataGW {
+
+class CustomJsonMsgLoop;
 
 /// The command side of the service: brings up its message endpoint, the ring buffer, the TLS client settings and the
 /// command loop, and holds what the commands share.
@@ -66,6 +69,10 @@ public:
 private:
     void announceToItgt();
     void startCommandLoop(ProtocalProcess::Public_SubProcess& app);
+
+    /// The command loop, null until it is started. Kept until the subsystem goes, after all tasks have ended: a
+    /// download reads the loop's record, and may begin to when the loop has ended already.
+    Poco::AutoPtr<CustomJsonMsgLoop> m_pLoop;
 };
 
 }  // namespace MetaDataGW
