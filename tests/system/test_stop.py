@@ -12,7 +12,7 @@ from pathlib import Path
 import pytest
 
 from simulator import NEVER, Camera, Event, Response, trickle, wire
-from support import BEGIN, STOP_SECONDS, TASK, expect_log, expect_working, received, wait_stopped
+from support import BEGIN, STOP_SECONDS, TASK, expect_log, expect_working, poll_until, received, wait_stopped
 
 StartCamera = Callable[..., Camera]
 
@@ -239,4 +239,10 @@ def test_stop_with_an_answer_that_is_refused(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, Response(503))
     start_download(camera)
     camera.wait_for_log("DownloadPictureProcess fail.")
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+
+
+def test_stop_as_soon_as_the_command_socket_is_there(start_camera: StartCamera) -> None:
+    camera = start_camera(wait=False)
+    poll_until(camera.path("/tmp/HK").exists)
     assert wait_stopped(camera, signal.SIGTERM) == 0
