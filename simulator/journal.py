@@ -65,6 +65,10 @@ class Journal:
                 listener(event)
         return event
 
+    def locked(self) -> threading.Condition:
+        """`with journal.locked():` keeps every other thread from adding; for a source that several threads drain."""
+        return self._changed
+
     def __len__(self) -> int:
         with self._changed:
             return len(self._events)

@@ -7,6 +7,7 @@ import functools
 import json
 import os
 import re
+import select
 import signal
 import socket
 import struct
@@ -58,7 +59,7 @@ class Service:
 
     pid        process id on this machine while it runs, for signals and /proc
     exit_code  None while it runs; 128 + N when signal N ended it
-    log        every record of its standard error so far
+    log        every record that it has written to its standard error, also those just before its last message
     stderr     standard error as it came
     stdout     standard output as it came; the service is to print nothing
 
@@ -71,7 +72,7 @@ class Service:
     def __init__(self, journal: Journal, sandbox: Sandbox, binary: Path, *, preload: Sequence[Path] = (),
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None) -> None:
         self.pid = 0
-        self.log: list[LogRecord] = []
+        self._log: list[LogRecord] = []
         self._journal = journal
         self._sandbox = sandbox
         self._binary = binary.resolve()
@@ -81,6 +82,7 @@ class Service:
         self._process: subprocess.Popen[bytes] | None = None
         self._readers: list[threading.Thread] = []
         self._output: dict[str, list[bytes]] = {"stdout": [], "stderr": []}
+        self._unfinished_line = b""
         self._exit_code: int | None = None
 
     @property
@@ -89,7 +91,13 @@ class Service:
 
     @property
     def stderr(self) -> bytes:
-        return b"".join(list(self._output["stderr"]))
+        self._take_stderr()
+        return b"".join(self._output["stderr"])
+
+    @property
+    def log(self) -> list[LogRecord]:
+        self._take_stderr()
+        return list(self._log)
 
     @property
     def exit_code(self) -> int | None:
@@ -177,6 +185,8 @@ class Service:
         # Its standard input stays open and empty, so that a service that reads it is seen to hang.
         self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                          stderr=subprocess.PIPE, pass_fds=[channel.fileno()], start_new_session=True)
+        assert self._process.stderr is not None
+        os.set_blocking(self._process.stderr.fileno(), False)
         self._readers = [threading.Thread(target=target, args=(self._process,), name=target.__name__, daemon=True)
                          for target in (self._read_stdout, self._read_stderr)]
         for reader in self._readers:
@@ -209,17 +219,40 @@ class Service:
     def _read_stderr(self, process: subprocess.Popen[bytes]) -> None:
         """Reads the log to its end, which is the end of the service, and then takes its exit code."""
         assert process.stderr is not None
-        with process.stderr as stream:
-            for line in stream:
-                self._output["stderr"].append(line)
-                record = parse_record(line.decode("utf-8", "backslashreplace").rstrip("\n"))
-                self.log.append(record)
-                self._journal.add(self.name, "log", record=record)
+        while select.select([process.stderr], [], []) and self._take_stderr():
+            pass
+        with self._journal.locked():
+            process.stderr.close()
         code = process.wait()
         if process.stdin is not None:
             process.stdin.close()
         self._exit_code = code if code >= 0 else 128 - code
         self._journal.add(self.name, "ended", exit_code=self._exit_code)
+
+    def _take_stderr(self) -> bool:
+        """Takes what stands in the pipe of standard error; False once it has ended. For any thread.
+
+        Whoever looks at the log takes it first: a reply can be faster than the thread that reads the pipe. The
+        journal's lock keeps the lines in order.
+        """
+        with self._journal.locked():
+            stream = self._process.stderr if self._process else None
+            while stream and not stream.closed:
+                try:
+                    data = os.read(stream.fileno(), 65536)
+                except BlockingIOError:
+                    return True
+                self._output["stderr"].append(data)
+                # The end finishes a line that has no line break.
+                lines = (self._unfinished_line + (data or b"\n" * bool(self._unfinished_line))).split(b"\n")
+                self._unfinished_line = lines.pop()
+                for line in lines:
+                    record = parse_record(line.decode("utf-8", "backslashreplace"))
+                    self._log.append(record)
+                    self._journal.add(self.name, "log", record=record)
+                if not data:
+                    break
+            return False
 
 
 @functools.lru_cache

@@ -45,9 +45,9 @@ def expect_log(camera: Camera, level: str, path: str, text: str, line: int | Non
 
 def records(camera: Camera, path: str | None = None) -> list[LogRecord]:
     """The log so far, or that of one source path. A reply overtakes its own record: that is waited for."""
-    camera.wait_until(lambda: sum(record.text.startswith("SendJsonMsg head") for record in list(camera.service.log))
+    camera.wait_until(lambda: sum(record.text.startswith("SendJsonMsg head") for record in camera.service.log)
                       >= len(camera.client.replies))
-    return [record for record in list(camera.service.log) if path in (None, record.path)]
+    return [record for record in camera.service.log if path in (None, record.path)]
 
 
 def texts(camera: Camera, path: str | None = None) -> list[str]:

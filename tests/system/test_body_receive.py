@@ -40,5 +40,5 @@ def test_body_is_received_at_the_third_attempt_at_the_latest(start_camera: Start
     assert camera.client.command("faceNotHitDown", {"a": 1}).status == status
     record = camera.wait_for_log(lambda record: record.text.startswith("receiveBytes fail:"))
     assert (record.level, record.path) == ("ERROR", LOOP)
-    assert sum(line.text.startswith("receiveBytes fail:") for line in list(camera.service.log)) == failures
+    assert sum(line.text.startswith("receiveBytes fail:") for line in camera.service.log) == failures
     expect_working(camera)

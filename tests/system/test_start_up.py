@@ -267,7 +267,7 @@ def test_another_platform_library_takes_the_stand_ins_place_and_sees_module_4_in
     assert camera.client.command("faceNotHitDown", {}).status == 200
     assert camera.client.command("whiteListClear", {"cameraCode": "C"}).status == 200
     assert camera.client.send_body(b"{") and camera.wait_for_log("GetJsonMsgInfo err:.")
-    lines = [record.text.split(",", 6) for record in list(camera.service.log)]
+    lines = [record.text.split(",", 6) for record in camera.service.log]
     assert len(lines) > 50
     assert {(line[0], line[2], line[3]) for line in lines} == {("4", "0", "0")}
     assert {line[1] for line in lines} == {"0", "1", "3"}
