@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -281,10 +282,14 @@ TEST(CameraDevicesDeathTest, OtherRequestsAndDescriptorsGoToTheSystem)
         EXPECT_EQ(ioctl(ends[0], FIONREAD, &waiting), 0);
         EXPECT_EQ(waiting, 3);
         Request request{0, 0, 4, 0};
-        EXPECT_EQ(ioctl(ends[0], MAP_REQUEST, &request), -1);
-        EXPECT_EQ(errno, ENOTTY);
-        EXPECT_EQ(ioctl(-1, MAP_REQUEST, &request), -1);
-        EXPECT_EQ(errno, EBADF);
+        for (const int descriptor : {ends[0], -1}) {
+            // An emulator does not know the request either, and says so in its own way.
+            ASSERT_EQ(syscall(SYS_ioctl, descriptor, MAP_REQUEST, &request), -1);
+            const int fromSystem = errno;
+            errno = 0;
+            EXPECT_EQ(ioctl(descriptor, MAP_REQUEST, &request), -1);
+            EXPECT_EQ(errno, fromSystem);
+        }
         EXPECT_EQ(request.address, 0U);
         EXPECT_EQ(ioctl(open(CACHE_NODE, O_RDWR), FIONREAD, &waiting), -1);
     });

@@ -137,8 +137,9 @@ constexpr std::int64_t MSG_MODULE_FACE = 101;
 inline void setMsgHeader(MSG_DATA& message, const char* destPath, const char* srcPath, std::uint32_t subType,
                          QL_CMD_TYPE command)
 {
-    strncpy_s(message.destPath, sizeof(message.destPath), destPath, sizeof(message.destPath) - 1);
-    strncpy_s(message.srcPath, sizeof(message.srcPath), srcPath, sizeof(message.srcPath) - 1);
+    // The count stays within the text: some releases of the library take a larger one for an overrun of the source.
+    strncpy_s(message.destPath, sizeof(message.destPath), destPath, strnlen(destPath, sizeof(message.destPath) - 1));
+    strncpy_s(message.srcPath, sizeof(message.srcPath), srcPath, strnlen(srcPath, sizeof(message.srcPath) - 1));
     message.subType = subType;
     message.command = command;
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -192,7 +193,10 @@ TEST_F(Buffer, MissingCacheDriverShowsWithTheFirstMapping)
 {
     handle.nCacheFd = -1;
     EXPECT_EQ(get(EventCache::notification(60)), -2);
-    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:ioctl fail errno %d "), "[LogCommon]:ioctl fail errno 9 ");
+    // EBADF, or what an emulator says of a request that it does not know.
+    ASSERT_EQ(::syscall(SYS_ioctl, -1, 0x80100701, &data), -1);
+    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:ioctl fail errno %d "),
+              "[LogCommon]:ioctl fail errno " + std::to_string(errno) + " ");
 }
 
 TEST_F(Buffer, MappingWithoutAddressIsRefused)
@@ -341,8 +345,10 @@ TEST_F(Release, UnmapsTheBufferAndKeepsTheFields)
     const std::string before = bytesOf(data);
 
     EXPECT_EQ(Utils_EventCacheBufRelease(&handle, &data), 0);
-    EXPECT_EQ(::msync(mapping, page, MS_ASYNC), -1);
-    EXPECT_EQ(errno, ENOMEM) << "unmapped";
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    EXPECT_EQ(::write(ends[1], mapping, 1), -1);
+    EXPECT_EQ(errno, EFAULT) << "unmapped";
     EXPECT_EQ(bytesOf(data), before);
     EXPECT_TRUE(CapturedLog::records().empty());
 }

@@ -1,6 +1,6 @@
 /*
  * Under user-mode emulation the machine cannot run the programs that the tests start: they are for another processor.
- * Linked with --wrap=execv, this puts the emulator's words (CAMGATE_EMULATOR, separated by ';') before them.
+ * Linked with --wrap=execv, this puts the emulator's words (CAMGATE_EMULATOR, separated by '|') before them.
  */
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ extern "C" int __wrap_execv(const char* program, char* const arguments[])
 {
     std::vector<std::string> words;
     std::istringstream emulator(CAMGATE_EMULATOR);
-    for (std::string word; std::getline(emulator, word, ';');) {
+    for (std::string word; std::getline(emulator, word, '|');) {
         words.push_back(word);
     }
     // The library is for the program; the emulator itself cannot load it.
