@@ -34,6 +34,16 @@ def sanitized() -> bool:
     return bool(sanitizer_runtimes(build_folder() / "bin" / "protocol_process"))
 
 
+def emulated() -> bool:
+    """True for a service for 32-bit ARM on a machine that is none."""
+    return emulator.is_foreign(build_folder() / "bin" / "protocol_process")
+
+
+def memory_limit(kilobytes: int, with_sanitizers: int) -> int:
+    """How much memory may be, or may have come: sanitizers keep freed memory back, emulators what they translated."""
+    return with_sanitizers if sanitized() else kilobytes + (8_000 if emulated() else 0)
+
+
 def expect_log(camera: Camera, level: str, path: str, text: str, line: int | None = None, since: int = 0,
                timeout: float = 10.0) -> LogRecord:
     """Waits for the first record with exactly this text and holds its level, source path and source line against it."""

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera, wire
-from support import DOWNLOAD, TRANSMITTER, count_text, download, expect_log, received, texts, wait_end
+from support import DOWNLOAD, TRANSMITTER, count_text, download, emulated, expect_log, received, texts, wait_end
 
 FOLDER = b"/tmp/mmcblk0/face_basic/faceLib/"
 FIRST_ID = 4_300_000_001
@@ -163,10 +163,12 @@ def test_only_status_1_means_imported(camera: Camera, status: int) -> None:
 
 
 @pytest.mark.parametrize("current, total", [(0, 0), (-1, 2**63 - 1), (2**40, 2**40)])
-def test_progress_is_logged_as_signed_64_bit_numbers(camera: Camera, current: int, total: int) -> None:
+def test_progress_is_logged_as_signed_numbers_of_the_processor(camera: Camera, current: int, total: int) -> None:
     camera.itgt.script(7021, lambda request: wire.encode_reply(
         request, status=1, current=current, total=total, state_file="/tmp/none"))
     download(camera, 1)
+    if emulated():  # the 32-bit camera logs the low half
+        current, total = (struct.unpack("<i", struct.pack("<q", number)[:4])[0] for number in (current, total))
     expect_log(camera, "INFO", DOWNLOAD, f"Current process is {current} / {total} ")
 
 

@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import LOOP, TASK, count_text, expect_log, expect_working, kilobytes, received, sanitized, wait_end
+from support import LOOP, TASK, count_text, expect_log, expect_working, kilobytes, memory_limit, received, wait_end
 
 StartCamera = Callable[..., Camera]
 
@@ -260,8 +260,8 @@ def test_hundreds_of_commands_leave_memory_as_it_was(camera: Camera) -> None:
     send(100)
     before = kilobytes(camera, "RssAnon")
     send(500)
-    # A leak of one body a command would be 2 MB; the sanitizers keep freed memory back.
-    assert kilobytes(camera, "RssAnon") - before < (400_000 if sanitized() else 1_000)
+    # A leak of one body a command would be 2 MB.
+    assert kilobytes(camera, "RssAnon") - before < memory_limit(1_000, with_sanitizers=400_000)
 
 
 @pytest.mark.parametrize("value", [2**64 + 5, 10**30, -2**63 - 1])

@@ -10,7 +10,8 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import DOWNLOAD, count_text, download, expect_log, expect_working, received, sanitized, kilobytes, wait_end
+from support import (DOWNLOAD, count_text, download, expect_log, expect_working, kilobytes, memory_limit, received,
+                     wait_end)
 
 FIRST_ID = 4_300_000_001
 
@@ -169,4 +170,4 @@ def test_flood_during_an_import_is_survived(camera: Camera) -> None:
     download(camera, 1, timeout=30)
     assert len(camera.platform.reports) == 1
     expect_working(camera)
-    assert kilobytes(camera, "RssAnon") < (1_000_000 if sanitized() else 50_000)
+    assert kilobytes(camera, "RssAnon") < memory_limit(50_000, with_sanitizers=1_000_000)
