@@ -63,7 +63,7 @@ class Service:
     stderr     standard error as it came
     stdout     standard output as it came; the service is to print nothing
 
-    Journal: "started" with `pid`, "log" with `record`, "ended" with `exit_code`.
+    Journal: "starting" a moment before the binary is executed, "started" with `pid`, "log" with `record`, "ended" with `exit_code`.
     `start` must be called on a thread that lives as long as the service: the sandbox dies with it.
     """
 
@@ -202,6 +202,7 @@ class Service:
             elif (level, kind) == (socket.SOL_SOCKET, socket.SCM_CREDENTIALS):
                 self.pid = _CREDENTIALS.unpack(data)[0]
         sockets = [socket.socket(fileno=descriptor) for descriptor in descriptors]
+        self._journal.add(self.name, "starting")
         failure = channel.recv(4096) if answer == b"ports" else answer or b"the sandbox ended at once"
         if failure:
             for one in sockets:

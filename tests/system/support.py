@@ -2,14 +2,13 @@
 
 from __future__ import annotations
 
-import os
 import subprocess
 import threading
 import time
 from collections.abc import Callable
 from pathlib import Path
 
-from simulator import Camera, Event, LogRecord, build_folder, emulator
+from simulator import Camera, Event, LogRecord, build_folder, emulator, process_status
 from simulator.service import sanitizer_runtimes
 
 _COMMAND_SIDE = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/"
@@ -107,24 +106,20 @@ def poll_until(condition: Callable[[], bool], seconds: float = 5.0) -> None:
 
 def status_field(camera: Camera, name: str) -> str:
     """A field of the service's /proc/PID/status."""
-    for line in Path(f"/proc/{camera.service.pid}/status").read_text().splitlines():
-        if line.startswith(f"{name}:"):
-            return line.partition(":")[2].strip()
-    raise AssertionError(f"no field {name} in the service's status")
+    return process_status.status_field(camera.service.pid, name)
 
 
 def kilobytes(camera: Camera, name: str) -> int:
-    """A memory field of /proc/PID/status: VmHWM is the most that ever was in memory, VmRSS what is."""
-    return int(status_field(camera, name).split()[0])
+    """A memory field of the service's /proc/PID/status."""
+    return process_status.kilobytes(camera.service.pid, name)
 
 
 def descriptors(camera: Camera) -> int:
-    """The number of open descriptors of the service."""
-    return len(os.listdir(f"/proc/{camera.service.pid}/fd"))
+    return process_status.descriptors(camera.service.pid)
 
 
 def threads(camera: Camera) -> int:
-    return len(os.listdir(f"/proc/{camera.service.pid}/task"))
+    return process_status.threads(camera.service.pid)
 
 
 def compiled(folder: Path, source: str) -> Path:

@@ -7,6 +7,13 @@
 /// A wait of these tests that takes longer has failed.
 constexpr std::chrono::seconds DEADLINE(20);
 
+/// What an upper bound on time grants beyond the service's own waits: emulated and instrumented code is slow.
+#if defined(__arm__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::chrono::milliseconds SLOWNESS(4000);
+#else
+constexpr std::chrono::milliseconds SLOWNESS(0);
+#endif
+
 /// Waits until a condition holds that some other thread or process brings about.
 /// @return false when it does not hold within the deadline
 template <typename Condition>

@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <istream>
 #include <ostream>
@@ -32,6 +33,7 @@ using Poco::Net::SecureStreamSocketImpl;
 
 constexpr std::chrono::seconds LONGEST_STEP(5);
 constexpr std::size_t COPY_BUFFER_SIZE = 8192;
+constexpr Poco::Int64 LONGEST_RESERVED_BODY = 64 << 20;  // bytes; address space is scarce on 32 bit
 
 /// The time within which a step must end.
 class Deadline
@@ -208,6 +210,15 @@ bool isCutOff(PlatformSession& session, const Poco::Net::HTTPResponse& response,
     return response.hasContentLength() && static_cast<Poco::Int64>(text.size()) < response.getContentLength64();
 }
 
+/// Makes room for the whole body where its length is told: a text that grows is in memory twice while it moves. A told
+/// length costs address space only, until bytes come.
+void reserveBody(std::string& text, const Poco::Net::HTTPResponse& response)
+{
+    if (response.hasContentLength() && response.getContentLength64() <= LONGEST_RESERVED_BODY) {
+        text.reserve(static_cast<std::size_t>(std::max<Poco::Int64>(response.getContentLength64(), 0)));
+    }
+}
+
 }  // namespace
 
 std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poco::Net::HTTPRequest& request,
@@ -225,6 +236,7 @@ std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poc
 
     std::istream& responseStream = session.receiveResponse(response);
     std::string text;
+    reserveBody(text, response);
     Poco::StreamCopier::copyToString(responseStream, text, COPY_BUFFER_SIZE);
     session.rethrowFailure();
     if (isCutOff(session, response, text)) {

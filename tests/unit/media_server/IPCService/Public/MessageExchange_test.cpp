@@ -148,7 +148,7 @@ TEST(MessageExchange, NothingIsWaitedForWhenThePeerIsMissing)
     MSG_DATA message = request(7031);
     const Stopwatch stopwatch;
     EXPECT_EQ(static_cast<std::uint32_t>(exchange.exchange(message)), 7031U);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
     EXPECT_EQ(bytesOf(message), bytesOf(request(7031)));
     EXPECT_EQ(CapturedLog::withFormat("sendTo fail:%s.").size(), 1U);
 }
@@ -169,7 +169,7 @@ TEST(MessageExchange, PathThatCannotBeBoundThrowsAndPassesTheTurnOn)
     ASSERT_EQ(::rmdir(OWN_PATH), 0);
     const Stopwatch stopwatch;
     const MessageExchange next;
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS);
 }
 
 TEST(MessageExchange, SecondThreadWaitsForItsTurn)
@@ -192,7 +192,7 @@ TEST(MessageExchange, SecondThreadWaitsForItsTurn)
     const Stopwatch stopwatch;
     first.reset();
     EXPECT_EQ(numberAt<std::uint32_t>(itgt.receive().value(), 164), 7021U);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000)) << "it was its turn at once";
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS) << "it was its turn at once";
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
     EXPECT_TRUE(second.ends());
 }
@@ -205,7 +205,7 @@ TEST(MessageExchange, FinishPassesTheTurnOnWhileTheSocketLives)
     const Stopwatch stopwatch;
     Exchanging second;
     EXPECT_TRUE(itgt.receive().has_value());
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS);
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
     EXPECT_TRUE(second.ends());
 }
@@ -235,13 +235,13 @@ TEST(MessageExchange, WhoWaitedFiveSecondsGoesAheadAndTakesThePath)
     Exchanging second;
     ASSERT_TRUE(itgt.receive().has_value());
     EXPECT_GE(stopwatch.elapsed(), milliseconds(4900));
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(8000));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(8000) + SLOWNESS);
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
     EXPECT_TRUE(second.ends()) << "the reply went elsewhere";
     {
         const Stopwatch turn;
         const MessageExchange third;
-        EXPECT_LT(turn.elapsed(), milliseconds(4000)) << "the stuck exchange lost its turn for good";
+        EXPECT_LT(turn.elapsed(), milliseconds(4000) + SLOWNESS) << "the stuck exchange lost its turn for good";
     }
 
     EXPECT_EQ(stuck.result().wait_for(milliseconds(0)), std::future_status::timeout);
@@ -264,7 +264,7 @@ TEST(MessageExchange, InterruptWakesASilentExchange)
     const Stopwatch stopwatch;
     exchanging.interrupt();
     EXPECT_THROW(exchanging.result().get(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
 }
 
 TEST(MessageExchange, InterruptWakesWhoWaitsForATurn)
@@ -276,7 +276,7 @@ TEST(MessageExchange, InterruptWakesWhoWaitsForATurn)
     const Stopwatch stopwatch;
     waiting.interrupt();
     EXPECT_THROW(waiting.result().get(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
     EXPECT_FALSE(waiting.hasTurn());
 }
 

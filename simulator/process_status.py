@@ -1,0 +1,50 @@
+"""What the kernel tells of a running process, from /proc."""
+
+from __future__ import annotations
+
+import os
+from pathlib import Path
+
+
+def status_field(pid: int, name: str) -> str:
+    """A field of /proc/PID/status."""
+    return _field(Path(f"/proc/{pid}/status"), name)
+
+
+def kilobytes(pid: int, name: str) -> int:
+    """A memory field of /proc/PID/status: VmHWM is the most that ever was in memory, VmRSS what is."""
+    return int(status_field(pid, name).split()[0])
+
+
+def private_kilobytes(pid: int) -> int:
+    """The memory that the process has written for itself alone.
+
+    Without pages of its files that only happen to be used by no other process at the moment.
+    """
+    return int(_field(Path(f"/proc/{pid}/smaps_rollup"), "Private_Dirty").split()[0])
+
+
+def reset_peak(pid: int) -> None:
+    """Lets VmHWM begin anew at what is in memory now."""
+    Path(f"/proc/{pid}/clear_refs").write_text("5")
+
+
+def threads(pid: int) -> int:
+    return len(os.listdir(f"/proc/{pid}/task"))
+
+
+def descriptors(pid: int) -> int:
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def wake_ups(pid: int) -> int:
+    """How often its threads have waited for something so far."""
+    return sum(int(_field(task / "status", "voluntary_ctxt_switches"))
+               for task in Path(f"/proc/{pid}/task").iterdir())
+
+
+def _field(path: Path, name: str) -> str:
+    for line in path.read_text().splitlines():
+        if line.startswith(f"{name}:"):
+            return line.partition(":")[2].strip()
+    raise ValueError(f"{path} has no {name}")
