@@ -9,6 +9,7 @@ from pathlib import Path
 from types import TracebackType
 from typing import TypeVar
 
+from simulator import emulator
 from simulator.client import Client
 from simulator.errors import CameraError
 from simulator.events import EventPublisher
@@ -17,13 +18,15 @@ from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
 from simulator.platform import Platform
 from simulator.sandbox import Sandbox
-from simulator.service import LogRecord, Service
+from simulator.service import LogRecord, Service, sanitizer_runtimes
 
 T = TypeVar("T")
 
 MARKER = "/tmp/intelligent_ok"
 # The last thing that the service logs when it starts.
 _SERVING = "waitForTerminationRequest sucess!"
+# Emulated and instrumented code takes several times as long.
+_SLOW_PATIENCE = 4.0
 
 
 def build_folder() -> Path:
@@ -68,8 +71,11 @@ class Camera:
         self.platform = Platform(self.journal)
         if preload is None:
             preload = [build_folder() / "lib" / "libcamera_devices.so"]
-        self.service = Service(self.journal, self.sandbox, service or build_folder() / "bin" / "protocol_process",
+        binary = service or build_folder() / "bin" / "protocol_process"
+        self.service = Service(self.journal, self.sandbox, binary,
                                preload=preload, libraries=libraries, environment=environment)
+        if emulator.is_foreign(binary) or sanitizer_runtimes(binary):
+            self.journal.patience = _SLOW_PATIENCE
 
     def __enter__(self) -> Camera:
         try:

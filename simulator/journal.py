@@ -48,9 +48,13 @@ def _short(value: Any) -> str:
 
 
 class Journal:
-    """An append-only list of events. Every method may be called from any thread."""
+    """An append-only list of events. Every method may be called from any thread.
+
+    patience  what every wait's `timeout` is multiplied by, for a service that is slow by nature
+    """
 
     def __init__(self) -> None:
+        self.patience = 1.0
         self._changed = threading.Condition(threading.RLock())
         self._events: list[Event] = []
         self._listeners: list[Callable[[Event], None]] = []
@@ -98,6 +102,7 @@ class Journal:
         `since=len(journal)` taken before an action limits the search to what the action causes.
         Raises TimeoutError after `timeout` seconds.
         """
+        timeout *= self.patience
         deadline = time.monotonic() + timeout
         position = since
         with self._changed:
@@ -113,6 +118,7 @@ class Journal:
 
         Raises TimeoutError after `timeout` seconds.
         """
+        timeout *= self.patience
         deadline = time.monotonic() + timeout
         with self._changed:
             while not (value := condition()):

@@ -96,7 +96,7 @@ def wait_stopped(camera: Camera, number: int, timeout: float = STOP_SECONDS) -> 
     return camera.service.wait(timeout)
 
 
-def poll_until(condition: Callable[[], bool], seconds: float = 5.0) -> None:
+def poll_until(condition: Callable[[], bool], seconds: float = 20.0) -> None:
     """Waits for what no event tells of, such as the state of a process."""
     deadline = time.monotonic() + seconds
     while not condition():
