@@ -2,14 +2,33 @@
 
 The simulator passes this text to the sandbox's Python with -c, so it uses nothing but the standard library. It speaks
 over the inherited socket whose descriptor is its only argument: reads {"argv": [...], "environment": {...},
-"ports": [...], "full_port": n} as JSON, sends back the listening sockets, and closes the socket by becoming the
-service; if that fails it sends the reason instead.
+"ports": [...], "full_port": n, "restrictions": {...}} as JSON, sends back the listening sockets, restricts itself, and
+closes the socket by becoming the service; if that fails it sends the reason instead.
 """
 
+import base64
+import ctypes
 import json
 import os
+import resource
 import socket
 import sys
+
+# Of the C headers; Python has no names for them.
+PR_SET_SECCOMP = 22
+SECCOMP_MODE_FILTER = 2
+PR_CAPBSET_READ = 23
+PR_CAPBSET_DROP = 24
+PR_SET_NO_NEW_PRIVS = 38
+MS_NOSUID_NODEV_NOEXEC = 2 | 4 | 8
+
+c_library = ctypes.CDLL(None, use_errno=True)
+
+
+class FilterProgram(ctypes.Structure):
+    """struct sock_fprog; an instruction has 8 bytes."""
+
+    _fields_ = [("length", ctypes.c_ushort), ("instructions", ctypes.c_char_p)]
 
 
 def listen(port, backlog=64):
@@ -37,6 +56,36 @@ def full(port):
     return [listener, socket.create_connection(("127.0.0.1", port))]
 
 
+def call(function, *arguments):
+    """Calls a function of the C library that returns -1 when it fails."""
+    if function(*arguments) == -1:
+        number = ctypes.get_errno()
+        raise OSError(number, f"{function.__name__}{arguments}: {os.strerror(number)}")
+
+
+def drop_capabilities(kept):
+    """Takes all others from the bounding set: becoming another program then leaves no more than the kept ones."""
+    number = 0
+    while c_library.prctl(PR_CAPBSET_READ, number, 0, 0, 0) >= 0:
+        if number not in kept:
+            call(c_library.prctl, PR_CAPBSET_DROP, number, 0, 0, 0)
+        number += 1
+
+
+def restrict(order):
+    os.umask(order["umask"])
+    resource.setrlimit(resource.RLIMIT_CORE, (order["core_limit"], order["core_limit"]))
+    if order["private_proc"]:
+        call(c_library.mount, b"proc", b"/proc", b"proc", MS_NOSUID_NODEV_NOEXEC, b"hidepid=invisible,subset=pid")
+    if order["keep_capabilities"] is not None:
+        drop_capabilities(order["keep_capabilities"])
+    call(c_library.prctl, PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0)
+    for text in order["filters"]:
+        instructions = base64.b64decode(text)
+        program = FilterProgram(len(instructions) // 8, instructions)
+        call(c_library.prctl, PR_SET_SECCOMP, SECCOMP_MODE_FILTER, ctypes.byref(program), 0, 0)
+
+
 def main():
     channel = socket.socket(fileno=int(sys.argv[1]))
     order = json.loads(channel.recv(1 << 20))
@@ -44,6 +93,7 @@ def main():
         sockets = [listener for port in order["ports"] for listener in listen(port)] + full(order["full_port"])
         socket.send_fds(channel, [b"ports"], [one.fileno() for one in sockets])
         channel.set_inheritable(False)
+        restrict(order["restrictions"])
         os.execve(order["argv"][0], order["argv"], order["environment"])
     except OSError as error:
         channel.send(str(error).encode())

@@ -4,19 +4,27 @@ from __future__ import annotations
 
 import atexit
 import os
+import re
 import shutil
 import subprocess
 import tempfile
 from collections.abc import Sequence
 from pathlib import Path
 
-from simulator import emulator
+from simulator import emulator, restrictions
 from simulator.errors import CameraError
 
 # The account that the service switches to, as root: any that is not root's.
 _ACCOUNT_ID = 74
-# Folders of this machine that the sandbox hides behind private ones.
-_HIDDEN = ("/tmp", "/mnt", "/dev")
+# Folders of this machine that the sandbox hides: behind the camera's own, and, as the init unit says, behind nothing.
+_OWN = ("/tmp", "/mnt", "/dev")
+_EMPTY = ("/home", "/root", "/run/user", "/usr/lib/modules")
+
+
+def _suppressions() -> list[Path]:
+    """The files that the options of sanitizers name in the environment."""
+    options = [value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")]
+    return [Path(path) for value in options for path in re.findall(r"\bsuppressions=([^:\s]+)", value)]
 
 
 class Sandbox:
@@ -25,6 +33,8 @@ class Sandbox:
     The folder lies directly below /tmp, because paths of unix sockets are short. Everything written to the camera's
     /tmp, /mnt and /dev/shm can be seen and changed from outside through `outside`. Shared memory lies below this
     machine's /dev/shm: older C libraries want a file system in memory there.
+
+    What of this machine can be seen and written to inside is what the init unit says.
     """
 
     def __init__(self) -> None:
@@ -48,22 +58,24 @@ class Sandbox:
 
         `visible` names files or folders that the program needs even if they lie below /tmp, /mnt or /dev here.
         """
-        arguments = ["bwrap", "--die-with-parent", "--unshare-net", "--unshare-pid", "--unshare-ipc",
+        arguments = ["bwrap", "--die-with-parent", "--unshare-net", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
                      "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc"]
-        for name in ("dev/shm", "tmp", "mnt"):
-            arguments += ["--bind", str((self.folder / name).resolve()), f"/{name}"]
+        for name in _EMPTY:
+            arguments += ["--tmpfs", name] * Path(name).is_dir()
+        arguments += ["--bind", str((self.folder / "dev/shm").resolve()), "/dev/shm"]
+        arguments += self._camera_folders()
         for name in ("etc/passwd", "etc/group"):
             arguments += ["--ro-bind", str(self.folder / name), f"/{name}"]
-        for path in dict.fromkeys(path.resolve() for path in visible):
-            if str(path).startswith(tuple(f"{hidden}/" for hidden in _HIDDEN)):
+        for path in dict.fromkeys(path.resolve() for path in (*visible, *_suppressions())):
+            if str(path).startswith(tuple(f"{hidden}/" for hidden in (*_OWN, *_EMPTY))):
                 arguments += ["--ro-bind", str(path), str(path)]
-        return [*arguments, "--"]
+        return [*arguments, "--chdir", "/", "--"]
 
     def run(self, program: Sequence[str | Path], timeout: float = 10.0) -> subprocess.CompletedProcess[bytes]:
         """Runs another program of the camera to its end, for example a reader of the ring buffer."""
         binary = Path(program[0])
         words, _ = emulator.process(binary, {})
-        visible = [binary.parent, *emulator.needed_folders(binary)]
+        visible = [binary.parent.parent, binary.parent, *emulator.needed_folders(binary)]
         command = [*self.command(visible), *words, *map(str, program[1:])]
         return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, check=False)
 
@@ -71,6 +83,15 @@ class Sandbox:
         for folder in (self.folder, self._shared_memory):
             shutil.rmtree(folder, ignore_errors=True)
         atexit.unregister(self.remove)
+
+    def _camera_folders(self) -> list[str]:
+        """Of /tmp and /mnt, what the init unit names can be written to, and the rest only read."""
+        writable = [path for path in restrictions.writable_paths() if self.outside(path).exists()]
+        arguments: list[str] = []
+        for kind, paths in (("--ro-bind", ["/tmp", "/mnt"]), ("--bind", writable)):
+            for path in paths:
+                arguments += [kind, str(self.outside(path)), path]
+        return arguments
 
     def _make_folder(self, name: str) -> None:
         folder = self.folder / name

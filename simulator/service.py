@@ -17,7 +17,7 @@ from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from simulator import emulator
+from simulator import emulator, restrictions
 from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.sandbox import Sandbox
@@ -117,8 +117,10 @@ class Service:
             self._spawn(theirs)
             theirs.close()
             argv, environment = emulator.process(self._binary, self._service_environment())
-            ours.send(json.dumps({"argv": argv, "environment": environment,
-                                  "ports": PORTS, "full_port": FULL_PORT}).encode())
+            order = restrictions.launch_order(emulator.is_foreign(self._binary), bool(sanitizer_runtimes(self._binary)))
+            with contextlib.suppress(BrokenPipeError):  # what ended the sandbox so soon is told below
+                ours.send(json.dumps({"argv": argv, "environment": environment, "ports": PORTS, "full_port": FULL_PORT,
+                                      "restrictions": order}).encode())
             sockets = self._receive_sockets(ours)
             self._journal.add(self.name, "started", pid=self.pid)
             return sockets
