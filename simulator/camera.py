@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import re
 from collections.abc import Callable, Mapping, Sequence
@@ -17,12 +18,14 @@ from simulator.face_library import FaceLibrary
 from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
 from simulator.platform import Platform
+from simulator.recording import Recorder
 from simulator.sandbox import Sandbox
 from simulator.service import LogRecord, Service, sanitizer_runtimes
 
 T = TypeVar("T")
 
 MARKER = "/tmp/intelligent_ok"
+RING_BUFFER = "metadata_servfile26214"
 # The last thing that the service logs when it starts.
 _SERVING = "waitForTerminationRequest sucess!"
 # Emulated and instrumented code takes several times as long.
@@ -48,6 +51,7 @@ class Camera:
     itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
     start      whether to start the service at once; else start_service() does
     wait       whether starting waits until the service takes commands; without a marker it never does
+    recording  file to record the run in (see recording.py)
 
     Attributes: journal, sandbox, itgt, faces, client, events, platform, service.
     Must be entered on a thread that lives as long as the camera.
@@ -56,12 +60,15 @@ class Camera:
     def __init__(self, *, service: Path | None = None, preload: Sequence[Path] | None = None,
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
-                 wait: bool = True) -> None:
+                 wait: bool = True, recording: Path | None = None) -> None:
         self._marker = marker
         self._start = start
         self._wait = wait and marker
         self.journal = Journal()
         self.sandbox = Sandbox()
+        self._recorder = None
+        if recording:
+            self._recorder = Recorder(self.journal, recording, self.path, {"build": build_folder().name})
         self.itgt = Itgt(self.journal, self.sandbox.folder)
         self.faces = FaceLibrary(self.journal, self.sandbox.folder)
         self.client = Client(self.journal, self.sandbox.folder)
@@ -100,11 +107,16 @@ class Camera:
     def close(self) -> None:
         """Ends the service and every process of the camera and removes its folder. May be called twice."""
         try:
+            if self._recorder and self.service.pid and self.service.exit_code is None:
+                with contextlib.suppress(CameraError):  # a service that never came so far has no ring buffer
+                    self.read_ring_buffer()
             self.service.stop()
         finally:
             for part in (self.platform, self.client, self.itgt, self.faces, self.events):
                 part.stop()
             self.sandbox.remove()
+            if self._recorder:
+                self._recorder.close()
 
     def start_service(self, wait: bool = True) -> None:
         """Starts the service, again if it has ended; the platform gets the ports of its new network."""
@@ -132,6 +144,19 @@ class Camera:
     def path(self, path: str) -> Path:
         """Where a path of the camera below /tmp, /mnt or /dev/shm lies on this machine."""
         return self.sandbox.outside(path)
+
+    def read_ring_buffer(self) -> list[str]:
+        """Takes the unread records out of the ring buffer, as another process of the camera: text, one a record.
+
+        Each is noted in the journal as "ring_record" with `text`. Raises CameraError if there is no reader.
+        """
+        result = self.sandbox.run([build_folder() / "bin" / "ringbuf_cat", RING_BUFFER])
+        if result.returncode != 0:
+            raise CameraError(f"ringbuf_cat: {result.stderr.decode('utf-8', 'backslashreplace').strip()}")
+        records = result.stdout.decode("utf-8", "backslashreplace").split("\n")[:-1]
+        for text in records:
+            self.journal.add("service", "ring_record", text=text)
+        return records
 
     def report(self) -> str:
         """What a failed test should show: the service's output and the last events."""

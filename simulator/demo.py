@@ -10,14 +10,13 @@ import time
 from collections.abc import Sequence
 from typing import NoReturn
 
-from simulator.camera import Camera, build_folder
+from simulator.camera import RING_BUFFER, Camera, build_folder
 from simulator.describe import describe_notification
 from simulator.display import Display
 from simulator.errors import CameraError
 from simulator.itgt import IMPORTED
 from simulator.journal import Event
 
-_RING_BUFFER = "metadata_servfile26214"
 _PAGE_SIZE = 30
 _SCENES = ("whiteListDown", "whiteListClear", "faceNotHitDown", "metadata")
 _RECEIVE_TASK_PAUSE = 1.0  # seconds between two looks of the service's receive task for an observer
@@ -70,11 +69,10 @@ def white_list_clear(camera: Camera, show: Display) -> None:
 def face_not_hit_down(camera: Camera, show: Display) -> None:
     show.heading("faceNotHitDown: a document goes into the ring buffer that the camera's other processes read")
     _command(camera, show, "faceNotHitDown", _DOCUMENT)
-    reader = camera.sandbox.run([build_folder() / "bin" / "ringbuf_cat", _RING_BUFFER])
-    show.line("demo", f"ringbuf_cat {_RING_BUFFER}, another process, reads:")
-    text = reader.stdout.decode("utf-8", "backslashreplace").rstrip("\n")
-    show.line("demo", text or reader.stderr.decode("utf-8", "backslashreplace").rstrip("\n") or "nothing")
-    _expect("records in the ring buffer", [_document(line) for line in text.splitlines()], [_DOCUMENT])
+    records = camera.read_ring_buffer()
+    show.line("demo", f"ringbuf_cat {RING_BUFFER}, another process, reads:")
+    show.line("demo", "\n".join(records) or "nothing")
+    _expect("records in the ring buffer", [_document(record) for record in records], [_DOCUMENT])
 
 
 def metadata(camera: Camera, show: Display) -> None:

@@ -10,7 +10,7 @@ import ssl
 import struct
 import threading
 import time
-from collections.abc import Callable, Iterable, Sequence
+from collections.abc import Callable, Iterable, Iterator, Sequence
 
 from simulator.http import Close, Request, Reset, Send, Step, Wait
 from simulator.journal import Journal
@@ -55,7 +55,8 @@ class Connection:
         try:
             steps = self._server.on_connect(self) if self._server.on_connect else None
             if steps is not None:
-                self._carry_out(steps)
+                self._note("fault", name="on_connect")
+                self._carry_out(noted(steps, self._server.journal, self.number))
             self._handshake()
             while (request := self._read_request()) is not None:
                 self._carry_out(self._server.answer(request))
@@ -125,6 +126,13 @@ class Connection:
                 raise _Ended
 
 
+def noted(steps: Iterable[Step], journal: Journal, connection: int) -> Iterator[Step]:
+    """The same steps, each noted in the journal as "step" before it is carried out."""
+    for step in steps:
+        journal.add("platform", "step", connection=connection, step=step)
+        yield step
+
+
 class HttpsServer:
     """Accepts connections on listening sockets that somebody else made and answers their requests.
 
@@ -135,7 +143,8 @@ class HttpsServer:
     connections  every connection so far
 
     Journal: "accepted", "handshake" with `tls_version` and `cipher`, "incomplete" with `raw`, "broken" with `error`,
-    "hook_failed" with `error`, "closed" with `requests`; all with `connection` (its number) and `port`.
+    "hook_failed" with `error`, "closed" with `requests`, "fault" with `name` when on_connect takes over; all with
+    `connection` (its number) and `port`. "step" with `step` and `connection` for each step that is no ordinary answer.
     """
 
     def __init__(self, journal: Journal, context: ssl.SSLContext, answer: Callable[[Request], Iterable[Step]]) -> None:

@@ -25,7 +25,8 @@ class MessagePeer:
                 peer's thread; default() carries that behaviour out and returns its reply
     delay       seconds between a request and its answer
 
-    Journal: "received" and "sent" with `message`, "send_failed" and "hook_failed" with `error`.
+    Journal: "received" and "sent" with `message`, "send_failed" and "hook_failed" with `error`, "fault" with `name` and
+    `command` when an answer is not the peer's own.
     """
 
     name = ""
@@ -86,6 +87,8 @@ class MessagePeer:
         except Exception as error:  # a mistake in a test's hook must not end the thread unseen
             self.journal.add(self.name, "hook_failed", error=repr(error), command=message.command)
             return
+        if self.delay:
+            self._fault("delay", message, seconds=self.delay)
         self._stopping.wait(self.delay)
         for datagram in [reply] if isinstance(reply, bytes) else reply or []:
             try:
@@ -96,11 +99,23 @@ class MessagePeer:
     def _answer(self, message: wire.Message) -> Reply:
         script = self._scripts[message.command]
         if script:
+            self._fault("script", message)
             answer = script.popleft()
             return answer(message) if callable(answer) else answer
-        if self.on_message is not None:
-            return self.on_message(message, lambda: self.default(message))
-        return self.default(message)
+        if self.on_message is None:
+            return self.default(message)
+        own: list[Reply] = []
+
+        def default() -> Reply:
+            own.append(self.default(message))
+            return own[-1]
+        reply = self.on_message(message, default)
+        if not own or reply is not own[-1]:
+            self._fault("on_message", message)
+        return reply
+
+    def _fault(self, name: str, message: wire.Message, **details: Any) -> None:
+        self.journal.add(self.name, "fault", name=name, command=message.command, **details)
 
 
 def file_event(peer: MessagePeer, path: str, content: bytes) -> dict[str, Any]:

@@ -12,7 +12,7 @@ from typing import Any, Union
 
 from simulator.certificate import server_context
 from simulator.http import NEVER, Request, Response, Send, Step
-from simulator.https_server import Connection, HttpsServer
+from simulator.https_server import Connection, HttpsServer, noted
 from simulator.journal import Journal
 from simulator.pictures import picture
 
@@ -34,7 +34,8 @@ class Platform:
     connections          every connection so far
 
     Journal: "request" with `request`, "page" with `start`, `records` and `bytes`, "report" with `request`, "response"
-    with `response` (before it is sent; only ordinary ones), and those of HttpsServer.
+    with `response` and `connection` (before it is sent; only ordinary ones), "fault" with `name`, `target` and
+    `connection` when an answer is not the platform's own, and those of HttpsServer.
     """
 
     name = "platform"
@@ -122,24 +123,32 @@ class Platform:
             self._journal.add(self.name, "report", request=request)
         script = self._scripts[request.target]
         if script:
-            answer = script.popleft()
-        elif self.on_request is not None:
-            answer = self.on_request(request, lambda: self.default(request))
-        else:
-            answer = self.default(request)
+            self._fault("script", request)
+            return self._steps(script.popleft(), request)
+        if self.on_request is None:
+            return self._steps(self.default(request), request)
+        own: list[Response] = []
+
+        def default() -> Response:
+            own.append(self.default(request))
+            return own[-1]
+        answer = self.on_request(request, default)
+        if not own or answer is not own[-1]:
+            self._fault("on_request", request)
         return self._steps(answer, request)
 
+    def _fault(self, name: str, request: Request) -> None:
+        self._journal.add(self.name, "fault", name=name, target=request.target, connection=request.connection)
+
     def _steps(self, answer: Answer, request: Request) -> Iterable[Step]:
-        if answer is None:
-            return NEVER
-        if isinstance(answer, Response):
-            self._journal.add(self.name, "response", response=answer, target=request.target)
-            return answer.steps()
-        if isinstance(answer, bytes):
-            return [Send(answer)]
         if callable(answer):
             return self._steps(answer(request), request)
-        return answer
+        if isinstance(answer, Response):
+            self._journal.add(self.name, "response", response=answer, target=request.target,
+                              connection=request.connection)
+            return answer.steps()
+        steps = NEVER if answer is None else [Send(answer)] if isinstance(answer, bytes) else answer
+        return noted(steps, self._journal, request.connection)
 
 
 def credential_number(index: int) -> str:

@@ -1,4 +1,4 @@
-"""What every system test uses: cameras that are looked over at the end, and the order in which tests run."""
+"""What every test in Python uses: cameras that are looked over at the end, and the order in which tests run."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from typing import Any
 
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT))
 
 from simulator import Camera  # noqa: E402 importable only with the path above
