@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 from dataclasses import dataclass
 from typing import Any
 
@@ -10,10 +11,11 @@ from simulator import wire
 
 @dataclass(frozen=True)
 class Description:
-    """What a datagram is, and its fields by name."""
+    """What a datagram is, its fields by name, and where those lie that have an offset."""
 
     title: str
     fields: dict[str, Any]
+    table: wire.Table = ()
 
     def __str__(self) -> str:
         return " ".join([self.title, *(f"{name}={value!r}" for name, value in self.fields.items())])
@@ -22,11 +24,11 @@ class Description:
 def describe(data: bytes, reply: bool = False) -> Description:
     """Recognises a datagram by its size and first bytes; `reply` tells which payload a MSG_DATA carries."""
     if len(data) == wire.MESSAGE_SIZE:
-        return _message(wire.Message(data), reply)
+        return describe_message(wire.Message(data), reply)
     if len(data) == wire.HEAD_SIZE:
-        return Description("command head", wire.decode(wire.HEAD, data))
+        return _decoded("command head", wire.HEAD, data)
     if len(data) == wire.SUBSCRIPTION_SIZE and data[:2] == b"\x31\x53":
-        return Description("subscription record", wire.decode(wire.SUBSCRIPTION, data))
+        return _decoded("subscription record", wire.SUBSCRIPTION, data)
     if data[:1] == b"{":
         return Description("JSON", {"text": _shortened(data)})
     return Description("raw", {"bytes": len(data), "start": data[:32].hex(" ")})
@@ -34,17 +36,28 @@ def describe(data: bytes, reply: bool = False) -> Description:
 
 def describe_notification(data: bytes) -> Description:
     """A notification of the event cache, with its descriptor when that lies inside the packet."""
-    fields = wire.decode(wire.NOTIFICATION, data)
-    offset = fields.get("descriptor_offset", len(data))
-    return Description("notification", {**fields, **wire.decode(wire.DESCRIPTOR, data[offset:])})
+    offset = wire.decode(wire.NOTIFICATION, data).get("descriptor_offset", len(data))
+    moved = tuple(dataclasses.replace(field, offset=offset + field.offset) for field in wire.DESCRIPTOR)
+    return _decoded("notification", wire.NOTIFICATION + moved, data)
 
 
-def _message(message: wire.Message, reply: bool) -> Description:
+def describe_block(data: bytes) -> Description:
+    """A buffer of the event cache."""
+    return _decoded("buffer", wire.BLOCK_HEADER, data)
+
+
+def _decoded(title: str, table: wire.Table, data: bytes) -> Description:
+    return Description(title, wire.decode(table, data), table)
+
+
+def describe_message(message: wire.Message, reply: bool) -> Description:
+    """A MSG_DATA, cut short or not."""
     command = wire.COMMANDS.get(message.command)
     name = f"{message.command} {command.name}" if command else f"{message.command} (unknown command)"
-    payload = message.reply if reply else message.request
+    payload = (command.reply if reply else command.request) if command else ()
+    table = wire.HEADER + payload
     return Description(f"{name} {'reply' if reply else 'request'}",
-                       {key: value for key, value in {**message.header, **payload}.items() if key != "command"})
+                       {key: value for key, value in wire.decode(table, message).items() if key != "command"}, table)
 
 
 def _shortened(data: bytes) -> str:

@@ -16,9 +16,9 @@ from simulator.describe import describe, describe_notification
 from simulator.itgt import IMPORTED
 from simulator.journal import Event, Journal
 
-_NAMES = {"client": "client", "itgt": "ITGT", "faces": "face library", "platform": "platform", "events": "event cache",
+NAMES = {"client": "client", "itgt": "ITGT", "faces": "face library", "platform": "platform", "events": "event cache",
           "service": "service", "demo": ""}
-_STYLES = {"client": "cyan", "itgt": "green", "faces": "magenta", "platform": "blue", "events": "yellow",
+STYLES = {"client": "cyan", "itgt": "green", "faces": "magenta", "platform": "blue", "events": "yellow",
            "service": "dim"}
 _LEVELS = {"ERROR": "red", "INFO": "", "DEBUG": "dim"}
 
@@ -45,7 +45,7 @@ class Display:
     def line(self, source: str, text: str, style: str = "") -> None:
         """One line about a process of the camera ("demo": about none)."""
         self.console.print(Text.assemble((f"{time.monotonic() - self._begin:7.3f} s  ", "dim"),
-                                         (f"{_NAMES[source]:<13}", _STYLES.get(source, "")), (text, style)))
+                                         (f"{NAMES[source]:<13}", STYLES.get(source, "")), (text, style)))
 
     def summary(self, title: str, rows: dict[str, str]) -> None:
         table = Table(title=title, title_justify="left", title_style="bold", show_header=False)
