@@ -11,6 +11,7 @@ from rich.console import Console
 from rich.text import Text
 
 from simulator.chapters import Chapter, chapters_of
+from simulator.comparison import NOT_COMPARED, compare, counts
 from simulator.display import NAMES, STYLES
 from simulator.recording import Recording, read
 from simulator.trace import Item
@@ -22,10 +23,14 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("file", type=Path, metavar="FILE", help="a recorded run")
     form = parser.add_mutually_exclusive_group()
     form.add_argument("--json", action="store_true", help="print it machine-readable")
+    form.add_argument("--compare", type=Path, metavar="OTHER", help="say where another recorded run of the same story "
+                      "differs in a byte; exit code 1 if it does")
 
 
 def run(arguments: argparse.Namespace) -> int:
     recording = read(arguments.file)
+    if arguments.compare:
+        return show_comparison(recording, read(arguments.compare))
     chapters = chapters_of(recording)
     if arguments.json:
         print(json.dumps(as_document(recording, chapters), indent=2))
@@ -42,6 +47,14 @@ def show(recording: Recording, chapters: list[Chapter]) -> None:
         console.print(Text(f"{chapter.title}   {chapter.begin:.3f} s to {chapter.end:.3f} s", style="bold"))
         for item in chapter.items:
             console.print(_line(item))
+
+
+def show_comparison(one: Recording, other: Recording) -> int:
+    differences = compare(one, other)
+    for line in differences or [f"the same: {', '.join(f'{number} {name}' for name, number in counts(one).items())}"]:
+        print(line)
+    print("not compared: " + ", ".join(NOT_COMPARED))
+    return 1 if differences else 0
 
 
 def summary(recording: Recording, chapters: list[Chapter]) -> str:
