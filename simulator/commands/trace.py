@@ -13,8 +13,10 @@ from rich.text import Text
 from simulator.chapters import Chapter, chapters_of
 from simulator.comparison import NOT_COMPARED, compare, counts
 from simulator.display import NAMES, STYLES
+from simulator.errors import CameraError
 from simulator.recording import Recording, read
 from simulator.trace import Item
+from simulator.trace_page import page
 
 HELP = "explain a recorded run: as text, as JSON, or as a page to look at"
 
@@ -23,6 +25,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("file", type=Path, metavar="FILE", help="a recorded run")
     form = parser.add_mutually_exclusive_group()
     form.add_argument("--json", action="store_true", help="print it machine-readable")
+    form.add_argument("--html", type=Path, metavar="OUT", help="write it as one page for a browser")
     form.add_argument("--compare", type=Path, metavar="OTHER", help="say where another recorded run of the same story "
                       "differs in a byte; exit code 1 if it does")
 
@@ -35,7 +38,18 @@ def run(arguments: argparse.Namespace) -> int:
     if arguments.json:
         print(json.dumps(as_document(recording, chapters), indent=2))
         return 0
+    if arguments.html:
+        return write_page(arguments.html, page(recording, chapters))
     show(recording, chapters)
+    return 0
+
+
+def write_page(path: Path, text: str) -> int:
+    try:
+        path.write_text(text, encoding="utf-8")
+    except OSError as error:
+        raise CameraError(f"the page cannot be written: {error}") from error
+    print(f"{path}: open it in a browser ({path.stat().st_size / 1e6:.1f} MB)")
     return 0
 
 

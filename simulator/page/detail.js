@@ -1,0 +1,67 @@
+// One message unfolded: its fields, its text and its bytes.
+
+function drawDetail(item) {
+  const head = make("p", "head", `${spoken(item)}`.slice(0, 300), make("br"),
+    `at ${seconds(item.time)} s, line ${item.line} of the recording`,
+    item.bytes.size ? `, ${count(item.bytes.size, "byte")}` : "");
+  const panel = make("div", "detail", head);
+  if (item.fields.length) panel.append(drawFields(item));
+  if (item.text) panel.append(make("div", "", make("h3", "", "Text"), make("pre", "", highlighted(item.text))));
+  if (item.bytes.size) panel.append(drawBytes(item));
+  panel.addEventListener("pointerover", (event) => light(panel, event.target.closest("[data-field]")?.dataset.field));
+  return panel;
+}
+
+// Shows which bytes a field has, and which field a byte belongs to.
+function light(panel, field) {
+  for (const element of panel.querySelectorAll(".lit")) element.classList.remove("lit");
+  if (field === undefined) return;
+  for (const element of panel.querySelectorAll(`[data-field="${field}"]`)) element.classList.add("lit");
+}
+
+function drawFields(item) {
+  const head = make("tr", "", ...["field", "offset", "bytes", "value"].map((name) => make("th", "", name)));
+  const rows = item.fields.map(([name, offset, width, value], number) => {
+    const row = make("tr", "", ...[name, String(offset), String(width), value].map((text) => make("td", "", highlighted(text))));
+    row.dataset.field = number;
+    return row;
+  });
+  return make("div", "", make("h3", "", "Fields"), make("table", "", make("thead", "", head), make("tbody", "", ...rows)));
+}
+
+function drawBytes(item) {
+  const wide = matchMedia("(max-width: 760px)").matches ? 8 : 16;
+  const text = make("pre", "bytes");
+  let next = 0;
+  for (const [offset, hex] of item.bytes.parts) {
+    if (offset > next) text.append(skipped(offset - next, item.bytes.cut));
+    const bytes = hex.match(/../g).map((pair) => parseInt(pair, 16));
+    for (let start = 0; start < bytes.length; start += wide) {
+      text.append(bytesLine(item, offset + start, bytes.slice(start, start + wide), wide));
+    }
+    next = offset + bytes.length;
+  }
+  if (item.bytes.size > next) text.append(skipped(item.bytes.size - next, false));
+  return make("div", "", make("h3", "", "Bytes"), text);
+}
+
+function skipped(number, cut) {
+  return make("span", "zero", `${" ".repeat(8)}${count(number, "byte")} ${cut ? "not shown" : "of zero"}\n`);
+}
+
+function bytesLine(item, offset, bytes, wide) {
+  const line = make("span", "", make("span", "at", String(offset).padStart(7) + "  "));
+  const characters = make("span", "at", " ");
+  bytes.forEach((byte, position) => {
+    const field = item.fields.findIndex(([, start, width]) => offset + position >= start && offset + position < start + width);
+    const cell = make("span", byte ? "" : "zero", byte.toString(16).padStart(2, "0") + " ");
+    if (field >= 0) {
+      cell.dataset.field = field;
+      cell.className = `f${field % 3}`;
+    }
+    line.append(cell);
+    characters.append(byte > 31 && byte < 127 ? String.fromCharCode(byte) : "·");
+  });
+  line.append("   ".repeat(wide - bytes.length), characters, "\n");
+  return line;
+}
