@@ -81,9 +81,7 @@ class _Teller:
     def _begin_page(self, title: str, request: Item) -> None:
         """A page begins when its connection does; that is among the last items."""
         items = self.chapters[-1].items
-        number = request.detail.partition(",")[0]
-        begin = next((position for position in range(len(items) - 1, -1, -1)
-                      if items[position].kind == "connection" and items[position].detail.startswith(f"{number} to ")),
+        begin = next((position for position, item in enumerate(items) if item.connection == request.connection),
                      len(items))
         page = Chapter(title, items[begin].time if begin < len(items) else request.time, items[begin:])
         del items[begin:]
@@ -94,7 +92,10 @@ def _page_title(request: Item) -> str | None:
     body = document_of(request.data.partition(b"\r\n\r\n")[2])
     if not isinstance(body, dict) or "startIndex" not in body or "offset" not in body or "ImportInfo" in body:
         return None
-    return one_line(f"page from {body['startIndex']}, {body['offset']} records", 60)
+    start, count = body["startIndex"], body["offset"]
+    if isinstance(start, int) and isinstance(count, int):
+        return f"page {start} to {start + count - 1}"
+    return one_line(f"page {start}", 60)
 
 
 def _phases(chapter: Chapter) -> list[tuple[str, float, float]]:
@@ -122,6 +123,4 @@ def _times(chapter: Chapter, command: int) -> list[float]:
 
 def _last_of_connection(chapter: Chapter, request: Item) -> float:
     """When the answer to a request was over, as far as the platform saw it."""
-    number = request.detail.partition(",")[0]
-    return max(item.time for item in chapter.items if item.kind in ("request", "response", "step", "connection")
-               and item.detail.startswith((f"{number},", f"{number} ", f"{number}:")) or item is request)
+    return max(item.time for item in chapter.items if item.connection == request.connection)

@@ -157,7 +157,7 @@ def entries_of(event: Event, outside: Callable[[str], Path] | None = None) -> li
     else:
         entries = [shape(event)]
     if outside is not None and event.matches("itgt", "received", command=_IMPORT_FILE):
-        entries += _page_file(event.message, outside)
+        entries = _page_file(event.message, outside) + entries  # it was written before ITGT was told
     return entries
 
 

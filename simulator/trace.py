@@ -12,12 +12,17 @@ from simulator import wire
 from simulator.describe import Description, describe, describe_block, describe_message, describe_notification
 from simulator.recording import Entry, Recording
 
-HIDDEN_NOTES = {("itgt", "picture"), ("client", "reply"), ("platform", "report"), ("platform", "page"), ("faces", "list")}
+# What the messages themselves say.
+_HIDDEN_NOTES = {("itgt", "picture"), ("client", "reply"), ("platform", "report"), ("platform", "page"),
+                 ("faces", "list")}
 _MESSAGE_HEADER_END = 168  # bytes of a MSG_DATA up to its command
-_TEXT_LIMIT = 6_000  # characters
+_TEXT_LIMIT = 4_000  # characters
 _VALUE_LIMIT = 200
 _JSON_LIMIT = 16_000_000  # bytes of a document that is taken apart to show it
 _DEPTH_LIMIT = 40
+# Fields that are the same in nearly every message.
+_LITTLE_SAID = {"destination", "source", "subtype", "module", "constant", "zero", "zero_244", "zero_260", "zero_264",
+                "magic", "header_length", "unused"}
 
 
 @dataclass(frozen=True)
@@ -42,6 +47,7 @@ class Item:
     fields          where they are known
     text            the data as text for people; "" if it is not text
     fault           names the fault that changed it, "" for none
+    connection      number of the TCP connection it belongs to, 0 for none
     """
 
     line: int
@@ -55,6 +61,7 @@ class Item:
     fields: tuple[PlacedField, ...] = ()
     text: str = ""
     fault: str = ""
+    connection: int = 0
 
 
 def visible(text: str) -> str:
@@ -79,7 +86,7 @@ def explain(recording: Recording) -> list[Item]:
     items: list[Item] = []
     faults: dict[str, str] = {}
     for entry in recording.entries:
-        if entry.type == "note" and (entry.source, entry.kind) in HIDDEN_NOTES:
+        if entry.type == "note" and (entry.source, entry.kind) in _HIDDEN_NOTES:
             continue
         item = _EXPLAINED[entry.type](entry)
         if entry.type == "fault":
@@ -91,7 +98,8 @@ def explain(recording: Recording) -> list[Item]:
 
 
 def _item(entry: Entry, source: str, target: str, title: str, **details: Any) -> Item:
-    return Item(entry.number, entry.time, entry.type, source, target, visible(title), **details)
+    return Item(entry.number, entry.time, entry.type, source, target, visible(title),
+                connection=entry.fields.get("connection") or 0, **details)
 
 
 def _datagram(entry: Entry) -> Item:
@@ -109,17 +117,11 @@ def _datagram(entry: Entry) -> Item:
     elif known.title == "JSON":
         title = _command_title(data)
     elif known.title == "raw":
-        title = f"{len(data)} bytes"
-    shown = {name: value for name, value in known.fields.items() if name not in ("destination", "source", "subtype",
-                                                                                 "module") and not _empty(name, value)}
+        title = f"datagram of {_size(data)}"
     detail = " ".join(f"{name}={value!r}" if isinstance(value, str) else f"{name}={value}"
-                      for name, value in shown.items())
+                      for name, value in known.fields.items() if name not in _LITTLE_SAID)
     return _item(entry, source, target, title, data=data, fields=_placed(known, data), text=as_text(data),
-                 detail=one_line(_compact(data) if known.title == "JSON" else detail))
-
-
-def _empty(name: str, value: Any) -> bool:
-    return name.startswith("zero") and value == 0
+                 detail=one_line(detail if known.table else _compact(data)))
 
 
 def _command_title(data: bytes) -> str:
@@ -136,15 +138,19 @@ def _request(entry: Entry) -> Item:
     target = rest.rpartition(" ")[0]
     return _item(entry, "service", "platform", one_line(f"{method} {target}"), data=_http(entry),
                  fields=_http_fields(entry), text=_http_text(entry),
-                 detail=f"connection {entry.connection}, {_size(entry.body)}: {one_line(_compact(entry.body))}")
+                 detail=_body_detail(entry))
 
 
 def _response(entry: Entry) -> Item:
     line = entry.head.split(b"\r\n", 1)[0].decode("latin-1")
-    late = f", {entry.delay:g} s late" if entry.delay else ""
+    late = f"{entry.delay:g} s late, " if entry.delay else ""
     return _item(entry, "platform", "service", one_line(line.partition(" ")[2]), data=_http(entry),
                  fields=_http_fields(entry), text=_http_text(entry),
-                 detail=f"connection {entry.connection}, {_size(entry.body)}{late}: {one_line(_compact(entry.body))}")
+                 detail=late + _body_detail(entry))
+
+
+def _body_detail(entry: Entry) -> str:
+    return f"{_size(entry.body)}: {one_line(_compact(entry.body))}" if entry.body else "no body"
 
 
 def _step(entry: Entry) -> Item:
@@ -155,20 +161,17 @@ def _step(entry: Entry) -> Item:
              "close": "closes the connection" + ("" if entry.fields.get("alert") else " without the TLS alert"),
              "reset": "resets the connection"}.get(entry.step, entry.step)
     return _item(entry, "platform", "" if entry.step == "wait" else "service", title, data=data, text=as_text(data),
-                 detail=f"connection {entry.connection}" + (f": {one_line(_printable(data))}" if data else ""))
+                 detail=one_line(_printable(data)))
 
 
 def _connection(entry: Entry) -> Item:
     known = entry.fields
-    number = f"connection {entry.connection}"
-    event = entry.event
-    detail = {"accepted": f"{number} to port {entry.port}",
-              "handshake": f"{number}, {known.get('cipher')}",
-              "incomplete": f"{number}, {_size(known.get('raw', b''))} of a request",
-              "broken": f"{number}: {known.get('error')}",
-              "closed": f"{number} after {known.get('requests')} requests"}.get(event, number)
-    titles = {"accepted": "TCP connection", "handshake": f"{known.get('tls_version')} handshake",
-              "incomplete": "request cut off", "broken": "connection broken", "closed": "connection closed"}
+    number, event = f"connection {entry.connection}", entry.event
+    detail = {"accepted": f"to port {entry.port}", "handshake": f"on {number}, {known.get('cipher')}",
+              "incomplete": f"{_size(known.get('raw', b''))} on {number}", "broken": str(known.get("error")),
+              "closed": f"after {known.get('requests')} requests"}.get(event, "")
+    titles = {"accepted": f"TCP {number}", "handshake": f"{known.get('tls_version')} handshake",
+              "incomplete": "request cut off", "broken": f"{number} broken", "closed": f"{number} closed"}
     data = known.get("raw", b"")
     return _item(entry, "service" if event in ("accepted", "incomplete") else "platform",
                  "platform" if event in ("accepted", "incomplete") else "service",
@@ -188,8 +191,7 @@ def _buffer(entry: Entry) -> Item:
 
 def _log(entry: Entry) -> Item:
     place = f"{entry.path}:{entry.line}" if entry.path else "standard error"
-    return _item(entry, "service", "", f"{entry.level or 'no record'} {place}", detail=visible(entry.text),
-                 text=f"{entry.level} {place}\n{visible(entry.text)}")
+    return _item(entry, "service", "", f"{entry.level or 'no record'} {place}", detail=visible(entry.text))
 
 
 def _fault(entry: Entry) -> Item:
@@ -202,7 +204,11 @@ def _fault(entry: Entry) -> Item:
 
 
 def _note(entry: Entry) -> Item:
-    return _item(entry, entry.source, "", entry.kind.replace("_", " "), detail=one_line(_pairs(entry.fields["data"])))
+    names = {("itgt", "page"): "read the page file", ("itgt", "imported"): "imported the page",
+             ("events", "connected"): "event node opened", ("events", "disconnected"): "event node closed"}
+    data = entry.fields["data"]
+    return _item(entry, entry.source, "", names.get((entry.source, entry.kind), entry.kind.replace("_", " ")),
+                 detail=one_line(_pairs(data)), fault=str(data.get("name")) if entry.kind.startswith("fault_") else "")
 
 
 _EXPLAINED: dict[str, Callable[[Entry], Item]] = {
@@ -214,7 +220,7 @@ _EXPLAINED: dict[str, Callable[[Entry], Item]] = {
 
 
 def _pairs(values: dict[str, Any]) -> str:
-    return " ".join(f"{name}={value}" for name, value in values.items())
+    return " ".join(_pairs(value) if isinstance(value, dict) else f"{name}={value}" for name, value in values.items())
 
 
 def _placed(known: Description, data: bytes) -> tuple[PlacedField, ...]:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import base64
+import gzip
 import hashlib
 import html
 import json
@@ -14,22 +15,20 @@ from simulator.recording import Recording
 from simulator.trace import Item
 
 _FOLDER = Path(__file__).parent / "page"
-_BYTES_LIMIT = 4096  # of one message; the first and the last of a longer one are shown
-_BYTES_AT_END = 512
+_BYTES_LIMIT = 2048  # of one message; the first and the last of a longer one are shown
+_BYTES_AT_END = 256
 _ROW = 16
 
 
 def page(recording: Recording, chapters: list[Chapter]) -> str:
-    """The page's HTML. What the processes said stands in it as JSON that no parser of HTML can take for markup."""
+    """The page's HTML. What the processes said stands in it compressed, in letters that are no markup."""
     style = (_FOLDER / "trace.css").read_text(encoding="utf-8")
     script = "".join((_FOLDER / name).read_text(encoding="utf-8") for name in ("trace.js", "detail.js"))
-    data = json.dumps(_run(recording, chapters), separators=(",", ":"))
-    for character in "<>&":
-        data = data.replace(character, f"\\u{ord(character):04x}")
+    data = json.dumps(_run(recording, chapters), separators=(",", ":")).encode()
     parts = {"title": html.escape(f"Recorded run, {recording.began[:19].replace('T', ' ')}"),
              "policy": f"default-src 'none'; script-src {_hash(script)}; style-src {_hash(style)}; base-uri 'none'; "
                        "form-action 'none'",
-             "style": style, "script": script, "run": data}
+             "style": style, "script": script, "run": base64.b64encode(gzip.compress(data, mtime=0)).decode()}
     text = (_FOLDER / "trace.html").read_text(encoding="utf-8")
     pieces = text.split("{{")
     return pieces[0] + "".join(parts[name] + rest for name, _, rest in (piece.partition("}}") for piece in pieces[1:]))
@@ -50,6 +49,7 @@ def _run(recording: Recording, chapters: list[Chapter]) -> dict[str, Any]:
 def _item(item: Item) -> dict[str, Any]:
     return {"line": item.line, "time": item.time, "kind": item.kind, "from": item.source, "to": item.target,
             "title": item.title, "detail": item.detail, "text": item.text, "fault": item.fault,
+            "connection": item.connection,
             "fields": [[part.name, part.offset, part.width, part.value] for part in item.fields],
             "bytes": {"size": len(item.data), "cut": _is_cut(item.data),
                       "parts": [[offset, part.hex()] for offset, part in shown_bytes(item.data)]}}

@@ -110,5 +110,6 @@ def as_document(recording: Recording, chapters: list[Chapter]) -> dict[str, Any]
 def _item_document(item: Item) -> dict[str, Any]:
     return {"line": item.line, "time": item.time, "kind": item.kind, "from": item.source, "to": item.target or None,
             "title": item.title, "detail": item.detail, "size": len(item.data), "fault": item.fault or None,
+            "connection": item.connection or None,
             "fields": [{"name": part.name, "offset": part.offset, "width": part.width, "value": part.value}
                        for part in item.fields]}

@@ -3,7 +3,7 @@
 function drawDetail(item) {
   const head = make("p", "head", `${spoken(item)}`.slice(0, 300), make("br"),
     `at ${seconds(item.time)} s, line ${item.line} of the recording`,
-    item.bytes.size ? `, ${count(item.bytes.size, "byte")}` : "");
+    item.bytes.size ? `, ${count(item.bytes.size, "byte")}` : "", item.connection ? `, connection ${item.connection}` : "");
   const panel = make("div", "detail", head);
   if (item.fields.length) panel.append(drawFields(item));
   if (item.text) panel.append(make("div", "", make("h3", "", "Text"), make("pre", "", highlighted(item.text))));
@@ -30,7 +30,7 @@ function drawFields(item) {
 }
 
 function drawBytes(item) {
-  const wide = matchMedia("(max-width: 760px)").matches ? 8 : 16;
+  const wide = narrow.matches ? 8 : 16;
   const text = make("pre", "bytes");
   let next = 0;
   for (const [offset, hex] of item.bytes.parts) {
@@ -42,7 +42,7 @@ function drawBytes(item) {
     next = offset + bytes.length;
   }
   if (item.bytes.size > next) text.append(skipped(item.bytes.size - next, false));
-  return make("div", "", make("h3", "", "Bytes"), text);
+  return make("div", "dump", make("h3", "", "Bytes"), text);
 }
 
 function skipped(number, cut) {

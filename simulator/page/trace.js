@@ -1,16 +1,21 @@
-"use strict";
-// Draws a recorded run out of the data in #run. Every text of the run comes from some process or other and is never
-// read as markup: it goes into the page as text nodes alone.
+// Draws a recorded run out of the data in #run: JSON, compressed. Every text of the run comes from some process or other
+// and is never read as markup: it goes into the page as text nodes alone.
 
-const run = JSON.parse(document.getElementById("run").textContent);
+async function unpacked(text) {
+  const bytes = Uint8Array.from(atob(text), (character) => character.charCodeAt(0));
+  const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream("gzip"));
+  return JSON.parse(await new Response(stream).text());
+}
+
+const run = await unpacked(document.getElementById("run").textContent);
 const NAMES = { client: "client", service: "service", itgt: "ITGT", faces: "face library", platform: "platform",
                 events: "event cache" };
 const SHORT = { faces: "faces", events: "events" };
 const ORDER = ["events", "client", "service", "itgt", "faces", "platform"];
-const PHASES = { fetch: "fetch", import: "import", report: "report" };
 const LONG_GAP = 0.4;       // seconds without a message that are shown as a gap
 const ROWS_AT_ONCE = 400;   // chapters are open from the start as long as they have no more rows together
 const LOGS_SHOWN = 3;
+const narrow = matchMedia("(max-width: 760px)");
 const SVG = "http://www.w3.org/2000/svg";
 
 const lanes = ORDER.filter((name) => name === "service" || run.chapters.some((chapter) =>
@@ -62,19 +67,26 @@ function matches(row) {
   return words.every((word) => row.found.includes(word));
 }
 
-// ---- rows: a message with the log records that follow it
+// ---- rows: a message with the log records that follow it at once, or log records alone
 
 function rowsOf(chapter) {
   const rows = [];
   for (const item of chapter.items) {
-    if (item.kind !== "log") rows.push({ item, logs: [], time: item.time });
-    else if (rows.length) rows[rows.length - 1].logs.push(item);
-    else rows.push({ item: null, logs: [item], time: item.time });
+    const last = rows[rows.length - 1];
+    if (item.kind !== "log") rows.push({ item, logs: [], time: item.time, end: item.time });
+    else if (last && item.time - last.end < LONG_GAP) {
+      last.logs.push(item);
+      last.end = item.time;
+    } else rows.push({ item: null, logs: [item], time: item.time, end: item.time });
   }
   return rows;
 }
 
-const likeness = (row) => row.item && !row.item.fault ? [row.item.kind, row.item.from, row.item.to, row.item.title].join("\n") : null;
+// What two rows have in common when one repeats the other; null for what is never folded.
+function likeness({ item }) {
+  if (!item) return "log";
+  return item.fault || item.kind === "fault" ? null : [item.kind, item.from, item.to, item.title].join("\n");
+}
 
 // Finds what repeats itself (a query and its answer, again and again): [first, length of one, times].
 function repetitions(rows) {
@@ -100,7 +112,7 @@ function lifelines(height) {
 }
 
 function arrow(item) {
-  const picture = draw("svg", { "aria-hidden": "true", class: `of-${item.from === "service" ? item.to : item.from}` },
+  const picture = draw("svg", { "aria-hidden": "true", class: `of-${item.from === "service" && item.to ? item.to : item.from}` },
     ...lifelines("100%"));
   const y = 33;
   if (!item.to) {
@@ -115,9 +127,14 @@ function arrow(item) {
   return picture;
 }
 
+// "7021 CMD_FACE_IMPORT_PROGRESS request" in a label, where the arrow shows which way it goes.
+const short = (title) => title.replace(/^(\d+) CMD_(\w+) (request|reply)$/,
+  (_, code, name) => `${code} ${name.toLowerCase().replaceAll("_", " ")}`);
+
 function label(item) {
-  const element = make("span", "label", make("b", "", highlighted(item.title)));
-  if (item.fault) element.append(make("i", "fault", `fault: ${item.fault}`));
+  const element = make("span", "label", make("b", "", highlighted(short(item.title))));
+  if (!item.to) element.classList.add(`of-${item.from}`);
+  if (item.fault && item.kind !== "fault") element.append(make("i", "fault", `fault: ${item.fault}`));
   if (item.detail) element.append(make("span", "", highlighted(item.detail)));
   const places = [item.from, item.to || item.from].map((name) => Math.max(lanes.indexOf(name), 0));
   const left = Math.min(...places), right = Math.max(...places);
@@ -127,7 +144,7 @@ function label(item) {
     element.style.maxWidth = `calc(${percent(right)}% + 12px)`;
   } else {
     element.style.left = `calc(${percent(left)}% ${item.to ? "+ 6px" : "- 12px"})`;
-    element.style.maxWidth = `calc(${100 - percent(left)}% - 6px)`;
+    element.style.maxWidth = `calc(${100 - percent(left)}% - 6px + var(--spare))`;
   }
   return element;
 }
@@ -143,13 +160,14 @@ function drawRow(row) {
   element.append(line);
   line.append(message, drawLogs(row.logs));
   if (!item) {
-    element.classList.add("own", "quiet");
+    element.classList.add("alone");
     message.append(draw("svg", { "aria-hidden": "true" }, ...lifelines("100%")));
     return element;
   }
   element.id = `line-${item.line}`;
   element.classList.add(`of-kind-${item.kind}`);
   element.classList.toggle("own", !item.to);
+  element.classList.toggle("spacious", row.logs.length === 0);
   element.classList.toggle("file", item.kind === "file");
   element.classList.toggle("quiet", ["connection", "note"].includes(item.kind) && !item.fault);
   element.classList.toggle("faulty", Boolean(item.fault));
@@ -187,13 +205,15 @@ function drawLogs(logs) {
 }
 
 function gap(length) {
-  return make("div", "gap", make("span", "", `${length.toFixed(2)} s without a message`));
+  const message = make("div", "message", draw("svg", { "aria-hidden": "true" }, ...lifelines("100%")),
+    make("span", "", `${length.toFixed(2)} s`));
+  return make("div", "row gap", make("div", "line", make("span", "time"), message));
 }
 
 function folded(rows, length, times) {
   const last = rows[rows.length - 1].time, first = rows[0].time;
-  const what = [...new Set(rows.slice(0, length).map((row) => row.item.title.replace(/ (request|reply)$/, "")))].join(", ");
-  const button = make("button", "more", `${count(times, "more time")}: ${what} (${duration(last - first)})`);
+  const what = new Set(rows.slice(0, length).filter((row) => row.item).map((row) => short(row.item.title)));
+  const button = make("button", "more", `${count(times, "more time")}: ${[...what].join(", ") || "log"}, ${duration(last - first)}`);
   button.type = "button";
   button.addEventListener("click", () => button.replaceWith(...drawRows(rows, false)));
   return button;
@@ -210,12 +230,12 @@ function drawRows(rows, fold = true) {
       const hidden = length * (times - 2);
       elements.push(folded(rows.slice(position, position + hidden), length, times - 2));
       position += hidden;
-      before = rows[position].time;
+      before = rows[position - 1].end;
     }
     const row = rows[position];
-    if (row.time - before >= LONG_GAP) elements.push(gap(row.time - before));
+    if (row.time - before >= LONG_GAP && !words.length) elements.push(gap(row.time - before));
     elements.push(drawRow(row));
-    before = row.logs.length ? row.logs[row.logs.length - 1].time : row.time;
+    before = row.end;
   }
   return elements;
 }
@@ -232,50 +252,39 @@ const chapters = run.chapters.map((chapter, number) => {
   const body = make("div", "rows");
   const element = make("section", "chapter", make("h2", "", title), body);
   element.id = `chapter-${number}`;
-  const entry = { chapter, rows, element, body, title, faults, open: false };
+  const entry = { chapter, rows, shown: rows, element, body, title, faults, open: false };
   title.addEventListener("click", () => setOpen(entry, !entry.open));
   return entry;
 });
 
-function setOpen(entry, open, rows = entry.rows, fold = true) {
+function setOpen(entry, open) {
   entry.open = open;
   entry.element.classList.toggle("open", open);
   entry.title.setAttribute("aria-expanded", String(open));
-  entry.body.replaceChildren(...(open ? drawRows(rows, fold) : []));
+  entry.body.replaceChildren(...(open ? drawRows(entry.shown, !words.length) : []));
 }
 
+// Opens as many chapters as are drawn quickly, those with faults first; the others open at a click.
 function openSome() {
   let left = ROWS_AT_ONCE;
   const wanted = new Set();
-  const inOrder = [...chapters.filter((entry) => entry.faults), chapters[0], ...chapters].filter(Boolean);
-  for (const entry of inOrder) {
-    if (wanted.has(entry) || entry.rows.length > left) continue;
+  for (const entry of [...chapters.filter((one) => one.faults), ...chapters]) {
+    if (wanted.has(entry) || entry.shown.length > left) continue;
     wanted.add(entry);
-    left -= entry.rows.length;
+    left -= entry.shown.length;
   }
-  for (const entry of chapters) {
-    entry.element.hidden = false;
-    setOpen(entry, wanted.has(entry));
-  }
+  for (const entry of chapters) setOpen(entry, wanted.has(entry));
 }
 
 function search(text) {
   words = text.toLowerCase().split(/\s+/).filter(Boolean);
-  const found = document.getElementById("found");
-  found.textContent = "";
-  if (!words.length) {
-    openSome();
-    return;
-  }
-  let all = 0, number = 0;
   for (const entry of chapters) {
-    const rows = entry.rows.filter(matches);
-    all += entry.rows.length;
-    number += rows.length;
-    entry.element.hidden = rows.length === 0;
-    setOpen(entry, rows.length > 0, rows.slice(0, ROWS_AT_ONCE), false);
+    entry.shown = words.length ? entry.rows.filter(matches) : entry.rows;
+    entry.element.hidden = entry.shown.length === 0;
   }
-  found.textContent = `${number} of ${all}`;
+  openSome();
+  const sum = (name) => chapters.reduce((total, entry) => total + entry[name].length, 0);
+  document.getElementById("found").textContent = words.length ? `${sum("shown")} of ${sum("rows")}` : "";
 }
 
 // ---- the page around them
@@ -288,7 +297,7 @@ function showNumbers() {
     .reduce((sum, item) => sum + item.bytes.size, 0);
   const numbers = [[duration(run.seconds), "recorded"], [of("datagram"), "datagrams"], [of("request"), "HTTPS requests"],
     [bytes >= 1e6 ? `${(bytes / 1e6).toFixed(1)} MB` : `${(bytes / 1e3).toFixed(1)} kB`, "over HTTPS"],
-    [pages, "pages fetched"], [run.chapters.reduce((sum, chapter) => sum + chapter.pictures, 0), "pictures imported"],
+    [pages, "pages"], [run.chapters.reduce((sum, chapter) => sum + chapter.pictures, 0), "pictures"],
     [of("file"), "files"], [of("log"), "log records"], [of("fault"), "faults"]];
   for (const [number, name] of numbers) {
     const bad = name === "faults" && number > 0;
@@ -306,7 +315,7 @@ function showOverview() {
   const whole = Math.max(run.seconds, 0.001);
   const x = (time) => `${(100 * time) / whole}%`;
   const step = [0.05, 0.1, 0.2, 0.5, 1, 2, 5, 10, 20, 30, 60, 120, 300, 600, 1800, 3600, 7200, 21600, 86400]
-    .find((size) => whole / size <= (innerWidth < 760 ? 4 : 9)) ?? 86400;
+    .find((size) => whole / size <= (narrow.matches ? 4 : 9)) ?? 86400;
   const ticks = [];
   for (let time = 0; time <= whole; time += step) ticks.push(time);
   const lines = () => ticks.map((time) => draw("line", { class: "grid", x1: x(time), x2: x(time), y1: 0, y2: 26 }));
@@ -317,7 +326,7 @@ function showOverview() {
     const bar = (name, begin, end) => draw("rect", { class: name, x: x(begin), y: 6, height: 14, rx: 3, ry: 3,
       width: `max(2px, ${x(end - begin)})` }, draw("title", {}, `${name}: ${duration(end - begin)}`));
     const picture = draw("svg", { "aria-hidden": "true" }, ...lines());
-    if (chapter.phases.length) chapter.phases.forEach(([name, begin, end]) => picture.append(bar(PHASES[name], begin, end)));
+    if (chapter.phases.length) chapter.phases.forEach(([name, begin, end]) => picture.append(bar(name, begin, end)));
     else picture.append(bar("other", chapter.begin, chapter.end));
     for (const item of chapter.items.filter((one) => one.kind === "fault")) {
       picture.append(draw("svg", { x: x(item.time), y: 13, overflow: "visible" },
@@ -341,10 +350,8 @@ function showOverview() {
 }
 
 function showTools() {
-  for (const lanesOf of [document.getElementById("processes")]) {
-    lanesOf.append(make("div", "lanes", ...lanes.map((name) =>
-      make("span", `of-${name}`, innerWidth < 760 ? SHORT[name] ?? NAMES[name] : NAMES[name]))));
-  }
+  document.getElementById("processes").append(make("div", "lanes", ...lanes.map((name) =>
+    make("span", `of-${name}`, narrow.matches ? SHORT[name] ?? NAMES[name] : NAMES[name]))));
   for (const name of ["log", "connections", "notes"]) {
     const button = make("button", "", name);
     button.type = "button";

@@ -6,7 +6,6 @@ The two have other versions of POCO, OpenSSL and the C library, and other sizes 
 from __future__ import annotations
 
 from collections.abc import Callable, Iterator
-from pathlib import Path
 
 import pytest
 

@@ -70,7 +70,8 @@ def test_order_counts_within_a_channel_only() -> None:
     (6, {"body": b"pagE"}, "responses: number 1: body: 4 and 4 bytes, different from offset 3 on: b'e' and b'E'"),
     (7, {"data": b"y"}, "steps of connection 1: number 1: data: 1 and 1 bytes, different from offset 0 on: "
                         "b'x' and b'y'"),
-    (8, {"data": b"{}"}, "files /tmp/state: number 1: data: 2 and 2 bytes, different from offset 0 on: b'[]' and b'{}'"),
+    (8, {"data": b"{}"}, "files /tmp/state: number 1: data: 2 and 2 bytes, different from offset 0 on: "
+                         "b'[]' and b'{}'"),
     (9, {"data": b"blocK"}, "buffers: number 1: 5 and 5 bytes, different from offset 4 on: b'k' and b'K'"),
     (10, {"text": "Record"}, "ring buffer: number 1: 'record' and 'Record'"),
     (11, {"level": "ERROR"}, "log a: number 1: 'INFO line 10: one' and 'ERROR line 10: one'"),
