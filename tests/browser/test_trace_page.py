@@ -1,0 +1,248 @@
+"""The page of a recorded run, looked at with a real browser: Debian's Chromium without a window."""
+
+from __future__ import annotations
+
+import argparse
+import json
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.remote.webelement import WebElement
+from selenium.webdriver.support.ui import WebDriverWait
+
+from simulator import Camera, Reset, Send, Wait
+from simulator.commands import trace
+from support import wait_end
+
+OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-sync",
+           "--disable-background-networking", "--disable-component-update", "--disable-dev-shm-usage"]
+SECONDS = 20
+PHONE, DESK = 360, 1280
+HOSTILE = "</script><script>window.harmed = 1</script><img src=x onerror='window.harmed = 1'><b id=harmed>"
+# The widest that anything reaches to the right, of what is not inside a box that scrolls or cuts it.
+OVERFLOWING = """
+const cut = (element) => {
+    for (let box = element.parentElement; box; box = box.parentElement)
+        if (getComputedStyle(box).overflowX !== "visible" && box !== document.body && box.tagName !== "HTML") return true;
+    return false;
+};
+return [...document.querySelectorAll("body *")].filter((element) => element.getBoundingClientRect().right
+    > document.documentElement.clientWidth + 0.5 && !cut(element)).map((element) => element.outerHTML.slice(0, 200));
+"""
+
+
+@pytest.fixture(scope="module")
+def page(tmp_path_factory: pytest.TempPathFactory) -> str:
+    """The address of the page of a run with a page fetched in vain, a slow import and hostile texts."""
+    folder = tmp_path_factory.mktemp("trace")
+    with Camera(recording=folder / "run") as camera:
+        camera.platform.picture_sizes = (20_000, 30_000)
+        camera.itgt.not_ready_answers = 5
+        camera.client.command("whiteListDown", camera.platform.task(31, cameraCode=HOSTILE))
+        wait_end(camera, timeout=60)
+        begin = len(camera.journal)
+        camera.platform.script(camera.platform.task_path, [Send(f"HTTP/1.1 200 {HOSTILE}".encode()), Wait(0.5), Reset()])
+        camera.client.command("whiteListDown", camera.platform.task(1))
+        wait_end(camera, begin)
+        camera.client.command("faceNotHitDown", {"FaceID": 7})
+    parser = argparse.ArgumentParser()
+    trace.add_arguments(parser)
+    assert trace.run(parser.parse_args([str(folder / "run"), "--html", str(folder / "page.html")])) == 0
+    return (folder / "page.html").as_uri()
+
+
+@pytest.fixture(scope="module")
+def chromium(tmp_path_factory: pytest.TempPathFactory) -> Iterator[webdriver.Chrome]:
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for word in (*OPTIONS, f"--user-data-dir={tmp_path_factory.mktemp('chromium')}"):
+        options.add_argument(word)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(options=options, service=Service("/usr/bin/chromedriver"))
+    yield driver
+    driver.quit()
+
+
+@pytest.fixture
+def show(chromium: webdriver.Chrome, page: str) -> Iterator[Callable[..., webdriver.Chrome]]:
+    """Opens the page: show(width=1280, scheme="light"). At the end nothing may have complained."""
+    def opened(width: int = DESK, scheme: str = "light") -> webdriver.Chrome:
+        chromium.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": 900, "deviceScaleFactor": 1, "mobile": width == PHONE})
+        chromium.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+            "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+        chromium.get(page)
+        wait(chromium, lambda: chromium.find_elements(By.CSS_SELECTOR, ".row"))
+        return chromium
+    yield opened
+    assert chromium.get_log("browser") == []
+    assert chromium.execute_script("return window.harmed ?? null") is None
+
+
+def wait(driver: webdriver.Chrome, condition: Callable[[], Any]) -> Any:
+    return WebDriverWait(driver, SECONDS, poll_frequency=0.05).until(lambda _: condition())
+
+
+def messages(driver: webdriver.Chrome, text: str) -> list[WebElement]:
+    """The messages whose spoken description contains a text."""
+    return driver.find_elements(By.CSS_SELECTOR, f"button.message[aria-label*={json.dumps(text)}]")
+
+
+def unfold(driver: webdriver.Chrome, message: WebElement) -> WebElement:
+    driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", message)
+    message.click()
+    assert message.get_attribute("aria-expanded") == "true"
+    return message.find_element(By.XPATH, "../..").find_element(By.CSS_SELECTOR, ".detail")
+
+
+def search(driver: webdriver.Chrome, text: str) -> str:
+    """Types into the search box; returns what it says it found."""
+    found = driver.find_element(By.ID, "found")
+    before = found.text
+    driver.find_element(By.ID, "search").send_keys(text)
+    wait(driver, lambda: found.text != before)
+    return found.text
+
+
+def lightness(driver: webdriver.Chrome, selector: str, name: str) -> int:
+    """The mean of the three colours of a property, 0 to 255."""
+    colour = driver.execute_script("return getComputedStyle(document.querySelector(arguments[0]))[arguments[1]]",
+                                   selector, name)
+    return sum(int(part) for part in colour[colour.index("(") + 1:-1].split(",")[:3]) // 3
+
+
+def test_overview_tells_the_run(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    stages = [element.text.split("\n")[0] for element in driver.find_elements(By.CSS_SELECTOR, "button.stage")]
+    assert stages == ["Start", "whiteListDown", "page 0 to 29", "page 30 to 30", "whiteListDown", "page 0 to 0",
+                      "faceNotHitDown"]
+    first, second, broken = driver.find_elements(By.CSS_SELECTOR, ".stage.page > svg")
+    for whole in (first, second):
+        assert [bar.get_attribute("class") for bar in whole.find_elements(By.TAG_NAME, "rect")] == [
+            "fetch", "import", "report"]
+        widths = [bar.rect["width"] for bar in whole.find_elements(By.TAG_NAME, "rect")]
+        assert widths[1] > 5 * widths[0] > 0, "the import waits for five seconds"
+    assert [bar.get_attribute("class") for bar in broken.find_elements(By.TAG_NAME, "rect")] == ["fetch"]
+    assert len(broken.find_elements(By.CSS_SELECTOR, ".mark")) == 1
+    numbers = {tile.find_element(By.TAG_NAME, "span").text: tile.find_element(By.TAG_NAME, "b").text
+               for tile in driver.find_elements(By.CSS_SELECTOR, ".number")}
+    assert (numbers["pages"], numbers["pictures"], numbers["HTTPS requests"], numbers["faults"]) == ("3", "31", "5", "1")
+
+
+def test_arrows_go_from_process_to_process(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    heads = {element.text: element.rect["x"] + element.rect["width"] / 2
+             for element in driver.find_elements(By.CSS_SELECTOR, ".processes .lanes span")}
+    assert list(heads) == ["event cache", "client", "service", "ITGT", "platform"]
+    for text, left, right in (("service to ITGT: 7020", "service", "ITGT"), ("ITGT to service: 7020", "service", "ITGT"),
+                              ("service to platform: POST", "service", "platform"),
+                              ("client to service: command head", "client", "service")):
+        line = messages(driver, text)[0].find_element(By.CSS_SELECTOR, ".arrow").rect
+        assert abs(line["x"] - heads[left]) < 3 and abs(line["x"] + line["width"] - heads[right]) < 3, text
+
+
+def test_search_leaves_what_matches(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    assert search(driver, "WHITE30 directory").startswith("1 of ")
+    message, = driver.find_elements(By.CSS_SELECTOR, "button.message")
+    assert "7020 CMD_FACE_IMPORT_FILE request" in message.get_attribute("aria-label")
+    assert driver.find_elements(By.CSS_SELECTOR, "mark")
+    assert [element.text.split("\n")[0] for element in driver.find_elements(By.CSS_SELECTOR, ".chapter:not([hidden]) h2")] \
+        == ["page 30 to 30"]
+    assert search(driver, " nonsense").startswith("0 of ")
+    driver.find_element(By.ID, "search").clear()
+    driver.find_element(By.ID, "search").send_keys(" ")
+    wait(driver, lambda: len(driver.find_elements(By.CSS_SELECTOR, "button.message")) > 60)
+
+
+def test_search_finds_the_log(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    assert search(driver, "SendMsgAndRecvResponse err").startswith("1 of ")
+    assert [element.text for element in driver.find_elements(By.CSS_SELECTOR, ".logs li.error mark")] == [
+        "SendMsgAndRecvResponse", "err"]
+
+
+def test_message_unfolds_into_fields_and_bytes(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    detail = unfold(driver, messages(driver, "ITGT to service: 7020")[0])
+    rows = [[cell.text for cell in row.find_elements(By.TAG_NAME, "td")]
+            for row in detail.find_elements(By.CSS_SELECTOR, "tbody tr")]
+    assert ["import_task_id", "584", "8", "4300000001"] in rows
+    assert ["command", "164", "4", "7020"] in rows
+    lines = detail.find_element(By.CSS_SELECTOR, ".bytes").text.splitlines()
+    line, = [line for line in lines if line.split()[0] == "576"]
+    assert line.split()[1:17] == ["00"] * 8 + ["01", "cb", "4c", "00", "01", "00", "00", "00"], "4300000001 at 584"
+    assert "368 bytes of zero" in [line.strip() for line in lines]
+
+
+def test_field_and_its_bytes_light_up_together(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    detail = unfold(driver, messages(driver, "ITGT to service: 7020")[0])
+    row = next(row for row in detail.find_elements(By.CSS_SELECTOR, "tbody tr") if row.text.startswith("command "))
+    webdriver.ActionChains(driver).move_to_element(row).perform()
+    lit = [cell.text.strip() for cell in detail.find_elements(By.CSS_SELECTOR, ".bytes .lit")]
+    assert lit == ["6c", "1b", "00", "00"], "7020 in little-endian"
+
+
+def test_fault_is_marked(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    marked = driver.find_elements(By.CSS_SELECTOR, ".faulty button.message")
+    assert len(marked) == 2
+    assert marked[0].get_attribute("aria-label").startswith("platform: a script answers the next request")
+    assert "as they are" in marked[1].get_attribute("aria-label")
+    assert marked[1].find_element(By.CSS_SELECTOR, ".fault").text == "fault: script"
+
+
+def test_what_repeats_is_folded(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    before = len(messages(driver, "7021"))
+    fold = driver.find_elements(By.CSS_SELECTOR, "button.more")[0]
+    assert "more times: 7021 face import progress" in fold.text
+    driver.execute_script("arguments[0].click()", fold)
+    assert len(messages(driver, "7021")) > before
+
+
+@pytest.mark.parametrize("width", [PHONE, 768, DESK])
+def test_nothing_overflows(show: Callable[..., webdriver.Chrome], width: int) -> None:
+    driver = show(width)
+    for text in ("ITGT to service: 7020", "client to service: command whiteListDown", "service to platform: POST",
+                 "as they are"):
+        unfold(driver, messages(driver, text)[0])
+    assert driver.execute_script("return innerWidth") == width
+    assert driver.execute_script("const page = document.documentElement; return page.scrollWidth <= page.clientWidth")
+    assert driver.execute_script(OVERFLOWING) == []
+
+
+def test_dark_and_light(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show(scheme="dark")
+    assert lightness(driver, "body", "backgroundColor") < 40 and lightness(driver, "body", "color") > 200
+    driver = show(scheme="light")
+    assert lightness(driver, "body", "backgroundColor") > 230 and lightness(driver, "body", "color") < 60
+    button = driver.find_element(By.ID, "theme")
+    seen = []
+    for _ in range(3):
+        button.click()
+        seen.append((button.text[2:], lightness(driver, "body", "backgroundColor") < 40))
+    assert seen == [("light", False), ("dark", True), ("auto", False)]
+
+
+def test_hostile_text_is_text(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    detail = unfold(driver, messages(driver, "client to service: command whiteListDown")[0])
+    assert HOSTILE in detail.find_element(By.TAG_NAME, "pre").text
+    assert not driver.find_elements(By.CSS_SELECTOR, "#harmed, body img")
+    assert len(driver.find_elements(By.TAG_NAME, "script")) == 2, "the page's own"
+
+
+def test_log_can_be_hidden(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    log = driver.find_elements(By.CSS_SELECTOR, ".logs li")[0]
+    assert log.is_displayed()
+    driver.find_element(By.XPATH, "//div[@id='switches']/button[text()='log']").click()
+    assert not log.is_displayed()
+    assert driver.execute_script(OVERFLOWING) == []
