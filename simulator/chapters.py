@@ -79,13 +79,13 @@ class _Teller:
             self.chapters.append(Chapter(item.title, item.time))
 
     def _begin_page(self, title: str, request: Item) -> None:
-        """A page begins when its connection does; that is among the last items."""
+        """A page begins when its connection does; that is among the last items. The reply to the command is not its."""
         items = self.chapters[-1].items
         begin = next((position for position, item in enumerate(items) if item.connection == request.connection),
                      len(items))
-        page = Chapter(title, items[begin].time if begin < len(items) else request.time, items[begin:])
-        del items[begin:]
-        self.chapters.append(page)
+        own = [item for item in items[begin:] if item.target != "client"]
+        items[begin:] = [item for item in items[begin:] if item.target == "client"]
+        self.chapters.append(Chapter(title, own[0].time if own else request.time, own))
 
 
 def _page_title(request: Item) -> str | None:

@@ -8,6 +8,7 @@ import signal
 import sys
 import time
 from collections.abc import Sequence
+from pathlib import Path
 from typing import NoReturn
 
 from simulator.camera import RING_BUFFER, Camera, build_folder
@@ -129,7 +130,7 @@ def _expect(what: str, seen: object, expected: object) -> None:
 
 def _run(arguments: argparse.Namespace, show: Display) -> None:
     show.console.print(f"The service is {build_folder()}/bin/protocol_process, unchanged, in a sandbox of its own.")
-    camera = Camera(start=False)
+    camera = Camera(start=False, recording=arguments.record)
     show.follow(camera.journal)
     with camera:
         try:
@@ -163,6 +164,7 @@ def _arguments() -> argparse.Namespace:
                         help=", ".join(_SCENES))
     parser.add_argument("--faces", type=int, default=75, metavar="N", help="faces to download (75)")
     parser.add_argument("--verbose", action="store_true", help="show the service's log and every message, decoded")
+    parser.add_argument("--record", type=Path, metavar="FILE", help="write everything that passes into a file")
     arguments = parser.parse_args()
     if not 0 <= arguments.faces <= 10_000:
         parser.error("--faces takes a number from 0 to 10000")
@@ -187,6 +189,8 @@ def main() -> int:
         show.console.print("Run it again with --verbose to see the service's log and every message.")
         return 1
     show.console.print("Everything came out as it should.", style="bold green")
+    if arguments.record:
+        show.console.print(f"Recorded in {arguments.record}; simulator/camsim trace explains it.")
     return 0
 
 
