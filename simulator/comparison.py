@@ -18,8 +18,8 @@ NOT_COMPARED = {
                               "from one process to one socket, one connection, one file, the log of one source file) "
                               "the order is compared",
     "process ids": "each run is another process",
-    "words of the JSON library": "the log passes on how POCO's parser explains that a text is no JSON, and each version "
-                                 "of POCO has words of its own (1.10: error: 1: unexpected end of data; 1.11: "
+    "words of the JSON library": "the log passes on how POCO's parser explains that a text is no JSON, and each "
+                                 "version of POCO has words of its own (1.10: error: 1: unexpected end of data; 1.11: "
                                  "unexpected end of text); what stands before and after them is compared",
     "notes of the peers": "what a peer notes about itself says nothing about the service; its messages are compared",
 }

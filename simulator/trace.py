@@ -259,7 +259,8 @@ def as_text(data: bytes) -> str:
         if any(byte < 32 and byte not in b"\t\r\n" for byte in start):
             return ""
         text = _printable(start).replace("\r\n", "\n").replace("\t", "    ")
-    more = f"\n… ({_size(data)} in all)" if len(text) > _TEXT_LIMIT or document is None and len(data) > len(text) else ""
+    cut = len(text) > _TEXT_LIMIT or document is None and len(data) > len(text)
+    more = f"\n… ({_size(data)} in all)" if cut else ""
     return visible(text[:_TEXT_LIMIT]) + more
 
 

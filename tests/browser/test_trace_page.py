@@ -5,7 +5,6 @@ from __future__ import annotations
 import argparse
 import json
 from collections.abc import Callable, Iterator
-from pathlib import Path
 from typing import Any
 
 import pytest
@@ -28,7 +27,7 @@ HOSTILE = "</script><script>window.harmed = 1</script><img src=x onerror='window
 OVERFLOWING = """
 const cut = (element) => {
     for (let box = element.parentElement; box; box = box.parentElement)
-        if (getComputedStyle(box).overflowX !== "visible" && box !== document.body && box.tagName !== "HTML") return true;
+        if (getComputedStyle(box).overflowX !== "visible" && !["BODY", "HTML"].includes(box.tagName)) return true;
     return false;
 };
 return [...document.querySelectorAll("body *")].filter((element) => element.getBoundingClientRect().right
@@ -46,7 +45,8 @@ def page(tmp_path_factory: pytest.TempPathFactory) -> str:
         camera.client.command("whiteListDown", camera.platform.task(31, cameraCode=HOSTILE))
         wait_end(camera, timeout=60)
         begin = len(camera.journal)
-        camera.platform.script(camera.platform.task_path, [Send(f"HTTP/1.1 200 {HOSTILE}".encode()), Wait(0.5), Reset()])
+        camera.platform.script(camera.platform.task_path, [Send(b"HTTP/1.1 200 " + HOSTILE.encode()), Wait(0.5),
+                                                            Reset()])
         camera.client.command("whiteListDown", camera.platform.task(1))
         wait_end(camera, begin)
         camera.client.command("faceNotHitDown", {"FaceID": 7})
@@ -131,7 +131,7 @@ def test_overview_tells_the_run(show: Callable[..., webdriver.Chrome]) -> None:
     assert len(broken.find_elements(By.CSS_SELECTOR, ".mark")) == 1
     numbers = {tile.find_element(By.TAG_NAME, "span").text: tile.find_element(By.TAG_NAME, "b").text
                for tile in driver.find_elements(By.CSS_SELECTOR, ".number")}
-    assert (numbers["pages"], numbers["pictures"], numbers["HTTPS requests"], numbers["faults"]) == ("3", "31", "5", "1")
+    assert [numbers[name] for name in ("pages", "pictures", "HTTPS requests", "faults")] == ["3", "31", "5", "1"]
 
 
 def test_arrows_go_from_process_to_process(show: Callable[..., webdriver.Chrome]) -> None:
@@ -139,7 +139,8 @@ def test_arrows_go_from_process_to_process(show: Callable[..., webdriver.Chrome]
     heads = {element.text: element.rect["x"] + element.rect["width"] / 2
              for element in driver.find_elements(By.CSS_SELECTOR, ".processes .lanes span")}
     assert list(heads) == ["event cache", "client", "service", "ITGT", "platform"]
-    for text, left, right in (("service to ITGT: 7020", "service", "ITGT"), ("ITGT to service: 7020", "service", "ITGT"),
+    for text, left, right in (("service to ITGT: 7020", "service", "ITGT"),
+                              ("ITGT to service: 7020", "service", "ITGT"),
                               ("service to platform: POST", "service", "platform"),
                               ("client to service: command head", "client", "service")):
         line = messages(driver, text)[0].find_element(By.CSS_SELECTOR, ".arrow").rect
@@ -152,8 +153,8 @@ def test_search_leaves_what_matches(show: Callable[..., webdriver.Chrome]) -> No
     message, = driver.find_elements(By.CSS_SELECTOR, "button.message")
     assert "7020 CMD_FACE_IMPORT_FILE request" in message.get_attribute("aria-label")
     assert driver.find_elements(By.CSS_SELECTOR, "mark")
-    assert [element.text.split("\n")[0] for element in driver.find_elements(By.CSS_SELECTOR, ".chapter:not([hidden]) h2")] \
-        == ["page 30 to 30"]
+    heading, = driver.find_elements(By.CSS_SELECTOR, ".chapter:not([hidden]) h2 span")
+    assert heading.text == "page 30 to 30"
     assert search(driver, " nonsense").startswith("0 of ")
     driver.find_element(By.ID, "search").clear()
     driver.find_element(By.ID, "search").send_keys(" ")

@@ -210,7 +210,8 @@ def test_page_has_nothing_of_a_peer_as_markup(recorded: Path, run: Callable[...,
 def test_large_bodies_are_cut_in_the_page(recorded: Path, run: Callable[..., str]) -> None:
     page = written_page(recorded, run)
     assert len(page) < 100_000
-    answer = next(item for chapter in data_of(page)["chapters"] for item in chapter["items"] if item["title"] == "200 OK")
+    answer = next(item for chapter in data_of(page)["chapters"] for item in chapter["items"]
+                  if item["title"] == "200 OK")
     head = len(b"HTTP/1.1 200 OK\r\nContent-Type: application/json;charset=UTF-8\r\nContent-Length: 3000030\r\n\r\n")
     assert answer["bytes"]["size"] == head + len(PAGE)
     assert "3,000,000 characters" in answer["text"]
