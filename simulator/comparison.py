@@ -28,6 +28,9 @@ NOT_COMPARED = {
 _LIBRARY_WORDS = re.compile(r"(JSON Exception: )(?!Maximum depth exceeded).*?( ?)$")
 _WITHOUT_WORDS = r"\1(words of the library)\2"
 
+# Of a connection, without how long anything took.
+_FACTS = ("event", "port", "tls_version", "cipher", "raw", "error", "requests")
+
 Channel = tuple[str, ...]
 _Step = tuple[Channel, Any]
 _SHOWN_BYTES = 24
@@ -62,7 +65,7 @@ def _channels(recording: Recording) -> dict[Channel, list[Any]]:
 
 
 def _connection(entry: Entry) -> _Step:
-    facts = {name: value for name, value in entry.fields.items() if name != "connection"}
+    facts = {name: value for name, value in entry.fields.items() if name in _FACTS}
     return ("connection", str(entry.connection)), facts
 
 

@@ -12,6 +12,9 @@ from simulator import wire
 from simulator.describe import Description, describe, describe_block, describe_message, describe_notification
 from simulator.recording import Entry, Recording
 
+# Faults that only say that something in the place of a peer answered.
+_HOOKS = {"on_message": "a hook changed the answer", "on_request": "a hook changed the answer",
+          "on_connect": "a hook takes the connection"}
 # What the messages themselves say.
 _HIDDEN_NOTES = {("itgt", "picture"), ("client", "reply"), ("platform", "report"), ("platform", "page"),
                  ("faces", "list")}
@@ -90,6 +93,8 @@ def explain(recording: Recording) -> list[Item]:
             continue
         item = _EXPLAINED[entry.type](entry)
         if entry.type == "fault":
+            if entry.name in _HOOKS and faults.get(entry.source, entry.name) not in _HOOKS:
+                continue  # the hook that makes the fault that was named just before
             faults[entry.source] = entry.name
         elif item.source in faults and item.kind in ("datagram", "response", "step"):
             item = replace(item, fault=faults.pop(item.source))
@@ -195,11 +200,10 @@ def _log(entry: Entry) -> Item:
 
 
 def _fault(entry: Entry) -> Item:
-    names = {"script": "a script answers the next request", "delay": "answers late",
-             "on_message": "a hook changed the answer", "on_request": "a hook changed the answer",
-             "on_connect": "a hook takes the connection"}
+    names = {"script": "a script answers the next request", "delay": "answers late", **_HOOKS}
     details = {name: value for name, value in entry.fields.items() if name not in ("source", "name")}
-    return _item(entry, entry.source, "", names.get(entry.name, entry.name), fault=entry.name,
+    return _item(entry, entry.source, "", names.get(entry.name, f"fault {entry.name} takes hold"),
+                 fault=entry.name,
                  detail=one_line(_pairs(details)))
 
 

@@ -44,6 +44,7 @@ def test_same_story_at_another_time_is_the_same() -> None:
     assert compare(run(STORY), run(STORY, seconds=0.2)) == []
     assert compare(run(STORY), changed(11, written="2027-02-02T00:00:00.000")) == []
     assert compare(run(STORY), changed(0, data={"pid": 8})) == []
+    assert compare(run(STORY), changed(4, seconds=0.1)) == []
 
 
 def test_order_counts_within_a_channel_only() -> None:

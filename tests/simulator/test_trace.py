@@ -141,6 +141,19 @@ def test_fault_is_marked_on_what_it_changed(recorded: Path, run: Callable[..., s
     assert marked == ["a script answers the next request", f"datagram of {len(HOSTILE.encode())} bytes"]
 
 
+def test_hook_that_makes_a_named_fault_is_no_second_one(tmp_path: Path, run: Callable[..., str]) -> None:
+    journal = Journal()
+    with Recorder(journal, tmp_path / "run"):
+        for name in ("itgt.truncated", "on_message"):
+            journal.add("itgt", "fault", name=name)
+        journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
+        journal.add("itgt", "fault", name="on_message", command=7021)
+        journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
+    assert [(item["title"], item["fault"]) for item in items(run, tmp_path / "run")] == [
+        ("fault itgt.truncated takes hold", "itgt.truncated"), ("datagram of 5 bytes", "itgt.truncated"),
+        ("a hook changed the answer", "on_message"), ("datagram of 5 bytes", "on_message")]
+
+
 def test_text(recorded: Path, run: Callable[..., str]) -> None:
     text = run(recorded)
     assert re.match(r"recorded 20\d\d-\d\d-\d\d \d\d:\d\d:\d\d UTC, build host, \d\.\d s: 11 datagrams, "
