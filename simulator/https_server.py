@@ -55,7 +55,7 @@ class Connection:
         try:
             steps = self._server.on_connect(self) if self._server.on_connect else None
             if steps is not None:
-                self._note("fault", name="on_connect")
+                self._note("hooked", name="on_connect")
                 self._carry_out(noted(steps, self._server.journal, self.number))
             self._handshake()
             while (request := self._read_request()) is not None:
@@ -143,7 +143,7 @@ class HttpsServer:
     connections  every connection so far
 
     Journal: "accepted", "handshake" with `tls_version` and `cipher`, "incomplete" with `raw`, "broken" with `error`,
-    "hook_failed" with `error`, "closed" with `requests`, "fault" with `name` when on_connect takes over; all with
+    "hook_failed" with `error`, "closed" with `requests`, "hooked" with `name` when on_connect takes over; all with
     `connection` (its number) and `port`. "step" with `step` and `connection` for each step that is no ordinary answer.
     """
 

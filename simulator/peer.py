@@ -25,8 +25,8 @@ class MessagePeer:
                 peer's thread; default() carries that behaviour out and returns its reply
     delay       seconds between a request and its answer
 
-    Journal: "received" and "sent" with `message`, "send_failed" and "hook_failed" with `error`, "fault" with `name` and
-    `command` when an answer is not the peer's own.
+    Journal: "received" and "sent" with `message`, "send_failed" and "hook_failed" with `error`, "hooked" with `name`
+    and `command` when an answer is not the peer's own.
     """
 
     name = ""
@@ -88,7 +88,7 @@ class MessagePeer:
             self.journal.add(self.name, "hook_failed", error=repr(error), command=message.command)
             return
         if self.delay:
-            self._fault("delay", message, seconds=self.delay)
+            self._hooked("delay", message, seconds=self.delay)
         self._stopping.wait(self.delay)
         for datagram in [reply] if isinstance(reply, bytes) else reply or []:
             try:
@@ -99,7 +99,7 @@ class MessagePeer:
     def _answer(self, message: wire.Message) -> Reply:
         script = self._scripts[message.command]
         if script:
-            self._fault("script", message)
+            self._hooked("script", message)
             answer = script.popleft()
             return answer(message) if callable(answer) else answer
         if self.on_message is None:
@@ -111,11 +111,11 @@ class MessagePeer:
             return own[-1]
         reply = self.on_message(message, default)
         if not own or reply is not own[-1]:
-            self._fault("on_message", message)
+            self._hooked("on_message", message)
         return reply
 
-    def _fault(self, name: str, message: wire.Message, **details: Any) -> None:
-        self.journal.add(self.name, "fault", name=name, command=message.command, **details)
+    def _hooked(self, name: str, message: wire.Message, **details: Any) -> None:
+        self.journal.add(self.name, "hooked", name=name, command=message.command, **details)
 
 
 def file_event(peer: MessagePeer, path: str, content: bytes) -> dict[str, Any]:

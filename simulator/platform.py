@@ -34,7 +34,7 @@ class Platform:
     connections          every connection so far
 
     Journal: "request" with `request`, "page" with `start`, `records` and `bytes`, "report" with `request`, "response"
-    with `response` and `connection` (before it is sent; only ordinary ones), "fault" with `name`, `target` and
+    with `response` and `connection` (before it is sent; only ordinary ones), "hooked" with `name`, `target` and
     `connection` when an answer is not the platform's own, and those of HttpsServer.
     """
 
@@ -123,7 +123,7 @@ class Platform:
             self._journal.add(self.name, "report", request=request)
         script = self._scripts[request.target]
         if script:
-            self._fault("script", request)
+            self._hooked("script", request)
             return self._steps(script.popleft(), request)
         if self.on_request is None:
             return self._steps(self.default(request), request)
@@ -134,11 +134,11 @@ class Platform:
             return own[-1]
         answer = self.on_request(request, default)
         if not own or answer is not own[-1]:
-            self._fault("on_request", request)
+            self._hooked("on_request", request)
         return self._steps(answer, request)
 
-    def _fault(self, name: str, request: Request) -> None:
-        self._journal.add(self.name, "fault", name=name, target=request.target, connection=request.connection)
+    def _hooked(self, name: str, request: Request) -> None:
+        self._journal.add(self.name, "hooked", name=name, target=request.target, connection=request.connection)
 
     def _steps(self, answer: Answer, request: Request) -> Iterable[Step]:
         if callable(answer):

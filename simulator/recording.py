@@ -213,6 +213,7 @@ _SHAPES: dict[tuple[str, str], Callable[[Event], tuple[str, dict[str, Any]]]] = 
     ("", "published"): lambda event: ("buffer", dict(event.data)),
     ("", "file"): lambda event: ("file", {"process": event.source, "path": event.path, "data": event.content}),
     ("", "fault"): _fault,
+    ("", "hooked"): _fault,
     ("platform", "request"): _request,
     ("platform", "response"): _response,
     ("platform", "step"): _step,

@@ -54,7 +54,7 @@ def tell(journal: Journal) -> None:
     journal.add("itgt", "sent", message=wire.encode_reply(told, import_task_id=4_300_000_001), path="/tmp/CP")
     journal.add("itgt", "picture", task_id=1, record_id="x", result=0, done=1, total=15)
     journal.add("itgt", "file", path="/tmp/state", content=b'{"a": 1}')
-    journal.add("itgt", "fault", name="script", command=7021)
+    journal.add("itgt", "hooked", name="script", command=7021)
     journal.add("itgt", "sent", message=wire.Message(HOSTILE.encode()), path="/tmp/CP")
     asked = wire.encode_request("/tmp/II", "/tmp/CP", 7031)
     journal.add("itgt", "received", message=asked, command=7031)
@@ -144,10 +144,10 @@ def test_fault_is_marked_on_what_it_changed(recorded: Path, run: Callable[..., s
 def test_hook_that_makes_a_named_fault_is_no_second_one(tmp_path: Path, run: Callable[..., str]) -> None:
     journal = Journal()
     with Recorder(journal, tmp_path / "run"):
-        for name in ("itgt.truncated", "on_message"):
-            journal.add("itgt", "fault", name=name)
+        journal.add("itgt", "fault", name="itgt.truncated")
+        journal.add("itgt", "hooked", name="on_message", command=7021)
         journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
-        journal.add("itgt", "fault", name="on_message", command=7021)
+        journal.add("itgt", "hooked", name="on_message", command=7021)
         journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
     assert [(item["title"], item["fault"]) for item in items(run, tmp_path / "run")] == [
         ("fault itgt.truncated takes hold", "itgt.truncated"), ("datagram of 5 bytes", "itgt.truncated"),
