@@ -19,8 +19,8 @@ from simulator.trace import Item
 from simulator.trace_page import page
 
 HELP = "explain a recorded run: as text, as JSON, or as a page to look at"
-EXAMPLES = ("camsim trace gate.run", "camsim trace gate.run --html gate.html", "camsim trace gate.run --compare other.run",
-            "camsim trace gate.run --json | less")
+EXAMPLES = ("camsim trace gate.run", "camsim trace gate.run --html gate.html",
+            "camsim trace gate.run --compare other.run", "camsim trace gate.run --json | less")
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
