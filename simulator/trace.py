@@ -211,8 +211,11 @@ def _note(entry: Entry) -> Item:
     names = {("itgt", "page"): "read the page file", ("itgt", "imported"): "imported the page",
              ("events", "connected"): "event node opened", ("events", "disconnected"): "event node closed"}
     data = entry.fields["data"]
+    if entry.kind in ("fault_on", "fault_off"):
+        return _item(entry, entry.source, "", entry.kind.replace("_", " switched "), fault=str(data.get("name")),
+                     detail=one_line(str(data.get("text", data.get("name")))))
     return _item(entry, entry.source, "", names.get((entry.source, entry.kind), entry.kind.replace("_", " ")),
-                 detail=one_line(_pairs(data)), fault=str(data.get("name")) if entry.kind.startswith("fault_") else "")
+                 detail=one_line(_pairs(data)))
 
 
 _EXPLAINED: dict[str, Callable[[Entry], Item]] = {

@@ -144,12 +144,14 @@ def test_fault_is_marked_on_what_it_changed(recorded: Path, run: Callable[..., s
 def test_hook_that_makes_a_named_fault_is_no_second_one(tmp_path: Path, run: Callable[..., str]) -> None:
     journal = Journal()
     with Recorder(journal, tmp_path / "run"):
+        journal.add("itgt", "fault_on", name="itgt.truncated", text="itgt.truncated=bytes=9")
         journal.add("itgt", "fault", name="itgt.truncated")
         journal.add("itgt", "hooked", name="on_message", command=7021)
         journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
         journal.add("itgt", "hooked", name="on_message", command=7021)
         journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
     assert [(item["title"], item["fault"]) for item in items(run, tmp_path / "run")] == [
+        ("fault switched on", "itgt.truncated"),
         ("fault itgt.truncated takes hold", "itgt.truncated"), ("datagram of 5 bytes", "itgt.truncated"),
         ("a hook changed the answer", "on_message"), ("datagram of 5 bytes", "on_message")]
 
