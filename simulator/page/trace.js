@@ -134,7 +134,7 @@ const short = (title) => title.replace(/^(\d+) CMD_(\w+) (request|reply)$/,
 function label(item) {
   const element = make("span", "label", make("b", "", highlighted(short(item.title))));
   if (!item.to) element.classList.add(`of-${item.from}`);
-  if (item.fault && item.kind !== "fault") element.append(make("i", "fault", `fault: ${item.fault}`));
+  if (item.fault && item.to) element.append(make("i", "fault", `fault: ${item.fault}`));
   if (item.detail) element.append(make("span", "", highlighted(item.detail)));
   const places = [item.from, item.to || item.from].map((name) => Math.max(lanes.indexOf(name), 0));
   const left = Math.min(...places), right = Math.max(...places);
@@ -301,8 +301,9 @@ function showNumbers() {
     [of("file"), "files"], [of("log"), "log records"], [of("fault"), "faults"]];
   for (const [number, name] of numbers) {
     const bad = name === "faults" && number > 0;
+    const unit = number === 1 ? name.replace(/s$/, "") : name;
     document.getElementById("numbers").append(
-      make("div", bad ? "number bad" : "number", make("b", "", number.toLocaleString("en")), make("span", "", name)));
+      make("div", bad ? "number bad" : "number", make("b", "", number.toLocaleString("en")), make("span", "", unit)));
   }
   const began = new Date(run.began);
   const day = isNaN(began) ? "" : began.toLocaleString("en-GB", { dateStyle: "long", timeStyle: "medium", timeZone: "UTC" }) + " UTC";

@@ -131,7 +131,7 @@ def test_overview_tells_the_run(show: Callable[..., webdriver.Chrome]) -> None:
     assert len(broken.find_elements(By.CSS_SELECTOR, ".mark")) == 1
     numbers = {tile.find_element(By.TAG_NAME, "span").text: tile.find_element(By.TAG_NAME, "b").text
                for tile in driver.find_elements(By.CSS_SELECTOR, ".number")}
-    assert [numbers[name] for name in ("pages", "pictures", "HTTPS requests", "faults")] == ["3", "31", "5", "1"]
+    assert [numbers[name] for name in ("pages", "pictures", "HTTPS requests", "fault")] == ["3", "31", "5", "1"]
 
 
 def test_arrows_go_from_process_to_process(show: Callable[..., webdriver.Chrome]) -> None:
