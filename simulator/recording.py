@@ -12,6 +12,7 @@ import base64
 import binascii
 import dataclasses
 import json
+import math
 import threading
 import time
 from collections.abc import Callable, Mapping
@@ -271,7 +272,7 @@ def read(path: Path) -> Recording:
 def _entry(path: Path, number: int, line: bytes) -> Entry:
     document = _parsed(path, number, line)
     seconds, kind = document.pop("time", None), document.pop("type", None)
-    if not isinstance(seconds, (int, float)) or kind not in TYPES:
+    if not isinstance(seconds, (int, float)) or not math.isfinite(seconds) or kind not in TYPES:
         raise CameraError(f'{path}, line {number}: an entry has a number "time" and a "type", one of '
                           + ", ".join(TYPES))
     document = {name: _decoded(value) for name, value in document.items()}

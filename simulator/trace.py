@@ -10,6 +10,7 @@ from typing import Any
 
 from simulator import wire
 from simulator.describe import Description, describe, describe_block, describe_message, describe_notification
+from simulator.errors import CameraError
 from simulator.recording import Entry, Recording
 
 # Faults that only say that something in the place of a peer answered.
@@ -91,7 +92,7 @@ def explain(recording: Recording) -> list[Item]:
     for entry in recording.entries:
         if entry.type == "note" and (entry.source, entry.kind) in _HIDDEN_NOTES:
             continue
-        item = _EXPLAINED[entry.type](entry)
+        item = _explained(entry)
         if entry.type == "fault":
             if entry.name in _HOOKS and faults.get(entry.source, entry.name) not in _HOOKS:
                 continue  # the hook that makes the fault that was named just before
@@ -100,6 +101,13 @@ def explain(recording: Recording) -> list[Item]:
             item = replace(item, fault=faults.pop(item.source))
         items.append(item)
     return items
+
+
+def _explained(entry: Entry) -> Item:
+    try:
+        return _EXPLAINED[entry.type](entry)
+    except (TypeError, ValueError, AttributeError) as error:
+        raise CameraError(f"line {entry.number} of the recording, a {entry.type}, is damaged: {error}") from error
 
 
 def _item(entry: Entry, source: str, target: str, title: str, **details: Any) -> Item:
@@ -131,10 +139,10 @@ def _datagram(entry: Entry) -> Item:
 
 def _command_title(data: bytes) -> str:
     document = document_of(data)
-    if isinstance(document, dict) and "StatusCode" in document:
-        return f"reply: status {document['StatusCode']}"
-    return one_line(f"command {document['taskName']}", 80) if isinstance(document, dict) and "taskName" in document \
-        else "JSON"
+    known = document if isinstance(document, dict) else {}
+    if isinstance(status := known.get("StatusCode"), int):
+        return f"reply: status {status}"
+    return one_line(f"command {name}", 80) if isinstance(name := known.get("taskName"), str) else "JSON"
 
 
 def _request(entry: Entry) -> Item:

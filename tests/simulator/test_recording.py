@@ -134,6 +134,7 @@ def test_recording_that_cannot_begin(tmp_path: Path) -> None:
     (HEAD + LOG + b"\n" + LOG, "line 3: the recording is damaged"),
     (HEAD + b"[" * 100_000 + b"\n", "line 2: the recording is damaged"),
     (HEAD + LOG.replace(b'"time": 0.5', b'"time": "x"'), 'line 2: an entry has a number "time" and a "type"'),
+    (HEAD + LOG.replace(b'"time": 0.5', b'"time": NaN'), 'line 2: an entry has a number "time" and a "type"'),
     (HEAD + LOG.replace(b'"log"', b'"other"'), 'line 2: an entry has a number "time" and a "type"'),
     (HEAD + LOG.replace(b'"line": 3, ', b""), 'line 2: a log has "line", a whole number'),
     (HEAD + b'{"time": 0, "type": "datagram", "from": "a", "to": "b", "socket": "c", "data": "x"}\n',

@@ -176,6 +176,15 @@ def test_killed_run_is_said(recorded: Path, run: Callable[..., str]) -> None:
     assert "its end is missing" in run(recorded).splitlines()[0]
 
 
+def test_damaged_entry_is_named(recorded: Path, run: Callable[..., str]) -> None:
+    lines = recorded.read_bytes().splitlines(keepends=True)
+    number = next(number for number, line in enumerate(lines, 1) if b'"step": "send"' in line)
+    lines[number - 1] = lines[number - 1].replace(b'"data": {"base64": "AAE="}', b'"data": 5')
+    recorded.write_bytes(b"".join(lines))
+    with pytest.raises(CameraError, match=f"line {number} of the recording, a step, is damaged"):
+        run(recorded)
+
+
 def test_empty_run(tmp_path: Path, run: Callable[..., str]) -> None:
     with Recorder(Journal(), tmp_path / "run"):
         pass
