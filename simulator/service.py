@@ -63,7 +63,8 @@ class Service:
     stderr     standard error as it came
     stdout     standard output as it came; the service is to print nothing
 
-    Journal: "starting" a moment before the binary is executed, "started" with `pid`, "log" with `record`, "ended" with `exit_code`.
+    Journal: "starting" a moment before the binary is executed, "started" with `pid`, "log" with `record`, "ended" with
+    `exit_code`.
     `start` must be called on a thread that lives as long as the service: the sandbox dies with it.
     """
 
