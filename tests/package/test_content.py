@@ -1,0 +1,121 @@
+"""What is in the packages, and what is not. CAMGATE_BUILD names the build folder that holds them."""
+
+from __future__ import annotations
+
+import gzip
+import re
+import subprocess
+from pathlib import Path
+
+import elf
+import pytest
+from packages import field, listing, package, unpacked
+
+ROOT = Path(__file__).resolve().parents[2]
+NAMES = ("camgate", "camgate-simulator")
+FOLDER, FILE, PROGRAM = "drwxr-xr-x", "-rw-r--r--", "-rwxr-xr-x"
+CAMGATE = {
+    "/etc/init.d/camgate": PROGRAM,
+    "/lib/systemd/system/camgate.service": FILE,
+    "/usr/sbin/protocol_process": PROGRAM,
+    "/usr/share/doc/camgate/camera.md": FILE,
+    "/usr/share/doc/camgate/changelog.gz": FILE,
+    "/usr/share/doc/camgate/copyright": FILE,
+    "/usr/share/doc/camgate/messages.md": FILE,
+}
+
+
+@pytest.fixture(params=NAMES)
+def tree(request: pytest.FixtureRequest, tmp_path: Path) -> Path:
+    """One of the packages, unpacked."""
+    return unpacked(package(request.param), tmp_path / request.param)
+
+
+def _binaries(tree: Path) -> list[Path]:
+    return [path for path in tree.rglob("*") if path.is_file() and not path.is_symlink() and elf.is_elf(path)]
+
+
+def test_the_camera_gets_the_service_and_nothing_else() -> None:
+    files = {path: mode for path, (mode, _) in listing(package("camgate")).items() if not path.endswith("/")}
+    assert files == CAMGATE
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_everything_is_roots_and_nobody_else_may_change_it(name: str) -> None:
+    for path, (mode, owner) in listing(package(name)).items():
+        assert owner == "root/root", path
+        assert mode in (FOLDER, FILE, PROGRAM) or mode.startswith("l"), path
+        assert path.endswith("/") == (mode == FOLDER), path
+
+
+def test_integrators_get_stand_ins_reader_and_simulator() -> None:
+    files = listing(package("camgate-simulator"))
+    modules = {path.name for path in (ROOT / "simulator").glob("*.py")}
+    folder = "/usr/lib/python3/dist-packages/simulator/"
+    assert {path.removeprefix(folder) for path in files if path.startswith(folder)} - {""} == modules
+    assert {"/usr/bin/ringbuf_cat", "/usr/lib/camgate/lib/libcamera_devices.so"} <= set(files)
+    assert [path for path in files if re.fullmatch(r"/usr/lib/[a-z0-9_]+-linux-gnu\w*/libcamera_platform\.so", path)]
+    assert ("/usr/bin/camsim" in files) == (ROOT / "simulator" / "camsim").exists()
+    assert not set(files) & set(CAMGATE)
+
+
+def test_binaries_are_stripped_and_look_for_libraries_where_the_system_does(tree: Path) -> None:
+    binaries = _binaries(tree)
+    assert binaries
+    for binary in binaries:
+        assert not elf.sections(binary) & {".symtab", ".debug_info", ".debug_line"}, binary
+        assert not elf.dynamic(binary, "RUNPATH") + elf.dynamic(binary, "RPATH"), binary
+
+
+def test_the_service_takes_the_platform_library_from_the_camera(tmp_path: Path) -> None:
+    service = unpacked(package("camgate"), tmp_path / "tree") / "usr/sbin/protocol_process"
+    assert "libcamera_platform.so" in elf.dynamic(service, "NEEDED")
+    assert field(package("camgate"), "Recommends") == "camgate-platform"
+    assert field(package("camgate-simulator"), "Provides") == "camgate-platform"
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_no_byte_names_the_folders_of_the_build(name: str, tmp_path: Path) -> None:
+    cache = subprocess.run([str(ROOT / "scripts/armhf-root"), "--path"], stdout=subprocess.PIPE, text=True,
+                           check=True).stdout.strip()
+    forbidden = [str(folder).encode() for folder in (ROOT, Path(cache).parent, Path.home() / ".cache")]
+    for path in unpacked(package(name), tmp_path / "tree").rglob("*"):
+        if path.is_file() and not path.is_symlink():
+            content = path.read_bytes()
+            assert not [folder for folder in forbidden if folder in content], path
+
+
+def test_a_program_depends_on_the_packages_of_its_libraries() -> None:
+    depends = field(package("camgate"), "Depends")
+    if field(package("camgate"), "Architecture") == "armhf":
+        wanted = ("libc6 (>= 2.31)", "libpocofoundation70 (>= 1.10.0)", "libpocojson70 (>= 1.10.0)",
+                  "libpoconet70 (>= 1.10.0)", "libpoconetssl70 (>= 1.10.0)", "libpocoutil70 (>= 1.10.0)",
+                  "libsafec-3.5-3 (>= 3.5)", "libstdc++6", "libgcc-s1")
+    else:
+        wanted = ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3", "libc6 (")
+    assert not [one for one in wanted if one not in depends], depends
+    assert "camera" not in depends and "platform" not in depends
+
+
+def test_documents_are_those_of_a_debian_package(tree: Path) -> None:
+    documents = tree / "usr/share/doc" / tree.name
+    assert "License:" in (documents / "copyright").read_text()
+    packed = (documents / "changelog.gz").read_bytes()
+    assert packed[4:8] == b"\0\0\0\0", "the time of packing is in the file"
+    newest = gzip.decompress(packed).decode().splitlines()[0]
+    assert newest.startswith(f"camgate ({field(package(tree.name), 'Version')})")
+
+
+def test_what_an_administrator_changes_is_kept(tmp_path: Path) -> None:
+    tree = unpacked(package("camgate"), tmp_path / "tree")
+    settings = [f"/{path.relative_to(tree)}" for path in (tree / "etc").rglob("*") if path.is_file()]
+    assert (tree / "DEBIAN/conffiles").read_text().split() == settings
+
+
+def test_sums_are_those_of_the_files(tree: Path) -> None:
+    checked = subprocess.run(["md5sum", "--check", "--quiet", "DEBIAN/md5sums"], cwd=tree, check=False,
+                             capture_output=True, text=True)
+    assert checked.returncode == 0, checked.stdout + checked.stderr
+    lines = (tree / "DEBIAN/md5sums").read_text().splitlines()
+    files = [path for path in tree.rglob("*") if path.is_file() and not path.is_symlink()]
+    assert len(lines) == len([path for path in files if path.parent.name != "DEBIAN"])
