@@ -26,20 +26,27 @@ install(PROGRAMS packaging/camgate.init DESTINATION etc/init.d RENAME camgate CO
 install(FILES packaging/camgate.service DESTINATION lib/systemd/system COMPONENT service)
 documentation(service camgate docs/camera.md docs/messages.md)
 
-# The simulated camera looks for the binaries in a folder of the layout of a build folder.
+# The simulated camera looks for the binaries in folders beside its own.
 set(tree usr/lib/camgate)
-set(libraries usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
-install(TARGETS camera_platform LIBRARY DESTINATION ${libraries} COMPONENT simulator)
+install(TARGETS camera_platform LIBRARY DESTINATION usr/lib/${CMAKE_LIBRARY_ARCHITECTURE} COMPONENT simulator)
 install(TARGETS camera_devices LIBRARY DESTINATION ${tree}/lib COMPONENT simulator)
 install(TARGETS ringbuf_cat RUNTIME DESTINATION usr/bin COMPONENT simulator)
-install(CODE "
-    set(tree \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${tree}\")
-    file(MAKE_DIRECTORY \"\${tree}/bin\")
-    file(CREATE_LINK ../../../sbin/protocol_process \"\${tree}/bin/protocol_process\" SYMBOLIC)
-    file(CREATE_LINK ../../../bin/ringbuf_cat \"\${tree}/bin/ringbuf_cat\" SYMBOLIC)" COMPONENT simulator)
-install(DIRECTORY simulator DESTINATION usr/lib/python3/dist-packages COMPONENT simulator
+install(DIRECTORY simulator DESTINATION ${tree} COMPONENT simulator
     FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
-install(PROGRAMS simulator/camsim DESTINATION usr/bin COMPONENT simulator OPTIONAL)
+# link(TARGET NAME): a symbolic link in the package.
+function(link target name)
+    set(path "\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${name}")
+    get_filename_component(folder ${path} DIRECTORY)
+    install(CODE "file(MAKE_DIRECTORY \"${folder}\")
+        file(CREATE_LINK ${target} \"${path}\" SYMBOLIC)" COMPONENT simulator)
+endfunction()
+link(../../../sbin/protocol_process ${tree}/bin/protocol_process)
+link(../../../bin/ringbuf_cat ${tree}/bin/ringbuf_cat)
+link(../../camgate/simulator usr/lib/python3/dist-packages/simulator)
+if(EXISTS ${CMAKE_SOURCE_DIR}/simulator/camsim)
+    install(PROGRAMS simulator/camsim DESTINATION ${tree}/simulator COMPONENT simulator)
+    link(../lib/camgate/simulator/camsim usr/bin/camsim)
+endif()
 documentation(simulator camgate-simulator simulator/README.md)
 
 set(CPACK_GENERATOR DEB)

@@ -50,13 +50,21 @@ def test_everything_is_roots_and_nobody_else_may_change_it(name: str) -> None:
 
 def test_integrators_get_stand_ins_reader_and_simulator() -> None:
     files = listing(package("camgate-simulator"))
-    modules = {path.name for path in (ROOT / "simulator").glob("*.py")}
-    folder = "/usr/lib/python3/dist-packages/simulator/"
-    assert {path.removeprefix(folder) for path in files if path.startswith(folder)} - {""} == modules
+    modules = {str(path.relative_to(ROOT)) for path in (ROOT / "simulator").rglob("*.py")}
+    assert {path.removeprefix("/usr/lib/camgate/") for path in files if path.endswith(".py")} == modules
     assert {"/usr/bin/ringbuf_cat", "/usr/lib/camgate/lib/libcamera_devices.so"} <= set(files)
     assert [path for path in files if re.fullmatch(r"/usr/lib/[a-z0-9_]+-linux-gnu\w*/libcamera_platform\.so", path)]
     assert ("/usr/bin/camsim" in files) == (ROOT / "simulator" / "camsim").exists()
     assert not set(files) & set(CAMGATE)
+
+
+def test_links_lead_to_files_of_the_packages(tmp_path: Path) -> None:
+    for name in NAMES:
+        subprocess.run(["dpkg-deb", "--extract", str(package(name)), str(tmp_path)], check=True)
+    links = [path for path in tmp_path.rglob("*") if path.is_symlink()]
+    assert len(links) >= 3
+    for link in links:
+        assert tmp_path in link.resolve(strict=True).parents, link
 
 
 def test_binaries_are_stripped_and_look_for_libraries_where_the_system_does(tree: Path) -> None:
