@@ -13,8 +13,8 @@ foreach(library IN LISTS CAMGATE_PLATFORM_LIBRARIES)
         continue()
     endif()
     if(NOT IS_ABSOLUTE "${library}" OR NOT EXISTS "${library}")
-        message(FATAL_ERROR "CAMGATE_PLATFORM_LIBRARIES names \"${library}\", which is no file. Give the libraries with "
-            "their whole paths, separated by semicolons, for example "
+        message(FATAL_ERROR "CAMGATE_PLATFORM_LIBRARIES names \"${library}\", which is no file. Give the libraries "
+            "with their whole paths, separated by semicolons, for example "
             "\"-DCAMGATE_PLATFORM_LIBRARIES=/opt/camera/lib/liblog.so;/opt/camera/lib/libservice.so\".")
     endif()
     # The libraries that this one needs lie beside it, as a rule.

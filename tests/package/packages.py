@@ -39,7 +39,8 @@ def with_version(path: Path, version: str, folder: Path) -> Path:
     """The same package with another version."""
     tree = unpacked(path, folder / "tree")
     control = tree / "DEBIAN/control"
-    lines = [f"Version: {version}" if line.startswith("Version:") else line for line in control.read_text().splitlines()]
+    lines = [f"Version: {version}" if line.startswith("Version:") else line
+             for line in control.read_text().splitlines()]
     control.write_text("\n".join(lines) + "\n")
     made = folder / f"camgate_{version}.deb"
     subprocess.run(["dpkg-deb", "--root-owner-group", "--build", str(tree), str(made)], check=True,

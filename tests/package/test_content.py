@@ -100,7 +100,8 @@ def test_a_program_depends_on_the_packages_of_its_libraries() -> None:
                   "libpoconet70 (>= 1.10.0)", "libpoconetssl70 (>= 1.10.0)", "libpocoutil70 (>= 1.10.0)",
                   "libsafec-3.5-3 (>= 3.5)", "libstdc++6", "libgcc-s1")
     else:
-        wanted = ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3", "libc6 (")
+        wanted = ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3",
+                  "libc6 (")
     assert not [one for one in wanted if one not in depends], depends
     assert "camera" not in depends and "platform" not in depends
 

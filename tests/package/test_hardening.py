@@ -17,8 +17,8 @@ BUILD = build_folder()
 PROGRAMS = ("bin/protocol_process", "bin/ringbuf_cat")
 LIBRARIES = ("lib/libcamera_platform.so", "lib/libcamera_devices.so")
 # Functions that fortification replaces in every call, whatever it knows of the buffers.
-ALWAYS_FORTIFIED = {"printf", "fprintf", "sprintf", "snprintf", "vprintf", "vfprintf", "vsprintf", "vsnprintf", "dprintf",
-                    "vdprintf", "asprintf", "vasprintf", "gets", "syslog"}
+ALWAYS_FORTIFIED = {"printf", "fprintf", "sprintf", "snprintf", "vprintf", "vfprintf", "vsprintf", "vsnprintf",
+                    "dprintf", "vdprintf", "asprintf", "vasprintf", "gets", "syslog"}
 
 
 @pytest.mark.parametrize("name", PROGRAMS)

@@ -73,8 +73,8 @@ def without_file_names(binary: Path) -> bytes:
         return binary.read_bytes()
     stripped = binary.with_name(f"{binary.name}.compared")
     answer = subprocess.run([str(ROOT / "scripts/armhf-root"), "--path"], stdout=subprocess.PIPE, text=True, check=True)
-    subprocess.run([f"{answer.stdout.strip()}/bin/objcopy", "--strip-symbol=*", "--keep-section=.debug*", str(binary),
-                    str(stripped)], check=False)
+    subprocess.run([f"{answer.stdout.strip()}/bin/objcopy", "--wildcard", "--strip-symbol=*", str(binary),
+                    str(stripped)], check=True)
     try:
         return stripped.read_bytes()
     finally:

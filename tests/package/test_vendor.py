@@ -21,7 +21,8 @@ _LOG = r"""
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format, ...)
+void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line,
+                 const char* format, ...)
 {
     char text[4096];
     va_list arguments;
@@ -76,7 +77,8 @@ def vendor(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """A folder with a vendor's POCO in "poco", its platform libraries in "lib", and a build against them in "build"."""
     folder = tmp_path_factory.mktemp("vendor")
     (folder / "lib").mkdir()
-    libraries = [make_library(folder / "lib", "vendor_log", _LOG), make_library(folder / "lib", "vendor_base", _SERVICES)]
+    libraries = [make_library(folder / "lib", name, source)
+                 for name, source in (("vendor_log", _LOG), ("vendor_base", _SERVICES))]
     (folder / "number").write_text(copy_poco(folder / "poco"))
     options = [f"-DCAMGATE_POCO_ROOT={folder / 'poco'}",
                f"-DCAMGATE_PLATFORM_LIBRARIES={';'.join(map(str, libraries))}", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1"]
