@@ -130,7 +130,8 @@ require_space() {
     local free
     free=$(free_megabytes "$1")
     ((free >= needed_megabytes)) || fail \
-        "$(dirname "$1") has $free MB free; it takes $needed_megabytes MB for a moment," "$kept_megabytes MB in the end." \
+        "$(dirname "$1") has $free MB free; it takes $needed_megabytes MB for a moment," \
+        "$kept_megabytes MB in the end." \
         "Make room, or name another folder in the environment variable XDG_CACHE_HOME."
 }
 
