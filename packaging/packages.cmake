@@ -32,7 +32,7 @@ install(TARGETS camera_platform LIBRARY DESTINATION usr/lib/${CMAKE_LIBRARY_ARCH
 install(TARGETS camera_devices LIBRARY DESTINATION ${tree}/lib COMPONENT simulator)
 install(TARGETS ringbuf_cat RUNTIME DESTINATION usr/bin COMPONENT simulator)
 install(DIRECTORY simulator DESTINATION ${tree} COMPONENT simulator
-    FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
+    PATTERN __pycache__ EXCLUDE PATTERN README.md EXCLUDE PATTERN camsim EXCLUDE)
 # link(TARGET NAME): a symbolic link in the package.
 function(link target name)
     set(path "\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${name}")

@@ -50,8 +50,11 @@ def test_everything_is_roots_and_nobody_else_may_change_it(name: str) -> None:
 
 def test_integrators_get_stand_ins_reader_and_simulator() -> None:
     files = listing(package("camgate-simulator"))
-    modules = {str(path.relative_to(ROOT)) for path in (ROOT / "simulator").rglob("*.py")}
-    assert {path.removeprefix("/usr/lib/camgate/") for path in files if path.endswith(".py")} == modules
+    folder = "/usr/lib/camgate/simulator/"
+    modules = {str(path.relative_to(ROOT / "simulator")) for path in (ROOT / "simulator").rglob("*")
+               if path.is_file() and path.name != "README.md" and path.parent.name != "__pycache__"}
+    assert {path.removeprefix(folder) for path in files
+            if path.startswith(folder) and not path.endswith("/")} == modules
     assert {"/usr/bin/ringbuf_cat", "/usr/lib/camgate/lib/libcamera_devices.so"} <= set(files)
     assert [path for path in files if re.fullmatch(r"/usr/lib/[a-z0-9_]+-linux-gnu\w*/libcamera_platform\.so", path)]
     assert ("/usr/bin/camsim" in files) == (ROOT / "simulator" / "camsim").exists()
