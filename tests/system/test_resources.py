@@ -13,9 +13,7 @@ import pytest
 
 from simulator import Camera, Close, Response, Send
 from support import (DOWNLOAD, END, count_text, descriptors, download, expect_log, expect_working, kilobytes,
-                     memory_limit, poll_until, received, status_field, texts, threads, wait_end, with_library)
-
-StartCamera = Callable[..., Camera]
+                     memory_limit, poll_until, received, status_field, texts, threads, wait_end)
 
 # Seconds for an answer that waits for nothing.
 PROMPT = 4.0
@@ -160,15 +158,8 @@ def test_few_descriptors_fail_somewhere_and_nothing_is_kept(camera: Camera, spar
     settles(camera, descriptors, before)
 
 
-IGNORE_SIZE_SIGNAL = """
-#include <signal.h>
-__attribute__((constructor)) static void ignore(void) { signal(SIGXFSZ, SIG_IGN); }
-"""
-
-
-def test_page_that_cannot_be_written_whole_is_not_handed_on(start_camera: StartCamera, tmp_path: Path) -> None:
-    """As on a full disk, played by a limit on the size of files, whose signal the service ignores here."""
-    camera = with_library(start_camera, tmp_path, IGNORE_SIZE_SIGNAL)
+def test_page_that_cannot_be_written_whole_is_not_handed_on(camera: Camera) -> None:
+    """A limit on the size of files, whose signal would end the process, is like a full disk."""
     with limited(camera, "fsize", 100):
         assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
         wait_end(camera)

@@ -132,6 +132,8 @@ void Public_SubProcess::initialize(Poco::Util::Application& self)
 
 void Public_SubProcess::startUp(Poco::Util::Application& self)
 {
+    // A file that reaches the limit on the size of files is a failed write, not the end of the process.
+    (void)::signal(SIGXFSZ, SIG_IGN);
     const int nRet = Utils_EventCacheSubscribe(&m_stEventCacheHndl, PUBLISHER_NAME, nullptr);
     if (nRet != IPC_SUCCESS) {
         Poco::Bugcheck::assertion("nRet == IPC_SUCCESS", __FILE__, SUBSCRIPTION_ASSERTION_LINE);
