@@ -178,6 +178,19 @@ def test_answer_of_10_megabytes_is_held_once(camera: Camera, chunk_size: int) ->
         assert kilobytes(camera, "VmHWM") - before < 35_000
 
 
+@pytest.mark.seconds(6)
+@pytest.mark.parametrize("chunked", [False, True], ids=["plain", "chunked"])
+def test_answer_without_an_end_fails_the_page(camera: Camera, chunked: bool) -> None:
+    """It is given up at 128 MiB, and what came of it is no longer held."""
+    piece = b"x" * 1_000_000
+    if chunked:
+        piece = b"%x\r\n%s\r\n" % (len(piece), piece)
+    head = b"HTTP/1.1 200 OK\r\n" + (b"Transfer-Encoding: chunked\r\n" if chunked else b"") + b"\r\n"
+    camera.platform.script(camera.platform.task_path, [Send(head), *[Send(piece)] * 1000])
+    expect_failed_page(camera, timeout=60)
+    assert kilobytes(camera, "VmRSS") < (1_000_000 if sanitized() else 120_000)
+
+
 def test_many_failures_then_a_download_that_works(camera: Camera) -> None:
     for steps in list(BROKEN.values())[:10]:
         camera.platform.script(camera.platform.task_path, steps)

@@ -11,7 +11,6 @@
 #include <Poco/Net/SecureStreamSocketImpl.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/NumberFormatter.h>
-#include <Poco/StreamCopier.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -34,6 +33,8 @@ using Poco::Net::SecureStreamSocketImpl;
 constexpr std::chrono::seconds LONGEST_STEP(5);
 constexpr std::size_t COPY_BUFFER_SIZE = 8192;
 constexpr Poco::Int64 LONGEST_RESERVED_BODY = 64 << 20;  // bytes; address space is scarce on 32 bit
+/// Several times what 30 large pictures take; without a bound a platform could have all of the memory.
+constexpr std::size_t LARGEST_BODY = 128 << 20;  // bytes
 
 /// The time within which a step must end.
 class Deadline
@@ -219,6 +220,22 @@ void reserveBody(std::string& text, const Poco::Net::HTTPResponse& response)
     }
 }
 
+/// Reads a response's body to its end.
+/// @throws Poco::Net::MessageException when it is larger than any page
+std::string readBody(std::istream& stream, const Poco::Net::HTTPResponse& response)
+{
+    std::string text;
+    reserveBody(text, response);
+    char buffer[COPY_BUFFER_SIZE];
+    while (stream.read(buffer, sizeof(buffer)) || stream.gcount() > 0) {
+        text.append(buffer, static_cast<std::size_t>(stream.gcount()));
+        if (text.size() > LARGEST_BODY) {
+            throw Poco::Net::MessageException("response is too large");
+        }
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poco::Net::HTTPRequest& request,
@@ -235,9 +252,7 @@ std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poc
     session.rethrowFailure();
 
     std::istream& responseStream = session.receiveResponse(response);
-    std::string text;
-    reserveBody(text, response);
-    Poco::StreamCopier::copyToString(responseStream, text, COPY_BUFFER_SIZE);
+    std::string text = readBody(responseStream, response);
     session.rethrowFailure();
     if (isCutOff(session, response, text)) {
         throw Poco::Net::MessageException("response ends before its end");
