@@ -35,11 +35,14 @@ class Sandbox:
     machine's /dev/shm: older C libraries want a file system in memory there.
 
     What of this machine can be seen and written to inside is what the init unit says.
+
+    mounts  further arguments of bwrap, for example a small file system that only the service sees
     """
 
     def __init__(self) -> None:
         if shutil.which("bwrap") is None:
             raise CameraError("bwrap is not installed; run scripts/bootstrap or: apt-get install bubblewrap")
+        self.mounts: list[str] = []
         self.folder = Path(tempfile.mkdtemp(prefix="cam", dir="/tmp"))
         self._shared_memory = Path(tempfile.mkdtemp(prefix="cam", dir="/dev/shm"))
         self._shared_memory.chmod(0o777)
@@ -69,7 +72,7 @@ class Sandbox:
         for path in dict.fromkeys(path.resolve() for path in (*visible, *_suppressions())):
             if str(path).startswith(tuple(f"{hidden}/" for hidden in (*_OWN, *_EMPTY))):
                 arguments += ["--ro-bind", str(path), str(path)]
-        return [*arguments, "--chdir", "/", "--"]
+        return [*arguments, *self.mounts, "--chdir", "/", "--"]
 
     def run(self, program: Sequence[str | Path], timeout: float = 10.0) -> subprocess.CompletedProcess[bytes]:
         """Runs another program of the camera to its end, for example a reader of the ring buffer."""

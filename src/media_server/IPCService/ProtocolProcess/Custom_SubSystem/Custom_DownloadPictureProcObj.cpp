@@ -3,6 +3,7 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/SharedPtr.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,6 +51,22 @@ bool fetchPage(const DownloadPictureProcParam& page, CustomBaseObj& request, con
     return true;
 }
 
+/// Opens "wb+", but neither waits for the reader of a pipe nor takes a pipe for a file.
+std::FILE* openPageFile(const std::string& path)
+{
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+    if (descriptor < 0) {
+        return nullptr;
+    }
+    struct stat status = {};
+    const bool isPipe = ::fstat(descriptor, &status) != 0 || S_ISFIFO(status.st_mode);
+    std::FILE* file = isPipe ? nullptr : ::fdopen(descriptor, "wb+");
+    if (file == nullptr) {
+        ::close(descriptor);
+    }
+    return file;
+}
+
 /// Writes the platform's answer, up to its first NUL, as a file of the face library. @return false on failure, logged
 bool writePageFile(const DownloadPictureProcParam& page, const std::string& fileName, const std::string& response)
 {
@@ -59,7 +76,7 @@ bool writePageFile(const DownloadPictureProcParam& page, const std::string& file
     if (::access(FACE_LIBRARY_DIRECTORY, F_OK) != 0) {
         ::mkdir(FACE_LIBRARY_DIRECTORY, 0777);
     }
-    std::FILE* file = std::fopen(fullPath.c_str(), "wb+e");
+    std::FILE* file = openPageFile(fullPath);
     if (file == nullptr) {
         LOG(Information, " [Custom] download picture, open file %s error.", fullPath.c_str());
         return false;
