@@ -30,8 +30,8 @@ constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_Su
 
 constexpr char COMMAND_PATH[] = "/tmp/HK";
 constexpr char TASK_NAME[] = "Json Msg Loop";
-constexpr int RECEIVE_ATTEMPTS = 3;
-constexpr long RECEIVE_PAUSE = 10;  // milliseconds
+constexpr int ATTEMPTS = 3;
+constexpr long ATTEMPT_PAUSE = 10;  // milliseconds
 constexpr unsigned REPLY_BLANKS = 2;
 
 const std::string taskName = "taskName";
@@ -52,6 +52,30 @@ bool isHead(int size, const char (&begin)[sizeof(HEAD_BEGIN)], std::uint32_t ann
 std::string nameOf(const Var& cmd)
 {
     return cmd.isEmpty() ? cmd.extract<std::string>() : JsonText::fromAny(cmd);
+}
+
+/// What a reply takes memory for. Memory that is short for a moment must not cost a client its reply.
+struct Reply
+{
+    std::string body;
+    Poco::Net::SocketAddress address;
+};
+
+Reply makeReply(const std::string& destPath, int statusCode)
+{
+    for (int attempt = 1;; ++attempt) {
+        try {
+            Object::Ptr status = new Object;
+            status->set("StatusCode", statusCode);
+            return {JsonText::indented(status, REPLY_BLANKS),
+                    Poco::Net::SocketAddress(Poco::Net::AddressFamily::UNIX_LOCAL, destPath)};
+        } catch (const std::bad_alloc&) {
+            if (attempt == ATTEMPTS) {
+                throw;
+            }
+            Interruption::sleep(ATTEMPT_PAUSE);
+        }
+    }
 }
 
 }  // namespace
@@ -172,12 +196,12 @@ void CustomJsonMsgLoop::RecvJsonMsg(std::string& body, std::uint32_t& tag)
     CommandHead head{};
     if (receiveDatagram(&head, sizeof(head), 0) < 0) {
         // Whatever is wrong with the socket may last: no use in running into it at full speed.
-        Interruption::sleep(RECEIVE_PAUSE);
+        Interruption::sleep(ATTEMPT_PAUSE);
         return;
     }
     tag = head.tag;
-    for (int attempt = 1; !receiveBody(head.bodyLength, body) && attempt < RECEIVE_ATTEMPTS; ++attempt) {
-        Interruption::sleep(RECEIVE_PAUSE);
+    for (int attempt = 1; !receiveBody(head.bodyLength, body) && attempt < ATTEMPTS; ++attempt) {
+        Interruption::sleep(ATTEMPT_PAUSE);
     }
 }
 
@@ -197,17 +221,16 @@ bool CustomJsonMsgLoop::GetJsonMsgInfo(const std::string& body, Var& cmd, Object
 void CustomJsonMsgLoop::SendJsonMsg(const std::string& destPath, const std::uint32_t& tag, int statusCode)
 {
     try {
-        Object::Ptr status = new Object;
-        status->set("StatusCode", statusCode);
-        const std::string body = JsonText::indented(status, REPLY_BLANKS);
-        const Poco::Net::SocketAddress address(Poco::Net::AddressFamily::UNIX_LOCAL, destPath);
+        const Reply reply = makeReply(destPath, statusCode);
+        const std::string& body = reply.body;
         CommandHead head{};
         strncpy_s(head.destPath, sizeof(head.destPath), COMMAND_CLIENT_PATH, sizeof(head.destPath) - 1);
         strncpy_s(head.srcPath, sizeof(head.srcPath), COMMAND_PATH, sizeof(head.srcPath) - 1);
         head.tag = tag;
         head.bodyLength = static_cast<std::uint32_t>(body.size());
-        const int headBytes = m_socket.sendTo(&head, sizeof(head), address, DATAGRAM_SEND_FLAGS);
-        const int bodyBytes = m_socket.sendTo(body.data(), static_cast<int>(body.size()), address, DATAGRAM_SEND_FLAGS);
+        const int headBytes = m_socket.sendTo(&head, sizeof(head), reply.address, DATAGRAM_SEND_FLAGS);
+        const int bodyBytes =
+            m_socket.sendTo(body.data(), static_cast<int>(body.size()), reply.address, DATAGRAM_SEND_FLAGS);
         LOG(Information, "SendJsonMsg head: %d body :%d.", headBytes, bodyBytes);
     } catch (const std::exception& exc) {
         LOG(Error, "SendJsonMsg fail:%s.", exceptionText(exc).c_str());

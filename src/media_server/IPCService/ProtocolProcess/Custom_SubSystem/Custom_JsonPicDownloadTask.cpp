@@ -42,6 +42,16 @@ void CustomJsonPicDownloadTask::cancel()
     m_interruption.interrupt();
 }
 
+void CustomJsonPicDownloadTask::run()
+{
+    try {
+        Poco::Task::run();
+    } catch (const std::exception& exc) {
+        LOG(Error, "CustomJsonPicDownloadTask Err %s ", exceptionText(exc).c_str());
+        m_pSubSystem->setDownloading(false);
+    }
+}
+
 void CustomJsonPicDownloadTask::runTask()
 {
     const Interruption::Scope scope(m_interruption);

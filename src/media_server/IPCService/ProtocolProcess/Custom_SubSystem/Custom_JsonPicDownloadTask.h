@@ -25,6 +25,10 @@ public:
     /// Ends the download within its present wait, whatever it waits for. Any thread, at any time.
     void cancel() override;
 
+    /// Runs the task for its manager. Telling the manager takes memory, before the download and after it: a failure
+    /// there, too, leaves the subsystem no longer busy.
+    void run() override;
+
     /// The download, from start to end. However it ends, the subsystem is no longer busy.
     void runTask() override;
 
