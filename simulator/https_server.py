@@ -30,6 +30,7 @@ class Connection:
     requests      number of whole requests that came on it
     opened        monotonic time of the accept
     closed        monotonic time of its end, None while it is open
+    read_after    seconds to wait before a request is read, 0 at first
     """
 
     def __init__(self, server: HttpsServer, number: int, connected: socket.socket) -> None:
@@ -40,6 +41,7 @@ class Connection:
         self.requests = 0
         self.opened = time.monotonic()
         self.closed: float | None = None
+        self.read_after = 0.0
         self._server = server
         self._socket = connected
         self._dropped = threading.Event()
@@ -85,6 +87,7 @@ class Connection:
 
     def _read_request(self) -> Request | None:
         """The next request; None when the service closed the connection instead."""
+        self._dropped.wait(self.read_after)
         raw = b""
         while b"\r\n\r\n" not in raw:
             data = self._socket.recv(65536)
