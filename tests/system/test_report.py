@@ -10,7 +10,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, Reset, Response, wire
-from support import DOWNLOAD, download, expect_log, texts
+from support import DOWNLOAD, TRANSMITTER, download, expect_log, texts
 
 StateFile = Callable[[dict[str, Any]], bytes]
 
@@ -70,6 +70,21 @@ def test_another_answer_leaves_the_time_out_and_the_report_is_still_posted(camer
         b'{"ImportInfo":[{"credentialNumber":"110101196001010000","importStatus":0}],"cameraCode":"C1","offset":1,'
         b'"securityCode":"K1","startIndex":0,"taskID":"T1"}')
     assert not [text for text in texts(camera) if text.startswith("picTaskResult Update TIME")]
+
+
+def test_itgt_that_goes_before_the_time_leaves_it_empty(camera: Camera) -> None:
+    """Played by its socket, which nobody may write to while the first page's time is asked."""
+    def forbid_once(message: wire.Message, default: Callable[[], Any]) -> Any:
+        if message.command == 7021 and not camera.platform.reports:
+            camera.path("/tmp/II").chmod(0)
+        return default()
+
+    camera.itgt.on_message = forbid_once
+    camera.platform.on_request = lambda request, default: (camera.path("/tmp/II").chmod(0o666), default())[1]
+    download(camera, 31)
+    record = camera.wait_for_log("sendTo fail:")
+    assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+    assert [request.json()["datatime"] for request in camera.platform.reports] == ["", "2024-05-17 08:30:00"]
 
 
 def test_strings_are_escaped(camera: Camera) -> None:

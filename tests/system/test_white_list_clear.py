@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import struct
+from collections.abc import Callable
 from typing import Any
 
 import pytest
@@ -267,6 +268,37 @@ def test_absent_face_library_is_logged_and_the_service_stops_as_ever(camera: Cam
     camera.client.send("whiteListClear", {"cameraCode": "C1"})
     record = camera.wait_for_log("sendTo fail:")
     assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+
+
+def test_face_library_that_goes_after_the_clear_is_logged_for_each_list(camera: Camera) -> None:
+    """Played by its socket, which nobody may write to any more. What the lists are answered is not checked anyway."""
+    def forbid(message: wire.Message, default: Callable[[], Any]) -> Any:
+        camera.path("/tmp/A").chmod(0)
+        return default()
+
+    camera.faces.on_message = forbid
+    clear(camera)
+    assert sum(text.startswith("sendTo fail:") for text in texts(camera, TRANSMITTER)) == 3
+    assert camera.faces.requests(7018) == []
+    camera.faces.on_message = None
+    camera.path("/tmp/A").chmod(0o666)
+    clear(camera)
+    assert len(camera.faces.applied) == 3
+
+
+def test_configuration_that_may_not_be_read(camera: Camera) -> None:
+    camera.path("/tmp/secret").write_text("{}")
+    camera.path("/tmp/secret").chmod(0)
+    camera.faces.script(7019, lambda message: wire.encode_reply(
+        message, same_header=True, configuration="/tmp/secret"))
+    clear(camera, 400)
+    expect_failure_after_the_reply(camera, " [Custom] download picture, open file /tmp/secret error.", 311)
+
+
+def test_configuration_that_is_repaired_is_used_by_the_next_command(camera: Camera) -> None:
+    with_configuration(camera, b"{", 400)
+    with_configuration(camera, {"FaceListsArry": [GOOD]})
+    assert [face["list_name"] for face in camera.faces.applied] == ["good"]
 
 
 def test_hundred_lists(camera: Camera) -> None:

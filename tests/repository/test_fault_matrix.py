@@ -1,0 +1,126 @@
+"""The fault matrix has every cell, and every cell a test that exists."""
+
+from __future__ import annotations
+
+import re
+import subprocess
+import sys
+from functools import cache
+from pathlib import Path
+from typing import NamedTuple
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+DOCUMENT = ROOT / "docs/faults.md"
+
+INTERACTIONS = [
+    "Command socket", "Reply to the command client", "Readiness marker", "Start message 1037", "Page file notice 7020",
+    "Import progress 7021", "Time 7031", "Face list clear 7019", "Face list set 7018", "Page: connect", "Page: TLS",
+    "Page: send", "Page: receive", "Report: connect", "Report: TLS", "Report: send", "Report: receive", "Page file",
+    "State file", "Configuration file", "Event node", "Cache mapping", "Ring buffer", "User switch", "Memory"]
+FAULTS = ["absent", "refuses", "silent", "slow", "short", "oversized", "garbage", "dies midway", "comes back",
+          "disk full", "no permission", "descriptor limit"]
+
+IMPOSSIBLE = "cannot happen: "
+UNLIMITED = "without limit"
+# What shows that a wait without limit ends with a stop all the same.
+STOP = re.compile(r"test_stop\.py::|no_stop|holds_up|stop_signal|half_a_command|TaskThatDoesNotEnd|InterruptEnds")
+UNIT_TEST = re.compile(r"^TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\)", re.MULTILINE)
+
+
+class Cell(NamedTuple):
+    interaction: str
+    fault: str
+    outcome: str
+    tests: list[str]
+
+
+def read_matrix(text: str) -> list[Cell]:
+    """The cells of the document in order; a row without three columns is an error."""
+    cells, interaction = [], ""
+    for line in text.splitlines():
+        if line.startswith("## "):
+            interaction = line.removeprefix("## ")
+        elif interaction and line.startswith("| ") and not line.startswith(("| Fault |", "| --- |")):
+            columns = [column.strip() for column in line.strip("|").split(" | ")]
+            assert len(columns) == 3, f"not three columns: {line}"
+            cells.append(Cell(interaction, columns[0], columns[1], re.findall(r"`([^`]+)`", columns[2])))
+    return cells
+
+
+def problems(cells: list[Cell], known: frozenset[str]) -> list[str]:
+    """What is wrong with the cells, given the names of all tests."""
+    wanted = [(interaction, fault) for interaction in INTERACTIONS for fault in FAULTS]
+    found = [(cell.interaction, cell.fault) for cell in cells]
+    result = [f"{interaction}, {fault}: no cell" for interaction, fault in wanted if (interaction, fault) not in found]
+    result += [f"{interaction}, {fault}: not wanted, or there twice" for interaction, fault in dict.fromkeys(found)
+               if (interaction, fault) not in wanted or found.count((interaction, fault)) > 1]
+    for cell in cells:
+        name = f"{cell.interaction}, {cell.fault}"
+        if cell.outcome.startswith(IMPOSSIBLE):
+            if len(cell.outcome) < len(IMPOSSIBLE) + 15:
+                result.append(f"{name}: does not say why it cannot happen")
+            if cell.tests:
+                result.append(f"{name}: a test of what cannot happen")
+        elif not cell.tests:
+            result.append(f"{name}: no test")
+        elif UNLIMITED in cell.outcome and not any(STOP.search(test) for test in cell.tests):
+            result.append(f"{name}: a wait without limit, and no test that a stop ends it")
+        if len(cell.outcome) < 10:
+            result.append(f"{name}: no outcome")
+        result += [f"{name}: there is no test {test}" for test in cell.tests if test not in known]
+    return result
+
+
+@cache
+def system_tests() -> frozenset[str]:
+    """The system tests as pytest names them, below their folder: with their parameters, and without."""
+    command = [sys.executable, "-m", "pytest", "-p", "no:xdist", "--collect-only", "-q", "."]
+    listed = subprocess.run(command, cwd=ROOT / "tests/system", capture_output=True, text=True, check=False)
+    assert listed.returncode == 0, listed.stdout + listed.stderr
+    names = {line.removeprefix("tests/system/") for line in listed.stdout.splitlines() if "::" in line}
+    return frozenset(names | {name.partition("[")[0] for name in names})
+
+
+@cache
+def unit_tests() -> frozenset[str]:
+    """The unit tests as Suite.Name; without the number of a parameter."""
+    found = [match for path in (ROOT / "tests/unit").rglob("*.cpp")
+             for match in UNIT_TEST.findall(path.read_text(encoding="utf-8"))]
+    return frozenset(f"{suite}.{name}" for suite, name in found)
+
+
+def test_every_cell_has_an_outcome_and_a_test_that_exists() -> None:
+    found = problems(read_matrix(DOCUMENT.read_text(encoding="utf-8")), system_tests() | unit_tests())
+    assert not found, "\n" + "\n".join(found)
+
+
+def test_lists_of_tests_are_not_empty() -> None:
+    assert len(system_tests()) > 500
+    assert len(unit_tests()) > 400
+    assert "test_stop.py::test_stop_within_about_a_second_in_every_state[idle]" in system_tests()
+    assert "WholeFile.MissingFileCannotBeOpened" in unit_tests()
+
+
+GOOD = Cell("Memory", "slow", "Waited for without limit, and then answered.", ["test_stop.py::test_x"])
+
+
+@pytest.mark.parametrize("cell, problem", [
+    (GOOD._replace(tests=[]), "no test"),
+    (GOOD._replace(tests=["Suite.Gone"]), "there is no test Suite.Gone"),
+    (GOOD._replace(tests=["Suite.Name"]), "no test that a stop ends it"),
+    (GOOD._replace(outcome="ok"), "no outcome"),
+    (GOOD._replace(outcome=IMPOSSIBLE + "so", tests=[]), "does not say why"),
+    (GOOD._replace(outcome=IMPOSSIBLE + "nothing is ever read there"), "a test of what cannot happen"),
+    (GOOD._replace(fault="sleepy"), "not wanted")])
+def test_wrong_cell_is_found(cell: Cell, problem: str) -> None:
+    whole = [Cell(interaction, fault, IMPOSSIBLE + "nothing of the kind exists here", [])
+             for interaction in INTERACTIONS for fault in FAULTS]
+    known = frozenset(["test_stop.py::test_x", "Suite.Name"])
+    assert problems(whole, known) == []
+    position = [(other.interaction, other.fault) for other in whole].index(("Memory", "slow"))
+    assert problems([*whole[:position], GOOD, *whole[position + 1:]], known) == []
+    assert any(problem in text for text in problems([*whole[:position], cell, *whole[position + 1:]], known))
+    assert "Memory, slow: no cell" in problems(whole[:position] + whole[position + 1:], known)
+    assert "Memory, slow: not wanted, or there twice" in problems([*whole, GOOD], known)
