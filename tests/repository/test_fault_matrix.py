@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 import re
-import subprocess
-import sys
-from functools import cache
 from pathlib import Path
 from typing import NamedTuple
 
 import pytest
+
+from known_tests import system_tests, unit_tests
 
 ROOT = Path(__file__).resolve().parents[2]
 DOCUMENT = ROOT / "docs/faults.md"
@@ -26,7 +25,6 @@ IMPOSSIBLE = "cannot happen: "
 UNLIMITED = "without limit"
 # What shows that a wait without limit ends with a stop all the same.
 STOP = re.compile(r"test_stop\.py::|no_stop|holds_up|stop_signal|half_a_command|TaskThatDoesNotEnd|InterruptEnds")
-UNIT_TEST = re.compile(r"^TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\)", re.MULTILINE)
 
 
 class Cell(NamedTuple):
@@ -71,24 +69,6 @@ def problems(cells: list[Cell], known: frozenset[str]) -> list[str]:
             result.append(f"{name}: no outcome")
         result += [f"{name}: there is no test {test}" for test in cell.tests if test not in known]
     return result
-
-
-@cache
-def system_tests() -> frozenset[str]:
-    """The system tests as pytest names them, below their folder: with their parameters, and without."""
-    command = [sys.executable, "-m", "pytest", "-p", "no:xdist", "--collect-only", "-q", "."]
-    listed = subprocess.run(command, cwd=ROOT / "tests/system", capture_output=True, text=True, check=False)
-    assert listed.returncode == 0, listed.stdout + listed.stderr
-    names = {line.removeprefix("tests/system/") for line in listed.stdout.splitlines() if "::" in line}
-    return frozenset(names | {name.partition("[")[0] for name in names})
-
-
-@cache
-def unit_tests() -> frozenset[str]:
-    """The unit tests as Suite.Name; without the number of a parameter."""
-    found = [match for path in (ROOT / "tests/unit").rglob("*.cpp")
-             for match in UNIT_TEST.findall(path.read_text(encoding="utf-8"))]
-    return frozenset(f"{suite}.{name}" for suite, name in found)
 
 
 def test_every_cell_has_an_outcome_and_a_test_that_exists() -> None:

@@ -9,7 +9,8 @@ from typing import Any
 import pytest
 
 from simulator import NEVER, Camera, Close, Reset, Response, Send, Wait, trickle
-from support import DOWNLOAD, HTTP, count_text, download, expect_log, kilobytes, sanitized, texts, wait_end
+from support import (DOWNLOAD, HTTP, count_text, download, expect_log, kilobytes, memory_limit, sanitized, texts,
+                     wait_end)
 
 PAGE = "/tmp/mmcblk0/face_basic/faceLib/white0"
 
@@ -188,7 +189,7 @@ def test_answer_without_an_end_fails_the_page(camera: Camera, chunked: bool) -> 
     head = b"HTTP/1.1 200 OK\r\n" + (b"Transfer-Encoding: chunked\r\n" if chunked else b"") + b"\r\n"
     camera.platform.script(camera.platform.task_path, [Send(head), *[Send(piece)] * 1000])
     expect_failed_page(camera, timeout=60)
-    assert kilobytes(camera, "VmRSS") < (1_000_000 if sanitized() else 120_000)
+    assert kilobytes(camera, "VmRSS") < memory_limit(120_000, with_sanitizers=1_000_000)
 
 
 def test_many_failures_then_a_download_that_works(camera: Camera) -> None:
