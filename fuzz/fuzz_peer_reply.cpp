@@ -1,0 +1,117 @@
+/// Each peer's reply. The first part of an input is "d" for a download of three pages or "c" for a whiteListClear, the
+/// others are the replies in their order. The first letter of a reply says what the rest is: r the datagram, e what
+/// overwrites the request from its command on, f the datagram, whose last byte fills it up to the size of a message, l
+/// the same and longer, s nothing (the peer is silent).
+#include <Poco/JSON/Object.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "input.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
+#include "media_server/IPCService/Public/Interruption.h"
+#include "oracle.h"
+#include "played_platform.h"
+#include "support/raw_bytes.h"
+#include "surroundings.h"
+
+namespace {
+
+constexpr std::size_t COMMAND_OFFSET = 164;
+constexpr std::size_t STATUS_OFFSET = 176;
+constexpr std::size_t MESSAGE_SIZE = 21408;
+constexpr std::size_t LONG_SIZE = 30000;
+
+std::string filled(std::string text, std::size_t size)
+{
+    text.resize(size, text.empty() ? '\0' : text.back());
+    return text;
+}
+
+std::optional<std::string> replyOf(const std::string& part, const std::string& message)
+{
+    const std::string rest = part.empty() ? "" : part.substr(1);
+    std::string reply = message;
+    switch (part.empty() ? 's' : part[0]) {
+        case 's':
+            return std::nullopt;
+        case 'e':
+            return reply.replace(COMMAND_OFFSET, rest.size(), rest);
+        case 'f':
+            return filled(rest, MESSAGE_SIZE);
+        case 'l':
+            return filled(rest, LONG_SIZE);
+        default:
+            return rest;
+    }
+}
+
+/// What the service's buffer holds after a reply.
+std::string received(const std::string& reply, std::string message)
+{
+    const std::string taken = reply.substr(0, MESSAGE_SIZE);
+    return message.replace(0, taken.size(), taken);
+}
+
+void download(Surroundings& surroundings)
+{
+    PlayedPlatform::instance().responses.assign(6, GOOD_PAGE_RESPONSE);
+    IPCService::MetaDataGW::DownloadTaskParam task;
+    task.ServerIp = "127.0.0.1";
+    task.ServerPort = 443;
+    task.totalNum = 61;
+    Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonPicDownloadTask> pTask(
+        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&surroundings.subSystem(), &task));
+    pTask->runTask();
+}
+
+/// @param first  what the service's buffer held after the first reply; empty: there was none
+void clear(Surroundings& surroundings, const std::string& first)
+{
+    Poco::JSON::Object::Ptr pInfo = new Poco::JSON::Object;
+    pInfo->set("cameraCode", "C1");
+    std::uint32_t tag = 7;
+    try {
+        surroundings.commandLoop().WhiteListClearHandler(pInfo, tag);
+    } catch (const IPCService::Interrupted&) {
+        require(surroundings.isInterrupted(), "only a stop interrupts");
+    }
+    const bool accepted = !first.empty() && numberAt<std::uint32_t>(first, COMMAND_OFFSET) == 7019 &&
+                          numberAt<std::uint32_t>(first, STATUS_OFFSET) == 0;
+    const std::size_t replies = accepted && !surroundings.isInterrupted() ? 1 : 0;
+    require(surroundings.takeReplies() == std::vector<std::uint32_t>(replies, tag),
+            "an accepted command has one reply, a refused one none");
+    // A reply may have led a request to the service's own command socket: it is taken as a command there.
+    surroundings.commandLoop().runTask();
+    surroundings.takeReplies();
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const std::vector<std::string> parts = partsOf(data, size);
+    Surroundings& surroundings = Surroundings::instance();
+    surroundings.begin();
+    std::size_t taken = 1;
+    std::string first;
+    const Surroundings::Answer answer = [&](const std::string& message) {
+        const auto reply = taken < parts.size() ? replyOf(parts[taken++], message) : std::nullopt;
+        if (reply && taken == 2) {
+            first = received(*reply, message);
+        }
+        return reply;
+    };
+    surroundings.itgt = answer;
+    surroundings.faceLibrary = answer;
+    if (parts[0] == "c") {
+        clear(surroundings, first);
+    } else {
+        download(surroundings);
+    }
+    surroundings.end();
+    return 0;
+}

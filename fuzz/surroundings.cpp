@@ -1,0 +1,212 @@
+#include "surroundings.h"
+
+#include <signal.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <utility>
+
+#include "oracle.h"
+#include "played_platform.h"
+#include "support/raw_bytes.h"
+
+namespace {
+
+constexpr char COMMAND_PATH[] = "/tmp/HK";
+constexpr char EXCHANGE_PATH[] = "/tmp/CP";
+constexpr char PAGE_FOLDER[] = "/tmp/mmcblk0/face_basic/faceLib";
+constexpr std::size_t MESSAGE_SIZE = 21408;
+constexpr std::size_t HEAD_SIZE = 280;
+
+constexpr char GOOD_STATE[] = R"({"TaskResultArry":[{"ID":"11","RESULT_TYPE_E":0},{"ID":12,"RESULT_TYPE_E":"-3"}]})";
+constexpr char GOOD_LISTS[] =
+    R"({"FaceListsArry":[{"ID":7,"FaceListName":"staff","OnControl":0,"Threshold":90,"FaceListType":1}]})";
+
+/// Holds the signals back that the service keeps for its own main thread, and gives them back.
+class KeptSignals
+{
+public:
+    KeptSignals() { pthread_sigmask(SIG_SETMASK, nullptr, &m_before); }
+    ~KeptSignals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    KeptSignals(const KeptSignals&) = delete;
+    KeptSignals& operator=(const KeptSignals&) = delete;
+
+private:
+    sigset_t m_before = {};
+};
+
+}  // namespace
+
+const char GOOD_PAGE_RESPONSE[] =
+    "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 14\r\n\r\n{\"records\":[]}";
+
+void writeFile(const char* path, const std::string& text)
+{
+    std::FILE* file = std::fopen(path, "wb");
+    require(file != nullptr, "a file can be written", path);
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    require(std::fclose(file) == 0 && written, "a file can be written", path);
+}
+
+std::optional<std::string> goodItgt(const std::string& message)
+{
+    std::string reply = message;
+    switch (numberAt<std::uint32_t>(message, 164)) {
+        case 7020:
+            putNumber<std::int64_t>(reply, 584, 77);
+            return reply;
+        case 7021:
+            putNumber<std::uint32_t>(reply, 312, 1);
+            putText(reply, 336, STATE_PATH);
+            return reply;
+        case 7031:
+            putText(reply, 304, "2024-05-17 08:30:00");
+            return reply;
+        default:
+            return std::nullopt;
+    }
+}
+
+std::optional<std::string> goodFaceLibrary(const std::string& message)
+{
+    std::string reply = message;
+    if (numberAt<std::uint32_t>(message, 164) == 7019) {
+        putText(reply, 216, LISTS_PATH);
+    }
+    return reply;
+}
+
+Surroundings& Surroundings::instance()
+{
+    static Surroundings& surroundings = *new Surroundings;
+    return surroundings;
+}
+
+Surroundings::Surroundings() : m_itgt("/tmp/II"), m_faceLibrary("/tmp/A"), m_client("/tmp/KH") {}
+
+void Surroundings::startService()
+{
+    writeFile("/tmp/intelligent_ok", "");
+    std::filesystem::create_directories(PAGE_FOLDER);
+    const KeptSignals signals;
+    m_subSystem.initialize(m_app);
+    require(m_tasks.size() == 1, "the start-up starts the command loop");
+    m_pLoop = m_tasks[0].cast<IPCService::MetaDataGW::CustomJsonMsgLoop>();
+    m_tasks.clear();
+    require(m_itgt.take().has_value(), "the service announces itself to ITGT");
+}
+
+void Surroundings::begin()
+{
+    if (m_pLoop.isNull()) {
+        startService();
+    }
+    itgt = goodItgt;
+    faceLibrary = goodFaceLibrary;
+    giveInput = nullptr;
+    m_isInterrupted = false;
+    PlayedPlatform::instance().begin();
+    writeFile(STATE_PATH, GOOD_STATE);
+    writeFile(LISTS_PATH, GOOD_LISTS);
+}
+
+void Surroundings::end()
+{
+    servePeers();
+    require(m_replies.empty(), "no reply is sent that nobody waits for");
+    require(m_tasks.empty(), "no download is left");
+    require(!m_subSystem.isDownloading(), "a download that has ended is no longer busy");
+    for (const std::string& request : PlayedPlatform::instance().requests) {
+        requireRequest(request);
+    }
+    PlayedPlatform::instance().begin();
+    itgt = nullptr;
+    faceLibrary = nullptr;
+    giveInput = nullptr;
+}
+
+void Surroundings::sendCommand(const std::string& datagram) const
+{
+    require(m_client.send(COMMAND_PATH, datagram), "the command socket takes a datagram");
+}
+
+std::vector<std::uint32_t> Surroundings::takeReplies()
+{
+    servePeers();
+    require(m_replies.size() % 2 == 0, "a reply has a head and a body");
+    std::vector<std::uint32_t> tags;
+    for (std::size_t i = 0; i < m_replies.size(); i += 2) {
+        const std::string& head = m_replies[i];
+        const std::string& body = m_replies[i + 1];
+        require(head.size() == HEAD_SIZE, "the head of a reply has 280 bytes", head);
+        require(textAt(head, 0) == "/tmp/KH" && textAt(head, 8) == "/tmp/HK", "a reply names its sockets", head);
+        require(numberAt<std::uint32_t>(head, 256) == body.size(), "a reply announces its body", head);
+        require(body == "{\n  \"StatusCode\" : 200\n}" || body == "{\n  \"StatusCode\" : 400\n}" ||
+                    body == "{\n  \"StatusCode\" : 409\n}",
+                "a reply has a status", body);
+        tags.push_back(numberAt<std::uint32_t>(head, 240));
+    }
+    m_replies.clear();
+    return tags;
+}
+
+void Surroundings::runDownloads()
+{
+    const auto tasks = std::exchange(m_tasks, {});
+    for (Poco::AutoPtr<Poco::Task> pTask : tasks) {
+        pTask->runTask();
+    }
+}
+
+void Surroundings::start(Poco::Task* pTask)
+{
+    m_tasks.emplace_back(pTask);
+}
+
+void Surroundings::servePeers()
+{
+    for (const auto& [peer, answer] : {std::make_pair(&m_itgt, &itgt), std::make_pair(&m_faceLibrary, &faceLibrary)}) {
+        while (const std::optional<std::string> message = peer->take()) {
+            require(message->size() == MESSAGE_SIZE, "a message has 21408 bytes");
+            const std::optional<std::string> reply = *answer ? (*answer)(*message) : std::nullopt;
+            if (reply) {
+                peer->send(EXCHANGE_PATH, *reply);
+            }
+        }
+    }
+    while (const std::optional<std::string> datagram = m_client.take()) {
+        // A message comes here when a peer's reply leads the service to the client's socket.
+        if (datagram->size() != MESSAGE_SIZE) {
+            m_replies.push_back(*datagram);
+        }
+    }
+}
+
+bool Surroundings::isReady(pollfd& waited) const
+{
+    if (PlayedPlatform::instance().owns(waited.fd)) {
+        return PlayedPlatform::instance().isReady(waited.events);
+    }
+    constexpr timespec NOW = {};
+    return ::ppoll(&waited, 1, &NOW, nullptr) != 0;
+}
+
+int Surroundings::wait(pollfd* waited, nfds_t count, int milliseconds)
+{
+    require(count == 2, "the service waits for a descriptor and its interruption");
+    servePeers();
+    if (!m_isInterrupted) {
+        if (waited[0].fd >= 0 && isReady(waited[0])) {
+            return 1;
+        }
+        if (milliseconds >= 0) {
+            return 0;
+        }
+        if (giveInput && giveInput()) {
+            return 1;
+        }
+    }
+    m_isInterrupted = true;
+    waited[1].revents = POLLIN;
+    return 1;
+}
