@@ -80,13 +80,13 @@ struct MsgText
         return std::string(text, ::strnlen(text, Width));
     }
 
-    /// Rewrites the whole field. Text that does not fit with its NUL leaves it empty.
+    /// Rewrites the whole field: the text up to its first NUL, and NULs. Text that does not fit leaves it empty.
     static void set(MSG_DATA& message, const std::string& text)
     {
         char* field = reinterpret_cast<char*>(&message) + Offset;
         memset_s(field, Width, 0, Width);
         if (text.size() < Width) {
-            memcpy_s(field, Width, text.data(), text.size());
+            memcpy_s(field, Width, text.data(), ::strnlen(text.data(), text.size()));
         }
     }
 };

@@ -168,6 +168,16 @@ TEST(MsgData, TextsWithinTheirFields)
     expectText<MsgField::ImportFileName>(448, 132);
 }
 
+TEST(MsgData, TextEndsAtItsNul)
+{
+    MSG_DATA message{};
+    MsgField::ListName::set(message, bytes("guest\0s"));
+
+    std::string expected = ZEROS;
+    putText(expected, 240, "guest");
+    EXPECT_EQ(wire(message), expected);
+}
+
 TEST(MsgData, TextsToTheEndOfTheMessage)
 {
     expectText<MsgField::ClearConfigPath>(216, SIZE - 216);
