@@ -99,7 +99,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     std::size_t taken = 1;
     std::string first;
     const Surroundings::Answer answer = [&](const std::string& message) {
-        const auto reply = taken < parts.size() ? replyOf(parts[taken++], message) : std::nullopt;
+        auto reply = taken < parts.size() ? replyOf(parts[taken++], message) : std::nullopt;
         if (reply && taken == 2) {
             first = received(*reply, message);
         }

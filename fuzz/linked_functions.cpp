@@ -1,11 +1,11 @@
 /// What the linker puts in the place of functions that the service calls: __wrap_NAME is called instead of NAME, and
 /// __real_NAME is NAME (option --wrap, see CMakeLists.txt). And the camera's platform, which only this program has.
 #include <Poco/Task.h>
+#include <dlfcn.h>
 #include <netdb.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include <dlfcn.h>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>

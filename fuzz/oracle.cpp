@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <set>
 
 namespace {
@@ -160,12 +160,12 @@ constexpr std::size_t MOST_DETAIL = 2000;
 
 std::string printable(const std::string& text)
 {
+    static constexpr char HEX[] = "0123456789abcdef";
     std::string result;
     for (const char character : text.substr(0, MOST_DETAIL)) {
-        char escaped[8];
-        std::snprintf(escaped, sizeof(escaped), std::isprint(static_cast<unsigned char>(character)) ? "%c" : "\\x%02x",
-                      static_cast<unsigned char>(character));
-        result += escaped;
+        const auto byte = static_cast<unsigned char>(character);
+        result +=
+            std::isprint(byte) != 0 ? std::string{character} : std::string{'\\', 'x', HEX[byte >> 4], HEX[byte & 15]};
     }
     return result;
 }
@@ -187,7 +187,7 @@ bool isControl(char character)
 void require(bool holds, const char* what, const std::string& detail)
 {
     if (!holds) {
-        std::fprintf(stderr, "does not hold: %s\n%s\n", what, printable(detail).c_str());
+        std::cerr << "does not hold: " << what << '\n' << printable(detail) << std::endl;
         std::abort();
     }
 }
@@ -223,7 +223,7 @@ std::string requireRequest(const std::string& request)
         at = lineEnd;
     }
     require(names == NAMES, "a request has all headers", request);
-    const std::string body = request.substr(end + 4);
+    std::string body = request.substr(end + 4);
     require(length == std::to_string(body.size()), "the body has the announced length", request);
     require(isJson(body), "the body of a request is JSON", request);
     return body;

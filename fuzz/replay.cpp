@@ -1,8 +1,8 @@
 /// Runs a fuzz target over inputs that are kept, without a fuzzer.
 /// usage: TARGET FILE_OR_FOLDER...
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -35,15 +35,14 @@ int main(int argc, char** argv)
             std::ifstream file(path, std::ios::binary);
             const std::string input{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
             if (!file) {
-                std::fprintf(stderr, "cannot read %s\n", path.c_str());
+                std::cerr << "cannot read " << path.string() << std::endl;
                 return 2;
             }
-            std::printf("%s\n", path.c_str());
-            std::fflush(stdout);  // the last name tells which input ended the program
+            std::cout << path.string() << std::endl;  // the last name tells which input ended the program
             LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
             ++count;
         }
     }
-    std::printf("%zu inputs\n", count);
+    std::cout << count << " inputs" << std::endl;
     return count > 0 ? 0 : 2;
 }

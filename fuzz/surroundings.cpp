@@ -22,7 +22,7 @@ constexpr char GOOD_STATE[] = R"({"TaskResultArry":[{"ID":"11","RESULT_TYPE_E":0
 constexpr char GOOD_LISTS[] =
     R"({"FaceListsArry":[{"ID":7,"FaceListName":"staff","OnControl":0,"Threshold":90,"FaceListType":1}]})";
 
-/// Holds the signals back that the service keeps for its own main thread, and gives them back.
+/// Gives the thread its signals back that the start-up of the service holds back.
 class KeptSignals
 {
 public:
