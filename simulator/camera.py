@@ -8,7 +8,7 @@ import re
 from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 from types import TracebackType
-from typing import TypeVar
+from typing import Any, TypeVar
 
 from simulator import emulator
 from simulator.client import Client
@@ -19,6 +19,7 @@ from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
 from simulator.platform import Platform
 from simulator.recording import Recorder
+from simulator.relay import Relay
 from simulator.sandbox import Sandbox
 from simulator.service import LogRecord, Service, sanitizer_runtimes
 
@@ -50,6 +51,8 @@ class Camera:
     marker     whether ITGT's readiness marker exists from the start
     itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
     start      whether to start the service at once; else start_service() does
+    platform_url  https://HOST:PORT/PATH of a real platform to reach in place of the played one
+    result_path  where that one takes reports; default: its PATH with "Result" behind it
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see recording.py)
 
@@ -60,12 +63,16 @@ class Camera:
     def __init__(self, *, service: Path | None = None, preload: Sequence[Path] | None = None,
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
-                 wait: bool = True, recording: Path | None = None) -> None:
+                 wait: bool = True, platform_url: str | None = None, result_path: str | None = None,
+                 recording: Path | None = None) -> None:
         self._marker = marker
         self._start = start
         self._wait = wait and marker
         self.journal = Journal()
-        self.sandbox = Sandbox()
+        self.platform: Any = Platform(self.journal)
+        if platform_url is not None:
+            self.platform = Relay(self.journal, platform_url, result_path)
+        self.sandbox = Sandbox([self.platform.host])
         self._recorder = None
         if recording:
             self._recorder = Recorder(self.journal, recording, self.path, {"build": build_folder().name})
@@ -75,12 +82,12 @@ class Camera:
         self.events = EventPublisher(self.journal, self.path("/tmp/.camera/event"), self.path("/tmp/.camera/cache"))
         self._parts = [part for part, wanted in ((self.itgt, itgt), (self.faces, faces), (self.client, client),
                                                  (self.events, events)) if wanted]
-        self.platform = Platform(self.journal)
         if preload is None:
             preload = [build_folder() / "lib" / "libcamera_devices.so"]
         binary = service or build_folder() / "bin" / "protocol_process"
         self.service = Service(self.journal, self.sandbox, binary,
-                               preload=preload, libraries=libraries, environment=environment)
+                               preload=preload, libraries=libraries, environment=environment,
+                               ports=self.platform.ports, full_port=self.platform.full_port)
         if emulator.is_foreign(binary) or sanitizer_runtimes(binary):
             self.journal.patience = _SLOW_PATIENCE
 
@@ -123,7 +130,8 @@ class Camera:
         self.platform.stop()
         begin = len(self.journal)
         sockets = self.service.start()
-        self.platform.start(sockets[:-2], kept=sockets[-2:])
+        kept = 2 if self.platform.full_port else 0
+        self.platform.start(sockets[:len(sockets) - kept], kept=sockets[len(sockets) - kept:])
         if wait:
             self.wait_serving(since=begin)
 

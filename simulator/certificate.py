@@ -8,34 +8,54 @@ import shutil
 import ssl
 import subprocess
 import tempfile
+import warnings
 from pathlib import Path
 
 from simulator.errors import CameraError
 
-VERSIONS = {"1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
+VERSIONS = {"1.1": ssl.TLSVersion.TLSv1_1, "1.2": ssl.TLSVersion.TLSv1_2, "1.3": ssl.TLSVersion.TLSv1_3}
+# What can be wrong with a certificate; each is otherwise like the first.
+KINDS = ("self-signed", "expired", "wrong-name", "unknown-issuer")
+
+_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes")
 
 
 @functools.lru_cache
-def certificate() -> Path:
-    """A file with a private key and its self-signed certificate; it lasts until the interpreter exits."""
+def certificate(kind: str = "self-signed") -> Path:
+    """A file with a private key and its certificate of this kind; it lasts until the interpreter exits."""
     folder = Path(tempfile.mkdtemp(prefix="camcert", dir="/tmp"))
     atexit.register(shutil.rmtree, folder, ignore_errors=True)
+    name = "elsewhere.invalid" if kind == "wrong-name" else "platform"
+    _openssl(folder, "req", "-new", *_KEY, "-subj", f"/CN={name}", "-keyout", "key.pem", "-out", "request.pem")
+    signer = ["-signkey", "key.pem"]
+    if kind == "unknown-issuer":
+        _openssl(folder, "req", "-x509", *_KEY, "-days", "2", "-subj", "/CN=Nobody knows me", "-keyout", "issuer.key",
+                 "-out", "issuer.pem")
+        signer = ["-CA", "issuer.pem", "-CAkey", "issuer.key", "-CAcreateserial"]
+    days = "-1" if kind == "expired" else "2"
+    (folder / "names").write_text(f"subjectAltName=DNS:{name}\n" if kind == "wrong-name" else
+                                  f"subjectAltName=DNS:{name},DNS:localhost,IP:127.0.0.1,IP:::1\n")
+    _openssl(folder, "x509", "-req", "-in", "request.pem", *signer, "-days", days, "-extfile", "names", "-out",
+             "certificate.pem")
     path = folder / "platform.pem"
-    made = subprocess.run(
-        ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
-         "-subj", "/CN=platform", "-keyout", str(path), "-out", str(folder / "certificate.pem")],
-        capture_output=True, text=True, check=False)
-    if made.returncode != 0:
-        raise CameraError(f"openssl made no certificate for the platform: {made.stderr.strip()}")
-    with path.open("a") as file:
-        file.write((folder / "certificate.pem").read_text())
+    path.write_text((folder / "key.pem").read_text() + (folder / "certificate.pem").read_text())
     return path
 
 
-def server_context(minimum: str = "1.2", maximum: str = "1.3") -> ssl.SSLContext:
-    """A TLS server context with the certificate, for the versions "1.2" and "1.3"."""
+def _openssl(folder: Path, *words: str) -> None:
+    made = subprocess.run(["openssl", *words], cwd=folder, capture_output=True, text=True, check=False)
+    if made.returncode != 0:
+        raise CameraError(f"openssl made no certificate for the platform: {made.stderr.strip()}")
+
+
+def server_context(minimum: str = "1.2", maximum: str = "1.3", kind: str = "self-signed") -> ssl.SSLContext:
+    """A TLS server context with a certificate of a kind, for versions out of VERSIONS."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(certificate())
-    context.minimum_version = VERSIONS[minimum]
-    context.maximum_version = VERSIONS[maximum]
+    context.load_cert_chain(certificate(kind))
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", DeprecationWarning)  # old versions are offered to see them refused
+        context.minimum_version = VERSIONS[minimum]
+        context.maximum_version = VERSIONS[maximum]
+    if minimum == "1.1":
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")
     return context

@@ -3,13 +3,16 @@
 from __future__ import annotations
 
 import json
+import threading
 import time
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 from simulator import wire
 from simulator.datagrams import DatagramEndpoint
+from simulator.http import Wait
 from simulator.journal import Journal
 
 
@@ -42,6 +45,8 @@ class Client:
     """Sends commands to /tmp/HK and collects the replies.
 
     replies  every reply so far, in order
+    on_send  called with the datagrams of each command, head and body; returns the ones to send in their place, with
+             Wait steps between them where it likes. Runs on the caller's thread.
 
     Journal: "sent" and "received" with `data` (one datagram), "reply" with `reply` and `tag`.
     """
@@ -50,6 +55,8 @@ class Client:
 
     def __init__(self, journal: Journal, folder: Path) -> None:
         self.replies: list[CommandReply] = []
+        self.on_send: Callable[[list[bytes]], Iterable[bytes | Wait]] | None = None
+        self._stopping = threading.Event()
         self._journal = journal
         self._folder = folder
         self._endpoint: DatagramEndpoint | None = None
@@ -60,13 +67,19 @@ class Client:
         """Binds the socket; nothing happens if it is bound."""
         if self._endpoint is None:
             self._head = None
+            self._stopping.clear()
             self._endpoint = DatagramEndpoint(self._outside(wire.CLIENT_SOCKET), self._handle)
 
     def stop(self) -> None:
         """Removes the socket, as if the process had ended."""
+        self._stopping.set()
         if self._endpoint is not None:
             self._endpoint.close()
             self._endpoint = None
+
+    def hide(self) -> None:
+        """Removes the socket's file: commands still go out, and their replies find nobody."""
+        self._outside(wire.CLIENT_SOCKET).unlink(missing_ok=True)
 
     def command(self, name: Any, info: Any, timeout: float = 10.0) -> CommandReply:
         """Sends one command and waits for its reply."""
@@ -81,8 +94,12 @@ class Client:
         if tag is None:
             self._next_tag += 1
             tag = self._next_tag
-        self.send_raw(wire.encode_head(tag, len(body) if claimed_length is None else claimed_length))
-        self.send_raw(body)
+        datagrams = [wire.encode_head(tag, len(body) if claimed_length is None else claimed_length), body]
+        for one in self.on_send(datagrams) if self.on_send is not None else datagrams:
+            if isinstance(one, Wait):
+                self._stopping.wait(one.seconds)
+            else:
+                self.send_raw(one)
         return tag
 
     def send_raw(self, data: bytes) -> None:

@@ -10,6 +10,7 @@ import socket
 import struct
 import termios
 import threading
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
@@ -21,6 +22,7 @@ class EventPublisher:
     """Takes subscriptions and publishes records as buffers of the cache.
 
     subscriptions  every subscription record that was written, in order
+    on_notify      called with each notification packet; returns the packets to send in its place
 
     Journal: "connected", "subscribed" with `data`, "published" with `buffer_id` and `data`, "notified" with `data`,
     "disconnected".
@@ -30,6 +32,7 @@ class EventPublisher:
 
     def __init__(self, journal: Journal, socket_path: Path, cache_folder: Path) -> None:
         self.subscriptions: list[bytes] = []
+        self.on_notify: Callable[[bytes], list[bytes]] | None = None
         self.cache_folder = cache_folder
         self._journal = journal
         self._path = socket_path
@@ -88,9 +91,10 @@ class EventPublisher:
 
     def notify(self, packet: bytes) -> None:
         """Sends one notification packet, whatever it holds, to every subscriber."""
-        self._journal.add(self.name, "notified", data=packet)
-        for subscriber in tuple(self._subscribers):
-            subscriber.send(packet, socket.MSG_NOSIGNAL)
+        for one in self.on_notify(packet) if self.on_notify is not None else [packet]:
+            self._journal.add(self.name, "notified", data=one)
+            for subscriber in tuple(self._subscribers):
+                subscriber.send(one, socket.MSG_NOSIGNAL)
 
     def unread(self) -> bool:
         """True while notifications wait that a subscriber has not read."""

@@ -80,10 +80,12 @@ class Connection:
     def _handshake(self) -> None:
         secured = self._server.context.wrap_socket(self._socket, server_side=True, do_handshake_on_connect=False)
         self._socket = secured
+        begin, processor_begin = time.monotonic(), time.thread_time()
         secured.do_handshake()
         self.tls_version = secured.version() or ""
         self.cipher = (secured.cipher() or ("",))[0]
-        self._note("handshake", tls_version=self.tls_version, cipher=self.cipher)
+        self._note("handshake", tls_version=self.tls_version, cipher=self.cipher, seconds=time.monotonic() - begin,
+                   processor_seconds=time.thread_time() - processor_begin)
 
     def _read_request(self) -> Request | None:
         """The next request; None when the service closed the connection instead."""
@@ -145,9 +147,10 @@ class HttpsServer:
     context      the TLS settings of further connections
     connections  every connection so far
 
-    Journal: "accepted", "handshake" with `tls_version` and `cipher`, "incomplete" with `raw`, "broken" with `error`,
-    "hook_failed" with `error`, "closed" with `requests`, "hooked" with `name` when on_connect takes over; all with
-    `connection` (its number) and `port`. "step" with `step` and `connection` for each step that is no ordinary answer.
+    Journal: "accepted", "handshake" with `tls_version`, `cipher`, `seconds` and the server's own `processor_seconds`,
+    "incomplete" with `raw`, "broken" with `error`, "hook_failed" with `error`, "closed" with `requests`, "hooked" with
+    `name` when on_connect takes over; all with `connection` (its number) and `port`. "step" with `step` and
+    `connection` for each step that is no ordinary answer.
     """
 
     def __init__(self, journal: Journal, context: ssl.SSLContext, answer: Callable[[Request], Iterable[Step]]) -> None:

@@ -2,8 +2,8 @@
 
 The simulator passes this text to the sandbox's Python with -c, so it uses nothing but the standard library. It speaks
 over the inherited socket whose descriptor is its only argument: reads {"argv": [...], "environment": {...},
-"ports": [...], "full_port": n, "restrictions": {...}} as JSON, sends back the listening sockets, restricts itself, and
-closes the socket by becoming the service; if that fails it sends the reason instead.
+"ports": [...], "full_port": n or 0, "restrictions": {...}} as JSON, sends back the listening sockets, restricts itself,
+and closes the socket by becoming the service; if that fails it sends the reason instead.
 """
 
 import base64
@@ -90,7 +90,8 @@ def main():
     channel = socket.socket(fileno=int(sys.argv[1]))
     order = json.loads(channel.recv(1 << 20))
     try:
-        sockets = [listener for port in order["ports"] for listener in listen(port)] + full(order["full_port"])
+        sockets = [listener for port in order["ports"] for listener in listen(port)]
+        sockets += full(order["full_port"]) if order["full_port"] else []
         socket.send_fds(channel, [b"ports"], [one.fileno() for one in sockets])
         channel.set_inheritable(False)
         restrict(order["restrictions"])

@@ -70,6 +70,10 @@ class MessagePeer:
         self.journal.add(self.name, "sent", message=wire.Message(data), path=path)
         self._endpoint.send(data, self.outside(path))
 
+    def pause(self, seconds: float) -> None:
+        """Waits on the peer's thread; the end of the peer ends it."""
+        self._stopping.wait(seconds)
+
     def outside(self, path: str) -> Path:
         """Where a path of the camera lies on this machine."""
         return self._folder / path.lstrip("/")
@@ -89,7 +93,7 @@ class MessagePeer:
             return
         if self.delay:
             self._hooked("delay", message, seconds=self.delay)
-        self._stopping.wait(self.delay)
+        self.pause(self.delay)
         for datagram in [reply] if isinstance(reply, bytes) else reply or []:
             try:
                 self.send(datagram, message.source or wire.EXCHANGE_SOCKET)

@@ -26,6 +26,7 @@ class Platform:
     port, second_port    where it listens, on 127.0.0.1 and ::1; both behave alike unless on_connect tells them apart
     full_port            127.0.0.1 only: connects to it hang, because nobody takes them
     picture_sizes        smallest and largest picture in bytes
+    pictures             names and contents of pictures to serve in place of made-up ones
     requests, reports    every request so far; those to the result path
     on_request           called as on_request(request, default) in place of the own behaviour; default() carries that
                          out and returns its Response. Runs on the connection's thread.
@@ -42,11 +43,13 @@ class Platform:
     port = 8443
     second_port = 8444
     full_port = 8445
+    host = "127.0.0.1"
     task_path = "/platform/whiteList"
     result_path = "/platform/whiteListResult"
 
     def __init__(self, journal: Journal) -> None:
         self.picture_sizes = (20_000, 200_000)
+        self.pictures: Sequence[tuple[str, bytes]] = ()
         self.requests: list[Request] = []
         self.on_request: Callable[[Request, Callable[[], Response]], Answer] | None = None
         self._journal = journal
@@ -70,21 +73,28 @@ class Platform:
     def on_connect(self, hook: Callable[[Connection], Iterable[Step] | None] | None) -> None:
         self._server.on_connect = hook
 
-    def use_tls(self, minimum: str = "1.2", maximum: str = "1.3") -> None:
-        """Offers only these TLS versions ("1.2", "1.3") to further connections."""
-        self._server.context = server_context(minimum, maximum)
+    def use_tls(self, minimum: str = "1.2", maximum: str = "1.3", certificate: str = "self-signed") -> None:
+        """Offers only these TLS versions ("1.1" to "1.3"), and this kind of certificate, to further connections."""
+        self._server.context = server_context(minimum, maximum, certificate)
 
     def script(self, path: str, *answers: Answer) -> None:
         """Queues the answers to the next requests for this path, ahead of on_request and the own behaviour."""
         self._scripts[path].extend(answers)
 
-    def task(self, faces: int = 75, **changes: Any) -> dict[str, Any]:
-        """The "taskInfo" of a whiteListDown for this platform; `changes` replace members, ... removes one."""
-        info: dict[str, Any] = {
-            "cameraCode": "C1", "taskID": "T1", "totalNum": faces, "sqbh": "S1", "datatime": "D1",
-            "securityCode": "K1", "taskURL": f"https://127.0.0.1:{self.port}{self.task_path}",
-            "taskResultURL": f"https://127.0.0.1:{self.port}{self.result_path}", **changes}
-        return {name: value for name, value in info.items() if value is not ...}
+    @property
+    def ports(self) -> tuple[int, ...]:
+        """The ports that it wants to listen on."""
+        return (self.port, self.second_port)
+
+    def task(self, faces: int | None = None, **changes: Any) -> dict[str, Any]:
+        """The "taskInfo" of a whiteListDown for this platform, of all `pictures` or 75 faces unless told otherwise.
+
+        `changes` replace members, ... removes one.
+        """
+        if faces is None:
+            faces = len(self.pictures) or 75
+        return task_info(faces, f"https://127.0.0.1:{self.port}{self.task_path}",
+                         f"https://127.0.0.1:{self.port}{self.result_path}", changes)
 
     def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
         """Serves the listening sockets; those of `kept` are only held open. Owns all of them until stop."""
@@ -99,7 +109,9 @@ class Platform:
         self._kept.clear()
 
     def page(self, start: int, count: int) -> bytes:
-        """The platform's document for records `start` to `start + count - 1`."""
+        """The platform's document for records `start` to `start + count - 1`, as far as there are pictures."""
+        if self.pictures:
+            return _document(start, self.pictures[start:start + count])
         return _page(start, count, *self.picture_sizes)
 
     def default(self, request: Request) -> Response:
@@ -110,7 +122,8 @@ class Platform:
             if not isinstance(start, int) or not isinstance(count, int) or not 1 <= count <= 30:
                 return Response(400)
             body = self.page(start, count)
-            self._journal.add(self.name, "page", start=start, records=count, bytes=len(body))
+            records = min(count, max(0, len(self.pictures) - start)) if self.pictures else count
+            self._journal.add(self.name, "page", start=start, records=records, bytes=len(body))
             return Response(body=body)
         if request.target == self.result_path:
             return Response(body=b'{"result":"ok"}')
@@ -151,6 +164,13 @@ class Platform:
         return noted(steps, self._journal, request.connection)
 
 
+def task_info(faces: int, url: str, result_url: str, changes: dict[str, Any]) -> dict[str, Any]:
+    """The "taskInfo" of a whiteListDown; `changes` replace members, ... removes one."""
+    info = {"cameraCode": "C1", "taskID": "T1", "totalNum": faces, "sqbh": "S1", "datatime": "D1",
+            "securityCode": "K1", "taskURL": url, "taskResultURL": result_url, **changes}
+    return {name: value for name, value in info.items() if value is not ...}
+
+
 def credential_number(index: int) -> str:
     """The identifier of the record at `index`: an identity card's 18 digits."""
     return f"110101{19600101 + index % 30 + 10000 * (index % 40)}{index:04d}"
@@ -166,7 +186,12 @@ def _json_object(request: Request) -> dict[str, Any]:
 
 @functools.lru_cache(maxsize=8)
 def _page(start: int, count: int, minimum: int, maximum: int) -> bytes:
-    records = [{"credentialNumber": credential_number(index), "name": f"Face {index}",
-                "picture": base64.b64encode(picture(index, minimum, maximum)).decode()}
-               for index in range(start, start + count)]
-    return json.dumps({"startIndex": start, "offset": count, "records": records}).encode()
+    return _document(start, [(f"Face {index}", picture(index, minimum, maximum))
+                             for index in range(start, start + count)])
+
+
+def _document(start: int, pictures: Sequence[tuple[str, bytes]]) -> bytes:
+    records = [{"credentialNumber": credential_number(index), "name": name,
+                "picture": base64.b64encode(content).decode()}
+               for index, (name, content) in enumerate(pictures, start)]
+    return json.dumps({"startIndex": start, "offset": len(records), "records": records}).encode()

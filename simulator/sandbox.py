@@ -30,6 +30,8 @@ def _suppressions() -> list[Path]:
 class Sandbox:
     """Owns one camera's private folder and knows how to run a program inside the sandbox.
 
+    hosts  further names of the sandbox's own address
+
     The folder lies directly below /tmp, because paths of unix sockets are short. Everything written to the camera's
     /tmp, /mnt and /dev/shm can be seen and changed from outside through `outside`. Shared memory lies below this
     machine's /dev/shm: older C libraries want a file system in memory there.
@@ -39,7 +41,7 @@ class Sandbox:
     mounts  further arguments of bwrap, for example a small file system that only the service sees
     """
 
-    def __init__(self) -> None:
+    def __init__(self, hosts: Sequence[str] = ()) -> None:
         if shutil.which("bwrap") is None:
             raise CameraError("bwrap is not installed; run scripts/bootstrap or: apt-get install bubblewrap")
         self.mounts: list[str] = []
@@ -51,6 +53,8 @@ class Sandbox:
             self._make_folder(name)
         (self.folder / "dev/shm").symlink_to(self._shared_memory)
         self._write_accounts()
+        names = " ".join(dict.fromkeys(["localhost", *(host for host in hosts if host[0].isalpha())]))
+        (self.folder / "etc/hosts").write_text(f"127.0.0.1 {names}\n::1 {names}\n")
 
     def outside(self, path: str) -> Path:
         """Where a path of the camera below /tmp, /mnt or /dev/shm lies on this machine."""
@@ -67,7 +71,7 @@ class Sandbox:
             arguments += ["--tmpfs", name] * Path(name).is_dir()
         arguments += ["--bind", str((self.folder / "dev/shm").resolve()), "/dev/shm"]
         arguments += self._camera_folders()
-        for name in ("etc/passwd", "etc/group"):
+        for name in ("etc/passwd", "etc/group", "etc/hosts"):
             arguments += ["--ro-bind", str(self.folder / name), f"/{name}"]
         for path in dict.fromkeys(path.resolve() for path in (*visible, *_suppressions())):
             if str(path).startswith(tuple(f"{hidden}/" for hidden in (*_OWN, *_EMPTY))):

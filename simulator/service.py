@@ -22,9 +22,6 @@ from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.sandbox import Sandbox
 
-PORTS = (8443, 8444)
-FULL_PORT = 8445
-
 _START_SECONDS = 20.0
 _RECORD = re.compile(r"(\d{4}-\d\d-\d\dT\S+) (\w+) (\S+):(\d+) (.*)")
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
@@ -62,6 +59,7 @@ class Service:
     log        every record that it has written to its standard error, also those just before its last message
     stderr     standard error as it came
     stdout     standard output as it came; the service is to print nothing
+    ports      opened inside the sandbox before the service starts; full_port, if not 0, takes no connection
 
     Journal: "starting" a moment before the binary is executed, "started" with `pid`, "log" with `record`, "ended" with
     `exit_code`.
@@ -71,7 +69,8 @@ class Service:
     name = "service"
 
     def __init__(self, journal: Journal, sandbox: Sandbox, binary: Path, *, preload: Sequence[Path] = (),
-                 libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None) -> None:
+                 libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None,
+                 ports: Sequence[int] = (), full_port: int = 0) -> None:
         self.pid = 0
         self._log: list[LogRecord] = []
         self._journal = journal
@@ -80,6 +79,8 @@ class Service:
         self._preload = [path.resolve() for path in preload]
         self._libraries = [path.resolve() for path in libraries]
         self._environment = dict(environment or {})
+        self._ports = list(ports)
+        self._full_port = full_port
         self._process: subprocess.Popen[bytes] | None = None
         self._readers: list[threading.Thread] = []
         self._output: dict[str, list[bytes]] = {"stdout": [], "stderr": []}
@@ -105,7 +106,7 @@ class Service:
         return self._exit_code
 
     def start(self) -> list[socket.socket]:
-        """Starts the binary. Returns the listening sockets of PORTS, then the two that keep FULL_PORT full."""
+        """Starts the binary. Returns the listening sockets of `ports`, then the two that keep `full_port` full."""
         if self._process is not None and self._exit_code is None:
             raise CameraError("the service runs already")
         for path in (self._binary, *self._preload):
@@ -120,8 +121,8 @@ class Service:
             argv, environment = emulator.process(self._binary, self._service_environment())
             order = restrictions.launch_order(emulator.is_foreign(self._binary), bool(sanitizer_runtimes(self._binary)))
             with contextlib.suppress(BrokenPipeError):  # what ended the sandbox so soon is told below
-                ours.send(json.dumps({"argv": argv, "environment": environment, "ports": PORTS, "full_port": FULL_PORT,
-                                      "restrictions": order}).encode())
+                ours.send(json.dumps({"argv": argv, "environment": environment, "ports": self._ports,
+                                      "full_port": self._full_port, "restrictions": order}).encode())
             sockets = self._receive_sockets(ours)
             self._journal.add(self.name, "started", pid=self.pid)
             return sockets
@@ -223,7 +224,9 @@ class Service:
     def _read_stderr(self, process: subprocess.Popen[bytes]) -> None:
         """Reads the log to its end, which is the end of the service, and then takes its exit code."""
         assert process.stderr is not None
-        while select.select([process.stderr], [], []) and self._take_stderr():
+        poll = select.poll()  # select() knows no descriptors beyond 1023, which many cameras together reach
+        poll.register(process.stderr, select.POLLIN)
+        while poll.poll() and self._take_stderr():
             pass
         with self._journal.locked():
             process.stderr.close()

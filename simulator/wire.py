@@ -13,6 +13,7 @@ MESSAGE_SIZE = 21408
 HEAD_SIZE = 280
 SUBSCRIPTION_SIZE = 16 + 288
 NOTIFICATION_LIMIT = 256
+DESCRIPTOR_SIZE = 16
 BLOCK_HEADER_SIZE = 56
 
 COMMAND_SOCKET = "/tmp/HK"
@@ -239,7 +240,7 @@ def encode_notification(buffer_id: int, length: int, attribute: int = 0, *, stat
     """A notification with its buffer descriptor behind it, at `descriptor_offset`."""
     head = encode(NOTIFICATION, max(descriptor_offset, 10), no_buffer=no_buffer, status=status,
                   descriptor_offset=descriptor_offset)
-    return head + encode(DESCRIPTOR, 16, buffer_id=buffer_id, length=length, attribute=attribute)
+    return head + encode(DESCRIPTOR, DESCRIPTOR_SIZE, buffer_id=buffer_id, length=length, attribute=attribute)
 
 
 def encode_block(data: bytes, old_producer: bool = False) -> bytes:
