@@ -34,10 +34,8 @@ def white_list_down(camera: Camera, show: Display, faces: int) -> None:
     show.heading(f"whiteListDown: faces come down from the platform, {faces} in pages of up to {_PAGE_SIZE}")
     camera.itgt.picture_seconds = 0.02
     begin, begin_time = len(camera.journal), time.monotonic()
-    with show.download(pages):
-        task = camera.platform.task(faces=faces)
-        _command(camera, show, "whiteListDown", task)
-        _wait_for_end(camera, begin, 30.0 + 5.0 * pages)
+    _command(camera, show, "whiteListDown", camera.platform.task(faces=faces))
+    _wait_for_end(camera, begin, 30.0 + 5.0 * pages)
     events = camera.journal.events[begin:]
     imported = [event for event in events if event.matches("itgt", "picture", result=IMPORTED)]
     served = [event for event in events if event.matches("platform", "page")]
@@ -132,7 +130,7 @@ def _run(arguments: argparse.Namespace, show: Display) -> None:
     show.console.print(f"The service is {build_folder()}/bin/protocol_process, unchanged, in a sandbox of its own.")
     camera = Camera(start=False, recording=arguments.record)
     show.follow(camera.journal)
-    with camera:
+    with show, camera:
         try:
             _tour(camera, show, [arguments.scene] if arguments.scene else _SCENES, arguments.faces)
         except (Unexpected, TimeoutError):

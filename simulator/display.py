@@ -1,42 +1,81 @@
-"""What `./demo` shows: moving bars on a terminal, plain lines without one."""
+"""What `./demo` and `camsim` show: arrows and moving bars on a terminal, plain lines without one."""
 
 from __future__ import annotations
 
+import os
+import threading
 import time
-from collections.abc import Iterator
-from contextlib import contextmanager
-from typing import Any
+from types import TracebackType
 
-from rich.console import Console
+from rich.console import Console, Group, RenderableType
+from rich.live import Live
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TaskID, TextColumn, TimeElapsedColumn
 from rich.table import Table
 from rich.text import Text
 
-from simulator.describe import describe, describe_notification
-from simulator.itgt import IMPORTED
-from simulator.journal import Event, Journal
+from simulator.diagram import LANES, NARROWEST, STYLES, Diagram
+from simulator.journal import Journal
+from simulator.sights import NAMES, Sight, sights
 
-NAMES = {"client": "client", "itgt": "ITGT", "faces": "face library", "platform": "platform", "events": "event cache",
-          "service": "service", "demo": ""}
-STYLES = {"client": "cyan", "itgt": "green", "faces": "magenta", "platform": "blue", "events": "yellow",
-           "service": "dim"}
-_LEVELS = {"ERROR": "red", "INFO": "", "DEBUG": "dim"}
+_MOST_ROWS = 8  # of one message with all its details
 
 
 class Display:
-    """Writes to standard output; its methods may be called from any thread."""
+    """Writes to standard output; its methods may be called from any thread.
+
+    drawn  whether it draws: on a terminal that is wide enough and can, unless NO_COLOR wants it plain
+
+    `with display:` keeps the names of the columns, and the bars of a download, at the bottom of a terminal.
+    """
 
     def __init__(self, verbose: bool) -> None:
         self.console = Console(highlight=False, markup=False, emoji=False, soft_wrap=True)
+        self.drawn = (self.console.is_terminal and not self.console.is_dumb_terminal
+                      and not os.environ.get("NO_COLOR") and self.console.width >= NARROWEST)
         self._verbose = verbose
         self._begin = time.monotonic()
-        self._progress: Progress | None = None
-        self._pages: TaskID | None = None
-        self._pictures: tuple[int, TaskID] | None = None  # import task and bar of the current page
+        self._diagram = Diagram(self.console.width)
+        self._bars = _Bars(self.console)
+        self._live: Live | None = None
+        self._lock = threading.RLock()
+
+    def __enter__(self) -> Display:
+        if self.drawn:
+            self._live = Live(get_renderable=self._bottom, console=self.console, refresh_per_second=10, transient=True)
+            self._live.start()
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        if self._live is not None:
+            self._live.stop()
+            self._live = None
 
     def follow(self, journal: Journal) -> None:
         """Shows every event of a camera from here on."""
-        journal.listen(self._show)
+        journal.listen(lambda event: [self.show(sight) for sight in sights(event)])
+
+    def show(self, sight: Sight) -> None:
+        """One thing that happened, drawn or as a line, when it is wanted at this level of detail."""
+        with self._lock:
+            if self._live is not None:
+                self._bars.note(sight)
+            if not (self._verbose or (sight.drawn if self.drawn else sight.plain)):
+                return
+            seconds = sight.time - self._begin
+            if self.drawn:
+                text = sight.text if self._verbose or sight.kind != "message" else sight.title
+                rows = self._diagram.rows(seconds, sight.source, sight.target, text,
+                                          "" if sight.kind == "message" else sight.style,
+                                          _MOST_ROWS if self._verbose else 2)
+                for row in rows:
+                    self.console.print(row)
+                return
+            text = sight.text
+            if sight.kind == "message" and sight.title != sight.text:
+                text = f"{'<--' if sight.source == 'service' else '-->'} {text}"
+            peer = sight.target if sight.source == "service" and sight.target else sight.source
+            self._line(seconds, peer, text, sight.style)
 
     def heading(self, text: str) -> None:
         self.console.print()
@@ -44,8 +83,13 @@ class Display:
 
     def line(self, source: str, text: str, style: str = "") -> None:
         """One line about a process of the camera ("demo": about none)."""
-        self.console.print(Text.assemble((f"{time.monotonic() - self._begin:7.3f} s  ", "dim"),
-                                         (f"{NAMES[source]:<13}", STYLES.get(source, "")), (text, style)))
+        with self._lock:
+            seconds = time.monotonic() - self._begin
+            if self.drawn and source in LANES:
+                for row in self._diagram.rows(seconds, source, "", text, style, _MOST_ROWS):
+                    self.console.print(row)
+            else:
+                self._line(seconds, source, text, style)
 
     def summary(self, title: str, rows: dict[str, str]) -> None:
         table = Table(title=title, title_justify="left", title_style="bold", show_header=False)
@@ -54,108 +98,48 @@ class Display:
         self.console.print()
         self.console.print(table)
 
-    @contextmanager
-    def download(self, pages: int) -> Iterator[None]:
-        """Shows bars for a download of so many pages while the block runs, on a terminal."""
-        if not self.console.is_terminal or self.console.is_dumb_terminal:
-            yield
-            return
+    def _line(self, seconds: float, source: str, text: str, style: str) -> None:
+        self.console.print(Text.assemble((f"{seconds:7.3f} s  ", "dim"),
+                                         (f"{NAMES[source]:<13}", STYLES.get(source) or "dim"), (text, style)))
+
+    def _bottom(self) -> RenderableType:
+        return Group(self._diagram.head(), self._bars.bars) if self._bars.shown else self._diagram.head()
+
+
+class _Bars:
+    """The bars of a running download: its pages, and the pictures of the page that is being imported."""
+
+    def __init__(self, console: Console) -> None:
         columns = (TextColumn("{task.description:<24}"), BarColumn(), MofNCompleteColumn(),
                    TextColumn("{task.fields[note]}"), TimeElapsedColumn())
-        with Progress(*columns, console=self.console) as progress:
-            self._progress = progress
-            self._pages = progress.add_task("pages", total=pages, note="reported")
-            try:
-                yield
-            finally:
-                self._progress = None
-                self._pictures = None
+        self.bars = Progress(*columns, console=console)
+        self._pages: TaskID | None = None
+        self._pictures: TaskID | None = None
 
-    def _show(self, event: Event) -> None:
-        if self._verbose:
-            self._show_message(event)
-        shown = getattr(self, f"_show_{event.source}_{event.kind}", None)
-        if shown is not None:
-            shown(event)
+    @property
+    def shown(self) -> bool:
+        return self._pages is not None
 
-    def _show_platform_page(self, event: Event) -> None:
-        last = event.start + event.records - 1
-        self.line("platform", f"serves records {event.start} to {last}, {event.bytes / 1e6:.1f} MB with their pictures")
+    def note(self, sight: Sight) -> None:
+        progress = sight.progress
+        if "pages" in progress and self._pages is None:
+            self._pages = self.bars.add_task("pages", total=progress["pages"], note="reported")
+        if self._pages is None:
+            return
+        if "reported" in progress:
+            self.bars.advance(self._pages)
+        elif "page" in progress:
+            self._remove_pictures()
+            self._pictures = self.bars.add_task(f"pictures of {progress['page']}", total=progress["records"],
+                                                note="imported")
+        elif "picture" in progress and self._pictures is not None:
+            self.bars.advance(self._pictures)
+        elif "ended" in progress:
+            self._remove_pictures()
+            self.bars.remove_task(self._pages)
+            self._pages = None
 
-    def _show_platform_report(self, event: Event) -> None:
-        text = event.request.body.decode("utf-8", "backslashreplace")
-        self.line("platform", f"got the report of {len(event.request.body)} bytes: {_cut(text, 260)}")
-        if self._progress is not None and self._pages is not None:
-            self._progress.advance(self._pages)
-
-    def _show_itgt_page(self, event: Event) -> None:
-        page = event.page
-        self.line("itgt", f"got page file {page.file_name}, {len(page.records)} records, import task {page.task_id}")
-        if self._progress is not None:
-            if self._pictures is not None:
-                self._progress.remove_task(self._pictures[1])
-            bar = self._progress.add_task(f"pictures of {page.file_name}", total=len(page.records), note="imported")
-            self._pictures = (page.task_id, bar)
-
-    def _show_itgt_picture(self, event: Event) -> None:
-        if self._progress is None:
-            outcome = "imported" if event.result == IMPORTED else f"refused, result {event.result}"
-            self.line("itgt", f"picture {event.done:>2} of {event.total}: {event.record_id} {outcome}")
-        elif self._pictures is not None and self._pictures[0] == event.task_id:
-            self._progress.advance(self._pictures[1])
-
-    def _show_itgt_file(self, event: Event) -> None:
-        self.line("itgt", f"wrote the import state file {event.path}")
-
-    def _show_itgt_received(self, event: Event) -> None:
-        if event.command == 1037:
-            self.line("itgt", "got message 1037: the service is up")
-
-    def _show_faces_cleared(self, event: Event) -> None:
-        self.line("faces", f"clears its lists on request, status {event.status}")
-
-    def _show_faces_file(self, event: Event) -> None:
-        self.line("faces", f"hands out {event.path}: {event.content.decode('utf-8', 'backslashreplace')}")
-
-    def _show_faces_list(self, event: Event) -> None:
-        fields = event.face_list
-        self.line("faces", f"got face list {fields['list_id']} \"{fields['list_name']}\", type {fields['list_type']}, "
-                           f"on control {fields['on_control']}, threshold {fields['threshold']}")
-
-    def _show_client_reply(self, event: Event) -> None:
-        self.line("client", f"got the reply to its command {event.tag}: status {event.reply.status}")
-
-    def _show_events_subscribed(self, event: Event) -> None:
-        self.line("events", str(describe(event.data["data"])))
-
-    def _show_service_started(self, event: Event) -> None:
-        self.line("service", f"started, process {event.pid}")
-
-    def _show_service_ended(self, event: Event) -> None:
-        self.line("service", f"ended with code {event.exit_code}")
-
-    def _show_message(self, event: Event) -> None:
-        """The service's log, and every message on the wire, decoded."""
-        if event.matches("service", "log"):
-            record = event.record
-            self.line("service", f"{record.level:<5} {record.path}:{record.line} {_cut(record.text)}",
-                      _LEVELS.get(record.level, ""))
-        elif event.kind in ("sent", "received"):
-            arrow = "-->" if event.kind == "sent" else "<--"
-            data: Any = event.data.get("message", event.data.get("data"))
-            reply = event.source != "client" and event.kind == "sent"
-            self.line(event.source, f"{arrow} {_cut(str(describe(data, reply)))}", "dim")
-        elif event.matches("events", "notified"):
-            self.line("events", f"--> {describe_notification(event.data['data'])}", "dim")
-        elif event.matches("platform", "handshake"):
-            self.line("platform", f"connection {event.connection}: {event.tls_version}, {event.cipher}", "dim")
-        elif event.matches("platform", "request"):
-            self.line("platform", "<-- " + _cut(event.request.raw.decode("utf-8", "backslashreplace")), "dim")
-        elif event.matches("platform", "response"):
-            head = event.response.encode().partition(b"\r\n\r\n")[0].decode()
-            self.line("platform", "--> " + head.replace("\r\n", " | ") + f" ({len(event.response.body)} bytes)", "dim")
-
-
-def _cut(text: str, limit: int = 900) -> str:
-    text = text.replace("\r\n", " | ").replace("\n", " ")
-    return text if len(text) <= limit else f"{text[:limit - 160]} ... {text[-150:]}"
+    def _remove_pictures(self) -> None:
+        if self._pictures is not None:
+            self.bars.remove_task(self._pictures)
+            self._pictures = None
