@@ -34,8 +34,13 @@ _SLOW_PATIENCE = 4.0
 
 
 def build_folder() -> Path:
-    """Where the service was built: $CAMGATE_BUILD, or build/host of this repository."""
-    return Path(os.environ.get("CAMGATE_BUILD") or Path(__file__).parent.parent / "build" / "host").resolve()
+    """The folder with bin/protocol_process and lib/libcamera_devices.so.
+
+    $CAMGATE_BUILD; where this package is installed beside them, the folder that holds all three; else build/host.
+    """
+    around = Path(__file__).resolve().parent.parent
+    installed = (around / "bin" / "protocol_process").exists()
+    return Path(os.environ.get("CAMGATE_BUILD") or (around if installed else around / "build" / "host")).resolve()
 
 
 class Camera:

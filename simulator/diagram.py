@@ -14,7 +14,7 @@ STYLES = {"client": "cyan", "itgt": "green", "faces": "magenta", "platform": "bl
 NARROWEST = 72
 
 _TIME_WIDTH = 9
-_LINE, _ARROW_LEFT, _ARROW_RIGHT, _SHAFT, _NOTE = "│", "◀", "▶", "─", "●"
+_LINE, _ARROW_LEFT, _ARROW_RIGHT, _SHAFT, _NOTE, _CROSSING = "│", "◀", "▶", "─", "●", "┼"
 
 
 class Diagram:
@@ -62,5 +62,7 @@ class Diagram:
     def _drawn(self, cells: list[str], begin: int, drawn: str, peer: str) -> Text:
         """The row with something drawn from a place on, in the colour of the peer."""
         row = "".join(cells)
+        drawn = "".join(_CROSSING if cells[begin + number] == _LINE and sign == _SHAFT else sign
+                        for number, sign in enumerate(drawn))
         return Text.assemble((row[:begin], "dim"), (drawn, f"bold {STYLES.get(peer, '')}".strip()),
                              (row[begin + len(drawn):], "dim"))

@@ -13,8 +13,9 @@ from rich.progress import BarColumn, MofNCompleteColumn, Progress, TaskID, TextC
 from rich.table import Table
 from rich.text import Text
 
+from simulator.command_line import print_json
 from simulator.diagram import LANES, NARROWEST, STYLES, Diagram
-from simulator.journal import Journal
+from simulator.journal import Event, Journal
 from simulator.sights import NAMES, Sight, sights
 
 _MOST_ROWS = 8  # of one message with all its details
@@ -104,6 +105,12 @@ class Display:
 
     def _bottom(self) -> RenderableType:
         return Group(self._diagram.head(), self._bars.bars) if self._bars.shown else self._diagram.head()
+
+
+def print_sights(event: Event) -> None:
+    """Prints what there is to see of an event as JSON, one object a line."""
+    for sight in sights(event):
+        print_json(sight.public())
 
 
 class _Bars:

@@ -52,6 +52,10 @@ class Sight:
         """As JSON has it; Sight(**document) is the same again."""
         return asdict(self)
 
+    def public(self) -> dict[str, Any]:
+        """What programs may rely on, without what only steers the display."""
+        return {name: getattr(self, name) for name in ("time", "source", "target", "kind", "title", "text", "fields")}
+
 
 def sights(event: Event) -> list[Sight]:
     """What there is to see of an event, the message before the note."""
