@@ -19,7 +19,6 @@ from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
 from simulator.platform import Platform
 from simulator.recording import Recorder
-from simulator.relay import Relay
 from simulator.sandbox import Sandbox
 from simulator.service import LogRecord, Service, sanitizer_runtimes
 
@@ -56,8 +55,7 @@ class Camera:
     marker     whether ITGT's readiness marker exists from the start
     itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
     start      whether to start the service at once; else start_service() does
-    platform_url  https://HOST:PORT/PATH of a real platform to reach in place of the played one
-    result_path  where that one takes reports; default: its PATH with "Result" behind it
+    platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Relay)
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see recording.py)
 
@@ -68,15 +66,13 @@ class Camera:
     def __init__(self, *, service: Path | None = None, preload: Sequence[Path] | None = None,
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
-                 wait: bool = True, platform_url: str | None = None, result_path: str | None = None,
+                 wait: bool = True, platform: Callable[[Journal], Any] = Platform,
                  recording: Path | None = None) -> None:
         self._marker = marker
         self._start = start
         self._wait = wait and marker
         self.journal = Journal()
-        self.platform: Any = Platform(self.journal)
-        if platform_url is not None:
-            self.platform = Relay(self.journal, platform_url, result_path)
+        self.platform = platform(self.journal)
         self.sandbox = Sandbox([self.platform.host])
         self._recorder = None
         if recording:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+from collections.abc import Callable
 from contextlib import AbstractContextManager, nullcontext
 from pathlib import Path
 from typing import Any
@@ -13,6 +14,9 @@ from simulator.camera import Camera
 from simulator.command_line import WRONG_ARGUMENTS, CodedError
 from simulator.errors import CameraError
 from simulator.fault_switches import FaultSwitches
+from simulator.journal import Journal
+from simulator.platform import Platform
+from simulator.relay import Relay
 from simulator.settings import SETTINGS
 
 
@@ -63,16 +67,23 @@ def add_platform(parser: argparse.ArgumentParser) -> None:
 
 def make_camera(arguments: argparse.Namespace) -> Camera:
     """A camera that is not started yet, as the arguments want it."""
-    if arguments.result_path is not None and arguments.platform is None:
-        raise CodedError("--result-path is of no use without --platform URL", WRONG_ARGUMENTS)
-    camera = Camera(service=arguments.service, start=False, platform_url=arguments.platform,
-                    result_path=arguments.result_path)
+    camera = Camera(service=arguments.service, start=False, platform=platform_maker(arguments))
     try:
         apply_settings(camera, arguments)
     except BaseException:
         camera.close()
         raise
     return camera
+
+
+def platform_maker(arguments: argparse.Namespace) -> Callable[[Journal], Any]:
+    """What makes the platform of a camera: the played one, or the way to the one that the arguments name."""
+    url, result_path = arguments.platform, arguments.result_path
+    if url is not None:
+        return lambda journal: Relay(journal, url, result_path)
+    if result_path is not None:
+        raise CodedError("--result-path is of no use without --platform URL", WRONG_ARGUMENTS)
+    return Platform
 
 
 def apply_settings(subject: Any, arguments: argparse.Namespace) -> None:
