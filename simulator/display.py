@@ -30,9 +30,10 @@ class Display:
     """
 
     def __init__(self, verbose: bool) -> None:
-        self.console = Console(highlight=False, markup=False, emoji=False, soft_wrap=True)
+        plain = False if os.environ.get("NO_COLOR") else None  # bold and dim are escapes, too
+        self.console = Console(highlight=False, markup=False, emoji=False, soft_wrap=True, force_terminal=plain)
         self.drawn = (self.console.is_terminal and not self.console.is_dumb_terminal
-                      and not os.environ.get("NO_COLOR") and self.console.width >= NARROWEST)
+                      and self.console.width >= NARROWEST)
         self._verbose = verbose
         self._begin = time.monotonic()
         self._diagram = Diagram(self.console.width)
