@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
@@ -16,6 +17,7 @@ from simulator.settings import SETTINGS
 
 _REPLY_SECONDS = 20.0
 _EVENT_SECONDS = 10.0
+_SILENCE_SECONDS = 1.0
 _END_SECONDS = 60.0
 
 
@@ -60,7 +62,7 @@ class Player:
                     self._steps[step.do](self, step)
             except _Stopped:
                 pass
-            self._camera.service.stop()
+            self._stop()
             self._compare()
         return all(check.ok for check in self.checks)
 
@@ -147,6 +149,15 @@ class Player:
                    lambda event: event.matches(None, "fault", name=name))
 
     def _end(self, _step: Step) -> None:
+        self._stop()
+
+    def _stop(self) -> None:
+        """Ends the service; before it, replies that are not to come have a while in which they could."""
+        tags = {tag for _, tag in self._unanswered}
+        with contextlib.suppress(TimeoutError):
+            if tags and self._camera.service.exit_code is None:
+                self._camera.wait_for(lambda event: event.matches("client", "reply") and event.tag in tags,
+                                      _SILENCE_SECONDS)
         self._camera.service.stop()
 
     _steps: dict[str, Callable[[Player, Step], None]] = {

@@ -1,0 +1,83 @@
+"""Help, examples and completion of every subcommand."""
+
+from __future__ import annotations
+
+import re
+import shlex
+import subprocess
+
+import pytest
+
+from conftest import CAMSIM, ROOT, Camsim
+from simulator.command_line import make_parser, modules
+from simulator.commands.completion import subcommands
+
+NAMES = sorted(modules())
+
+
+def test_help_names_every_subcommand_and_exit_code(camsim: Camsim) -> None:
+    done = camsim.run("--help")
+    assert done.returncode == 0
+    for name, module in modules().items():
+        assert re.search(rf"\n    {name}\s", done.stdout), done.stdout
+        assert " ".join(module.HELP.split()) in " ".join(done.stdout.split())
+    assert all(f" {code} " in done.stdout for code in range(8))
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_help_of_a_subcommand_is_enough_to_use_it(camsim: Camsim, name: str) -> None:
+    """It has examples, and those are right."""
+    done = camsim.run(name, "--help")
+    assert done.returncode == 0
+    examples = modules()[name].EXAMPLES
+    assert examples
+    for example in examples:
+        assert f"\n  {example}\n" in done.stdout
+        words = shlex.split(example.split(" | ")[0].removeprefix("source <(").removesuffix(")"))
+        assert words[0] == "camsim"
+        make_parser().parse_args(words[1:])
+
+
+@pytest.mark.parametrize("words", [[], ["nothing"], ["send", "--no-such"]])
+def test_wrong_words_exit_with_2(camsim: Camsim, words: list[str]) -> None:
+    done = camsim.run(*words)
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr.startswith("usage: camsim")
+
+
+def complete(*words: str) -> list[str]:
+    """What bash offers for the last of the words."""
+    script = (f'source <("{CAMSIM}" completion bash)\n'
+              f'COMP_WORDS=({" ".join(map(shlex.quote, words))}); COMP_CWORD={len(words) - 1}\n'
+              '_camsim; printf "%s\\n" "${COMPREPLY[@]}"\ncomplete -p camsim >&2')
+    done = subprocess.run(["bash", "--norc", "-euo", "pipefail", "-c", script], capture_output=True, text=True,
+                          timeout=60, check=False)
+    assert (done.returncode, done.stderr) == (0, "complete -o default -F _camsim camsim\n")
+    return done.stdout.split()
+
+
+def test_bash_completes_subcommands_options_and_faults() -> None:
+    assert complete("camsim", "") == [*NAMES, "--help"]
+    assert complete("camsim", "fl") == ["fleet"]
+    assert complete("camsim", "up", "--fault", "platform.st") == ["platform.status"]
+    assert complete("camsim", "send", "white") == ["whiteListDown", "whiteListClear"]
+    assert complete("camsim", "run", "--re") == ["--record"]
+
+
+def test_completion_script_is_good_shell(camsim: Camsim) -> None:
+    script = camsim.run("completion", "bash").stdout
+    done = subprocess.run(["shellcheck", "--shell=bash", "-"], input=script, capture_output=True, text=True,
+                          timeout=60, check=False)
+    assert done.stdout == ""
+    for name, parser in subcommands().items():
+        for action in parser._actions:
+            assert all(f" {option}" in script for option in action.option_strings if option.startswith("--")), name
+
+
+def test_every_subcommand_that_prints_has_json() -> None:
+    for name, parser in subcommands().items():
+        assert name == "completion" or "--json" in parser.format_help(), name
+
+
+def test_executable_is_one() -> None:
+    assert (ROOT / "simulator" / "camsim").stat().st_mode & 0o111 == 0o111
