@@ -44,8 +44,8 @@ def modules() -> dict[str, ModuleType]:
 def make_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="camsim", formatter_class=argparse.RawDescriptionHelpFormatter, epilog=EXIT_CODES,
-        description="A camera on this machine, for whoever has none: the unchanged service in a sandbox of its own, and\n"
-                    "every process around it played. `camsim COMMAND --help` explains each command.")
+        description="A camera on this machine, for whoever has none: the unchanged service in a sandbox of its own,\n"
+                    "and every process around it played. `camsim COMMAND --help` explains each command.")
     subparsers = parser.add_subparsers(dest="subcommand", metavar="COMMAND", required=True)
     for name, module in modules().items():
         examples = "".join(f"\n  {line}" for line in getattr(module, "EXAMPLES", ()))

@@ -17,6 +17,7 @@ from simulator.camera import Camera
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
 from simulator.platform import Platform
+from simulator.process_status import kilobytes, private_kilobytes
 
 _DESCRIPTORS_PER_CAMERA = 24
 _DESCRIPTORS_BESIDE = 100
@@ -125,7 +126,8 @@ class Fleet:
         while (left := moment - time.monotonic()) > 0:
             time.sleep(min(left, _SAMPLE_SECONDS))
             for number, camera in enumerate(self.cameras):
-                self._memory[number] = max(self._memory.get(number, 0), private_bytes(camera.service.pid))
+                self._memory[number] = max(self._memory.get(number, 0),
+                                           _bytes(private_kilobytes, camera.service.pid))
 
     def _measured(self, begin: float, end: float) -> dict[str, Any]:
         complete = sorted(number for number in self._ended if number not in self._failed)
@@ -140,7 +142,8 @@ class Fleet:
             "platform": platform_view(events, first, last, self._played),
             "completion_seconds": spread_of(completions),
             "memory_bytes": spread_of(list(self._memory.values()), 0),
-            "memory_peak_bytes": spread_of([peak_bytes(camera.service.pid) for camera in self.cameras], 0)}
+            "memory_peak_bytes": spread_of([
+                _bytes(lambda process: kilobytes(process, "VmHWM"), camera.service.pid) for camera in self.cameras], 0)}
 
 
 def platform_view(events: list[Event], begin: float, end: float, played: bool) -> dict[str, Any]:
@@ -150,9 +153,10 @@ def platform_view(events: list[Event], begin: float, end: float, played: bool) -
     opened = [event.time for event in events if event.kind == "accepted"]
     closed = [event.time for event in events if event.kind in ("closed", "relayed")]
     concurrent = _concurrent(opened, closed, begin, slots)
+    mean = round((sum(closed) - sum(opened)) / max(1, len(closed)), 4)
     view: dict[str, Any] = {
         "connections": len(opened), "connections_per_second": round(len(opened) / seconds, 2),
-        "connection_seconds": round((sum(closed) - sum(opened)) / len(closed), 4) if len(opened) == len(closed) > 0 else None,
+        "connection_seconds": mean if len(opened) == len(closed) else None,  # some may be open at the end
         "concurrent": {"peak": max(concurrent, default=0), "each_second": concurrent}}
     if not played:  # what goes through to a real platform is encrypted, handshakes included
         sent = sum(event.data["received"] for event in events if event.kind == "relayed")
@@ -205,29 +209,19 @@ def spread_of(values: Sequence[float], digits: int = 3) -> dict[str, float] | No
     return {name: round(value, digits) for name, value in named.items()}
 
 
-def private_bytes(process: int) -> int:
-    """The memory that a process shares with no other; 0 if it has ended."""
+def _bytes(measure: Callable[[int], int], process: int) -> int:
+    """A measure in kilobytes as bytes; 0 for a process that has ended."""
     try:
-        lines = Path(f"/proc/{process}/smaps_rollup").read_text(encoding="ascii").splitlines()
-    except OSError:
+        return 1024 * measure(process)
+    except (OSError, ValueError):
         return 0
-    return sum(int(line.split()[1]) * 1024 for line in lines if line.startswith(("Private_Clean:", "Private_Dirty:")))
-
-
-def peak_bytes(process: int) -> int:
-    """The most that a process ever had in memory, shared libraries included; 0 if it has ended."""
-    try:
-        lines = Path(f"/proc/{process}/status").read_text(encoding="ascii").splitlines()
-    except OSError:
-        return 0
-    return sum(int(line.split()[1]) * 1024 for line in lines if line.startswith("VmHWM:"))
 
 
 def _raise_descriptor_limit(count: int) -> None:
     needed = count * _DESCRIPTORS_PER_CAMERA + _DESCRIPTORS_BESIDE
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     if hard != resource.RLIM_INFINITY and hard < needed:
-        raise CameraError(f"{count} cameras need {needed} open files, and this user may have {hard}; take fewer cameras, "
-                          "or raise the limit (ulimit -Hn)")
+        raise CameraError(f"{count} cameras need {needed} open files, and this user may have {hard}; take fewer "
+                          "cameras, or raise the limit (ulimit -Hn)")
     if soft < needed:
         resource.setrlimit(resource.RLIMIT_NOFILE, (needed, hard))

@@ -53,7 +53,8 @@ def add_pictures(parser: argparse.ArgumentParser) -> None:
 
 
 def add_itgt(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("--picture-seconds", type=float, metavar="S", help="time that ITGT takes to import a picture (0)")
+    parser.add_argument("--picture-seconds", type=float, metavar="S",
+                        help="time that ITGT takes to import a picture (0)")
     parser.add_argument("--time-text", metavar="TEXT", help="the time that ITGT tells (2024-05-17 08:30:00)")
 
 

@@ -81,8 +81,8 @@ def look_over(camera: Camera, ends_with: tuple[int, ...], records_only: bool) ->
 
 
 @pytest.fixture
-def start_camera(request: pytest.FixtureRequest) -> Iterator[Callable[..., Camera]]:
-    """Starts cameras that end with the test: start_camera(ends_with=(0,), records_only=True, **arguments of Camera).
+def make_camera(request: pytest.FixtureRequest) -> Iterator[Callable[..., Camera]]:
+    """Makes cameras that end with the test: make_camera(ends_with=(0,), records_only=True, **arguments of Camera).
 
     ends_with     the exit codes that the service may have at the end, after a SIGTERM if it still runs
     records_only  whether standard error holds nothing but records of the stand-in log
@@ -90,18 +90,24 @@ def start_camera(request: pytest.FixtureRequest) -> Iterator[Callable[..., Camer
     cameras = request.node.stash.setdefault(CAMERAS, [])
     endings: list[tuple[tuple[int, ...], bool]] = []
 
-    def start(*, ends_with: tuple[int, ...] = STOPPED_CLEANLY, records_only: bool = True, **arguments: Any) -> Camera:
+    def make(*, ends_with: tuple[int, ...] = STOPPED_CLEANLY, records_only: bool = True, **arguments: Any) -> Camera:
         camera = Camera(**arguments)
         camera.platform.picture_sizes = SMALL_PICTURES
         cameras.append(camera)
         endings.append((ends_with, records_only))
-        return camera.__enter__()
+        return camera
 
-    yield start
+    yield make
     for camera in cameras:
         camera.close()
     for camera, (ends_with, records_only) in zip(cameras, endings):
         look_over(camera, ends_with, records_only)
+
+
+@pytest.fixture
+def start_camera(make_camera: Callable[..., Camera]) -> Callable[..., Camera]:
+    """Makes cameras as make_camera does, and starts them."""
+    return lambda **arguments: make_camera(**arguments).__enter__()
 
 
 @pytest.fixture

@@ -8,8 +8,9 @@ from simulator import faults
 from simulator.command_line import DONE, make_parser
 
 HELP = "print a script that lets bash complete camsim's words"
-DESCRIPTION = """Prints a script for bash. For one shell: source <(camsim completion bash). For every shell of a user: write
-it to ~/.local/share/bash-completion/completions/camsim."""
+DESCRIPTION = """\
+Prints a script for bash. For one shell: source <(camsim completion bash). For every shell of a user: write it
+to ~/.local/share/bash-completion/completions/camsim."""
 EXAMPLES = ("source <(camsim completion bash)",)
 
 _SCRIPT = """# Completion of camsim for bash; made by `camsim completion bash`.

@@ -12,7 +12,8 @@ from simulator.control import ask
 from simulator.errors import CameraError
 
 HELP = "list the faults of every peer, and switch them while a camera runs"
-DESCRIPTION = """Lists what each peer can do wrong, and switches it on and off in a camera that runs."""
+DESCRIPTION = """\
+Lists what each peer can do wrong, and switches it on and off in a camera that runs."""
 EXAMPLES = (
     "camsim fault list",
     "camsim fault list platform",

@@ -14,9 +14,10 @@ from simulator.command_line import DONE, FAILED, WRONG_ARGUMENTS, CodedError, St
 from simulator.fleet import Fleet
 
 HELP = "run many cameras against one platform and report what the platform sees"
-DESCRIPTION = """Runs N cameras, each in a sandbox of its own, lets each of them fetch faces from one platform, and reports
-what that platform sees: requests, bytes, connections, how long downloads take, and what a camera takes of memory.
-docs/fleet.md works with the numbers."""
+DESCRIPTION = """\
+Runs N cameras, each in a sandbox of its own, lets each of them fetch faces from one platform, and reports
+what that platform sees: requests, bytes, connections, how long downloads take, and what a camera takes of
+memory. docs/fleet.md works with the numbers."""
 EXAMPLES = ("camsim fleet 50 --spread 30", "camsim fleet 3 --faces 31 --json",
             "camsim fleet 10 --platform https://localhost:9443/platform/whiteList")
 _BLOCKS = " ▁▂▃▄▅▆▇█"
@@ -64,7 +65,8 @@ def _draw(console: Console, result: dict[str, Any]) -> None:
     if "requests" in view:
         rows["requests"] = (f"{view['requests']}, {view['requests_per_second']:.1f} a second, "
                             f"{view['requests_in_busiest_second']} in the busiest")
-        rows["bytes sent"] = (f"{view['bytes_sent'] / 1e6:.1f} MB, {view['bytes_sent_per_second'] / 1e6:.2f} MB a second, "
+        rows["bytes sent"] = (f"{view['bytes_sent'] / 1e6:.1f} MB, "
+                              f"{view['bytes_sent_per_second'] / 1e6:.2f} MB a second, "
                               f"{view['bytes_sent_in_busiest_second'] / 1e6:.2f} MB in the busiest")
         rows["bytes received"] = f"{view['bytes_received'] / 1e3:.1f} kB"
         rows["handshakes"] = (f"{view['handshakes']}, {_milliseconds(view['handshake_processor_seconds'])} of the "

@@ -18,7 +18,8 @@ from simulator.platform import Platform
 from simulator.running import fault_handlers
 
 HELP = "run the played platform alone, against a real camera"
-DESCRIPTION = """Serves pages of face pictures over HTTPS and takes reports, as the platform does, for a camera somewhere on
+DESCRIPTION = """\
+Serves pages of face pictures over HTTPS and takes reports, as the platform does, for a camera somewhere on
 the network; shows what it sees until Ctrl-C. Give the camera the printed addresses in a whiteListDown."""
 EXAMPLES = (
     "camsim platform --address 0.0.0.0 --port 8443",
@@ -32,7 +33,8 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                         help="where to listen; 0.0.0.0 for the whole network (127.0.0.1)")
     parser.add_argument("--port", type=int, default=Platform.port, metavar="N",
                         help=f"the port; 0 for any that is free ({Platform.port})")
-    parser.add_argument("--name", default="platform", help="under which camsim fault and camsim watch know it (platform)")
+    parser.add_argument("--name", default="platform",
+                        help="under which camsim fault and camsim watch know it (platform)")
     options.add_pictures(parser)
     options.add_faults(parser)
     options.add_record(parser)
@@ -71,7 +73,8 @@ def _listen(address: str, port: int) -> socket.socket:
         family = socket.AF_INET6 if ":" in address else socket.AF_INET
         return socket.create_server((address, port), family=family, backlog=1024)
     except (OSError, OverflowError) as error:
-        raise CameraError(f"cannot listen on {address} port {port}: {error}; choose with --address and --port") from error
+        raise CameraError(f"cannot listen on {address} port {port}: {error}; "
+                          "choose with --address and --port") from error
 
 
 def _greet(platform: Platform, show: Display, arguments: argparse.Namespace) -> None:

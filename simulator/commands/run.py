@@ -14,8 +14,9 @@ from simulator.play import Player
 from simulator.scenario import Scenario, load
 
 HELP = "play scenario files and say whether all came out as expected"
-DESCRIPTION = """Plays each scenario on a camera of its own and compares what comes of it with what the file expects. Exit
-code 0 when all came out as expected, 1 when not, 2 for a file that is wrong. The format is in simulator/README.md."""
+DESCRIPTION = """\
+Plays each scenario on a camera of its own and compares what comes of it with what the file expects. Exit code
+0 when all came out as expected, 1 when not, 2 for a file that is wrong. The format is in simulator/README.md."""
 EXAMPLES = (
     "camsim run tests/scenarios/itgt-late.json",
     "camsim run --watch --record late.run tests/scenarios/itgt-late.json",

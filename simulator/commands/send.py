@@ -14,7 +14,8 @@ from simulator.control import ask
 from simulator.running import described, information
 
 HELP = "send a command, or raw bytes, to a running camera and print the reply"
-DESCRIPTION = """Sends a command through the played client on /tmp/KH of a camera that runs, and prints the reply. The exit
+DESCRIPTION = """\
+Sends a command through the played client on /tmp/KH of a camera that runs, and prints the reply. The exit
 code tells the status: 0 for 200, 3 for 400, 4 for 409, 5 for no reply."""
 EXAMPLES = (
     "camsim send whiteListDown --faces 75 --wait",
@@ -27,7 +28,8 @@ EXAMPLES = (
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("command", nargs="?",
                         help="whiteListDown, whiteListClear, faceNotHitDown, or a name that there is not")
-    parser.add_argument("--faces", type=int, metavar="N", help="whiteListDown: faces to fetch (75, or all own pictures)")
+    parser.add_argument("--faces", type=int, metavar="N",
+                        help="whiteListDown: faces to fetch (75, or all own pictures)")
     parser.add_argument("--info", metavar="JSON", help="the command's arguments (taskInfo) as a JSON object, or @FILE; "
                         "for whiteListDown and whiteListClear what is to differ from the usual ones")
     parser.add_argument("--set", action="append", default=[], metavar="NAME=VALUE",

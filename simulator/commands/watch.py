@@ -11,7 +11,8 @@ from simulator.display import Display
 from simulator.sights import Sight
 
 HELP = "show live what flows between whom in a running camera, decoded"
-DESCRIPTION = """Shows everything that a running camera's processes say to each other, from now on, until Ctrl-C or the
+DESCRIPTION = """\
+Shows everything that a running camera's processes say to each other, from now on, until Ctrl-C or the
 camera's end: drawn on a terminal, as plain lines elsewhere, or where NO_COLOR or TERM=dumb is set."""
 EXAMPLES = ("camsim watch", "camsim watch --verbose", "camsim watch --json | grep '\"kind\": \"fault\"'")
 

@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from conftest import Camsim, Up
+from camsim_runs import Camsim, Up
 from simulator import faults
 from simulator.faults import FaultError
 

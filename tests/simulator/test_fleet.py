@@ -6,7 +6,7 @@ from collections.abc import Callable
 
 import pytest
 
-from conftest import Camsim, Up
+from camsim_runs import Camsim, Up
 from simulator.fleet import platform_view, spread_of
 from simulator.journal import Event
 

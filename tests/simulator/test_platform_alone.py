@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from conftest import Camsim, Up
+from camsim_runs import Camsim, Up
 from simulator.certificate import KINDS, certificate
 
 StartUp = Callable[..., Up]

@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from conftest import ROOT, Camsim
+from camsim_runs import ROOT, Camsim
 from simulator.errors import CameraError
 from simulator.scenario import load
 

@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import CAMSIM, Camsim, Up
+from camsim_runs import CAMSIM, Camsim, Up
 
 StartUp = Callable[..., Up]
 

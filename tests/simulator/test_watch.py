@@ -11,7 +11,7 @@ from collections.abc import Callable
 
 import pytest
 
-from conftest import DEADLINE, ROOT, Camsim, Drawn, Up
+from camsim_runs import DEADLINE, ROOT, Camsim, Drawn, Up
 
 StartUp = Callable[..., Up]
 

@@ -2,11 +2,11 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
-from conftest import CAMERAS, look_over
 from simulator import Camera, faults
 from simulator.play import Player
 from simulator.scenario import Scenario, load
@@ -21,14 +21,10 @@ SECONDS = {"itgt-refuses": 10, "itgt-never-ready": 10, "platform-late": 5, "plat
 @pytest.mark.parametrize("scenario", [
     pytest.param(scenario, id=scenario.name, marks=pytest.mark.seconds(SECONDS.get(scenario.name, 1)))
     for scenario in SCENARIOS])
-def test_scenario_comes_out_as_it_says(scenario: Scenario, request: pytest.FixtureRequest) -> None:
-    camera = Camera(start=False)
-    request.node.stash.setdefault(CAMERAS, []).append(camera)
-    player = Player(scenario, camera)
+def test_scenario_comes_out_as_it_says(scenario: Scenario, make_camera: Callable[..., Camera]) -> None:
+    player = Player(scenario, make_camera(start=False, ends_with=(scenario.expect.get("exit_code", 0),)))
     player.play()
     assert [check for check in player.checks if not check.ok] == []
-    exit_code = scenario.expect.get("exit_code", 0)
-    look_over(camera, (exit_code,), records_only=True)
 
 
 def test_every_fault_is_in_a_scenario() -> None:
