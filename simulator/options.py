@@ -5,7 +5,6 @@ from __future__ import annotations
 import argparse
 import os
 from collections.abc import Callable
-from contextlib import AbstractContextManager, nullcontext
 from pathlib import Path
 from typing import Any
 
@@ -68,7 +67,8 @@ def add_platform(parser: argparse.ArgumentParser) -> None:
 
 def make_camera(arguments: argparse.Namespace) -> Camera:
     """A camera that is not started yet, as the arguments want it."""
-    camera = Camera(service=arguments.service, start=False, platform=platform_maker(arguments))
+    camera = Camera(service=arguments.service, start=False, platform=platform_maker(arguments),
+                    recording=arguments.record)
     try:
         apply_settings(camera, arguments)
     except BaseException:
@@ -108,11 +108,3 @@ def switch_on(switches: FaultSwitches, arguments: argparse.Namespace) -> list[st
     except CameraError as error:
         raise CodedError(str(error), WRONG_ARGUMENTS) from error
     return [order.fault.name for order in orders]
-
-
-def recording(camera: Any, path: Path | None) -> AbstractContextManager[Any]:
-    """Records what has a journal, and a camera's files, while the block runs, if a file is named."""
-    if path is None:
-        return nullcontext()
-    from simulator.recording import Recorder
-    return Recorder(camera.journal, path, camera.path)

@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import socket
 import threading
+from contextlib import nullcontext
 from types import SimpleNamespace
 
 from simulator import options
@@ -15,6 +16,7 @@ from simulator.errors import CameraError
 from simulator.fault_switches import FaultSwitches
 from simulator.journal import Journal
 from simulator.platform import Platform
+from simulator.recording import Recorder
 from simulator.running import fault_handlers
 
 HELP = "run the played platform alone, against a real camera"
@@ -51,10 +53,9 @@ def run(arguments: argparse.Namespace) -> int:
     with stoppable():
         listener = _listen(arguments.address, arguments.port)
         platform.port = listener.getsockname()[1]
-        recorded = SimpleNamespace(journal=journal, path=None)
+        recorder = Recorder(journal, arguments.record) if arguments.record else nullcontext()
         try:
-            with listener, show, Control(arguments.name, journal, fault_handlers(switches)), \
-                    options.recording(recorded, arguments.record):
+            with listener, show, Control(arguments.name, journal, fault_handlers(switches)), recorder:
                 options.switch_on(switches, arguments)
                 _greet(platform, show, arguments)
                 if arguments.json:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+from contextlib import nullcontext
 from pathlib import Path
 
 from simulator import options
@@ -50,17 +51,14 @@ def run(arguments: argparse.Namespace) -> int:
 
 
 def _play(scenario: Scenario, arguments: argparse.Namespace) -> bool:
-    camera = Camera(service=arguments.service, start=False)
+    camera = Camera(service=arguments.service, start=False, recording=arguments.record)
     try:
         player = Player(scenario, camera)
         show = Display(arguments.verbose)
-        with options.recording(camera, arguments.record):
-            if arguments.watch:
-                show.follow(camera.journal)
-                with show:
-                    good = player.play()
-            else:
-                good = player.play()
+        if arguments.watch:
+            show.follow(camera.journal)
+        with show if arguments.watch else nullcontext():
+            good = player.play()
     finally:
         camera.close()
     if arguments.json:

@@ -52,7 +52,7 @@ def run(arguments: argparse.Namespace) -> int:
             raise
         show = Display(arguments.verbose)
         try:
-            with show, control, options.recording(camera, arguments.record), camera:
+            with show, control, camera:
                 waiting = options.switch_on(switches, arguments)
                 _follow(camera, show, arguments)
                 camera.start_service(wait="itgt.no-marker" not in waiting)
