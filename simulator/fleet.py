@@ -172,7 +172,7 @@ def platform_view(events: list[Event], begin: float, end: float, played: bool) -
         "requests_in_busiest_second": max(_each_second([(event.time, 1) for event in requests], begin), default=0),
         "bytes_sent": sent, "bytes_received": received, "bytes_sent_per_second": round(sent / seconds),
         "bytes_sent_in_busiest_second": max(_each_second(sizes, begin), default=0),
-        "handshakes": len(handshakes),
+        "handshakes": len(handshakes), "handshakes_resumed": sum(event.resumed for event in handshakes),
         "handshake_seconds": spread_of([event.seconds for event in handshakes], 4),
         "handshake_processor_seconds": spread_of([event.processor_seconds for event in handshakes], 6)}
 

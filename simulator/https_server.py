@@ -85,7 +85,7 @@ class Connection:
         self.tls_version = secured.version() or ""
         self.cipher = (secured.cipher() or ("",))[0]
         self._note("handshake", tls_version=self.tls_version, cipher=self.cipher, seconds=time.monotonic() - begin,
-                   processor_seconds=time.thread_time() - processor_begin)
+                   processor_seconds=time.thread_time() - processor_begin, resumed=bool(secured.session_reused))
 
     def _read_request(self) -> Request | None:
         """The next request; None when the service closed the connection instead."""
@@ -147,8 +147,8 @@ class HttpsServer:
     context      the TLS settings of further connections
     connections  every connection so far
 
-    Journal: "accepted", "handshake" with `tls_version`, `cipher`, `seconds` and the server's own `processor_seconds`,
-    "incomplete" with `raw`, "broken" with `error`, "hook_failed" with `error`, "closed" with `requests`, "hooked" with
+    Journal: "accepted", "handshake" with `tls_version`, `cipher`, `seconds`, the server's own `processor_seconds`
+    and whether an earlier session was `resumed`, "incomplete" with `raw`, "broken" with `error`, "hook_failed" with `error`, "closed" with `requests`, "hooked" with
     `name` when on_connect takes over; all with `connection` (its number) and `port`. "step" with `step` and
     `connection` for each step that is no ordinary answer.
     """

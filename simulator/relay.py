@@ -18,6 +18,8 @@ from simulator.journal import Journal
 from simulator.platform import task_info
 
 _PIECE = 65536
+_FIRST_FREE_PORT = 1024
+_PORT_IN_PLACE = 8443
 _CONNECT_SECONDS = 5.0  # what the service itself grants a connect
 
 
@@ -25,7 +27,7 @@ class Relay:
     """Stands where the played platform stands, and hands every connection on to a real one.
 
     port      the port inside the sandbox: that of the real platform, so that the service sees the address it would see
-              on a camera
+              on a camera; another one where only root may open that
     host      the name under which the service asks for it; the sandbox knows it as its own address
     url       what a command gives as "taskURL"
     reports   always empty: what goes through is encrypted
@@ -41,12 +43,13 @@ class Relay:
     def __init__(self, journal: Journal, url: str, result_path: str | None = None) -> None:
         parts = _checked(url)
         host = parts.hostname or ""
-        self.port = parts.port or 443
+        target_port = parts.port or 443
+        self.port = target_port if target_port >= _FIRST_FREE_PORT or os.geteuid() == 0 else _PORT_IN_PLACE
         self.host = host if _is_name(host) else "127.0.0.1"
         self.task_path = parts.path or "/platform/whiteList"
         self.result_path = result_path or self.task_path + "Result"
         self.reports: list[Request] = []
-        self._target = (host, self.port)
+        self._target = (host, target_port)
         self._journal = journal
         self._listeners: list[socket.socket] = []
         self._threads: list[threading.Thread] = []
