@@ -148,9 +148,9 @@ class HttpsServer:
     connections  every connection so far
 
     Journal: "accepted", "handshake" with `tls_version`, `cipher`, `seconds`, the server's own `processor_seconds`
-    and whether an earlier session was `resumed`, "incomplete" with `raw`, "broken" with `error`, "hook_failed" with `error`, "closed" with `requests`, "hooked" with
-    `name` when on_connect takes over; all with `connection` (its number) and `port`. "step" with `step` and
-    `connection` for each step that is no ordinary answer.
+    and whether an earlier session was `resumed`, "incomplete" with `raw`, "broken" with `error`, "hook_failed" with
+    `error`, "closed" with `requests`, "hooked" with `name` when on_connect takes over; all with `connection` (its
+    number) and `port`. "step" with `step` and `connection` for each step that is no ordinary answer.
     """
 
     def __init__(self, journal: Journal, context: ssl.SSLContext, answer: Callable[[Request], Iterable[Step]]) -> None:

@@ -53,7 +53,7 @@ class Sandbox:
             self._make_folder(name)
         (self.folder / "dev/shm").symlink_to(self._shared_memory)
         self._write_accounts()
-        names = " ".join(dict.fromkeys(["localhost", *(host for host in hosts if host[0].isalpha())]))
+        names = " ".join(dict.fromkeys(["localhost", *hosts]))
         (self.folder / "etc/hosts").write_text(f"127.0.0.1 {names}\n::1 {names}\n")
 
     def outside(self, path: str) -> Path:
