@@ -4,11 +4,12 @@ from __future__ import annotations
 
 import json
 import re
+import shlex
 from pathlib import Path
 
 from camsim_runs import ROOT, Camsim
 from simulator import faults
-from simulator.command_line import EXIT_CODES, modules
+from simulator.command_line import EXIT_CODES, make_parser, modules
 from simulator.scenario import EXPECTATIONS, STEPS, load
 from simulator.settings import SETTINGS
 
@@ -88,3 +89,13 @@ def test_fleet_of_100000_is_worked_out_from_the_measured_numbers() -> None:
                         f"{sent * 8 / 1e9:.1f} Gbit | {cameras * one['seconds'] / seconds:,.0f} | {at_once:,.0f} | "
                         f"{at_once * one['sent'] / 3 / 1e9:.1f} GB |")
     assert table == expected
+
+
+def test_every_line_that_calls_camsim_is_right() -> None:
+    """In README.md, simulator/README.md and docs/fleet.md."""
+    texts = [(ROOT / "README.md").read_text(encoding="utf-8"), README, FLEET]
+    lines = [line.partition(" #")[0] for text in texts
+             for line in re.findall(r"^(?:simulator/)?camsim (.*)$", text, re.MULTILINE)]
+    assert len(lines) >= 14
+    for line in lines:
+        make_parser().parse_args(shlex.split(line))

@@ -134,6 +134,15 @@ def test_camera_that_is_not_ready_takes_no_command_until_it_is(camsim: Camsim, u
     assert camsim.run("fault", "itgt.no-marker", "off").returncode == 0
 
 
+def test_a_recorded_run_has_the_messages_and_the_faults(camsim: Camsim, up: StartUp, tmp_path: Path) -> None:
+    one = up("--record", tmp_path / "run", "--fault", "faces.refuses")
+    assert camsim.run("send", "whiteListClear", "--seconds", 0.2).returncode == 5
+    assert one.stop() == 0
+    text = camsim.run("trace", tmp_path / "run").stdout
+    assert "7019 CMD_FACE_LIB_CLEAR" in text
+    assert "faces.refuses" in text
+
+
 def test_quiet_shows_only_begin_and_end(camsim: Camsim) -> None:
     process = camsim.start("up", "--quiet")
     assert process.stdout is not None
