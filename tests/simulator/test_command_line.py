@@ -46,23 +46,22 @@ def test_wrong_words_exit_with_2(camsim: Camsim, words: list[str]) -> None:
     assert done.stderr.startswith("usage: camsim")
 
 
-def complete(*words: str) -> list[str]:
-    """What bash offers for the last of the words."""
-    script = (f'source <("{CAMSIM}" completion bash)\n'
-              f'COMP_WORDS=({" ".join(map(shlex.quote, words))}); COMP_CWORD={len(words) - 1}\n'
-              '_camsim; printf "%s\\n" "${COMPREPLY[@]}"\ncomplete -p camsim >&2')
+def completed(*lines: list[str]) -> list[list[str]]:
+    """What bash offers for the last of each list of words."""
+    script = f'source <("{CAMSIM}" completion bash)\ncomplete -p camsim >&2\n'
+    for words in lines:
+        script += (f'COMP_WORDS=({" ".join(map(shlex.quote, words))}); COMP_CWORD={len(words) - 1}\n'
+                   '_camsim; echo "${COMPREPLY[@]}"\n')
     done = subprocess.run(["bash", "--norc", "-euo", "pipefail", "-c", script], capture_output=True, text=True,
                           timeout=60, check=False)
     assert (done.returncode, done.stderr) == (0, "complete -o default -F _camsim camsim\n")
-    return done.stdout.split()
+    return [line.split() for line in done.stdout.splitlines()]
 
 
 def test_bash_completes_subcommands_options_and_faults() -> None:
-    assert complete("camsim", "") == [*NAMES, "--help"]
-    assert complete("camsim", "fl") == ["fleet"]
-    assert complete("camsim", "up", "--fault", "platform.st") == ["platform.status"]
-    assert complete("camsim", "send", "white") == ["whiteListDown", "whiteListClear"]
-    assert complete("camsim", "run", "--re") == ["--record"]
+    assert completed(["camsim", ""], ["camsim", "fl"], ["camsim", "up", "--fault", "platform.st"],
+                     ["camsim", "send", "white"], ["camsim", "run", "--re"]) == [
+        [*NAMES, "--help"], ["fleet"], ["platform.status"], ["whiteListDown", "whiteListClear"], ["--record"]]
 
 
 def test_completion_script_is_good_shell(camsim: Camsim) -> None:
