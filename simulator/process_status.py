@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import time
 from pathlib import Path
 
 
@@ -41,6 +42,12 @@ def wake_ups(pid: int) -> int:
     """How often its threads have waited for something so far."""
     return sum(int(_field(task / "status", "voluntary_ctxt_switches"))
                for task in Path(f"/proc/{pid}/task").iterdir())
+
+
+def processor_seconds(pid: int) -> float:
+    """User and system time of all its threads, ended ones too, to the nanosecond."""
+    # The number that clock_getcpuclockid(3) gives for a process.
+    return time.clock_gettime((~pid << 3) | 2)
 
 
 def _field(path: Path, name: str) -> str:

@@ -1,0 +1,1 @@
+"""What the service costs, beside what people would pick instead. scripts/bench runs it."""

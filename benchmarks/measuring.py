@@ -1,0 +1,94 @@
+"""Runs the service, or what it is compared with, in a simulated camera under a tool that counts."""
+
+from __future__ import annotations
+
+import contextlib
+import re
+import tempfile
+import time
+from collections.abc import Callable, Iterator, Mapping
+from pathlib import Path
+from typing import Any
+
+from simulator import Camera, CameraError, build_folder
+from simulator.platform import Platform
+
+COMMAND_SOCKET = "/tmp/HK"
+PAGE = 30
+PORT = Platform.port
+SERVICE = "protocol_process"
+# The function whose calls are one page each, of the service and of the program on libcurl.
+PAGE_OF_SERVICE = "IPCService::MetaDataGW::DownloadPictureProcess*"
+PAGE_OF_LIBCURL = "libcurl_page"
+# A program under callgrind is fifty times as slow.
+PATIENCE = 400.0
+_COUNTS = "/tmp/counts"
+
+
+def program(name: str) -> Path:
+    path = build_folder() / "bin" / name
+    if not path.exists():
+        raise CameraError(f"{path} is missing; build it with: cmake --build --preset benchmarks")
+    return path
+
+
+@contextlib.contextmanager
+def camera(command: str, **settings: Any) -> Iterator[Camera]:
+    """A camera in which a shell command stands in place of the service. Its log goes to a file, not to Python."""
+    folder = build_folder()
+    with tempfile.TemporaryDirectory(prefix="benchmark", dir=folder) as scripts:
+        script = Path(scripts) / "service"
+        # The service switches its user before the counts are written.
+        script.write_text(f"#!/bin/sh\nexec 2>/tmp/log\ntouch {_COUNTS}\nchmod 666 {_COUNTS}\n{command}\n")
+        script.chmod(0o755)
+        with Camera(service=script, libraries=[folder / "lib"], wait=False, **settings) as one:
+            yield one
+
+
+def wait_for_commands(one: Camera) -> None:
+    """Waits until the service takes commands."""
+    deadline = time.monotonic() + PATIENCE
+    while not one.path(COMMAND_SOCKET).exists():
+        if time.monotonic() > deadline or one.service.exit_code is not None:
+            raise CameraError(f"no {COMMAND_SOCKET}: {one.path('/tmp/log').read_text()[-2000:]}")
+        time.sleep(0.01)
+
+
+def download(one: Camera, pages: int) -> None:
+    """Has the service download, and waits for the last report."""
+    before = len(one.platform.reports)
+    one.client.command("whiteListDown", one.platform.task(pages * PAGE), PATIENCE)
+    one.wait_until(lambda: len(one.platform.reports) == before + pages, PATIENCE)
+
+
+def callgrind(function: str | None = None) -> str:
+    """The words that count the instructions of a program, or only those below a function."""
+    collect = f"--toggle-collect='{function}'" if function else ""
+    return f"valgrind --tool=callgrind {collect} --callgrind-out-file={_COUNTS}"
+
+
+def instructions(command: str, work: Callable[[Camera], None], **settings: Any) -> float:
+    """What callgrind, in the command, has counted in all programs when the work is done and the program has ended."""
+    counts = _counts(command, work, settings)
+    return float(sum(int(total) for total in re.findall(r"^totals: (\d+)$", counts, re.MULTILINE)))
+
+
+def system_calls(command: str, work: Callable[[Camera], None], **settings: Any) -> dict[str, int]:
+    """The system calls of a program by name, from its start to its end."""
+    table = _counts(f"exec strace -D -f -c -U calls,name -o {_COUNTS} {command}", work, settings)
+    return {name: int(calls) for calls, name in re.findall(r"^ *(\d+) ([a-z]\w*)$", table, re.MULTILINE)
+            if name != "total"}
+
+
+def _counts(command: str, work: Callable[[Camera], None], settings: Mapping[str, Any]) -> str:
+    with camera(command, **settings) as one:
+        work(one)
+        one.service.stop(PATIENCE)
+        file = one.path(_COUNTS)
+        deadline = time.monotonic() + 10
+        # strace writes its table after the end of the program.
+        while not (file.exists() and file.stat().st_size):
+            if time.monotonic() > deadline:
+                raise CameraError(f"nothing was counted by: {command}\n{one.path('/tmp/log').read_text()[-2000:]}")
+            time.sleep(0.05)
+        return file.read_text()

@@ -1,0 +1,84 @@
+"""The rows of a benchmark run, and how they compare with those of another."""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Iterable, Mapping
+from dataclasses import asdict, dataclass, field
+
+
+@dataclass(frozen=True)
+class Row:
+    """One figure. Less is better.
+
+    group      heading it stands under
+    name       what was measured; with its group it tells the row from all others
+    against    what it is a ratio to, or "" when it is a figure by itself
+    value      the figure
+    unit       of the figure; "" for a ratio
+    tolerance  how much greater than the committed one it may be, as a part of that one
+    aim        the most it should be, None where there is no aim
+    parts      what it was made from, for the reader
+    """
+
+    group: str
+    name: str
+    against: str
+    value: float
+    unit: str = ""
+    tolerance: float = 0.03
+    aim: float | None = None
+    parts: Mapping[str, float] = field(default_factory=dict)
+
+    @property
+    def key(self) -> str:
+        return f"{self.group}: {self.name}"
+
+    @property
+    def meets_aim(self) -> bool:
+        return self.aim is None or self.value <= self.aim
+
+
+@dataclass(frozen=True)
+class Series:
+    """Points of a plot that belong to no single row. `x` names what grows, `y` what it costs, with its unit."""
+
+    group: str
+    name: str
+    x: str
+    y: str
+    points: list[tuple[float, float]]
+
+
+@dataclass(frozen=True)
+class Results:
+    """A run: rows, plots, and the versions of what it ran with."""
+
+    rows: list[Row]
+    series: list[Series]
+    versions: Mapping[str, str]
+
+    def text(self) -> str:
+        return json.dumps(asdict(self), indent=1, ensure_ascii=False) + "\n"
+
+
+def read(text: str) -> Results:
+    document = json.loads(text)
+    return Results([Row(**row) for row in document["rows"]],
+                   [Series(**{**series, "points": [tuple(point) for point in series["points"]]})
+                    for series in document["series"]],
+                   document["versions"])
+
+
+def worse(measured: Iterable[Row], committed: Iterable[Row]) -> list[str]:
+    """One sentence for each committed row that is missing now or greater by more than the committed tolerance."""
+    now = {row.key: row for row in measured}
+    findings = []
+    for before in committed:
+        row = now.get(before.key)
+        if row is None:
+            findings.append(f"{before.key}: was not measured")
+        elif row.value > before.value * (1 + before.tolerance):
+            findings.append(f"{before.key}: {row.value:.4g} {row.unit}".rstrip()
+                            + f" is more than {before.value:.4g} by more than {before.tolerance:.0%}")
+    return findings
