@@ -22,7 +22,10 @@ PAGE_OF_SERVICE = "IPCService::MetaDataGW::DownloadPictureProcess*"
 PAGE_OF_LIBCURL = "libcurl_page"
 # A program under callgrind is fifty times as slow.
 PATIENCE = 400.0
+BUSY_SECONDS = 5.0
 _COUNTS = "/tmp/counts"
+
+Work = Callable[[Camera], None]
 
 
 def program(name: str) -> Path:
@@ -57,7 +60,12 @@ def wait_for_commands(one: Camera) -> None:
 def download(one: Camera, pages: int) -> None:
     """Has the service download, and waits for the last report."""
     before = len(one.platform.reports)
-    one.client.command("whiteListDown", one.platform.task(pages * PAGE), PATIENCE)
+    deadline = time.monotonic() + BUSY_SECONDS
+    # The download before may still be ending.
+    while (reply := one.client.command("whiteListDown", one.platform.task(pages * PAGE), PATIENCE)).status != 200:
+        if time.monotonic() > deadline:
+            raise CameraError(f"the download was refused: {reply.body!r}")
+        time.sleep(0.01)
     one.wait_until(lambda: len(one.platform.reports) == before + pages, PATIENCE)
 
 
@@ -67,20 +75,20 @@ def callgrind(function: str | None = None) -> str:
     return f"valgrind --tool=callgrind {collect} --callgrind-out-file={_COUNTS}"
 
 
-def instructions(command: str, work: Callable[[Camera], None], **settings: Any) -> float:
+def instructions(command: str, work: Work, **settings: Any) -> float:
     """What callgrind, in the command, has counted in all programs when the work is done and the program has ended."""
     counts = _counts(command, work, settings)
     return float(sum(int(total) for total in re.findall(r"^totals: (\d+)$", counts, re.MULTILINE)))
 
 
-def system_calls(command: str, work: Callable[[Camera], None], **settings: Any) -> dict[str, int]:
+def system_calls(command: str, work: Work, **settings: Any) -> dict[str, int]:
     """The system calls of a program by name, from its start to its end."""
     table = _counts(f"exec strace -D -f -c -U calls,name -o {_COUNTS} {command}", work, settings)
     return {name: int(calls) for calls, name in re.findall(r"^ *(\d+) ([a-z]\w*)$", table, re.MULTILINE)
             if name != "total"}
 
 
-def _counts(command: str, work: Callable[[Camera], None], settings: Mapping[str, Any]) -> str:
+def _counts(command: str, work: Work, settings: Mapping[str, Any]) -> str:
     with camera(command, **settings) as one:
         work(one)
         one.service.stop(PATIENCE)

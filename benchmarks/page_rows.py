@@ -6,9 +6,9 @@ import statistics
 from collections.abc import Callable
 
 from benchmarks import measuring
-from benchmarks.measuring import PAGE_OF_LIBCURL, PAGE_OF_SERVICE, PATIENCE, SERVICE
+from benchmarks.measuring import PAGE_OF_LIBCURL, PAGE_OF_SERVICE, PATIENCE, SERVICE, Work
 from benchmarks.results import Row, Series
-from simulator import Camera, Request, Response, process_status
+from simulator import Camera, CameraError, Request, Response, process_status
 
 GROUP = "A page"
 COUNTED_PAGES = 5
@@ -18,8 +18,6 @@ ROUNDS = 5
 SMALL_PICTURES = (500, 500)
 NUMBERS_OF_PAGES = (1, 10, 100, 1000)
 MEGABYTES = (1, 10, 50)
-
-Work = Callable[[Camera], None]
 
 
 def rows() -> tuple[list[Row], list[Series]]:
@@ -37,9 +35,11 @@ def _service(pages: int, pictures: tuple[int, int] | None = None) -> Work:
     return work
 
 
-def _reports(pages: int) -> Work:
+def _end(camera: Camera) -> None:
     """Waits until another program has done the same."""
-    return lambda camera: (camera.wait_until(lambda: len(camera.platform.reports) == pages, PATIENCE), None)[1]
+    code = camera.service.wait(PATIENCE)
+    if code != 0:
+        raise CameraError(f"ended with {code}: {camera.path('/tmp/log').read_text()[-2000:]}")
 
 
 def _libcurl(pages: int) -> dict[str, dict[str, str]]:
@@ -48,7 +48,7 @@ def _libcurl(pages: int) -> dict[str, dict[str, str]]:
 
 def _curl_command() -> str:
     """The two posts of a page with the command, a process for each."""
-    curl = (f"{measuring.callgrind()}.%p curl --silent --insecure --tlsv1.2 --tls-max 1.2"
+    curl = (f"{measuring.callgrind()}.%p curl --fail --silent --insecure --tlsv1.2 --tls-max 1.2"
             " --header 'Content-Type: application/json;charset=UTF-8'")
     host = f"https://127.0.0.1:{measuring.PORT}"
     return f"""
@@ -63,9 +63,8 @@ def _instructions() -> list[Row]:
     service = measuring.instructions(f"exec {measuring.callgrind(PAGE_OF_SERVICE)} {measuring.program(SERVICE)}",
                                      _service(pages)) / pages
     libcurl = measuring.instructions(
-        f"exec {measuring.callgrind(PAGE_OF_LIBCURL)} {measuring.program('libcurl_page')}", _reports(pages),
-        **_libcurl(pages)) / pages
-    command = measuring.instructions(_curl_command(), lambda camera: (camera.service.wait(PATIENCE), None)[1])
+        f"exec {measuring.callgrind(PAGE_OF_LIBCURL)} {measuring.program('libcurl_page')}", _end, **_libcurl(pages)) / pages
+    command = measuring.instructions(_curl_command(), _end)
     parts = {"service, million": service / 1e6, "program on libcurl, million": libcurl / 1e6,
              "curl command, million": command / 1e6}
     return [Row(GROUP, "instructions", "program on libcurl", service / libcurl, aim=1.0, parts=parts),
@@ -82,8 +81,7 @@ def _processor_time() -> Row:
             measuring.download(camera, TIMED_PAGES)
             ours.append((process_status.processor_seconds(camera.service.pid) - before) / TIMED_PAGES)
         with measuring.camera(f"exec {measuring.program('libcurl_page')}", **_libcurl(TIMED_PAGES)) as camera:
-            _reports(TIMED_PAGES)(camera)
-            camera.service.stop()
+            _end(camera)
             theirs.append(int(camera.service.stdout) / 1e9 / TIMED_PAGES)
     ratio = statistics.median(one / other for one, other in zip(ours, theirs))
     return Row(GROUP, "processor time, user and system", "program on libcurl", ratio, aim=1.0, tolerance=0.25,
@@ -95,17 +93,10 @@ def _system_calls() -> Row:
     """Those of ten pages without those of one, so that start and end do not count."""
     def calls(name: str, pages: int, work: Work) -> int:
         return sum(measuring.system_calls(str(measuring.program(name)), work, **_libcurl(pages)).values())
-    service = (calls(SERVICE, 11, _service(11, SMALL_PICTURES)) - calls(SERVICE, 1, _service(1, SMALL_PICTURES))) / 10
-    libcurl = (calls("libcurl_page", 11, _small_reports(11)) - calls("libcurl_page", 1, _small_reports(1))) / 10
-    return Row(GROUP, "system calls, small page", "", service, tolerance=0.1,
+    service = (calls(SERVICE, 11, _service(11)) - calls(SERVICE, 1, _service(1))) / 10
+    libcurl = (calls("libcurl_page", 11, _end) - calls("libcurl_page", 1, _end)) / 10
+    return Row(GROUP, "system calls", "", service, tolerance=0.1,
                parts={"service": service, "program on libcurl": libcurl})
-
-
-def _small_reports(pages: int) -> Work:
-    def work(camera: Camera) -> None:
-        camera.platform.picture_sizes = SMALL_PICTURES
-        _reports(pages)(camera)
-    return work
 
 
 def _growth() -> tuple[list[Row], Series]:

@@ -1,0 +1,71 @@
+"""What the service costs by being there: its start, its idleness, its file; and the micro-benchmarks."""
+
+from __future__ import annotations
+
+import json
+import re
+import statistics
+import subprocess
+from pathlib import Path
+
+from benchmarks import measuring
+from benchmarks.measuring import SERVICE
+from benchmarks.results import Row, Series
+from simulator import Camera, footprint
+
+GROUP = "Standing by"
+MICRO_GROUP = "Pieces of work"
+SMALLEST = "smallest_server"
+STARTS = 25
+MICRO_SECONDS = 0.2
+AGAINST = "smallest POCO server"
+
+
+def rows() -> tuple[list[Row], list[Series]]:
+    return [*_idle(), *_start(), *_sizes(), *_micro()], []
+
+
+def _idle() -> list[Row]:
+    ours, theirs = (footprint.idle(measuring.program(name)) for name in (SERVICE, SMALLEST))
+    memory = {"service, KiB": ours["memory when idle"], "smallest server, KiB": theirs["memory when idle"]}
+    return [Row(GROUP, "wake-ups when idle", "", ours["wake-ups when idle"], "a second", aim=1.1, tolerance=0.5),
+            Row(GROUP, "private memory when idle", AGAINST, memory["service, KiB"] / memory["smallest server, KiB"],
+                aim=1.15, parts=memory),
+            Row(GROUP, "threads when idle", "", ours["threads when idle"], "threads", tolerance=0.0),
+            Row(GROUP, "descriptors when idle", "", ours["descriptors when idle"], "descriptors", tolerance=0.0)]
+
+
+def _start() -> list[Row]:
+    ours, theirs = footprint.start_times(measuring.program(SERVICE), measuring.program(SMALLEST), starts=STARTS)
+    times = {"service, ms": statistics.median(ours), "smallest server, ms": statistics.median(theirs)}
+    ratio = statistics.median(one / other for one, other in zip(ours, theirs))
+    counts = [measuring.instructions(f"exec {measuring.callgrind()} {measuring.program(name)}",
+                                     measuring.wait_for_commands) for name in (SERVICE, SMALLEST)]
+    return [Row(GROUP, "start to command socket: time", AGAINST, ratio, aim=1.3, tolerance=0.5, parts=times),
+            Row(GROUP, "start and stop: instructions", AGAINST, counts[0] / counts[1], aim=1.3,
+                parts={"service, million": counts[0] / 1e6, "smallest server, million": counts[1] / 1e6})]
+
+
+def _sizes() -> list[Row]:
+    found = []
+    for architecture, folder in (("amd64", measuring.program(SERVICE).parent), ("armhf", measuring.armhf_folder())):
+        if folder is None:
+            continue
+        ours, theirs = (next(iter(footprint.sizes(folder / name, architecture).values()))
+                        for name in (SERVICE, SMALLEST))
+        found.append(Row(GROUP, f"stripped binary, {architecture}", "", ours, "KiB", tolerance=0.05,
+                         parts={"service, KiB": ours, "smallest server, KiB": theirs}))
+    return found
+
+
+def _micro() -> list[Row]:
+    """Instructions of one round of each, by the difference of two numbers of rounds."""
+    binary = measuring.program("micro_benchmarks")
+    printed = subprocess.run([binary, "--benchmark_format=json", f"--benchmark_min_time={MICRO_SECONDS}"],
+                             capture_output=True, text=True, check=True).stdout
+    times = {one["name"]: one["cpu_time"] for one in json.loads(printed)["benchmarks"]}
+    found = []
+    for name, nanoseconds in times.items():
+        few, many = (_micro_instructions(binary, name, rounds) for rounds in (100, 1100))
+        found.append(Row(MICRO_GROUP, name, "", (many - few) / 1000, "instructions", parts={"µs": nanoseconds / 1000}))
+    return found
