@@ -34,11 +34,11 @@ void countGetFailure()
     }
 }
 
-/// The record's text: up to its NUL, at the latest to the end of the mapping.
-std::string textOf(const EventCacheBufData& data)
+/// Takes the record's text: up to its NUL, at the latest to the end of the mapping.
+void copyText(const EventCacheBufData& data, std::string& text)
 {
     const char* end = static_cast<const char*>(data.stMMapAddr.pBufData) + data.stMMapAddr.length;
-    return std::string(data.pData, ::strnlen(data.pData, static_cast<std::size_t>(end - data.pData)));
+    text.assign(data.pData, ::strnlen(data.pData, static_cast<std::size_t>(end - data.pData)));
 }
 
 /// Parses a record. @return an empty value when it is malformed
@@ -53,7 +53,8 @@ Poco::Dynamic::Var parseRecord(const std::string& text)
 }
 
 /// Parses the record in a buffer and releases the buffer, however that ends.
-Poco::Dynamic::Var takeRecord(EventCacheHndl* handle, EventCacheBufData& data)
+/// @param text  set to the record's text
+Poco::Dynamic::Var takeRecord(EventCacheHndl* handle, EventCacheBufData& data, std::string& text)
 {
     struct Release
     {
@@ -62,7 +63,8 @@ Poco::Dynamic::Var takeRecord(EventCacheHndl* handle, EventCacheBufData& data)
         ~Release() { Utils_EventCacheBufRelease(handle, &data); }
     };
     const Release release{handle, data};
-    return parseRecord(textOf(data));
+    copyText(data, text);
+    return parseRecord(text);
 }
 
 }  // namespace
@@ -113,7 +115,7 @@ void Public_MetaDataRecvTask::receiveRecord()
         LOG(Error, "stBufData.nDataLen zero!\n");
         return;
     }
-    const Poco::Dynamic::Var result = takeRecord(m_pstEventCacheHndl, stBufData);
+    const Poco::Dynamic::Var result = takeRecord(m_pstEventCacheHndl, stBufData, m_text);
     if (!result.convert<bool>()) {
         return;
     }

@@ -4,6 +4,8 @@
 #include <Poco/NotificationCenter.h>
 #include <Poco/Task.h>
 
+#include <string>
+
 #include "media_server/IPCService/Public/Interruption.h"
 #include "public/utils/alg_utils/utils_srvfs_eventcache.h"
 
@@ -37,6 +39,7 @@ private:
     void receiveRecord();
 
     EventCacheHndl* m_pstEventCacheHndl;
+    std::string m_text;  ///< of the last record; its memory serves the next, too
     Interruption m_interruption;
 };
 
