@@ -21,22 +21,36 @@ using Poco::JSON::Object;
 /// Deeper documents are refused: they serve nobody, and each level costs stack in parser, writer and destructor.
 constexpr std::size_t GREATEST_DEPTH = 128;
 
+/// The quote that ends a string, or the end of the text when none does.
+const char* endOfString(const char* p, const char* end)
+{
+    while (p < end && *p != '"') {
+        p += *p == '\\' ? 2 : 1;  // whatever is escaped, a quote above all, does not end the string
+    }
+    return std::min(p, end);
+}
+
 /// How deep objects and arrays are nested in a text, at most. Brackets inside strings do not count.
 std::size_t greatestDepth(const std::string& text)
 {
     std::size_t depth = 0;
     std::size_t greatest = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char character = text[i];
-        if (character == '"') {
-            inString = !inString;
-        } else if (inString) {
-            i += character == '\\' ? 1 : 0;  // whatever is escaped, a quote above all, does not end the string
-        } else if (character == '{' || character == '[') {
-            greatest = std::max(greatest, ++depth);
-        } else if ((character == '}' || character == ']') && depth > 0) {
-            --depth;
+    const char* const end = text.data() + text.size();
+    for (const char* p = text.data(); p < end; ++p) {
+        switch (*p) {
+            case '"':
+                p = endOfString(p + 1, end);
+                break;
+            case '{':
+            case '[':
+                greatest = std::max(greatest, ++depth);
+                break;
+            case '}':
+            case ']':
+                depth -= depth > 0 ? 1 : 0;
+                break;
+            default:
+                break;
         }
     }
     return greatest;
