@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <chrono>
 #include <istream>
+#include <new>
 #include <ostream>
 #include <utility>
 
@@ -211,12 +212,20 @@ bool isCutOff(PlatformSession& session, const Poco::Net::HTTPResponse& response,
     return response.hasContentLength() && static_cast<Poco::Int64>(text.size()) < response.getContentLength64();
 }
 
-/// Makes room for the whole body where its length is told: a text that grows is in memory twice while it moves. A told
-/// length costs address space only, until bytes come.
+/// Makes room for the whole body: a text that grows is in memory twice while it moves. Room costs address space only,
+/// until bytes come.
 void reserveBody(std::string& text, const Poco::Net::HTTPResponse& response)
 {
-    if (response.hasContentLength() && response.getContentLength64() <= LONGEST_RESERVED_BODY) {
-        text.reserve(static_cast<std::size_t>(std::max<Poco::Int64>(response.getContentLength64(), 0)));
+    if (response.hasContentLength()) {
+        if (response.getContentLength64() <= LONGEST_RESERVED_BODY) {
+            text.reserve(static_cast<std::size_t>(std::max<Poco::Int64>(response.getContentLength64(), 0)));
+        }
+        return;
+    }
+    try {
+        text.reserve(LONGEST_RESERVED_BODY);
+    } catch (const std::bad_alloc&) {
+        text.clear();  // no such room for a length that nobody told: it grows
     }
 }
 
