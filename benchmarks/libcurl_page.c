@@ -1,8 +1,8 @@
 /*
- * What a straightforward program on libcurl takes for pages: for each, a POST that asks for the page, the page written to
- * its file, a POST with the result of each picture. As the service does it: TLS 1.2, the same ciphers, no check of the
- * certificate, a connection of its own for each POST and no session taken up again. It does nothing else: no exchange
- * with ITGT, no state file, no log.
+ * What a straightforward program on libcurl takes for pages: for each, a POST that asks for the page, the page written
+ * to its file, a POST with the result of each picture. As the service does it: TLS 1.2, the same ciphers, no check of
+ * the certificate, a connection of its own for each POST and no session taken up again. It does nothing else: no
+ * exchange with ITGT, no state file, no log.
  *
  * usage: PAGES=n libcurl_page    prints the processor time of all pages in nanoseconds
  */
@@ -61,9 +61,9 @@ static int report_page(CURL* curl, int start)
     char document[LONGEST_DOCUMENT];
     int length = snprintf(document, sizeof(document), "{\"ImportInfo\":[");
     for (int i = 0; i < PAGE_SIZE; ++i) {
-        length += snprintf(document + length, sizeof(document) - (size_t)length,
-                           "%s{\"credentialNumber\":\"110101196001%06d\",\"importStatus\":0}", i > 0 ? "," : "",
-                           start + i);
+        length +=
+            snprintf(document + length, sizeof(document) - (size_t)length,
+                     "%s{\"credentialNumber\":\"110101196001%06d\",\"importStatus\":0}", i > 0 ? "," : "", start + i);
     }
     snprintf(document + length, sizeof(document) - (size_t)length,
              "],\"cameraCode\":\"C1\",\"datatime\":\"2024-05-17 08:30:00\",\"offset\":%d,\"securityCode\":\"K1\","

@@ -35,6 +35,12 @@ def program(name: str) -> Path:
     return path
 
 
+def armhf_folder() -> Path | None:
+    """Where the programs for 32-bit ARM are, if they were built."""
+    folder = build_folder().parent / "armhf" / "bin"
+    return folder if (folder / SERVICE).exists() else None
+
+
 @contextlib.contextmanager
 def camera(command: str, **settings: Any) -> Iterator[Camera]:
     """A camera in which a shell command stands in place of the service. Its log goes to a file, not to Python."""
@@ -77,8 +83,12 @@ def callgrind(function: str | None = None) -> str:
 
 def instructions(command: str, work: Work, **settings: Any) -> float:
     """What callgrind, in the command, has counted in all programs when the work is done and the program has ended."""
-    counts = _counts(command, work, settings)
-    return float(sum(int(total) for total in re.findall(r"^totals: (\d+)$", counts, re.MULTILINE)))
+    return total(_counts(command, work, settings))
+
+
+def total(counts: str) -> float:
+    """The instructions in what callgrind wrote, of all programs together."""
+    return float(sum(map(int, re.findall(r"^totals: (\d+)$", counts, re.MULTILINE))))
 
 
 def system_calls(command: str, work: Work, **settings: Any) -> dict[str, int]:

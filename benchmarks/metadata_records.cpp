@@ -3,8 +3,8 @@
  *
  * usage: metadata_records task|parser FOLDER RECORD COUNT
  *
- * FOLDER plays the event cache (preload camera_devices): the record's buffer is written there. RECORD is a file with the
- * JSON text. Prints the nanoseconds that all records took.
+ * FOLDER plays the event cache (preload camera_devices): the record's buffer is written there. RECORD is a file with
+ * the JSON text. Prints the nanoseconds that all records took.
  */
 #include <Poco/JSON/Parser.h>
 #include <Poco/Observer.h>

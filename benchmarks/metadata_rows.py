@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import json
-import re
+import os
 import statistics
 import subprocess
 import tempfile
@@ -18,7 +18,7 @@ KILOBYTES = (1, 10, 100)
 ROUNDS = 5
 # Records of a count, and of a round of timing, that come to about the same work for each size.
 COUNTED_KILOBYTES = 400
-TIMED_KILOBYTES = 10_000
+TIMED_KILOBYTES = 3_000
 FUNCTIONS = {"task": "IPCService::ProtocalProcess::Public_MetaDataRecvTask::runTask*", "parser": "parserAlone*"}
 
 
@@ -51,16 +51,16 @@ def _record(size: int) -> str:
 def _run(before: list[str], how: str, record: Path, count: int) -> int:
     """Runs the program; returns the nanoseconds that it took."""
     command = [*before, str(measuring.program("metadata_records")), how, str(record.parent), str(record), str(count)]
-    environment = {"LD_PRELOAD": str(build_folder() / "lib" / "libcamera_devices.so")}
+    environment = {"PATH": os.environ["PATH"], "LD_PRELOAD": str(build_folder() / "lib" / "libcamera_devices.so")}
     return int(subprocess.run(command, env=environment, capture_output=True, text=True, check=True,
                               timeout=measuring.PATIENCE).stdout)
 
 
 def _counted(how: str, record: Path, count: int) -> float:
     output = record.parent / "counts"
-    _run(["/usr/bin/valgrind", "--tool=callgrind", f"--toggle-collect={FUNCTIONS[how]}",
+    _run(["valgrind", "--tool=callgrind", f"--toggle-collect={FUNCTIONS[how]}",
           f"--callgrind-out-file={output}"], how, record, count)
-    return int(re.search(r"^totals: (\d+)$", output.read_text(), re.MULTILINE)[1]) / count
+    return measuring.total(output.read_text()) / count
 
 
 def _instructions(record: Path, size: int) -> Row:

@@ -20,6 +20,7 @@ using Poco::JSON::Array;
 using Poco::JSON::Object;
 
 constexpr int PICTURES = 30;  // of a page
+constexpr int ROUNDS = 2000;  // a fixed number, so that instructions can be divided by it
 
 const std::string COMMAND =
     R"({"taskName":"whiteListDown","taskInfo":{"cameraCode":"C1","taskID":"T1","totalNum":75,"sqbh":"S1",)"
@@ -50,7 +51,7 @@ void messageBuilding(benchmark::State& state)
         benchmark::DoNotOptimize(message);
     }
 }
-BENCHMARK(messageBuilding);
+BENCHMARK(messageBuilding)->Iterations(ROUNDS);
 
 void commandDecoding(benchmark::State& state)
 {
@@ -60,7 +61,7 @@ void commandDecoding(benchmark::State& state)
         benchmark::DoNotOptimize(command->get("taskInfo").extract<Object::Ptr>());
     }
 }
-BENCHMARK(commandDecoding);
+BENCHMARK(commandDecoding)->Iterations(ROUNDS);
 
 void requestDocument(benchmark::State& state)
 {
@@ -71,7 +72,7 @@ void requestDocument(benchmark::State& state)
         benchmark::DoNotOptimize(text);
     }
 }
-BENCHMARK(requestDocument);
+BENCHMARK(requestDocument)->Iterations(ROUNDS);
 
 void reportDocument(benchmark::State& state)
 {
@@ -95,6 +96,6 @@ void reportDocument(benchmark::State& state)
         benchmark::DoNotOptimize(IPCService::JsonText::compact(document));
     }
 }
-BENCHMARK(reportDocument);
+BENCHMARK(reportDocument)->Iterations(ROUNDS);
 
 }  // namespace

@@ -18,6 +18,7 @@ ROUNDS = 5
 SMALL_PICTURES = (500, 500)
 NUMBERS_OF_PAGES = (1, 10, 100, 1000)
 MEGABYTES = (1, 10, 50)
+PEAKS = 5
 
 
 def rows() -> tuple[list[Row], list[Series]]:
@@ -115,9 +116,10 @@ def _peaks() -> list[Row]:
     for told in (True, False):
         for megabytes in MEGABYTES:
             size = megabytes << 20
-            peak = _peak(size, told)
+            # The kernel counts to a few hundred kilobytes only.
+            peak = statistics.median(_peak(size, told) for _ in range(PEAKS))
             found.append(Row(GROUP, f"peak memory, {megabytes} MB{'' if told else ' in chunks'}", "size of the page",
-                             peak / size, aim=1.15, tolerance=0.05, parts={"above idle, KiB": peak / 1024}))
+                             peak / size, aim=1.15, tolerance=0.05 + 0.2 / megabytes, parts={"above idle, KiB": peak / 1024}))
     return found
 
 

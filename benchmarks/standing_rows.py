@@ -3,21 +3,20 @@
 from __future__ import annotations
 
 import json
-import re
 import statistics
 import subprocess
+import tempfile
 from pathlib import Path
 
 from benchmarks import measuring
 from benchmarks.measuring import SERVICE
 from benchmarks.results import Row, Series
-from simulator import Camera, footprint
+from simulator import footprint
 
 GROUP = "Standing by"
 MICRO_GROUP = "Pieces of work"
 SMALLEST = "smallest_server"
 STARTS = 25
-MICRO_SECONDS = 0.2
 AGAINST = "smallest POCO server"
 
 
@@ -59,13 +58,16 @@ def _sizes() -> list[Row]:
 
 
 def _micro() -> list[Row]:
-    """Instructions of one round of each, by the difference of two numbers of rounds."""
+    """Instructions of one round of each, and its time."""
     binary = measuring.program("micro_benchmarks")
-    printed = subprocess.run([binary, "--benchmark_format=json", f"--benchmark_min_time={MICRO_SECONDS}"],
-                             capture_output=True, text=True, check=True).stdout
-    times = {one["name"]: one["cpu_time"] for one in json.loads(printed)["benchmarks"]}
+    printed = subprocess.run([binary, "--benchmark_format=json"], capture_output=True, text=True, check=True).stdout
     found = []
-    for name, nanoseconds in times.items():
-        few, many = (_micro_instructions(binary, name, rounds) for rounds in (100, 1100))
-        found.append(Row(MICRO_GROUP, name, "", (many - few) / 1000, "instructions", parts={"µs": nanoseconds / 1000}))
+    for one in json.loads(printed)["benchmarks"]:
+        name = one["name"].partition("/")[0]
+        with tempfile.NamedTemporaryFile(mode="r") as counts:
+            subprocess.run(["valgrind", "--tool=callgrind", f"--toggle-collect=*{name}*",
+                            f"--callgrind-out-file={counts.name}", binary, f"--benchmark_filter=^{name}/"],
+                           capture_output=True, check=True)
+            instructions = measuring.total(Path(counts.name).read_text()) / one["iterations"]
+        found.append(Row(MICRO_GROUP, name, "", instructions, "instructions", parts={"µs": one["cpu_time"] / 1000}))
     return found
