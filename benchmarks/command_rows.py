@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import statistics
 from collections.abc import Iterable
+from pathlib import Path
 
 from benchmarks import measuring
 from benchmarks.measuring import SERVICE
@@ -23,8 +24,9 @@ BURSTS = (10, 100, 1000)
 def rows() -> tuple[list[Row], list[Series]]:
     found, series = [], []
     for name, body in COMMANDS.items():
-        times, plot = _round_trips(name, body)
-        found += [*times, *_counts(name, body)]
+        times, plot = _round_trips(name, body, {})
+        own, _ = _round_trips(f"{name}, empty platform", body, measuring.empty_platform())
+        found += [*times, *own, *_counts(name, body)]
         series.append(plot)
     return [*found, *map(_burst, BURSTS)], series
 
@@ -37,10 +39,10 @@ def _ask(camera: Camera, body: str, count: int) -> list[float]:
     return [int(line) / 1000 for line in printed.stdout.split()]
 
 
-def _round_trips(name: str, body: str) -> tuple[list[Row], Series]:
+def _round_trips(name: str, body: str, settings: dict[str, list[Path]]) -> tuple[list[Row], Series]:
     ours: list[list[float]] = []
     theirs: list[list[float]] = []
-    with (measuring.camera(f"exec {measuring.program(SERVICE)}", client=False) as service,
+    with (measuring.camera(f"exec {measuring.program(SERVICE)}", client=False, **settings) as service,
           measuring.camera(f"exec {measuring.program('datagram_loop')}", client=False) as loop):
         for camera in (service, loop):
             measuring.wait_for_commands(camera)

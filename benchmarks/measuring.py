@@ -35,6 +35,12 @@ def program(name: str) -> Path:
     return path
 
 
+def empty_platform() -> dict[str, list[Path]]:
+    """The setting of a camera whose log, account switch and ring buffer do nothing."""
+    folder = build_folder() / "lib"
+    return {"preload": [folder / "libcamera_devices.so", folder / "libempty_platform.so"]}
+
+
 def armhf_folder() -> Path | None:
     """Where the programs for 32-bit ARM are, if they were built."""
     folder = build_folder().parent / "armhf" / "bin"

@@ -6,7 +6,7 @@ import contextlib
 import subprocess
 import tempfile
 import time
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from pathlib import Path
 
 from simulator import emulator, process_status
@@ -28,13 +28,13 @@ def sizes(binary: Path, name: str) -> Figures:
         return {f"stripped binary, {name}": stripped.stat().st_size / 1024}
 
 
-def start_times(*binaries: Path, starts: int = 12) -> list[list[float]]:
+def start_times(*binaries: Path, starts: int = 12, preload: Sequence[Path] | None = None) -> list[list[float]]:
     """Milliseconds from the start of each program to its command socket, of several starts.
 
     The programs take turns, so that load meets all.
     """
     def once(binary: Path) -> float:
-        with started(binary) as camera:
+        with started(binary, preload) as camera:
             there = time.monotonic()
             return 1000 * (there - camera.journal.find("service", "starting")[0].time)
     rounds = [[once(binary) for binary in binaries] for _ in range(starts)]
@@ -55,9 +55,9 @@ def idle(binary: Path) -> Figures:
 
 
 @contextlib.contextmanager
-def started(binary: Path) -> Iterator[Camera]:
+def started(binary: Path, preload: Sequence[Path] | None = None) -> Iterator[Camera]:
     """A camera whose service has just made the command socket."""
-    with Camera(service=binary, wait=False) as camera:
+    with Camera(service=binary, preload=preload, wait=False) as camera:
         deadline = time.monotonic() + 10
         while not camera.path(COMMAND_SOCKET).exists():
             if time.monotonic() > deadline:
