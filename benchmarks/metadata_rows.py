@@ -43,7 +43,8 @@ def _record(size: int) -> str:
     document["Targets"] = targets
     while len(json.dumps(document)) < size:
         number = len(targets)
-        targets.append({"TargetId": number, "Type": "face", "Box": {"x": 0.125 + number / 1e4, "y": 0.25, "w": 64, "h": 80},
+        targets.append({"TargetId": number, "Type": "face",
+                        "Box": {"x": 0.125 + number / 1e4, "y": 0.25, "w": 64, "h": 80},
                         "Similarity": 0.875, "Attributes": [1, 2, number], "Name": f"Person {number}", "Masked": False})
     return json.dumps(document)
 

@@ -64,7 +64,8 @@ def _instructions() -> list[Row]:
     service = measuring.instructions(f"exec {measuring.callgrind(PAGE_OF_SERVICE)} {measuring.program(SERVICE)}",
                                      _service(pages)) / pages
     libcurl = measuring.instructions(
-        f"exec {measuring.callgrind(PAGE_OF_LIBCURL)} {measuring.program('libcurl_page')}", _end, **_libcurl(pages)) / pages
+        f"exec {measuring.callgrind(PAGE_OF_LIBCURL)} {measuring.program('libcurl_page')}", _end,
+        **_libcurl(pages)) / pages
     command = measuring.instructions(_curl_command(), _end)
     parts = {"service, million": service / 1e6, "program on libcurl, million": libcurl / 1e6,
              "curl command, million": command / 1e6}
@@ -119,7 +120,8 @@ def _peaks() -> list[Row]:
             # The kernel counts to a few hundred kilobytes only.
             peak = statistics.median(_peak(size, told) for _ in range(PEAKS))
             found.append(Row(GROUP, f"peak memory, {megabytes} MB{'' if told else ' in chunks'}", "size of the page",
-                             peak / size, aim=1.15, tolerance=0.05 + 0.2 / megabytes, parts={"above idle, KiB": peak / 1024}))
+                             peak / size, aim=1.15, tolerance=0.05 + 0.2 / megabytes,
+                             parts={"above idle, KiB": peak / 1024}))
     return found
 
 

@@ -44,12 +44,13 @@ def line(points: Sequence[tuple[float, float]], x_label: str, y_label: str) -> s
         y = HEIGHT - BOTTOM - part / 1.15 * (HEIGHT - TOP - BOTTOM)
         marks.append(f'<line class="grid" x1="{LEFT}" x2="{WIDTH - RIGHT}" y1="{y:.1f}" y2="{y:.1f}"/>'
                      f'<text x="{LEFT - 4}" y="{y + 3:.1f}" text-anchor="end">{number(max(ys) * part)}</text>')
-    shown = points if len(points) <= 4 else [point for point in points if point[0] >= max(xs) / 2 or point[0] == min(xs)]
+    shown = points if len(points) <= 4 else [point for point in points if point[0] >= max(xs) / 2 or point == points[0]]
     marks += [f'<text x="{place(x, 0)[0]:.1f}" y="{HEIGHT - BOTTOM + 12}" text-anchor="middle">{number(x)}</text>'
               for x, _ in (shown if len(shown) <= 4 else shown[::2])]
     dots = "".join(f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3"><title>{number(a)} {escape(x_label)}: {number(b)} '
                    f'{escape(y_label)}</title></circle>' for (x, y), (a, b) in zip(placed, points))
     path = " ".join(f"{x:.1f},{y:.1f}" for x, y in placed)
-    return (f'<svg class="plot" viewBox="0 0 {WIDTH} {HEIGHT}" role="img" aria-label="{escape(y_label)}">{"".join(marks)}'
+    return (f'<svg class="plot" viewBox="0 0 {WIDTH} {HEIGHT}" role="img" aria-label="{escape(y_label)}">'
+            f'{"".join(marks)}'
             f'<polyline points="{path}"/>{dots}'
             f'<text x="{WIDTH - RIGHT}" y="{HEIGHT - 4}" text-anchor="end">{escape(x_label)}</text></svg>')

@@ -31,8 +31,9 @@ svg text { font: 10px system-ui, sans-serif; fill: var(--soft); }
 circle { fill: var(--line); }
 """
 
-INTRODUCTION = """What the service costs a small camera, each figure beside what people would pick instead, from one run on
-one machine. Less is better; the upright mark is the aim. Ratios and counts are comparable between runs, times are not."""
+INTRODUCTION = """What the service costs a small camera, each figure beside what people would pick instead, from one run
+on one machine. Less is better; the upright mark is the aim. Ratios and counts are comparable between runs, times are
+not."""
 
 
 def page(results: Results) -> str:
@@ -64,5 +65,6 @@ def _row(row: Row) -> str:
         drawn = plots.bar(row.value, row.aim, max(row.value, row.aim or 0, 1) * 1.15)
     aim = "" if row.aim is None else f"aim: at most {plots.number(row.aim)}{'' if row.meets_aim else ', missed'}; "
     parts = "".join(f"; {escape(name)} {plots.number(value)}" for name, value in row.parts.items())
-    return (f'<div class="row"><div class="head"><span>{escape(row.name)}</span><span class="value">{value}</span></div>'
+    return (f'<div class="row"><div class="head"><span>{escape(row.name)}</span>'
+            f'<span class="value">{value}</span></div>'
             f'{drawn}<div class="soft">{aim}allowed to get worse by {row.tolerance:.0%}{parts}</div></div>\n')

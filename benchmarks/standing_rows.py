@@ -42,7 +42,8 @@ def _start() -> list[Row]:
                                              **settings)
         ratio = statistics.median(one / other for one, other in zip(ours, theirs))
         found.append(Row(GROUP, name, AGAINST, ratio, aim=1.3, tolerance=0.5,
-                         parts={"service, ms": statistics.median(ours), "smallest server, ms": statistics.median(theirs)}))
+                         parts={"service, ms": statistics.median(ours),
+                                "smallest server, ms": statistics.median(theirs)}))
     counts = [measuring.instructions(f"exec {measuring.callgrind()} {measuring.program(name)}",
                                      measuring.wait_for_commands) for name in (SERVICE, SMALLEST)]
     return [*found,

@@ -18,7 +18,8 @@ FIGURES = """{
   {"group": "Idle", "name": "threads", "against": "", "value": 3, "unit": "threads", "tolerance": 0.0, "aim": null,
    "parts": {}}
  ],
- "series": [{"group": "A page", "name": "Growth", "x": "pages", "y": "million", "points": [[1, 5], [10, 4], [1000, 4]]}],
+ "series": [{"group": "A page", "name": "Growth", "x": "pages", "y": "million",
+   "points": [[1, 5], [10, 4], [1000, 4]]}],
  "versions": {"OpenSSL": "3.0"}
 }"""
 
