@@ -56,7 +56,8 @@ def camera(command: str, **settings: Any) -> Iterator[Camera]:
         # The service switches its user before the counts are written.
         script.write_text(f"#!/bin/sh\nexec 2>/tmp/log\ntouch {_COUNTS}\nchmod 666 {_COUNTS}\n{command}\n")
         script.chmod(0o755)
-        with Camera(service=script, libraries=[folder / "lib"], wait=False, **settings) as one:
+        with Camera(service=script, libraries=[folder / "lib"], wait=False, filtered=False,
+                    **settings) as one:
             yield one
 
 

@@ -56,6 +56,7 @@ class Camera:
     itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
     start      whether to start the service at once; else start_service() does
     platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Relay)
+    filtered   whether system calls are filtered as on the camera; tools that look into the service need others
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see recording.py)
 
@@ -66,7 +67,7 @@ class Camera:
     def __init__(self, *, service: Path | None = None, preload: Sequence[Path] | None = None,
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
-                 wait: bool = True, platform: Callable[[Journal], Any] = Platform,
+                 wait: bool = True, filtered: bool = True, platform: Callable[[Journal], Any] = Platform,
                  recording: Path | None = None) -> None:
         self._marker = marker
         self._start = start
@@ -87,7 +88,7 @@ class Camera:
             preload = [build_folder() / "lib" / "libcamera_devices.so"]
         binary = service or build_folder() / "bin" / "protocol_process"
         self.service = Service(self.journal, self.sandbox, binary,
-                               preload=preload, libraries=libraries, environment=environment,
+                               preload=preload, libraries=libraries, environment=environment, filtered=filtered,
                                ports=self.platform.ports, full_port=self.platform.full_port)
         if emulator.is_foreign(binary) or sanitizer_runtimes(binary):
             self.journal.patience = _SLOW_PATIENCE

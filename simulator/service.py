@@ -70,8 +70,9 @@ class Service:
 
     def __init__(self, journal: Journal, sandbox: Sandbox, binary: Path, *, preload: Sequence[Path] = (),
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None,
-                 ports: Sequence[int] = (), full_port: int = 0) -> None:
+                 ports: Sequence[int] = (), full_port: int = 0, filtered: bool = True) -> None:
         self.pid = 0
+        self._filtered = filtered
         self._log: list[LogRecord] = []
         self._journal = journal
         self._sandbox = sandbox
@@ -119,7 +120,8 @@ class Service:
             self._spawn(theirs)
             theirs.close()
             argv, environment = emulator.process(self._binary, self._service_environment())
-            order = restrictions.launch_order(emulator.is_foreign(self._binary), bool(sanitizer_runtimes(self._binary)))
+            order = restrictions.launch_order(
+                emulator.is_foreign(self._binary) or not self._filtered, bool(sanitizer_runtimes(self._binary)))
             with contextlib.suppress(BrokenPipeError):  # what ended the sandbox so soon is told below
                 ours.send(json.dumps({"argv": argv, "environment": environment, "ports": self._ports,
                                       "full_port": self._full_port, "restrictions": order}).encode())
