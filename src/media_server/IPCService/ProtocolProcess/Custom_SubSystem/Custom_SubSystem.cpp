@@ -60,7 +60,7 @@ void setUpTls()
 {
     using Poco::Net::Context;
     Poco::Net::initializeSSL();
-    // The platform's certificate is not checked. Where the library asks its handler nevertheless, the answer is yes,
+    // The platform's certificate is not checked. Should the library ask its handler nevertheless, the answer is yes,
     // without a question to a console that nobody sits at.
     const Poco::SharedPtr<Poco::Net::InvalidCertificateHandler> pCertificateHandler(
         new Poco::Net::AcceptCertificateHandler(false));
@@ -71,6 +71,9 @@ void setUpTls()
         SSL_CTX_set_max_proto_version(pContext->sslContext(), TLS1_2_VERSION) != 1) {
         throw Poco::Net::SSLContextException("TLS 1.2 is not available");
     }
+    // The library's own callback looks at certificates even so, and where memory is short it throws through OpenSSL,
+    // which ends the process.
+    SSL_CTX_set_verify(pContext->sslContext(), SSL_VERIFY_NONE, nullptr);
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
     // OpenSSL 3 takes a close without the TLS farewell for a protocol error; older versions report a plain close.
     SSL_CTX_set_options(pContext->sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
