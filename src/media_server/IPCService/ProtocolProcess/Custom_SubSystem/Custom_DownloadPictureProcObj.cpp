@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -67,7 +68,14 @@ std::FILE* openPageFile(const std::string& path)
     return file;
 }
 
-/// Writes the platform's answer, up to its first NUL, as a file of the face library. @return false on failure, logged
+/// Waits until the disk has what was written. What is on no disk, such as a device, has nothing to wait for.
+bool reachesDisk(std::FILE* file)
+{
+    return std::fflush(file) == 0 && (::fdatasync(::fileno(file)) == 0 || errno == EINVAL);
+}
+
+/// Writes the platform's answer, up to its first NUL, as a file of the face library, and on the disk: what ITGT is told
+/// of is whole after a power cut, too. @return false on failure, logged
 bool writePageFile(const DownloadPictureProcParam& page, const std::string& fileName, const std::string& response)
 {
     const std::string fullPath = FACE_LIBRARY_DIRECTORY + fileName;
@@ -82,7 +90,7 @@ bool writePageFile(const DownloadPictureProcParam& page, const std::string& file
         return false;
     }
     const std::size_t length = ::strnlen(response.data(), response.size());
-    const bool written = std::fwrite(response.data(), 1, length, file) == length;
+    const bool written = std::fwrite(response.data(), 1, length, file) == length && reachesDisk(file);
     // A full disk may show only when the file is closed.
     if (std::fclose(file) != 0 || !written) {
         LOG(Information, " [Custom] download picture, write file %s error.", fullPath.c_str());

@@ -1,0 +1,177 @@
+"""Killed at any moment, even in the middle of a page file: what comes after is whole."""
+
+from __future__ import annotations
+
+import errno
+import random
+import signal
+import threading
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+import pytest
+
+from simulator import Camera, wire
+from support import DOWNLOAD, download, expect_log, with_library
+
+StartCamera = Callable[..., Camera]
+
+FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
+KILLED = 128 + signal.SIGKILL
+FACES = 75
+PAGES = [(0, 30), (30, 30), (60, 15)]
+ROUNDS = 25
+
+
+class Watch:
+    """ITGT as ever, and what it found in each page file at the moment it was told of it."""
+
+    def __init__(self, camera: Camera) -> None:
+        self.told: list[tuple[str, bytes]] = []
+        self._camera = camera
+        camera.itgt.on_message = self._look
+
+    def _look(self, message: wire.Message, default: Callable[[], object]) -> object:
+        if message.command == 7020:
+            name = message.request["file_name"]
+            self.told.append((name, self._camera.path(f"{FOLDER}/{name}").read_bytes()))
+        return default()
+
+
+def whole_pages(camera: Camera) -> list[tuple[str, bytes]]:
+    return [(f"white{start}", camera.platform.page(start, count)) for start, count in PAGES]
+
+
+def expect_whole_download(camera: Camera, watch: Watch) -> None:
+    """A download of all faces gives the right files, and the right report of each page."""
+    watch.told.clear()
+    before = len(camera.platform.reports)
+    download(camera, FACES)
+    pages = whole_pages(camera)
+    assert watch.told == pages
+    assert [(name, camera.path(f"{FOLDER}/{name}").read_bytes()) for name, _ in pages] == pages
+    documents = [request.json() for request in camera.platform.reports[before:]]
+    assert [(document["startIndex"], document["offset"]) for document in documents] == PAGES
+    results = [one for document in documents for one in document["ImportInfo"]]
+    assert len({one["credentialNumber"] for one in results}) == FACES
+    assert {one["importStatus"] for one in results} == {0}
+
+
+@pytest.mark.seconds(20)
+@pytest.mark.parametrize("seed", range(4))
+def test_next_download_is_whole_after_a_kill_at_a_random_moment(start_camera: StartCamera, seed: int) -> None:
+    """100 moments in all: 25 for each seed, from the command to a little beyond the end of its download."""
+    camera = start_camera(ends_with=(KILLED,))
+    watch = Watch(camera)
+    begin = time.monotonic()
+    expect_whole_download(camera, watch)
+    length = time.monotonic() - begin
+    moments = random.Random(seed)
+    for number in range(1, ROUNDS + 1):
+        moment = moments.uniform(0, 1.1 * length)
+        print(f"seed {seed}, round {number}: killed after {1000 * moment:.1f} ms")
+        watch.told.clear()
+        camera.client.send("whiteListDown", camera.platform.task(FACES))
+        threading.Event().wait(moment)
+        camera.service.send_signal(signal.SIGKILL)
+        assert camera.service.wait() == KILLED
+        assert watch.told == whole_pages(camera)[:len(watch.told)]
+        camera.start_service()
+        expect_whole_download(camera, watch)
+    camera.service.send_signal(signal.SIGKILL)
+    camera.service.wait()
+
+
+# With the file /tmp/die, the service is killed when half of a page is in its file.
+DIES_HALFWAY = """
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdio.h>
+#include <unistd.h>
+size_t fwrite(const void* data, size_t size, size_t count, FILE* file) {
+    size_t (*real)(const void*, size_t, size_t, FILE*) = dlsym(RTLD_NEXT, "fwrite");
+    if (access("/tmp/die", F_OK) == 0 && count > 1000) {
+        real(data, size, count / 2, file);
+        fflush(file);
+        kill(getpid(), SIGKILL);
+    }
+    return real(data, size, count, file);
+}
+"""
+
+
+@pytest.mark.parametrize("earlier", [False, True], ids=["new file", "file of an earlier download"])
+def test_half_a_page_file_is_named_to_nobody(start_camera: StartCamera, tmp_path: Path, earlier: bool) -> None:
+    camera = with_library(start_camera, tmp_path, DIES_HALFWAY, ends_with=(KILLED,))
+    watch = Watch(camera)
+    if earlier:
+        expect_whole_download(camera, watch)
+        watch.told.clear()
+    camera.path("/tmp/die").touch()
+    camera.client.send("whiteListDown", camera.platform.task(FACES))
+    assert camera.service.wait() == KILLED
+    page = camera.platform.page(0, 30)
+    assert camera.path(f"{FOLDER}/white0").read_bytes() == page[:len(page) // 2]
+    camera.path("/tmp/die").unlink()
+    camera.start_service()
+    assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
+    assert watch.told == []
+    expect_whole_download(camera, watch)
+    camera.service.send_signal(signal.SIGKILL)
+    camera.service.wait()
+
+
+# Notes how much of a file is there when the disk is made to have it, and when ITGT is told of a page.
+NOTES_ORDER = """
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+static void note(const char* text, long number) {
+    FILE* trace = fopen("/tmp/trace", "a");
+    if (!trace) _exit(3);
+    fprintf(trace, "%%s %%ld\\n", text, number);
+    fclose(trace);
+}
+int fdatasync(int descriptor) {
+    struct stat status;
+    fstat(descriptor, &status);
+    note("on disk", (long)status.st_size);
+    errno = %d;
+    return errno ? -1 : 0;
+}
+ssize_t sendto(int descriptor, const void* data, size_t size, int flags, const struct sockaddr* to, socklen_t length) {
+    ssize_t (*real)(int, const void*, size_t, int, const struct sockaddr*, socklen_t) = dlsym(RTLD_NEXT, "sendto");
+    uint32_t command = 0;
+    if (size > 168) memcpy(&command, (const char*)data + 164, sizeof command);
+    if (command == 7020) note("told", 7020);
+    return real(descriptor, data, size, flags, to, length);
+}
+"""
+
+
+def trace(camera: Camera) -> list[str]:
+    """The order of things during a download of two pages."""
+    camera.path("/tmp/trace").touch()
+    camera.path("/tmp/trace").chmod(0o666)
+    download(camera, 31)
+    return camera.path("/tmp/trace").read_text().splitlines()
+
+
+@pytest.mark.parametrize("error", [0, errno.EINVAL], ids=["there is a disk", "there is none"])
+def test_whole_page_is_on_the_disk_before_itgt_is_told(start_camera: StartCamera, tmp_path: Path, error: int) -> None:
+    camera = with_library(start_camera, tmp_path, NOTES_ORDER % error)
+    assert trace(camera) == [f"on disk {len(camera.platform.page(0, 30))}", "told 7020",
+                             f"on disk {len(camera.platform.page(30, 1))}", "told 7020"]
+
+
+def test_page_that_does_not_reach_the_disk_is_not_handed_on(start_camera: StartCamera, tmp_path: Path) -> None:
+    camera = with_library(start_camera, tmp_path, NOTES_ORDER % errno.EIO)
+    assert trace(camera) == [f"on disk {len(camera.platform.page(0, 30))}"]
+    expect_log(camera, "INFO", DOWNLOAD, f" [Custom] download picture, write file {FOLDER}/white0 error.")
+    expect_log(camera, "INFO", DOWNLOAD, " DownLoad Picture Fail.")
