@@ -69,6 +69,7 @@ class Client:
             self._head = None
             self._stopping.clear()
             self._endpoint = DatagramEndpoint(self._outside(wire.CLIENT_SOCKET), self._handle)
+            self._endpoint.start()
 
     def stop(self) -> None:
         """Removes the socket, as if the process had ended."""

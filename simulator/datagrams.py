@@ -16,7 +16,7 @@ _SEND_SECONDS = 5
 
 
 class DatagramEndpoint:
-    """Owns the socket at `path` and hands every datagram to `handler` on one thread of its own.
+    """Owns the socket at `path` and, once started, hands every datagram to `handler` on one thread of its own.
 
     A stale file at the path is replaced. The socket file gets mode 0666, so that a service that switched its user may
     write to it. `close` ends the thread and removes the file; it must not be called by the handler.
@@ -33,6 +33,9 @@ class DatagramEndpoint:
         path.chmod(0o666)
         self._wake = os.eventfd(0)
         self._thread = threading.Thread(target=self._read, name=f"datagrams {path.name}", daemon=True)
+
+    def start(self) -> None:
+        """Begins to read. Apart from the constructor, so that the handler finds the endpoint where its owner keeps it."""
         self._thread.start()
 
     def send(self, data: bytes, path: Path) -> None:

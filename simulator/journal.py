@@ -83,6 +83,11 @@ class Journal:
         with self._changed:
             return list(self._events)
 
+    def forget(self) -> None:
+        """Drops the events so far, for runs so long that they would fill the memory. Positions begin anew at 0."""
+        with self._changed:
+            self._events.clear()
+
     def find(self, source: str | None = None, kind: str | None = None, **data: Any) -> list[Event]:
         """The events so far that match (see Event.matches)."""
         return [event for event in self.events if event.matches(source, kind, **data)]

@@ -47,6 +47,7 @@ class MessagePeer:
         if self._endpoint is None:
             self._stopping.clear()
             self._endpoint = DatagramEndpoint(self.outside(self.address), self._handle)
+            self._endpoint.start()
 
     def stop(self) -> None:
         """Removes the socket, as if the process had ended; start() brings it back."""
