@@ -35,7 +35,7 @@ class DatagramEndpoint:
         self._thread = threading.Thread(target=self._read, name=f"datagrams {path.name}", daemon=True)
 
     def start(self) -> None:
-        """Begins to read. Apart from the constructor, so that the handler finds the endpoint where its owner keeps it."""
+        """Begins to read: once the owner has kept the endpoint, so that the handler finds it."""
         self._thread.start()
 
     def send(self, data: bytes, path: Path) -> None:
