@@ -156,6 +156,26 @@ TEST(JsonTextParse, Takes128LevelsOfObjectsAndNoMore)
     EXPECT_THROW(parse(R"({"a":)" + deep + "}"), Poco::Exception);
 }
 
+TEST(JsonTextParse, BracketsInTextAreNoLevels)
+{
+    const std::string brackets(500, '[');
+    for (const std::string& text : {brackets, R"(\")" + brackets, R"(\\\")" + brackets, "]]]" + brackets}) {
+        const std::string document = R"({"a":")" + text + R"(","b":")" + brackets + R"("})";
+        EXPECT_EQ(compact(parse(document)), document);
+    }
+    EXPECT_EQ(compact(parse(R"(["\\",)" + nested(127) + "]")), R"(["\\",)" + nested(127) + "]");
+    EXPECT_THROW(parse(R"(["\\",)" + nested(128) + "]"), Poco::Exception);
+}
+
+TEST(JsonTextParse, NeighboursShareTheirLevel)
+{
+    std::string many = "[[]";
+    for (int neighbour = 0; neighbour < 300; ++neighbour) {
+        many += ",[],{}";
+    }
+    EXPECT_EQ(compact(parse(many + "]")), many + "]");
+}
+
 TEST(JsonTextParse, TenThousandLevelsThatNeverCloseAreRefused)
 {
     EXPECT_THROW(parse(std::string(10000, '[')), Poco::Exception);
