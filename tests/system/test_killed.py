@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import errno
 import random
 import signal
 import threading
@@ -13,7 +12,7 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera, wire
-from support import DOWNLOAD, download, expect_log, with_library
+from support import download, with_library
 
 StartCamera = Callable[..., Camera]
 
@@ -120,58 +119,3 @@ def test_half_a_page_file_is_named_to_nobody(start_camera: StartCamera, tmp_path
     expect_whole_download(camera, watch)
     camera.service.send_signal(signal.SIGKILL)
     camera.service.wait()
-
-
-# Notes how much of a file is there when the disk is made to have it, and when ITGT is told of a page.
-NOTES_ORDER = """
-#include <dlfcn.h>
-#include <errno.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-static void note(const char* text, long number) {
-    FILE* trace = fopen("/tmp/trace", "a");
-    if (!trace) _exit(3);
-    fprintf(trace, "%%s %%ld\\n", text, number);
-    fclose(trace);
-}
-int fdatasync(int descriptor) {
-    struct stat status;
-    fstat(descriptor, &status);
-    note("on disk", (long)status.st_size);
-    errno = %d;
-    return errno ? -1 : 0;
-}
-ssize_t sendto(int descriptor, const void* data, size_t size, int flags, const struct sockaddr* to, socklen_t length) {
-    ssize_t (*real)(int, const void*, size_t, int, const struct sockaddr*, socklen_t) = dlsym(RTLD_NEXT, "sendto");
-    uint32_t command = 0;
-    if (size > 168) memcpy(&command, (const char*)data + 164, sizeof command);
-    if (command == 7020) note("told", 7020);
-    return real(descriptor, data, size, flags, to, length);
-}
-"""
-
-
-def trace(camera: Camera) -> list[str]:
-    """The order of things during a download of two pages."""
-    camera.path("/tmp/trace").touch()
-    camera.path("/tmp/trace").chmod(0o666)
-    download(camera, 31)
-    return camera.path("/tmp/trace").read_text().splitlines()
-
-
-@pytest.mark.parametrize("error", [0, errno.EINVAL], ids=["there is a disk", "there is none"])
-def test_whole_page_is_on_the_disk_before_itgt_is_told(start_camera: StartCamera, tmp_path: Path, error: int) -> None:
-    camera = with_library(start_camera, tmp_path, NOTES_ORDER % error)
-    assert trace(camera) == [f"on disk {len(camera.platform.page(0, 30))}", "told 7020",
-                             f"on disk {len(camera.platform.page(30, 1))}", "told 7020"]
-
-
-def test_page_that_does_not_reach_the_disk_is_not_handed_on(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, NOTES_ORDER % errno.EIO)
-    assert trace(camera) == [f"on disk {len(camera.platform.page(0, 30))}"]
-    expect_log(camera, "INFO", DOWNLOAD, f" [Custom] download picture, write file {FOLDER}/white0 error.")
-    expect_log(camera, "INFO", DOWNLOAD, " DownLoad Picture Fail.")

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -52,10 +51,11 @@ bool fetchPage(const DownloadPictureProcParam& page, CustomBaseObj& request, con
     return true;
 }
 
-/// Opens "wb+", but neither waits for the reader of a pipe nor takes a pipe for a file.
+/// Opens "wb+", but neither waits for the reader of a pipe nor takes a pipe for a file. What is written is on the disk
+/// when the call that wrote it returns: a page that ITGT is told of is whole after a power cut, too.
 std::FILE* openPageFile(const std::string& path)
 {
-    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_DSYNC | O_NONBLOCK | O_CLOEXEC, 0666);
     if (descriptor < 0) {
         return nullptr;
     }
@@ -68,14 +68,7 @@ std::FILE* openPageFile(const std::string& path)
     return file;
 }
 
-/// Waits until the disk has what was written. What is on no disk, such as a device, has nothing to wait for.
-bool reachesDisk(std::FILE* file)
-{
-    return std::fflush(file) == 0 && (::fdatasync(::fileno(file)) == 0 || errno == EINVAL);
-}
-
-/// Writes the platform's answer, up to its first NUL, as a file of the face library, and on the disk: what ITGT is told
-/// of is whole after a power cut, too. @return false on failure, logged
+/// Writes the platform's answer, up to its first NUL, as a file of the face library. @return false on failure, logged
 bool writePageFile(const DownloadPictureProcParam& page, const std::string& fileName, const std::string& response)
 {
     const std::string fullPath = FACE_LIBRARY_DIRECTORY + fileName;
@@ -90,7 +83,7 @@ bool writePageFile(const DownloadPictureProcParam& page, const std::string& file
         return false;
     }
     const std::size_t length = ::strnlen(response.data(), response.size());
-    const bool written = std::fwrite(response.data(), 1, length, file) == length && reachesDisk(file);
+    const bool written = std::fwrite(response.data(), 1, length, file) == length;
     // A full disk may show only when the file is closed.
     if (std::fclose(file) != 0 || !written) {
         LOG(Information, " [Custom] download picture, write file %s error.", fullPath.c_str());

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -6,6 +7,7 @@
 
 #include "download_fixture.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj.h"
+#include "support/system_calls.h"
 
 using namespace IPCService::MetaDataGW;
 
@@ -98,6 +100,26 @@ TEST_F(SendSysObjTest, AnswerIsStoredUnparsedWhateverItIs)
     DownloadPictureProcParam first = page();
     EXPECT_EQ(send(first), 0);
     EXPECT_TRUE(pageFile("white0") == answer);
+}
+
+TEST_F(SendSysObjTest, WhatIsWrittenIsOnTheDiskBeforeItgtIsTold)
+{
+    int flags = 0;
+    systemCalls().open = [&flags](const std::string& path, int wanted) -> std::optional<int> {
+        if (path == "/tmp/mmcblk0/face_basic/faceLib/white0") {
+            flags = wanted;
+        }
+        return std::nullopt;
+    };
+    std::string found;
+    m_itgtScript = [&](const std::string& request) {
+        found = pageFile("white0");
+        return importAtOnce(request);
+    };
+    DownloadPictureProcParam first = page();
+    EXPECT_EQ(send(first), 0);
+    EXPECT_EQ(flags & O_DSYNC, O_DSYNC);
+    EXPECT_EQ(found, "the page");
 }
 
 TEST_F(SendSysObjTest, FileOfAnEarlierTaskIsOverwritten)
