@@ -89,4 +89,5 @@ def _greet(running: RunningCamera, show: Display, arguments: argparse.Namespace)
     name = "" if arguments.name == "camera" else f" --name {arguments.name}"
     show.console.print(f"Camera {arguments.name} is up, process {os.getpid()}; Ctrl-C ends it. In another terminal:")
     show.console.print(f"  camsim send whiteListDown --wait{name}\n  camsim watch{name}\n"
-                       f"  camsim fault itgt.silent on{name}")
+                       f"  camsim fault itgt.silent on{name}\n"
+                       f"The camera's /tmp lies in {status['folder']}/tmp")

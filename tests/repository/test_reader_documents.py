@@ -1,0 +1,86 @@
+"""Every example in the documents for a platform's, a client's and a firmware's engineer does what they say."""
+
+from __future__ import annotations
+
+import contextlib
+import os
+import random
+import re
+import shutil
+import socket
+import tempfile
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+from reader_documents import Reader, blocks, matches, transcript
+from simulator import faults
+
+ROOT = Path(__file__).resolve().parents[2]
+DOCUMENTS = ("platform-engineer.md", "client-engineer.md", "firmware-engineer.md")
+# The ports of this machine that the examples for a platform use.
+SHOWN_PORTS = ("8443", "9443")
+
+
+@pytest.fixture
+def folder() -> Iterator[Path]:
+    """Where the reader sits; short, because paths of sockets are."""
+    path = Path(tempfile.mkdtemp(prefix="doc", dir="/tmp"))
+    yield path
+    shutil.rmtree(path)
+
+
+def text_of(document: str) -> str:
+    return (ROOT / "docs" / document).read_text(encoding="utf-8")
+
+
+def free_ports() -> Iterator[str]:
+    """Ports of four digits, as the shown ones have: they count in the lengths of messages."""
+    for port in random.sample(range(2000, 9999), 200):
+        with contextlib.suppress(OSError), socket.socket() as one:
+            one.bind(("127.0.0.1", port))
+            yield str(port)
+
+
+@pytest.mark.seconds(6)
+@pytest.mark.parametrize("document", DOCUMENTS)
+def test_every_example_does_what_the_document_shows(document: str, folder: Path) -> None:
+    text = text_of(document)
+    if document == "platform-engineer.md":
+        for shown, port in zip(SHOWN_PORTS, free_ports()):
+            text = text.replace(shown, port)
+    path = f"{ROOT / 'simulator'}:{os.environ['PATH']}"
+    environment = {"PATH": path, "XDG_RUNTIME_DIR": str(folder), "LC_ALL": "C.UTF-8", "NO_COLOR": "1",
+                   "COLUMNS": "200", "CAMSIM_NAME": "camera", "CHECKOUT": str(ROOT)}
+    Reader(folder, environment).follow(text)
+
+
+@pytest.mark.parametrize("document", DOCUMENTS)
+def test_every_fault_that_is_named_is_one(document: str) -> None:
+    """In the prose: what the examples name, they run."""
+    peers = "|".join({name.partition(".")[0] for name in faults.FAULTS})
+    prose = re.sub(r"^```.*?^```$", "", text_of(document), flags=re.MULTILINE | re.DOTALL)
+    named = set(re.findall(rf"`((?:{peers})\.[a-z0-9.-]+)", prose))
+    files = {block.file for block in blocks(text_of(document))}
+    assert named - files <= set(faults.FAULTS)
+
+
+@pytest.mark.parametrize("fenced", ["```\necho\n```\n", "```ruby\nputs\n```\n", "```json\n{}\n```\n",
+                                    "  ```sh\n  true\n  ```\n", "```sh\ntrue\n"])
+def test_a_block_that_nobody_would_run_is_an_error(fenced: str) -> None:
+    with pytest.raises(ValueError):
+        blocks(fenced)
+
+
+@pytest.mark.parametrize("wrong", [
+    "```sh\nfalse\n```\n", "```sh\nfalse | true\n```\n", "```console\n$ echo 1\n2\n```\n", "```console\n$ echo 1\n```\n",
+    "```text a.txt\n1\n```\n", "```c a.c\nint main(void) { return 0; }\n```\n```console\n$ gcc a.c\n```\n"])
+def test_an_example_that_does_something_else_is_seen(wrong: str, folder: Path) -> None:
+    with pytest.raises(AssertionError):
+        Reader(folder, {}).follow(wrong)
+
+
+def test_commands_and_outputs_of_a_console() -> None:
+    assert list(transcript("$ a \\\n  b\n1\n2\n$ c\n")) == [("a \\\n  b", "1\n2\n"), ("c", "")]
+    assert matches("took ... s\n", "took 3 s\n") and not matches("took ... s\n", "took 3 ms\n")
