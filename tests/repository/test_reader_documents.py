@@ -74,7 +74,8 @@ def test_a_block_that_nobody_would_run_is_an_error(fenced: str) -> None:
 
 
 @pytest.mark.parametrize("wrong", [
-    "```sh\nfalse\n```\n", "```sh\nfalse | true\n```\n", "```console\n$ echo 1\n2\n```\n", "```console\n$ echo 1\n```\n",
+    "```sh\nfalse\n```\n", "```sh\nfalse | true\n```\n", "```console\n$ echo 1\n2\n```\n",
+    "```console\n$ echo 1\n```\n",
     "```text a.txt\n1\n```\n", "```c a.c\nint main(void) { return 0; }\n```\n```console\n$ gcc a.c\n```\n"])
 def test_an_example_that_does_something_else_is_seen(wrong: str, folder: Path) -> None:
     with pytest.raises(AssertionError):
