@@ -100,6 +100,7 @@ def test_total_of_0_runs_the_task_and_sends_nothing(camera: Camera) -> None:
     expect_log(camera, "INFO", TASK, END)
     camera.wait_for_log("DownloadPictureTask runTask")
     assert camera.platform.connections == []
+    received(camera, "itgt", 1037)
     assert [message.command for message in camera.itgt.received] == [1037]
     assert not camera.path("/tmp/mmcblk0/face_basic/faceLib").exists()
 
