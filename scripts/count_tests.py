@@ -2,10 +2,14 @@
 """Counts the tests of a JUnit report.
 
 usage: count_tests.py REPORT EXIT_CODE
+       count_tests.py --again REPORT
 
-EXIT_CODE is that of the program which ran the tests. Prints "PASSED FAILED" to standard output and every test that did
-not pass, with its message, to standard error. Only tests that ran count as passed: a skipped or disabled one is a
-failed one, and so is, as one test, a run without tests or one that failed beside its tests.
+With --again it prints the tests of a pytest report that deserve a second attempt, one a line: those that failed, unless
+they are many, or the exit code of a service was wrong (a crash, or what a sanitizer found).
+
+Without, EXIT_CODE is that of the program which ran the tests. Prints "PASSED FAILED" to standard output and every test
+that did not pass, with its message, to standard error. Only tests that ran count as passed: a skipped or disabled one
+is a failed one, and so is, as one test, a run without tests or one that failed beside its tests.
 Exits with 1 when one failed.
 """
 
@@ -14,6 +18,7 @@ import xml.etree.ElementTree as ET
 from pathlib import Path
 
 LINES_SHOWN = 25
+MOST_AGAIN = 5
 
 
 def problem(case: ET.Element) -> str | None:
@@ -28,7 +33,21 @@ def problem(case: ET.Element) -> str | None:
     return None
 
 
+def again(report: Path) -> list[str]:
+    """The pytest names of the tests that deserve a second attempt."""
+    failed: dict[str, str] = {}
+    for case in ET.parse(report).iter("testcase") if report.exists() else []:
+        if text := problem(case):
+            name = f"tests/{str(case.get('classname')).replace('.', '/')}.py::{case.get('name')}"
+            failed[name] = failed.get(name, "") + text + "".join(child.text or "" for child in case)
+    hopeless = len(failed) > MOST_AGAIN or any("exit code" in text for text in failed.values())
+    return [] if hopeless else list(failed)
+
+
 def main() -> int:
+    if sys.argv[1] == "--again":
+        print("".join(f"{name}\n" for name in again(Path(sys.argv[2]))), end="")
+        return 0
     report, exit_code = Path(sys.argv[1]), int(sys.argv[2])
     cases = list(ET.parse(report).iter("testcase")) if report.exists() else []
     problems = [f"{case.get('classname')} {case.get('name')}: {text}" for case in cases if (text := problem(case))]
