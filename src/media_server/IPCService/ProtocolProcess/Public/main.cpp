@@ -16,7 +16,7 @@ constexpr int RETURNED_BLOCK_SIZE = 256 * 1024;
 
 int main(int argc, char** argv)
 {
-    ::mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK_SIZE);
+    ::mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK_SIZE);  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
     try {
         IPCService::ProtocalProcess::Public_SubProcess process;
         const int exitCode = process.run(argc, argv);
