@@ -26,6 +26,12 @@ int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds)
     return Surroundings::instance().wait(waited, count, milliseconds);
 }
 
+// What a build with _FORTIFY_SOURCE calls where it does not see how large the array is.
+int __wrap___poll_chk(pollfd* waited, nfds_t count, int milliseconds, std::size_t)
+{
+    return __wrap_poll(waited, count, milliseconds);
+}
+
 int __wrap_usleep(useconds_t /*microseconds*/)
 {
     return 0;

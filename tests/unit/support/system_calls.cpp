@@ -106,6 +106,12 @@ int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds)
     return __real_poll(waited, count, milliseconds);
 }
 
+// What a build with _FORTIFY_SOURCE calls where it does not see how large the array is.
+int __wrap___poll_chk(pollfd* waited, nfds_t count, int milliseconds, std::size_t)
+{
+    return __wrap_poll(waited, count, milliseconds);
+}
+
 int __wrap_munmap(void* address, std::size_t length)
 {
     const std::optional<int> answer = systemCalls().munmap ? systemCalls().munmap(address, length) : std::nullopt;
