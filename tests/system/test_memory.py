@@ -160,3 +160,24 @@ def test_download_whose_thread_has_no_memory_to_begin_leaves_the_service_free(
     begin(camera, 1)
     camera.wait_until(lambda: camera.platform.reports)
     assert wait_stopped(camera, signal.SIGTERM) == 0
+
+
+NO_LARGE_BLOCKS = """
+#include <errno.h>
+#include <stdlib.h>
+void* __libc_malloc(size_t);
+void* malloc(size_t size) {
+    if (size > 32 << 20) { errno = ENOMEM; return NULL; }
+    return __libc_malloc(size);
+}
+"""
+
+
+def test_page_of_unknown_length_needs_no_room_for_the_longest(start_camera: StartCamera, tmp_path: Path) -> None:
+    """Where there is no block of 64 MB the text of a page in chunks grows with what comes."""
+    camera = with_library(start_camera, tmp_path, NO_LARGE_BLOCKS)
+    body = b'{"records":[]}' + b" " * 3_000_000
+    camera.platform.script(camera.platform.task_path, Response(body=body, chunk_size=4096))
+    begin(camera, 1)
+    camera.wait_until(lambda: camera.platform.reports)
+    assert camera.path("/tmp/mmcblk0/face_basic/faceLib/white0").read_bytes() == body
