@@ -9,6 +9,15 @@ unsigned char byteAt(std::string_view text, std::size_t index)
     return static_cast<unsigned char>(text[index]);
 }
 
+/** Where the characters that need no look end that stand at index. */
+std::size_t endOfAscii(std::string_view text, std::size_t index)
+{
+    while (index < text.size() && byteAt(text, index) >= 0x20 && byteAt(text, index) < 0x7F) {
+        ++index;
+    }
+    return index;
+}
+
 bool isContinuation(unsigned char byte)
 {
     return (byte & 0xC0U) == 0x80U;
@@ -63,11 +72,13 @@ std::string escapedText(std::string_view text)
     result.reserve(text.size());
     std::size_t index = 0;
     while (index < text.size()) {
-        const unsigned char byte = byteAt(text, index);
-        if (byte >= 0x20 && byte < 0x7F) {
-            result += text[index++];
-            continue;
+        const std::size_t end = endOfAscii(text, index);
+        result.append(text, index, end - index);
+        index = end;
+        if (index == text.size()) {
+            break;
         }
+        const unsigned char byte = byteAt(text, index);
         const std::size_t length = byte < 0x80 ? 0 : printableSequence(text, index);
         if (length == 0) {
             appendEscaped(result, byte);

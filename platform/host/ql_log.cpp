@@ -108,22 +108,25 @@ public:
     {
         sigemptyset(&m_pipeSignal);
         sigaddset(&m_pipeSignal, SIGPIPE);
-        sigset_t pending;
-        sigpending(&pending);
-        m_pendingBefore = sigismember(&pending, SIGPIPE) == 1;
         pthread_sigmask(SIG_BLOCK, &m_pipeSignal, &m_mask);
-    }
-    ~BrokenPipeGuard()
-    {
-        if (!m_pendingBefore) {
-            const timespec noWait{};
-            while (sigtimedwait(&m_pipeSignal, nullptr, &noWait) == -1 && errno == EINTR) {
-            }
+        // Only a signal that was held back before can be pending.
+        if (sigismember(&m_mask, SIGPIPE) == 1) {
+            sigset_t pending;
+            sigpending(&pending);
+            m_pendingBefore = sigismember(&pending, SIGPIPE) == 1;
         }
-        pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
     }
+    ~BrokenPipeGuard() { pthread_sigmask(SIG_SETMASK, &m_mask, nullptr); }
     BrokenPipeGuard(const BrokenPipeGuard&) = delete;
     BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
+
+    /** Takes back the signal of a write that failed with EPIPE. */
+    void swallow() const
+    {
+        const timespec noWait{};
+        while (!m_pendingBefore && sigtimedwait(&m_pipeSignal, nullptr, &noWait) == -1 && errno == EINTR) {
+        }
+    }
 
 private:
     sigset_t m_pipeSignal{};
@@ -135,12 +138,17 @@ std::string localTime()
 {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char date[32];
-    const std::size_t length = strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
+    // Of the second before, for the records of this thread: most come many a second.
+    thread_local time_t second = -1;
+    thread_local char date[32];
+    if (now.tv_sec != second) {
+        tm local{};
+        localtime_r(&now.tv_sec, &local);
+        strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
+        second = now.tv_sec;
+    }
     const std::string thousandAndMilliseconds = std::to_string(1000 + now.tv_nsec / 1000000);
-    return std::string(date, length) + '.' + thousandAndMilliseconds.substr(1);
+    return std::string(date) + '.' + thousandAndMilliseconds.substr(1);
 }
 
 std::string levelName(int level)
@@ -182,6 +190,7 @@ __attribute__((format(printf, 1, 0))) std::string formattedText(const char* form
 
 void writeLine(std::string_view line)
 {
+    const BrokenPipeGuard brokenPipeGuard;
     while (!line.empty()) {
         const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
         if (written > 0) {
@@ -190,6 +199,10 @@ void writeLine(std::string_view line)
         }
         if (written == -1 && errno == EINTR) {
             continue;
+        }
+        if (written == -1 && errno == EPIPE) {
+            brokenPipeGuard.swallow();
+            return;
         }
         pollfd ready{STDERR_FILENO, POLLOUT, 0};
         if (written == 0 || errno != EAGAIN || poll(&ready, 1, POLL_MILLISECONDS) <= 0) {
@@ -213,7 +226,6 @@ void QL_WriteLog(int /*module*/, int level, int /*debugFlag*/, int /*reserved*/,
         line += ':' + std::to_string(sourceLine) + ' ';
         line += escapedText(text);
         line += '\n';
-        const BrokenPipeGuard brokenPipeGuard;
         const OutputTurn turn;
         writeLine(line);
     } catch (const std::exception&) {

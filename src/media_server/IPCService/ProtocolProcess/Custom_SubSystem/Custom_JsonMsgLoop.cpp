@@ -156,8 +156,13 @@ void CustomJsonMsgLoop::dispatch(const Var& cmd, Object::Ptr& info, std::uint32_
 
 int CustomJsonMsgLoop::receiveDatagram(void* buffer, std::size_t length, int flags)
 {
+    Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
+    return takeDatagram(buffer, length, flags);
+}
+
+int CustomJsonMsgLoop::takeDatagram(void* buffer, std::size_t length, int flags)
+{
     try {
-        Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
         return m_socket.receiveBytes(buffer, static_cast<int>(length), flags);
     } catch (const Poco::Exception& exc) {
         LOG(Error, "receiveBytes fail:%s.", exc.displayText().c_str());
@@ -180,10 +185,10 @@ bool CustomJsonMsgLoop::receiveBody(std::uint32_t announcedLength, std::string& 
     const auto length = std::min<std::size_t>(announcedLength, static_cast<std::size_t>(size));
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[length + 1]());
     if (!buffer) {
-        receiveDatagram(begin, 0, 0);  // taken all the same, so that the next command begins with its head
+        takeDatagram(begin, 0, 0);  // taken all the same, so that the next command begins with its head
         throw std::bad_alloc();
     }
-    if (receiveDatagram(buffer.get(), length, 0) < 0) {
+    if (takeDatagram(buffer.get(), length, 0) < 0) {
         return false;
     }
     body.assign(buffer.get());

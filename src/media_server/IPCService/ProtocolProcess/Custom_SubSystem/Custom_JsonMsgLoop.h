@@ -91,6 +91,9 @@ private:
     /// Waits for one datagram. @return its bytes, as recv counts them with these flags; -1 after a failure, logged
     int receiveDatagram(void* buffer, std::size_t length, int flags);
 
+    /// The same for a datagram that is known to be there: only this thread takes any.
+    int takeDatagram(void* buffer, std::size_t length, int flags);
+
     /// Tries once to receive the datagram behind a head.
     /// @param announcedLength  bytes that the head announced; a longer datagram is cut
     /// @param body             set to its text up to its first NUL; left as it is when the body is missing

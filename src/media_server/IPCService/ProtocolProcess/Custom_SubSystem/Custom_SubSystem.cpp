@@ -78,6 +78,8 @@ void setUpTls()
     // OpenSSL 3 takes a close without the TLS farewell for a protocol error; older versions report a plain close.
     SSL_CTX_set_options(pContext->sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
 #endif
+    // A read takes what has come, not a record's length first and then its bytes.
+    SSL_CTX_set_read_ahead(pContext->sslContext(), 1);
     Poco::Net::SSLManager::instance().initializeClient(nullptr, pCertificateHandler, pContext);
 }
 
