@@ -109,14 +109,19 @@ public:
         sigemptyset(&m_pipeSignal);
         sigaddset(&m_pipeSignal, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &m_pipeSignal, &m_mask);
-        // Only a signal that was held back before can be pending.
-        if (sigismember(&m_mask, SIGPIPE) == 1) {
+        m_heldBefore = sigismember(&m_mask, SIGPIPE) == 1;
+        if (m_heldBefore) {
             sigset_t pending;
             sigpending(&pending);
             m_pendingBefore = sigismember(&pending, SIGPIPE) == 1;
         }
     }
-    ~BrokenPipeGuard() { pthread_sigmask(SIG_SETMASK, &m_mask, nullptr); }
+    ~BrokenPipeGuard()
+    {
+        if (!m_heldBefore) {
+            pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
+        }
+    }
     BrokenPipeGuard(const BrokenPipeGuard&) = delete;
     BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
 
@@ -131,7 +136,8 @@ public:
 private:
     sigset_t m_pipeSignal{};
     sigset_t m_mask{};
-    bool m_pendingBefore = false;
+    bool m_heldBefore = false;
+    bool m_pendingBefore = false;  // can only be so when it was held back before
 };
 
 std::string localTime()
