@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <features.h>
+#include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -103,7 +104,7 @@ int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds)
     if (systemCalls().polling) {
         systemCalls().polling(waited, count, milliseconds);
     }
-    return __real_poll(waited, count, milliseconds);
+    return systemCalls().pollFails ? failed(ENOMEM) : __real_poll(waited, count, milliseconds);
 }
 
 // What a build with _FORTIFY_SOURCE calls where it does not see how large the array is.
@@ -182,6 +183,28 @@ ssize_t sendto(int descriptor, const void* data, std::size_t length, int flags, 
     }
     static const auto next = reinterpret_cast<decltype(&::sendto)>(::dlsym(RTLD_NEXT, "sendto"));
     return next(descriptor, data, length, flags, address, size);
+}
+
+/// Comes before the C library's for shared libraries, too.
+ssize_t recv(int descriptor, void* buffer, std::size_t length, int flags)
+{
+    if (systemCalls().recvFails && systemCalls().recvFails()) {
+        return failed(ENOMEM);
+    }
+    static const auto next = reinterpret_cast<decltype(&::recv)>(::dlsym(RTLD_NEXT, "recv"));
+    return next(descriptor, buffer, length, flags);
+}
+
+/// Comes before the TLS library's for shared libraries, too.
+int SSL_get_error(const SSL* connection, int result)
+{
+    static const auto next = reinterpret_cast<decltype(&::SSL_get_error)>(::dlsym(RTLD_NEXT, "SSL_get_error"));
+    const int error = next(connection, result);
+    if (error == SSL_ERROR_ZERO_RETURN && systemCalls().tlsEndWithoutNoticeFails) {
+        errno = 0;
+        return SSL_ERROR_SYSCALL;
+    }
+    return error;
 }
 
 }  // extern "C"

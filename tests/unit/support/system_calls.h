@@ -12,7 +12,7 @@
 /// Stands between this program and some functions of the system. Without a hook they do what they always do.
 ///
 /// Set hooks before the threads that come through them start; hooks are called on those threads. All are gone at the
-/// start of each test. Except for sendTo and socketPoll, only calls by this program's own objects and static libraries
+/// start of each test. Except where it is said, only calls by this program's own objects and static libraries
 /// are seen.
 struct SystemCalls
 {
@@ -37,11 +37,18 @@ struct SystemCalls
     /// Is told before each sendto, also of shared libraries.
     std::function<void(int descriptor, std::size_t length, int flags)> sendTo;
 
-    /// Is called before each poll of the network library's sockets, and may throw.
+    /// Is asked before each recv, also of shared libraries, whether it shall fail with ENOMEM.
+    std::function<bool()> recvFails;
+
+    /// Is called before each poll of the network library's sockets, and may throw. They are in a shared library.
     std::function<void()> socketPoll;
 
     // Functions that shall fail.
+    /// A TLS connection's end is a failed system call without an error number, as in OpenSSL before 3.0 where no
+    /// notice announced it.
+    bool tlsEndWithoutNoticeFails = false;
     bool fstatFails = false;
+    bool pollFails = false;         ///< with ENOMEM
     bool sigemptysetFails = false;  ///< after its work
     bool sigactionFails = false;
     bool memsetFails = false;      ///< memset_s

@@ -68,6 +68,15 @@ TEST_F(PlatformSessionTest, HostName)
     EXPECT_EQ(m_response, "found");
 }
 
+TEST_F(PlatformSessionTest, RequestLineHasEscapesForWhateverIsNotPrintableAscii)
+{
+    const TlsServer server(always(httpAnswer("")));
+    EXPECT_EQ(post(server.port(), "{}", "/ !~\x01\x1F\x7F\x80\xFF\r\n"), 200);
+    ASSERT_EQ(server.requests().size(), 1U);
+    const std::string request = server.requests()[0];
+    EXPECT_EQ(request.substr(0, request.find('\n')), "POST /%20!~%01%1F%7F%80%FF%0D%0A HTTP/1.1\r");
+}
+
 TEST_F(PlatformSessionTest, ServerThatNeverAnswersEndsAfter5Seconds)
 {
     const TlsServer server(holdSilent());
@@ -107,6 +116,24 @@ TEST_F(PlatformSessionTest, ServerThatDoesNotReadTheRequestEndsAfter5Seconds)
                            options);
     const Stopwatch watch;
     const int status = post(server.port(), std::string(64U << 20, 'b'));
+    EXPECT_GE(watch.elapsed(), milliseconds(4900));
+    EXPECT_LE(watch.elapsed(), milliseconds(7000) + SLOWNESS);
+    expectFailure(status, "Timeout");
+}
+
+TEST_F(PlatformSessionTest, ServerThatReadsTheRequestTooSlowlyEndsAfter5Seconds)
+{
+    TlsServer::Options options;
+    options.readRequests = false;
+    const TlsServer server(
+        [](TlsConnection& connection, const std::string&) {
+            // Often enough that no single wait of the client is long: in 5 s 5 MB, and at most 10 MB are on their way.
+            while (connection.swallow(256U << 10) && !connection.clientLeavesWithin(milliseconds(250))) {
+            }
+        },
+        options);
+    const Stopwatch watch;
+    const int status = post(server.port(), std::string(32U << 20, 'b'));
     EXPECT_GE(watch.elapsed(), milliseconds(4900));
     EXPECT_LE(watch.elapsed(), milliseconds(7000) + SLOWNESS);
     expectFailure(status, "Timeout");

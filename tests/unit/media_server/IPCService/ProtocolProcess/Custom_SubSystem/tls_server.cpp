@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <fstream>
 #include <sstream>
@@ -153,6 +154,19 @@ void TlsConnection::waitUntilServerEnds() const
     poll(&waited, 1, -1);
 }
 
+bool TlsConnection::swallow(std::size_t count) const
+{
+    std::array<char, 16384> buffer{};
+    while (count > 0) {
+        const ssize_t read = recv(m_descriptor, buffer.data(), std::min(count, buffer.size()), 0);
+        if (read <= 0) {
+            return false;
+        }
+        count -= static_cast<std::size_t>(read);
+    }
+    return true;
+}
+
 bool TlsConnection::clientLeavesWithin(std::chrono::milliseconds pause) const
 {
     pollfd waited = {m_descriptor, POLLRDHUP, 0};
@@ -164,6 +178,12 @@ void TlsConnection::close()
     if (m_secure) {
         SSL_shutdown(m_ssl.get());
     }
+    shutdown(m_descriptor, SHUT_RDWR);
+}
+
+void TlsConnection::hangUp()
+{
+    m_secure = false;
     shutdown(m_descriptor, SHUT_RDWR);
 }
 

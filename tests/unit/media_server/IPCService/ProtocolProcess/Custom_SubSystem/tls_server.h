@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -35,6 +36,9 @@ public:
     /** Waits until the server ends, without reading. */
     void waitUntilServerEnds() const;
 
+    /** Reads so many bytes as they come over the wire, encrypted. @return false when the client leaves before */
+    bool swallow(std::size_t count) const;
+
     /** Pauses. @return true when the client leaves meanwhile */
     bool clientLeavesWithin(std::chrono::milliseconds pause) const;
 
@@ -43,6 +47,9 @@ public:
 
     /** Ends the connection the proper way, with the notice that it ends. */
     void close();
+
+    /** Ends the connection without the notice that it ends. */
+    void hangUp();
 
     /** Ends the connection with a reset instead of an end. */
     void reset() const;
