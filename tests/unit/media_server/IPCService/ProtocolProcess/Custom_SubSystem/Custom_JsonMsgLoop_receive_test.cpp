@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -216,6 +217,36 @@ TEST_F(ReceiveCommandTest, FailureIsLoggedAndReadsAsAnEmptyBody)
     sendCommand(6, "works again");
     receiveCommand();
     EXPECT_EQ(m_body, "works again");
+}
+
+TEST_F(ReceiveCommandTest, BodyIsTriedThreeTimes)
+{
+    // The first call takes the head; each attempt looks at the body with one call and takes it with the next.
+    for (const std::set<int>& failing : {std::set<int>{2, 3}, std::set<int>{3, 5}, std::set<int>{2, 4}}) {
+        CapturedLog::clear();
+        failReceives(failing);
+        sendCommand(1, "third time lucky");
+        receiveCommand();
+        EXPECT_EQ(m_body, "third time lucky");
+        EXPECT_EQ(m_tag, 1U);
+        EXPECT_EQ(countLogged("Custom_JsonMsgLoop", "receiveBytes fail:%s."), 2);
+    }
+}
+
+TEST_F(ReceiveCommandTest, BodyIsNotTriedAFourthTime)
+{
+    for (const std::set<int>& failing : {std::set<int>{2, 3, 4, 5}, std::set<int>{3, 5, 7, 9}}) {
+        CapturedLog::clear();
+        failReceives(failing);
+        sendCommand(1, "once too often");
+        receiveCommand();
+        EXPECT_EQ(m_body, "");
+        EXPECT_EQ(m_tag, 1U);
+        EXPECT_EQ(countLogged("Custom_JsonMsgLoop", "receiveBytes fail:%s."), 3);
+        systemCalls().recvFails = nullptr;
+        sendDatagram("body of a head, namely of what is left");
+        receiveCommand();
+    }
 }
 
 TEST_F(ReceiveCommandTest, InterruptionEndsTheWaitForAHeadAndForABody)

@@ -186,4 +186,21 @@ TEST_F(ServeCommandTest, CancelBeforeItRunsEndsItAtOnce)
     other->runTask();
 }
 
+/** The loop, which runs when the test says so. */
+class FailingReceiveTest : public CommandTest
+{
+};
+
+TEST_F(FailingReceiveTest, HeadThatCannotBeTakenIsAnsweredUnderTagZero)
+{
+    failReceives({1});
+    sendDatagram(head(0x01010101, 2));
+    startLoop();
+    EXPECT_TRUE(CapturedLog::waitForFormat("SendJsonMsg head: %d body :%d."));
+    EXPECT_EQ(countLogged(LOG_FILE, "receiveBytes fail:%s."), 1);
+    expectReply(0, 400);
+    sendDatagram("{}");
+    expectReply(0x01010101, 400);
+}
+
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "command_fixture.h"
+#include "support/failing_allocations.h"
 #include "support/system_calls.h"
 
 using Poco::Dynamic::Var;
@@ -140,6 +141,25 @@ TEST_F(JsonMsgLoopTest, MissingClientIsLoggedOnly)
     const std::string text = firstLogged(LOG_FILE, "SendJsonMsg fail:%s.");
     EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{error("SendJsonMsg fail:%s.", text)});
     EXPECT_GT(text.size(), std::string("SendJsonMsg fail:.").size());
+}
+
+TEST_F(JsonMsgLoopTest, ReplyIsTriedThreeTimesWhereMemoryIsShort)
+{
+    const FailingAllocations failing(2);
+    m_loop->SendJsonMsg("/tmp/KH", 4, 200);
+    EXPECT_EQ(failing.left(), 0);
+    expectReply(4, 200);
+    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{replied()});
+}
+
+TEST_F(JsonMsgLoopTest, ReplyWithoutMemoryIsGivenUpAndLogged)
+{
+    const FailingAllocations failing(3);
+    m_loop->SendJsonMsg("/tmp/KH", 4, 200);
+    EXPECT_EQ(failing.left(), 0);
+    EXPECT_FALSE(m_client.hasDatagram());
+    EXPECT_EQ(loggedBy(LOG_FILE),
+              std::vector<LogLine>{error("SendJsonMsg fail:%s.", "SendJsonMsg fail:std::bad_alloc.")});
 }
 
 TEST_F(JsonMsgLoopTest, ClientThatReadsNothingIsNotWaitedFor)

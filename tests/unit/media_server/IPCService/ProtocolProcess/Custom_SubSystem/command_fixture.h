@@ -6,7 +6,10 @@
 #include <Poco/JSON/Object.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
+#include <set>
 #include <string>
 
 #include "log_lines.h"
@@ -14,6 +17,7 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 #include "support/raw_bytes.h"
+#include "support/system_calls.h"
 #include "support/unix_socket.h"
 
 /** The command loop and the client of its commands. The loop runs when the test says so. */
@@ -77,6 +81,13 @@ protected:
         m_body = "of an earlier command";
         m_tag = 0;
         m_loop->RecvJsonMsg(m_body, m_tag);
+    }
+
+    /** Lets those calls of recv fail, counted from 1, that have one of these numbers. */
+    static void failReceives(const std::set<int>& numbers)
+    {
+        auto count = std::make_shared<std::atomic<int>>(0);
+        systemCalls().recvFails = [numbers, count] { return numbers.count(++*count) != 0; };
     }
 
     /** The arguments as the loop hands them to a handler. */
