@@ -71,7 +71,7 @@ void Interruption::sleep(long milliseconds)
 bool Interruption::wait(int descriptor, short events, long milliseconds)
 {
     const bool limited = milliseconds >= 0;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(limited ? milliseconds : 0);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
     // A negative descriptor takes no part in poll.
     pollfd waited[] = {{descriptor, events, 0},
                        {currentInterruption != nullptr ? currentInterruption->m_descriptor : -1, POLLIN, 0}};

@@ -111,6 +111,14 @@ TEST(Interruption, BadDescriptorCountsAsReady)
     EXPECT_TRUE(Interruption::wait(closed, POLLIN, -1));
 }
 
+TEST(Interruption, DescriptorCountsAsReadyWhereThereIsNoMemoryToWait)
+{
+    const Pipe pipe;
+    systemCalls().pollFails = true;
+    EXPECT_TRUE(Interruption::wait(pipe.reader(), POLLIN, -1));
+    EXPECT_TRUE(Interruption::wait(pipe.reader(), POLLIN, 0));
+}
+
 TEST(Interruption, SleepLastsItsTime)
 {
     const Stopwatch stopwatch;
