@@ -163,6 +163,10 @@ TEST(JsonTextParse, BracketsInTextAreNoLevels)
         const std::string document = R"({"a":")" + text + R"(","b":")" + brackets + R"("})";
         EXPECT_EQ(compact(parse(document)), document);
     }
+    for (const std::string before : {R"("")", R"("\\")"}) {
+        const std::string document = "[" + before + ",\"" + brackets + "\"]";
+        EXPECT_EQ(compact(parse(document)), document);
+    }
     EXPECT_EQ(compact(parse(R"(["\\",)" + nested(127) + "]")), R"(["\\",)" + nested(127) + "]");
     EXPECT_THROW(parse(R"(["\\",)" + nested(128) + "]"), Poco::Exception);
 }
@@ -174,6 +178,19 @@ TEST(JsonTextParse, NeighboursShareTheirLevel)
         many += ",[],{}";
     }
     EXPECT_EQ(compact(parse(many + "]")), many + "]");
+    EXPECT_EQ(compact(parse("[[[[[]]]],[]]")), "[[[[[]]]],[]]");
+}
+
+TEST(JsonTextParse, WhatIsNotInsideTheDocumentIsNotTooDeep)
+{
+    for (const std::string& text : {"[]" + nested(128), "{}" + nested(128), std::string("]["), std::string("}}{")}) {
+        try {
+            parse(text);
+            FAIL() << "nothing thrown: " << text;
+        } catch (const Poco::Exception& exc) {
+            EXPECT_EQ(exc.displayText().find("depth"), std::string::npos) << text << ": " << exc.displayText();
+        }
+    }
 }
 
 TEST(JsonTextParse, TenThousandLevelsThatNeverCloseAreRefused)
