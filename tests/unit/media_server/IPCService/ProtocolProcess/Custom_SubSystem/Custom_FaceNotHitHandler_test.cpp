@@ -21,12 +21,13 @@ protected:
         EXPECT_EQ(Utils_ProcessRingBufProducerInit(&m_subSystem.m_ringBufHandle, nullptr, 26214, 0x400000), 0);
     }
 
-    void handle(const std::string& json)
+    /** @return the handler's result: 1 when the record was put, or there is nothing to put it into */
+    int handle(const std::string& json)
     {
         auto info = arguments(json);
         CapturedLog::clear();
         std::uint32_t tag = 55;
-        m_loop->FaceNotHitHandler(info, tag);
+        return m_loop->FaceNotHitHandler(info, tag);
     }
 
     /** The one record that reached the ring buffer. */
@@ -40,7 +41,7 @@ protected:
 
 TEST_F(FaceNotHitTest, PutsItsArgumentsAsOneRecordWithANulAndReplies)
 {
-    handle(R"({ "faceId" : "F1", "count" : 3, "list" : [ 1, "two", null, true, {} ] })");
+    EXPECT_EQ(handle(R"({ "faceId" : "F1", "count" : 3, "list" : [ 1, "two", null, true, {} ] })"), 1);
     EXPECT_EQ(record(), bytes("{\"count\":3,\"faceId\":\"F1\",\"list\":[1,\"two\",null,true,{}]}\0"));
     EXPECT_EQ(FakePlatform::sent()[0].flag, 1);
     EXPECT_EQ(FakePlatform::sent()[0].handle, m_subSystem.m_ringBufHandle);
@@ -83,7 +84,7 @@ INSTANTIATE_TEST_SUITE_P(FaceNotHitTest, RecordLengthTest,
 TEST_F(FaceNotHitTest, RefusedRecordIsLoggedAndThenAnswered)
 {
     FakePlatform::setSendResult(-1);
-    handle("{}");
+    EXPECT_EQ(handle("{}"), 0);
     expectReply(55, 400);
     EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{error("metadata put ring buf fail."), replied()}));
     EXPECT_EQ(FakePlatform::sent().size(), 1U) << "nothing is tried twice";
@@ -110,7 +111,7 @@ TEST_F(FaceNotHitTest, GoesOnAfterARefusedRecord)
 TEST_F(FaceNotHitTest, WithoutARingBufferIsAnsweredAllTheSame)
 {
     m_subSystem.m_ringBufHandle = nullptr;
-    handle("{}");
+    EXPECT_EQ(handle("{}"), 1);
     expectReply(55, 200);
     EXPECT_TRUE(FakePlatform::sent().empty());
     EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{replied()});
@@ -119,7 +120,7 @@ TEST_F(FaceNotHitTest, WithoutARingBufferIsAnsweredAllTheSame)
 TEST_F(FaceNotHitTest, WithoutMemoryIsAnsweredAndThenLogged)
 {
     systemCalls().largestArray = 100;
-    handle(R"({"a":")" + std::string(92, 'x') + R"("})");
+    EXPECT_EQ(handle(R"({"a":")" + std::string(92, 'x') + R"("})"), 0);
     expectReply(55, 400);
     EXPECT_TRUE(FakePlatform::sent().empty());
     EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{replied(), error("malloc fail.")}));
