@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -217,6 +218,19 @@ TEST_F(ReceiveCommandTest, FailureIsLoggedAndReadsAsAnEmptyBody)
     sendCommand(6, "works again");
     receiveCommand();
     EXPECT_EQ(m_body, "works again");
+}
+
+TEST_F(ReceiveCommandTest, BodyWithoutMemoryIsTakenAllTheSame)
+{
+    systemCalls().largestArray = 100;
+    sendCommand(1, std::string(100, 'x'));
+    sendCommand(2, std::string(99, 'y'));
+    EXPECT_THROW(receiveCommand(), std::bad_alloc);
+    EXPECT_EQ(m_tag, 1U);
+    EXPECT_TRUE(loggedBy("Custom_JsonMsgLoop").empty());
+    receiveCommand();
+    EXPECT_EQ(m_body, std::string(99, 'y'));
+    EXPECT_EQ(m_tag, 2U);
 }
 
 TEST_F(ReceiveCommandTest, BodyIsTriedThreeTimes)
