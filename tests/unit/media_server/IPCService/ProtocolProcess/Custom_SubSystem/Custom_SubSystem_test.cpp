@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -25,6 +26,7 @@
 #include "support/fake_platform.h"
 #include "support/system_calls.h"
 #include "support/unix_socket.h"
+#include "tls_server.h"
 
 using IPCService::MetaDataGW::CustomSubSystem;
 using IPCService::ProtocalProcess::Public_SubProcess;
@@ -269,6 +271,15 @@ TEST_F(StartUpTest, SetsTheTlsDefaultsOfTheProcess)
                                       "!IDEA-CBC-SHA:!RC4:!AES256-SHA:!AES128-SHA:!DES-CBC3-SHA"),
               1);
     EXPECT_EQ(cipherNames(found), cipherNames(expected.get()));
+}
+
+TEST_F(StartUpTest, LoadsNoAuthoritiesThatItDoesNotAsk)
+{
+    writeCertificate("/tmp/authorities.pem");
+    setenv("SSL_CERT_FILE", "/tmp/authorities.pem", 1);
+    startUp();
+    SSL_CTX* const context = Poco::Net::SSLManager::instance().defaultClientContext()->sslContext();
+    EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(SSL_CTX_get_cert_store(context))), 0);
 }
 
 TEST(CustomSubSystemApplicationTest, AnotherApplicationIsNotServed)

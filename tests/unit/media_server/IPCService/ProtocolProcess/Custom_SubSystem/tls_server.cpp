@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -294,6 +295,14 @@ void TlsServer::serveConnection(int descriptor)
     }
     m_script(connection, request);
     connection.close();
+}
+
+void writeCertificate(const std::string& path)
+{
+    const Key key = makeKey();
+    const Certificate certificate = makeCertificate(key.get());
+    const std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file(path.c_str(), "w"), &BIO_free);
+    require(file && PEM_write_bio_X509(file.get(), certificate.get()) == 1, "cannot write a certificate");
 }
 
 std::string httpAnswer(const std::string& body, const std::string& statusLine)

@@ -116,6 +116,9 @@ private:
     std::thread m_thread;
 };
 
+/** Writes a self-signed certificate of its own as a PEM file. */
+void writeCertificate(const std::string& path);
+
 /** An answer with the given body and its length. */
 std::string httpAnswer(const std::string& body, const std::string& statusLine = "HTTP/1.1 200 OK");
 
