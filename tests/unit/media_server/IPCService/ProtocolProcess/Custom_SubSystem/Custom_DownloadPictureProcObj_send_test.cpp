@@ -119,6 +119,8 @@ TEST_F(SendSysObjTest, WhatIsWrittenIsOnTheDiskBeforeItgtIsTold)
     DownloadPictureProcParam first = page();
     EXPECT_EQ(send(first), 0);
     EXPECT_EQ(flags & O_DSYNC, O_DSYNC);
+    EXPECT_EQ(flags & O_NONBLOCK, O_NONBLOCK) << "a pipe of that name would be waited for";
+    EXPECT_EQ(flags & O_CLOEXEC, O_CLOEXEC) << "programs that are started would inherit it";
     EXPECT_EQ(found, "the page");
 }
 
