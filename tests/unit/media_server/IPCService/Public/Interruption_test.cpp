@@ -15,6 +15,7 @@
 #include <future>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "support/system_calls.h"
 #include "support/waiting.h"
@@ -266,6 +267,35 @@ TEST(Interruption, OuterScopeReturnsAfterTheInnerOne)
         EXPECT_THROW(Interruption::check(), Interrupted);
     }
     Interruption::check();
+}
+
+TEST(Interruption, LimitsEachPollToWhatIsLeft)
+{
+    std::vector<int> limits;
+    systemCalls().polling = [&limits](const pollfd*, nfds_t, int limit) { limits.push_back(limit); };
+    const Pipe pipe;
+    Interruption::check();
+    Interruption::wait(pipe.reader(), POLLIN, 0);
+    Interruption::wait(pipe.writer(), POLLOUT, 3600000);
+    ASSERT_EQ(limits.size(), 3U);
+    EXPECT_EQ(limits[0], 0);
+    EXPECT_EQ(limits[1], 0);
+    EXPECT_GT(limits[2], 3500000);
+    EXPECT_LE(limits[2], 3600000);
+}
+
+TEST(Interruption, DescriptorIsNotInheritedAndNeverBlocks)
+{
+    int descriptor = -1;
+    systemCalls().polling = [&descriptor](const pollfd* waited, nfds_t count, int) {
+        ASSERT_EQ(count, 2U);
+        descriptor = waited[1].fd;
+    };
+    Interruption interruption;
+    const Interruption::Scope scope(interruption);
+    Interruption::check();
+    EXPECT_EQ(::fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(::fcntl(descriptor, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
 }
 
 TEST(Interruption, NeedsADescriptor)
