@@ -149,7 +149,9 @@ TEST_F(Buffer, NotificationShorterThanItsHeadIsRefused)
 TEST_F(Buffer, ServiceThatHasGoneIsABadStatus)
 {
     cache.closeService();
-    expectFailed(Utils_EventCacheBufGet(&handle, &data), "end of file");
+    const int result = Utils_EventCacheBufGet(&handle, &data);
+    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:read code err: %d"), "[LogCommon]:read code err: 0");
+    expectFailed(result, "end of file");
 }
 
 TEST_F(Buffer, BadStatusIsRefusedAndTold)
