@@ -114,6 +114,15 @@ TEST_F(Buffer, DescriptorIsTakenFromItsOffset)
     EXPECT_TRUE(CapturedLog::records().empty());
 }
 
+TEST_F(Buffer, DescriptorMayBeTheWholeNotification)
+{
+    // The head overlaps the descriptor: status 200, and the offset 0 is the lower half of the length.
+    cache.setBuffer(EventCache::block(4, std::string(65536 - 56, 'x')));
+    EXPECT_EQ(get(bytes("\x11\x22\0\0\0\0\xC8\0\0\0\x01\0\x33\x44\x55\x66")), 0);
+    EXPECT_EQ(cache.mapRequests(), (std::vector<std::string>{bytes("\0\0\0\0\x11\x22\0\0\0\0\x01\0\x33\x44\x55\x66")}));
+    EXPECT_EQ(data.nDataLen, 4U);
+}
+
 TEST_F(Buffer, DescriptorBeyondWhatWasReadIsRefused)
 {
     const std::string descriptor = EventCache::descriptor(60);

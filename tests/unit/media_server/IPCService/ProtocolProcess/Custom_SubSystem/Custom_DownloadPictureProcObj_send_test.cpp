@@ -124,6 +124,16 @@ TEST_F(SendSysObjTest, WhatIsWrittenIsOnTheDiskBeforeItgtIsTold)
     EXPECT_EQ(found, "the page");
 }
 
+TEST_F(SendSysObjTest, FileIsForReadingAndWritingOnly)
+{
+    umask(0);
+    DownloadPictureProcParam first = page();
+    EXPECT_EQ(send(first), 0);
+    struct stat status = {};
+    ASSERT_EQ(stat("/tmp/mmcblk0/face_basic/faceLib/white0", &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0666U);
+}
+
 TEST_F(SendSysObjTest, FileOfAnEarlierTaskIsOverwritten)
 {
     std::filesystem::create_directory("/tmp/mmcblk0/face_basic/faceLib");
