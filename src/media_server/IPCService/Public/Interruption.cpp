@@ -17,6 +17,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// A negative descriptor takes no part in poll.
+constexpr int NO_DESCRIPTOR = -1;
+
 thread_local Interruption* currentInterruption = nullptr;
 
 /// What is left until a deadline, in whole milliseconds, rounded up so that a wait never ends early.
@@ -60,21 +63,20 @@ void Interruption::interrupt() noexcept
 
 void Interruption::check()
 {
-    wait(-1, 0, 0);
+    wait(NO_DESCRIPTOR, 0, 0);
 }
 
 void Interruption::sleep(long milliseconds)
 {
-    wait(-1, 0, milliseconds);
+    wait(NO_DESCRIPTOR, 0, milliseconds);
 }
 
 bool Interruption::wait(int descriptor, short events, long milliseconds)
 {
     const bool limited = milliseconds >= 0;
     const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-    // A negative descriptor takes no part in poll.
     pollfd waited[] = {{descriptor, events, 0},
-                       {currentInterruption != nullptr ? currentInterruption->m_descriptor : -1, POLLIN, 0}};
+                       {currentInterruption != nullptr ? currentInterruption->m_descriptor : NO_DESCRIPTOR, POLLIN, 0}};
     for (;;) {
         const int ready = ::poll(waited, 2, limited ? millisecondsUntil(deadline) : -1);
         if (ready > 0) {

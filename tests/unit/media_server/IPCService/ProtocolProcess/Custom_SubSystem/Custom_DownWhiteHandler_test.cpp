@@ -283,6 +283,7 @@ INSTANTIATE_TEST_SUITE_P(DownWhiteTest, UrlTest,
                                          UrlCase{"https://platform/page?to=/other#/third", "platform", 443, "/page"},
                                          UrlCase{"https://platform", "platform", 443, ""},
                                          UrlCase{"https://platform/", "platform", 443, "/"},
+                                         UrlCase{"https://!\xC2\x80~/page", "!\xC2\x80~", 443, "/page"},
                                          UrlCase{"https://platform?x=1", "platform", 443, ""},
                                          UrlCase{"https://platform/a%20b", "platform", 443, "/a b"},
                                          UrlCase{"https://platform/a%3Fb%23c", "platform", 443, "/a%3Fb%23c"},
@@ -304,7 +305,10 @@ INSTANTIATE_TEST_SUITE_P(DownWhiteTest, WrongUrlTest,
                                          "https://platform:0/page", "https://platform:65536/page",
                                          "https://platform:99999999999/page", "https://platform:port/page",
                                          "https://platform:-1/page", "https://[::1/page", "https://platform/a%zz",
-                                         "https://plat form/page", R"(https://127.0.0.1\r\nX-Evil:8443/page)"));
+                                         "https://plat form/page",
+                                         "https://plat\x7F"
+                                         "form/page",
+                                         R"(https://127.0.0.1\r\nX-Evil:8443/page)"));
 
 TEST_F(DownWhiteTest, OnlyThePathOfTheResultUrlIsUsed)
 {
