@@ -54,6 +54,7 @@ int __real_ioctl(int descriptor, unsigned long request, ...);
 int __real_usleep(useconds_t microseconds);
 int __real_poll(pollfd* waited, nfds_t count, int milliseconds);
 int __real_munmap(void* address, std::size_t length);
+int __real_madvise(void* address, std::size_t length, int advice);
 ssize_t __real_writev(int descriptor, const iovec* parts, int count);
 int __real_sigemptyset(sigset_t* signals);
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* before);
@@ -117,6 +118,14 @@ int __wrap_munmap(void* address, std::size_t length)
 {
     const std::optional<int> answer = systemCalls().munmap ? systemCalls().munmap(address, length) : std::nullopt;
     return answer ? *answer : __real_munmap(address, length);
+}
+
+int __wrap_madvise(void* address, std::size_t length, int advice)
+{
+    if (systemCalls().advising) {
+        systemCalls().advising(address, length, advice);
+    }
+    return __real_madvise(address, length, advice);
 }
 
 ssize_t __wrap_writev(int descriptor, const iovec* parts, int count)

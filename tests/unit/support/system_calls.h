@@ -31,6 +31,9 @@ struct SystemCalls
     /// Answers a munmap, or nothing: the system answers.
     std::function<std::optional<int>(void* address, std::size_t length)> munmap;
 
+    /// Is told before each madvise.
+    std::function<void(const void* address, std::size_t length, int advice)> advising;
+
     /// Is told before each writev, with the number of parts.
     std::function<void(int descriptor, int count)> writing;
 

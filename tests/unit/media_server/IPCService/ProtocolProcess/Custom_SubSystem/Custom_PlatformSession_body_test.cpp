@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "http_request_fixture.h"
 #include "support/system_calls.h"
@@ -97,6 +100,59 @@ TEST_F(ResponseBodyTest, OfOneByteMoreIsRefused)
 {
     const TlsServer server(longBody((128U << 20) + 1));
     expectFailure(post(server.port()), "");
+}
+
+struct Advice
+{
+    std::uintptr_t begin;
+    std::size_t length;
+    int advice;
+};
+
+/** Every advice on memory that the kernel gets. */
+std::vector<Advice>& advices()
+{
+    static std::vector<Advice> instance;
+    instance.clear();
+    systemCalls().advising = [](const void* address, std::size_t length, int advice) {
+        instance.push_back({reinterpret_cast<std::uintptr_t>(address), length, advice});
+    };
+    return instance;
+}
+
+TEST_F(ResponseBodyTest, HasItsMemorySuppliedPieceByPieceAsItComes)
+{
+    constexpr std::size_t SIZE = 1U << 20;
+    constexpr std::size_t PIECE = 64U << 10;
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::vector<Advice>& pieces = advices();
+    const TlsServer server(always(httpAnswer(std::string(SIZE, 'x'))));
+    EXPECT_EQ(post(server.port()), 200);
+    ASSERT_EQ(pieces.size(), SIZE / PIECE - 1) << "the first is short enough to do without";
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        EXPECT_EQ(pieces[i].advice, 23) << "supply, as if it were written to";
+        EXPECT_EQ(pieces[i].begin % page, 0U);
+        EXPECT_EQ(pieces[i].length % page, 0U);
+        EXPECT_GT(pieces[i].length, PIECE - 2 * page);
+        EXPECT_LE(pieces[i].length, PIECE);
+        EXPECT_EQ(pieces[i].begin, pieces[0].begin + i * PIECE);
+    }
+}
+
+TEST_F(ResponseBodyTest, OfAFewKilobytesHasNoMemorySuppliedBeforehand)
+{
+    const std::vector<Advice>& pieces = advices();
+    const TlsServer server(always(httpAnswer(std::string(64U << 10, 'x'))));
+    EXPECT_EQ(post(server.port()), 200);
+    EXPECT_TRUE(pieces.empty());
+}
+
+TEST_F(ResponseBodyTest, HasNoMemorySuppliedBehindItsEnd)
+{
+    const std::vector<Advice>& pieces = advices();
+    const TlsServer server(always(httpAnswer(std::string((1U << 20) + 100, 'x'))));
+    EXPECT_EQ(post(server.port()), 200);
+    EXPECT_EQ(pieces.size(), 15U);
 }
 
 class HangUpTest : public ResponseBodyTest, public testing::WithParamInterface<bool>
