@@ -373,34 +373,4 @@ TEST(SubProcess, TaskThatDoesNotEndIsLeftBehindWithSoftwareErrorBeforeMain)
     EXPECT_EQ(exitCodeWithStubbornTask(false), 70);
 }
 
-/// A task that ends when it is cancelled, but cannot be told so without a failure.
-class FailingToCancelTask : public Poco::Task
-{
-public:
-    FailingToCancelTask() : Poco::Task("cannot be cancelled") {}
-    void runTask() override
-    {
-        while (!isCancelled()) {
-            sleep(1);
-        }
-    }
-    void cancel() override
-    {
-        Poco::Task::cancel();
-        throw Poco::SystemException("cannot be cancelled");
-    }
-};
-
-TEST(SubProcess, TaskThatFailsWhileItIsCancelledIsLeftBehind)
-{
-    EXPECT_EQ(inChild([] {
-                  {
-                      Public_SubProcess process;
-                      process.startTask(new FailingToCancelTask);
-                  }
-                  std::_Exit(99);
-              }),
-              70);
-}
-
 }  // namespace
