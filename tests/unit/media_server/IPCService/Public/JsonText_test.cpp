@@ -163,9 +163,10 @@ TEST(JsonTextParse, BracketsInTextAreNoLevels)
         const std::string document = R"({"a":")" + text + R"(","b":")" + brackets + R"("})";
         EXPECT_EQ(compact(parse(document)), document);
     }
-    for (const std::string before : {R"("")", R"("\\")"}) {
-        const std::string document = "[" + before + ",\"" + brackets + "\"]";
-        EXPECT_EQ(compact(parse(document)), document);
+    for (const std::string before : {R"(["")", R"(["\\")", R"(["a")", R"(["ab")"}) {
+        const std::string last = '"' + brackets + "\"]";
+        EXPECT_EQ(compact(parse(before + "," + last)), before + "," + last);
+        EXPECT_EQ(compact(parse(before + ", " + last)), before + "," + last);
     }
     EXPECT_EQ(compact(parse(R"(["\\",)" + nested(127) + "]")), R"(["\\",)" + nested(127) + "]");
     EXPECT_THROW(parse(R"(["\\",)" + nested(128) + "]"), Poco::Exception);
