@@ -1,6 +1,5 @@
 /* Prints and consumes the records of a ring buffer that client_open of srvfs_client.h opened. */
 #include <errno.h>
-#include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "escaped_text.h"
 #include "ring_reader.h"
@@ -58,31 +58,30 @@ std::uint64_t parseCount(const std::string& text)
 
 Arguments parseArguments(int argc, char** argv)
 {
-    const option options[] = {{"follow", no_argument, nullptr, 'f'},
-                              {"count", required_argument, nullptr, 'c'},
-                              {"help", no_argument, nullptr, 'h'},
-                              {nullptr, 0, nullptr, 0}};
+    const std::string countIs = "--count=";
     Arguments arguments;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread
-    for (int chosen = 0; (chosen = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        switch (chosen) {
-            case 'f':
-                arguments.follow = true;
-                break;
-            case 'c':
-                arguments.count = parseCount(optarg);
-                break;
-            case 'h':
-                arguments.help = true;
-                break;
-            default:  // getopt_long has said what is wrong
-                throw UsageError("wrong arguments");
+    std::vector<std::string> names;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--follow") {
+            arguments.follow = true;
+        } else if (word == "--help") {
+            arguments.help = true;
+        } else if (word == "--count") {
+            ++i;
+            arguments.count = parseCount(i < argc ? argv[i] : "");
+        } else if (word.compare(0, countIs.size(), countIs) == 0) {
+            arguments.count = parseCount(word.substr(countIs.size()));
+        } else if (word.compare(0, 1, "-") == 0) {
+            throw UsageError("there is no option \"" + word + "\"");
+        } else {
+            names.push_back(word);
         }
     }
-    if (!arguments.help && argc - optind != 1) {
-        throw UsageError(argc == optind ? "the name of the ring buffer is missing" : "more than one name was given");
+    if (!arguments.help && names.size() != 1) {
+        throw UsageError(names.empty() ? "the name of the ring buffer is missing" : "more than one name was given");
     }
-    arguments.name = arguments.help ? "" : argv[optind];
+    arguments.name = arguments.help ? "" : names.front();
     return arguments;
 }
 

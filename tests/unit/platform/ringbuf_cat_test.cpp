@@ -234,6 +234,8 @@ TEST_F(RingbufCat, ExplainsItsUsage)
                                                          {"--count", "0", "name"},
                                                          {"--count", "-1", "name"},
                                                          {"--count", "many", "name"},
+                                                         {"--count=many", "name"},
+                                                         {"name", "--count"},
                                                          {"one", "two"}};
     for (const std::vector<std::string>& arguments : wrong) {
         Program program(command(arguments));
