@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -79,12 +80,7 @@ public:
     Descriptor& operator=(const Descriptor&) = delete;
 
     int number() const { return m_number; }
-    int release()
-    {
-        const int number = m_number;
-        m_number = -1;
-        return number;
-    }
+    int release() { return std::exchange(m_number, -1); }
 
 private:
     int m_number;

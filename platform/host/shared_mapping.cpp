@@ -78,11 +78,11 @@ int SharedMapping::map(std::size_t size)
     if (size == 0) {
         return 0;
     }
-    void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
-    if (data == MAP_FAILED) {
+    void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
+    if (mapped == MAP_FAILED) {
         return errno;
     }
-    m_data = data;
+    m_data = mapped;
     m_size = size;
     return 0;
 }
