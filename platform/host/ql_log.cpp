@@ -177,7 +177,6 @@ __attribute__((format(printf, 1, 0))) std::string formattedText(const char* form
     char shortText[512];
     va_list firstPass;
     va_copy(firstPass, arguments);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not follow va_copy of a parameter
     const int length = vsnprintf(shortText, sizeof shortText, format, firstPass);
     va_end(firstPass);
     if (length < 0) {
