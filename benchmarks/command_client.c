@@ -50,8 +50,12 @@ int main(int argc, char** argv)
     memcpy(head + 8, "/tmp/KH", 7);
     memcpy(head + LENGTH_OFFSET, &length, sizeof(length));
     const int descriptor = open_socket();
+    if (descriptor < 0) {
+        return 1;
+    }
     long long* taken = calloc((size_t)count, sizeof(*taken));
-    if (descriptor < 0 || taken == NULL) {
+    if (taken == NULL) {
+        perror("command_client");
         return 1;
     }
     for (int i = 0; i < count; ++i) {
