@@ -86,7 +86,7 @@ void throughTask(const std::string& folder, const std::string& text, int count)
         Poco::Observer<RecordCounter, MetaDataNotification>(counter, &RecordCounter::take));
     std::thread thread([&task] { task.runTask(); });
     for (int i = 0; i < count; ++i) {
-        (void)!::write(node[1], bytes.data(), bytes.size());
+        [[maybe_unused]] const ssize_t written = ::write(node[1], bytes.data(), bytes.size());
     }
     counter.waitForAll();
     task.interrupt();

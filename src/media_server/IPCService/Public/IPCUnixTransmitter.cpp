@@ -25,8 +25,7 @@ void bindToPath(Poco::Net::DatagramSocket& socket, const Poco::Net::SocketAddres
     ::chmod(path.c_str(), 0660);
 }
 
-IPCUnixTransmitter::IPCUnixTransmitter(const std::string& path)
-    : m_address(Poco::Net::AddressFamily::UNIX_LOCAL, path), m_socket()
+IPCUnixTransmitter::IPCUnixTransmitter(const std::string& path) : m_address(Poco::Net::AddressFamily::UNIX_LOCAL, path)
 {
     bindToPath(m_socket, m_address);
 }

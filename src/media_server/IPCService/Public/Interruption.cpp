@@ -54,11 +54,11 @@ Interruption::~Interruption()
     ::close(m_descriptor);
 }
 
-void Interruption::interrupt() noexcept
+void Interruption::interrupt() const noexcept
 {
     // Fails only when the counter is full, and then the descriptor is readable already.
     const std::uint64_t one = 1;
-    (void)!::write(m_descriptor, &one, sizeof(one));
+    [[maybe_unused]] const ssize_t written = ::write(m_descriptor, &one, sizeof(one));
 }
 
 void Interruption::check()

@@ -40,7 +40,7 @@ public:
     Interruption& operator=(const Interruption&) = delete;
 
     /// Ends the bound thread's present wait and all later ones. There is no way back.
-    void interrupt() noexcept;
+    void interrupt() const noexcept;
 
     /// @throws Interrupted when the calling thread is interrupted
     static void check();

@@ -22,12 +22,12 @@ using Poco::JSON::Object;
 constexpr std::size_t GREATEST_DEPTH = 128;
 
 /// The quote that ends a string, or the end of the text when none does.
-const char* endOfString(const char* p, const char* end)
+const char* endOfString(const char* position, const char* end)
 {
-    while (p < end && *p != '"') {
-        p += *p == '\\' ? 2 : 1;  // whatever is escaped, a quote above all, does not end the string
+    while (position < end && *position != '"') {
+        position += *position == '\\' ? 2 : 1;  // whatever is escaped, a quote above all, does not end the string
     }
-    return std::min(p, end);
+    return std::min(position, end);
 }
 
 /// How deep objects and arrays are nested in a text, at most. Brackets inside strings do not count.
@@ -36,10 +36,10 @@ std::size_t greatestDepth(const std::string& text)
     std::size_t depth = 0;
     std::size_t greatest = 0;
     const char* const end = text.data() + text.size();
-    for (const char* p = text.data(); p < end; ++p) {
-        switch (*p) {
+    for (const char* position = text.data(); position < end; ++position) {
+        switch (*position) {
             case '"':
-                p = endOfString(p + 1, end);
+                position = endOfString(position + 1, end);
                 break;
             case '{':
             case '[':

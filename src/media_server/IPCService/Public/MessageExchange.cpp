@@ -46,7 +46,7 @@ MessageExchange::Turn::Turn()
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         isOverdue = left.count() <= 0 || !Interruption::wait(turnPassed, POLLIN, static_cast<long>(left.count()));
         std::uint64_t passes = 0;
-        (void)!::read(turnPassed, &passes, sizeof(passes));
+        [[maybe_unused]] const ssize_t taken = ::read(turnPassed, &passes, sizeof(passes));
     }
 }
 
@@ -61,13 +61,12 @@ void MessageExchange::Turn::pass() noexcept
     if (turnOwner == this) {
         turnOwner = nullptr;
         const std::uint64_t one = 1;
-        (void)!::write(turnPassed, &one, sizeof(one));
+        [[maybe_unused]] const ssize_t written = ::write(turnPassed, &one, sizeof(one));
     }
 }
 
 MessageExchange::MessageExchange()
-    : m_turn(),
-      m_pTransmitter(new IPCUnixTransmitter(EXCHANGE_PATH)),
+    : m_pTransmitter(new IPCUnixTransmitter(EXCHANGE_PATH)),
       m_pProtocol(new IPCServiceOldProtocol(m_pTransmitter.get())),
       m_bSent(false)
 {

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask";
 
-constexpr std::uint32_t pageSize = 30;
+constexpr std::uint32_t PAGE_SIZE = 30;
 constexpr long PAGE_DELAY = 1000;  // milliseconds
 
 /// Sets everything of a page but ITGT's import id, which stays until ITGT gives a new one.
@@ -45,7 +45,7 @@ void DownloadPictureTask::runTask()
     std::uint32_t startIndex = 0;
     std::uint32_t remaining = m_downloadTaskParam.totalNum;
     while (remaining > 0) {
-        const std::uint32_t offset = std::min(remaining, pageSize);
+        const std::uint32_t offset = std::min(remaining, PAGE_SIZE);
         remaining -= offset;
         refreshPage(page, m_downloadTaskParam, startIndex, offset);
         if (DownloadPictureProcess(page) == 0) {

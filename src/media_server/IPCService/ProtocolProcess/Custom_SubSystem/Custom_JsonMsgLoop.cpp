@@ -84,10 +84,8 @@ CustomJsonMsgLoop::CustomJsonMsgLoop(CustomSubSystem* pSubSystem)
     : Poco::Task(TASK_NAME),
       m_pApp(nullptr),
       m_address(Poco::Net::AddressFamily::UNIX_LOCAL, COMMAND_PATH),
-      m_socket(),
       m_downloadTaskParam(),
-      m_pSubSystem(pSubSystem),
-      m_interruption()
+      m_pSubSystem(pSubSystem)
 {
 }
 

@@ -147,7 +147,7 @@ public:
 class PlatformSession : public Poco::Net::HTTPSClientSession
 {
 public:
-    PlatformSession(const std::string& host, Poco::UInt16 port) : HTTPSClientSession(host, port), m_pSocket() {}
+    PlatformSession(const std::string& host, Poco::UInt16 port) : HTTPSClientSession(host, port) {}
 
     /// Throws what a stream of this session swallowed.
     void rethrowFailure() const
@@ -175,7 +175,7 @@ protected:
     {
         // A session with keep-alive answers a failed write with a second try over a new connection. The failure that
         // is reported is the first.
-        if (m_pSocket) {
+        if (!m_pSocket.isNull()) {
             throw Poco::Net::ConnectionResetException();
         }
         m_pSocket =

@@ -88,11 +88,9 @@ void setUpTls()
 CustomSubSystem::CustomSubSystem()
     : m_pTransmitter(new IPCUnixTransmitter(OWN_PATH)),
       m_pProtocol(new IPCServiceOldProtocol(m_pTransmitter.get())),
-      m_downloadTask(),
       m_ringBufHandle(nullptr),
       m_uuid(Poco::UUIDGenerator::defaultGenerator().create()),
-      m_bDownloading(false),
-      m_taskManager()
+      m_bDownloading(false)
 {
     LOG(Information, "CustomSubSystem ...");
 }

@@ -89,7 +89,7 @@ void captureChildSignal()
 
 }  // namespace
 
-Public_SubProcess::Public_SubProcess() : m_taskManager(threadPool()), m_pMetaDataRecvTask(), m_exitCode(EXIT_SOFTWARE)
+Public_SubProcess::Public_SubProcess() : m_taskManager(threadPool()), m_exitCode(EXIT_SOFTWARE)
 {
     memset_s(&m_stEventCacheHndl, sizeof(m_stEventCacheHndl), 0, sizeof(m_stEventCacheHndl));
 }
@@ -168,7 +168,7 @@ bool Public_SubProcess::endTasks() noexcept
     const auto deadline = Clock::now() + LONGEST_TASK_END;
     try {
         m_taskManager.cancelAll();
-        if (m_pMetaDataRecvTask) {
+        if (!m_pMetaDataRecvTask.isNull()) {
             m_pMetaDataRecvTask->interrupt();
         }
         // The task manager tells of a task's end before it forgets the task, so its count is the only sure sign.
