@@ -178,9 +178,9 @@ TEST(WriteLog, KeepsTheLinesOfManyThreadsApart)
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         const char letter = line.back();
-        const int i = next[letter]++;
+        const int record = next[letter]++;
         const std::string expected =
-            "INFO p:" + std::to_string(i) + ' ' + std::string(i % 4 == 0 ? 100000 : 50, letter);
+            "INFO p:" + std::to_string(record) + ' ' + std::string(record % 4 == 0 ? 100000 : 50, letter);
         ASSERT_EQ(line.substr(line.find(' ') + 1), expected);
     }
     ASSERT_EQ(next.size(), static_cast<std::size_t>(THREADS));

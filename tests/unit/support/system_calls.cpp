@@ -109,7 +109,7 @@ int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds)
 }
 
 // What a build with _FORTIFY_SOURCE calls where it does not see how large the array is.
-int __wrap___poll_chk(pollfd* waited, nfds_t count, int milliseconds, std::size_t)
+int __wrap___poll_chk(pollfd* waited, nfds_t count, int milliseconds, std::size_t /*size*/)
 {
     return __wrap_poll(waited, count, milliseconds);
 }

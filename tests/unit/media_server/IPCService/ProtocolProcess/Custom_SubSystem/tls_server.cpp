@@ -141,7 +141,7 @@ bool TlsConnection::send(const std::string& bytes)
     return bytes.empty() || SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size())) > 0;
 }
 
-void TlsConnection::waitUntilClientLeaves()
+void TlsConnection::waitUntilClientLeaves() const
 {
     std::array<char, 4096> buffer{};
     while (recv(m_descriptor, buffer.data(), buffer.size(), 0) > 0) {

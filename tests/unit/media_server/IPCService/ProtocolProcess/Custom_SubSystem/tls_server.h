@@ -31,7 +31,7 @@ public:
     bool send(const std::string& bytes);
 
     /** Holds the connection open, silent, until the client closes it or the server ends. */
-    void waitUntilClientLeaves();
+    void waitUntilClientLeaves() const;
 
     /** Waits until the server ends, without reading. */
     void waitUntilServerEnds() const;
