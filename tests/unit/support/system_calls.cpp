@@ -194,13 +194,15 @@ ssize_t sendto(int descriptor, const void* data, std::size_t length, int flags, 
     return next(descriptor, data, length, flags, address, size);
 }
 
-/// Comes before the C library's for shared libraries, too.
-ssize_t recv(int descriptor, void* buffer, std::size_t length, int flags)
+/// Comes before the C library's for shared libraries, too. Under a name of its own here: a build with _FORTIFY_SOURCE
+/// has a function "recv" in the headers already.
+ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags) __asm__("recv");
+ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags)
 {
     if (systemCalls().recvFails && systemCalls().recvFails()) {
         return failed(ENOMEM);
     }
-    static const auto next = reinterpret_cast<decltype(&::recv)>(::dlsym(RTLD_NEXT, "recv"));
+    static const auto next = reinterpret_cast<decltype(&recvForAll)>(::dlsym(RTLD_NEXT, "recv"));
     return next(descriptor, buffer, length, flags);
 }
 
