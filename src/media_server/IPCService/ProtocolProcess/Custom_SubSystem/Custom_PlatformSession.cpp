@@ -41,6 +41,7 @@ using Poco::Net::SecureStreamSocketImpl;
 constexpr std::chrono::seconds LONGEST_STEP(5);
 constexpr std::size_t COPY_BUFFER_SIZE = 8192;
 constexpr Poco::Int64 LONGEST_RESERVED_BODY = 64 << 20;  // bytes; address space is scarce on 32 bit
+constexpr std::size_t LONGEST_TRAILER = 8192;            // bytes of its name
 constexpr std::size_t SUPPLIED_SIZE = 64 << 10;          // bytes
 /// Several times what 30 large pictures take; without a bound a platform could have all of the memory.
 constexpr std::size_t LARGEST_BODY = 128 << 20;  // bytes
@@ -160,15 +161,7 @@ public:
 
     /// True when a chunked body broke off. The library takes a closed connection and a size that is no number for the
     /// end of the body; behind a real end stands nothing but trailers.
-    bool chunksBrokeOff()
-    {
-        std::string line;
-        while (buffered() > 0 && (line.empty() || line.back() != '\n')) {
-            line += static_cast<char>(get());
-        }
-        const bool isTrailer = line == "\r\n" || line.find(':') != std::string::npos;
-        return m_pSocket->peerClosed() || !(line.empty() || isTrailer);
-    }
+    bool chunksBrokeOff() { return (buffered() > 0 && !isTrailerNext()) || m_pSocket->peerClosed(); }
 
 protected:
     void connect(const Poco::Net::SocketAddress& address) override
@@ -184,6 +177,24 @@ protected:
     }
 
 private:
+    /// Reads a line, which may come in pieces, as far as it takes to know it.
+    /// @return true for a trailer, and for the empty line that ends them
+    bool isTrailerNext()
+    {
+        std::string line;
+        while (line.size() < LONGEST_TRAILER) {
+            const int character = get();
+            if (character == std::char_traits<char>::eof()) {
+                break;
+            }
+            line += static_cast<char>(character);
+            if (character == ':' || character == '\n') {
+                return character == ':' || line == "\r\n";
+            }
+        }
+        return false;
+    }
+
     Poco::AutoPtr<PlatformSocketImpl> m_pSocket;
 };
 

@@ -33,11 +33,15 @@ TEST_P(TrailerTest, BehindTheLastChunkIsNoPartOfTheBody)
 INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, TrailerTest,
                          testing::Values("", "One: 1\r\n", "One: 1\r\nTwo: 2\r\n", "One: 1\r\nTwo: 2\r\nThree: 3\r\n"));
 
-TEST_F(ResponseBodyTest, TrailersThatComeOneByOneBelongToAWholeBody)
+class TrailersInPiecesTest : public ResponseBodyTest, public testing::WithParamInterface<std::vector<const char*>>
+{
+};
+
+TEST_P(TrailersInPiecesTest, BelongToAWholeBody)
 {
     const TlsServer server([](TlsConnection& connection, const std::string&) {
-        for (const char* piece : {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nwhole\r\n0\r\n",
-                                  "One: 1\r\n", "Two: 2\r\n", "\r\n"}) {
+        connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nwhole\r\n");
+        for (const char* piece : GetParam()) {
             if (connection.clientLeavesWithin(std::chrono::milliseconds(20)) || !connection.send(piece)) {
                 return;
             }
@@ -46,6 +50,11 @@ TEST_F(ResponseBodyTest, TrailersThatComeOneByOneBelongToAWholeBody)
     EXPECT_EQ(post(server.port()), 200);
     EXPECT_EQ(m_response, "whole");
 }
+
+INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, TrailersInPiecesTest,
+                         testing::Values(std::vector<const char*>{"0\r\n", "One: 1\r\n", "Two: 2\r\n", "\r\n"},
+                                         std::vector<const char*>{"0\r\nOne: 1\r\nTw", "o: 2\r\n\r\n"},
+                                         std::vector<const char*>{"0\r\nOne: 1\r\n\r", "\n"}));
 
 class StatusWithoutBodyTest : public ResponseBodyTest, public testing::WithParamInterface<int>
 {
