@@ -56,6 +56,9 @@ std::size_t greatestDepth(const std::string& text)
     return greatest;
 }
 
+/// Bytes that most documents fit in: their text need not move as it grows.
+constexpr std::size_t USUAL_SIZE = 256;
+
 /// Blanks that an object turned into text is indented by.
 constexpr unsigned DEFAULT_BLANKS = 2;
 
@@ -80,7 +83,7 @@ class Writer
 {
 public:
     /// @param blanks  indentation of a level; 0: everything on one line
-    explicit Writer(unsigned blanks) : m_blanks(blanks) {}
+    explicit Writer(unsigned blanks) : m_blanks(blanks) { m_text.reserve(USUAL_SIZE); }
 
     void write(const Var& value, unsigned level)
     {

@@ -56,6 +56,28 @@ INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, TrailersInPiecesTest,
                                          std::vector<const char*>{"0\r\nOne: 1\r\nTw", "o: 2\r\n\r\n"},
                                          std::vector<const char*>{"0\r\nOne: 1\r\n\r", "\n"}));
 
+class GarbageForAChunkSizeTest : public ResponseBodyTest, public testing::WithParamInterface<std::vector<std::string>>
+{
+};
+
+TEST_P(GarbageForAChunkSizeTest, IsNoEndOfABody)
+{
+    const TlsServer server([](TlsConnection& connection, const std::string&) {
+        connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nwhole\r\n");
+        for (const std::string& piece : GetParam()) {
+            connection.send(piece);
+            connection.clientLeavesWithin(std::chrono::milliseconds(20));
+        }
+        connection.clientLeavesWithin(std::chrono::seconds(1));
+    });
+    expectFailure(post(server.port()), "response ends before its end");
+}
+
+INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, GarbageForAChunkSizeTest,
+                         testing::Values(std::vector<std::string>{"size\r\nno trailer\r\n"},
+                                         std::vector<std::string>{"size\r\nx", "\r\n"},
+                                         std::vector<std::string>{"size\r\n" + std::string(8192, 'x')}));
+
 class StatusWithoutBodyTest : public ResponseBodyTest, public testing::WithParamInterface<int>
 {
 };
