@@ -17,6 +17,7 @@ GROUP = "Standing by"
 MICRO_GROUP = "Pieces of work"
 SMALLEST = "smallest_server"
 STARTS = 25
+COUNTED_STARTS = 3
 AGAINST = "smallest POCO server"
 
 
@@ -44,8 +45,10 @@ def _start() -> list[Row]:
         found.append(Row(GROUP, name, AGAINST, ratio, aim=1.3, tolerance=0.5,
                          parts={"service, ms": statistics.median(ours),
                                 "smallest server, ms": statistics.median(theirs)}))
-    counts = [measuring.instructions(f"exec {measuring.callgrind()} {measuring.program(name)}",
-                                     measuring.wait_for_commands) for name in (SERVICE, SMALLEST)]
+    # Now and then one is told to stop before it has got far enough to end in order.
+    counts = [statistics.median(measuring.instructions(f"exec {measuring.callgrind()} {measuring.program(name)}",
+                                                       measuring.wait_for_commands) for _ in range(COUNTED_STARTS))
+              for name in (SERVICE, SMALLEST)]
     return [*found,
             Row(GROUP, "start and stop: instructions", AGAINST, counts[0] / counts[1], aim=1.3,
                 parts={"service, million": counts[0] / 1e6, "smallest server, million": counts[1] / 1e6})]

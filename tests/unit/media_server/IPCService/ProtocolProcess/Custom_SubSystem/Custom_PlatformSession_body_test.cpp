@@ -70,13 +70,12 @@ TEST_P(GarbageForAChunkSizeTest, IsNoEndOfABody)
         }
         connection.clientLeavesWithin(std::chrono::seconds(1));
     });
-    expectFailure(post(server.port()), "response ends before its end");
+    expectFailure(post(server.port()), "Malformed message: response ends before its end");
 }
 
 INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, GarbageForAChunkSizeTest,
-                         testing::Values(std::vector<std::string>{"size\r\nno trailer\r\n"},
-                                         std::vector<std::string>{"size\r\nx", "\r\n"},
-                                         std::vector<std::string>{"size\r\n" + std::string(8192, 'x')}));
+                         testing::Values(std::vector<std::string>{"size\r\n"}, std::vector<std::string>{"no", "\r\n"},
+                                         std::vector<std::string>{"n" + std::string(8192, 'x')}));
 
 class StatusWithoutBodyTest : public ResponseBodyTest, public testing::WithParamInterface<int>
 {
