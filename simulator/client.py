@@ -119,9 +119,14 @@ class Client:
     def _outside(self, path: str) -> Path:
         return self._folder / path.lstrip("/")
 
+    @staticmethod
+    def _is_head(data: bytes) -> bool:
+        """A service that dies between the datagrams of a reply leaves a head, and behind it comes the next one's."""
+        return len(data) == wire.HEAD_SIZE and data.startswith(wire.CLIENT_SOCKET.encode())
+
     def _handle(self, data: bytes) -> None:
         self._journal.add(self.name, "received", data=data)
-        if self._head is None:
+        if self._head is None or self._is_head(data):
             self._head = data
             return
         reply = CommandReply(self._head, data, time.monotonic())

@@ -235,8 +235,10 @@ class Service:
         code = process.wait()
         if process.stdin is not None:
             process.stdin.close()
-        self._exit_code = code if code >= 0 else 128 - code
-        self._journal.add(self.name, "ended", exit_code=self._exit_code)
+        # Whoever sees the exit code and starts the service anew must not find this end behind the new beginning.
+        with self._journal.locked():
+            self._exit_code = code if code >= 0 else 128 - code
+            self._journal.add(self.name, "ended", exit_code=self._exit_code)
 
     def _take_stderr(self) -> bool:
         """Takes what stands in the pipe of standard error; False once it has ended. For any thread.
