@@ -115,7 +115,7 @@ void Surroundings::end()
     servePeers();
     require(m_replies.empty(), "no reply is sent that nobody waits for");
     require(m_tasks.empty(), "no download is left");
-    require(!m_subSystem.isDownloading(), "a download that has ended is no longer busy");
+    require(!IPCService::MetaDataGW::isBusy(m_subSystem.m_bDownloading), "a download that has ended is no longer busy");
     for (const std::string& request : PlayedPlatform::instance().requests) {
         requireRequest(request);
     }
@@ -193,13 +193,17 @@ bool Surroundings::isReady(pollfd& waited) const
 
 int Surroundings::wait(pollfd* waited, nfds_t count, int milliseconds)
 {
-    require(count == 2, "the service waits for a descriptor and its interruption");
+    require(count >= 1 && count <= 3, "the service waits for its interruption and for two descriptors at most");
+    pollfd& interruption = waited[count - 1];
     servePeers();
     if (!m_isInterrupted) {
-        if (waited[0].fd >= 0 && isReady(waited[0])) {
-            return 1;
+        for (pollfd* one = waited; one != &interruption; ++one) {
+            if (one->fd >= 0 && isReady(*one)) {
+                return 1;
+            }
         }
-        if (milliseconds >= 0) {
+        // Who waits for two descriptors waits for a reply. Every reply that will come is there.
+        if (milliseconds >= 0 && count < 3) {
             return 0;
         }
         if (giveInput && giveInput()) {
@@ -207,6 +211,6 @@ int Surroundings::wait(pollfd* waited, nfds_t count, int milliseconds)
         }
     }
     m_isInterrupted = true;
-    waited[1].revents = POLLIN;
+    interruption.revents = POLLIN;
     return 1;
 }

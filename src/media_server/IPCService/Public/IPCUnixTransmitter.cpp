@@ -3,8 +3,13 @@
 #include <Poco/Exception.h>
 #include <Poco/Timespan.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
 
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
@@ -23,6 +28,19 @@ void bindToPath(Poco::Net::DatagramSocket& socket, const Poco::Net::SocketAddres
     ::unlink(path.c_str());
     socket.bind(address, false);
     ::chmod(path.c_str(), 0660);
+}
+
+std::string senderOfNextDatagram(int descriptor)
+{
+    sockaddr_un sender = {};
+    socklen_t length = sizeof(sender);
+    char byte = 0;
+    const ssize_t size = ::recvfrom(descriptor, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT,
+                                    reinterpret_cast<sockaddr*>(&sender), &length);
+    // The address of a sender without a path ends before the path.
+    return size < 0 || length <= offsetof(sockaddr_un, sun_path)
+               ? std::string()
+               : std::string(sender.sun_path, ::strnlen(sender.sun_path, sizeof(sender.sun_path)));
 }
 
 IPCUnixTransmitter::IPCUnixTransmitter(const std::string& path) : m_address(Poco::Net::AddressFamily::UNIX_LOCAL, path)
@@ -46,10 +64,19 @@ int IPCUnixTransmitter::sendTo(const void* buffer, int length, const Poco::Net::
     }
 }
 
+int IPCUnixTransmitter::sendAgain(const void* buffer, int length, const Poco::Net::SocketAddress& address)
+{
+    try {
+        return m_socket.sendTo(buffer, length, address, DATAGRAM_SEND_FLAGS);
+    } catch (const Poco::Exception&) {
+        return -1;
+    }
+}
+
 int IPCUnixTransmitter::receiveBytes(void* buffer, int length)
 {
     try {
-        Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
+        Interruption::wait(descriptor(), POLLIN, -1);
         return m_socket.receiveBytes(buffer, length, 0);
     } catch (const Poco::Exception& exc) {
         LOG(Error, "receiveBytes fail:%s.", exc.displayText().c_str());

@@ -17,6 +17,11 @@ constexpr int DATAGRAM_SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
 /// @throws Poco::IOException when the path cannot be bound
 void bindToPath(Poco::Net::DatagramSocket& socket, const Poco::Net::SocketAddress& address);
 
+/// The path that the next datagram on a unix socket was sent from. The datagram stays.
+/// @param descriptor  a socket on which one waits
+/// @return empty when its sender has no path
+std::string senderOfNextDatagram(int descriptor);
+
 /// One unix datagram socket bound to a path. Has no lock: two threads must not both wait for replies on it.
 /// Destruction closes the socket and leaves its file, which the next bind removes.
 class IPCUnixTransmitter : public IPCServiceTransmitter
@@ -31,6 +36,9 @@ public:
 
     int sendTo(const void* buffer, int length, const Poco::Net::SocketAddress& address) override;
 
+    /// Like sendTo, for a message whose first failure is logged already: logs none.
+    int sendAgain(const void* buffer, int length, const Poco::Net::SocketAddress& address);
+
     /// Waits without limit. @throws Interrupted when the calling thread is interrupted
     int receiveBytes(void* buffer, int length) override;
 
@@ -38,6 +46,9 @@ public:
     int receiveFrom(void* buffer, int length, Poco::Net::SocketAddress& address) override;
 
     int PollRead(long seconds, long microseconds) override;
+
+    /// The socket, to wait on together with others.
+    int descriptor() const { return m_socket.impl()->sockfd(); }
 
 private:
     Poco::Net::SocketAddress m_address;

@@ -1,13 +1,10 @@
 #include "media_server/IPCService/Public/Interruption.h"
 
-#include <Poco/Exception.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 
@@ -15,83 +12,97 @@ namespace IPCService {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Interruption::Clock;
 
-/// A negative descriptor takes no part in poll.
-constexpr int NO_DESCRIPTOR = -1;
+constexpr Clock::time_point NO_LIMIT = Clock::time_point::max();
+constexpr std::size_t MOST_DESCRIPTORS = 2;
 
-thread_local Interruption* currentInterruption = nullptr;
+/// Of the interruption that is bound to this thread; null: none is.
+thread_local const WakeUp* interruption = nullptr;
 
-/// What is left until a deadline, in whole milliseconds, rounded up so that a wait never ends early.
+/// What is left until a deadline, in whole milliseconds, rounded up so that a wait never ends early; -1: no limit.
 int millisecondsUntil(Clock::time_point deadline)
 {
+    if (deadline == NO_LIMIT) {
+        return -1;
+    }
     const std::int64_t left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     const std::int64_t most = std::numeric_limits<int>::max();
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, most));
 }
 
-}  // namespace
-
-Interruption::Scope::Scope(Interruption& interruption) noexcept : m_pOuter(currentInterruption)
+/// What the calling thread's interruption is waited for with; nothing when there is none.
+pollfd interruptionOfThread()
 {
-    currentInterruption = &interruption;
+    return {interruption != nullptr ? interruption->descriptor() : -1, POLLIN, 0};
 }
 
-Interruption::Scope::~Scope()
+Clock::time_point deadlineAfter(long milliseconds)
 {
-    currentInterruption = m_pOuter;
+    return milliseconds < 0 ? NO_LIMIT : Clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
-Interruption::Interruption() : m_descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+/// @param waited  what to wait for, and behind it a place for the interruption
+/// @param count   number of descriptors without the interruption
+/// @return false after the deadline
+bool pollUntil(pollfd* waited, std::size_t count, Clock::time_point deadline)
 {
-    if (m_descriptor < 0) {
-        throw Poco::SystemException("cannot create an event descriptor", errno);
-    }
-}
-
-Interruption::~Interruption()
-{
-    ::close(m_descriptor);
-}
-
-void Interruption::interrupt() const noexcept
-{
-    // Fails only when the counter is full, and then the descriptor is readable already.
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(m_descriptor, &one, sizeof(one));
-}
-
-void Interruption::check()
-{
-    wait(NO_DESCRIPTOR, 0, 0);
-}
-
-void Interruption::sleep(long milliseconds)
-{
-    wait(NO_DESCRIPTOR, 0, milliseconds);
-}
-
-bool Interruption::wait(int descriptor, short events, long milliseconds)
-{
-    const bool limited = milliseconds >= 0;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-    pollfd waited[] = {{descriptor, events, 0},
-                       {currentInterruption != nullptr ? currentInterruption->m_descriptor : NO_DESCRIPTOR, POLLIN, 0}};
+    // poll passes over a negative descriptor: one that is closed would be waited for in vain.
+    const bool isClosed = std::any_of(waited, waited + count, [](const pollfd& one) { return one.fd < 0; });
     for (;;) {
-        const int ready = ::poll(waited, 2, limited ? millisecondsUntil(deadline) : -1);
+        const int ready = ::poll(waited, count + 1, isClosed ? 0 : millisecondsUntil(deadline));
         if (ready > 0) {
-            if (waited[1].revents != 0) {
+            if (waited[count].revents != 0) {
                 throw Interrupted();
             }
             return true;
         }
         if (ready == 0) {
-            return false;
+            return isClosed;
         }
         if (errno != EINTR) {
             return true;  // out of memory: the descriptor's next use decides
         }
     }
+}
+
+}  // namespace
+
+Interruption::Scope::Scope(const Interruption& bound) noexcept : m_pOuter(interruption)
+{
+    interruption = &bound.m_wakeUp;
+}
+
+Interruption::Scope::~Scope()
+{
+    interruption = m_pOuter;
+}
+
+void Interruption::check()
+{
+    sleep(0);
+}
+
+void Interruption::sleep(long milliseconds)
+{
+    waitForAny({}, deadlineAfter(milliseconds));
+}
+
+bool Interruption::wait(int descriptor, short events, long milliseconds)
+{
+    pollfd waited[] = {{descriptor, events, 0}, interruptionOfThread()};
+    return pollUntil(waited, 1, deadlineAfter(milliseconds));
+}
+
+bool Interruption::waitForAny(std::initializer_list<int> descriptors, Clock::time_point deadline)
+{
+    pollfd waited[MOST_DESCRIPTORS + 1] = {};
+    std::size_t count = 0;
+    for (const int descriptor : descriptors) {
+        waited[count++] = {descriptor, POLLIN, 0};
+    }
+    waited[count] = interruptionOfThread();
+    return pollUntil(waited, count, deadline);
 }
 
 }  // namespace IPCService

@@ -1,6 +1,11 @@
 #ifndef IPCSERVICE_INTERRUPTION_H
 #define IPCSERVICE_INTERRUPTION_H
 
+#include <chrono>
+#include <initializer_list>
+
+#include "media_server/IPCService/Public/WakeUp.h"
+
 namespace IPCService {
 
 /// Thrown where an interrupted thread would wait. It unwinds the thread's work up to its task. It is no failure, so
@@ -24,41 +29,45 @@ public:
     class Scope
     {
     public:
-        explicit Scope(Interruption& interruption) noexcept;
+        explicit Scope(const Interruption& bound) noexcept;
         ~Scope();
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;
 
     private:
-        Interruption* m_pOuter;
+        const WakeUp* m_pOuter;
     };
 
-    /// @throws Poco::SystemException when no descriptor is free
-    Interruption();
-    ~Interruption();
-    Interruption(const Interruption&) = delete;
-    Interruption& operator=(const Interruption&) = delete;
+    using Clock = std::chrono::steady_clock;
 
     /// Ends the bound thread's present wait and all later ones. There is no way back.
-    void interrupt() const noexcept;
+    void interrupt() const noexcept { m_wakeUp.signal(); }
 
     /// @throws Interrupted when the calling thread is interrupted
     static void check();
 
     /// Waits until a descriptor is ready.
     ///
-    /// @param descriptor    what to wait for; a bad one counts as ready, so that its next use reports the failure
+    /// @param descriptor    what to wait for; one that is closed, -1 too, counts as ready, so that its next use reports
+    /// the failure
     /// @param events        POLLIN or POLLOUT
     /// @param milliseconds  longest wait; negative: no limit
     /// @return true when ready, false after the time-out
     /// @throws Interrupted when the calling thread is interrupted
     static bool wait(int descriptor, short events, long milliseconds);
 
+    /// Waits until one of a few descriptors is readable, see wait().
+    ///
+    /// @param descriptors  two at most
+    /// @param deadline     Clock::time_point::max(): no limit
+    /// @return true when one is readable, false after the deadline
+    static bool waitForAny(std::initializer_list<int> descriptors, Clock::time_point deadline);
+
     /// Sleeps. @throws Interrupted when the calling thread is interrupted
     static void sleep(long milliseconds);
 
 private:
-    int m_descriptor;  ///< an event descriptor that becomes readable with interrupt() and stays so
+    WakeUp m_wakeUp;  ///< signalled with interrupt(), and never cleared
 };
 
 }  // namespace IPCService

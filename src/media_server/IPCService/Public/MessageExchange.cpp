@@ -1,12 +1,9 @@
 #include "media_server/IPCService/Public/MessageExchange.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include <Poco/Exception.h>
 
-#include <chrono>
-#include <cstdint>
-#include <mutex>
+#include <cstring>
+#include <string>
 
 #include "media_server/IPCService/Public/Interruption.h"
 
@@ -14,79 +11,53 @@ namespace IPCService {
 
 namespace {
 
-constexpr std::chrono::milliseconds LONGEST_TURN(5000);
+constexpr std::chrono::seconds ATTEMPT_INTERVAL(1);
 
-/// Who has the turn, of all threads; null: nobody. Under turnMutex.
-const void* turnOwner = nullptr;
-std::mutex turnMutex;
-
-/// Becomes readable when the turn is passed on: unlike a condition it can be waited for together with an interruption.
-/// Opened before anything can use up the descriptors, and kept for the life of the process.
-const int turnPassed = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-
-/// @param isOverdue  whether the present owner has had its time
-bool tryTakeTurn(const void* owner, bool isOverdue)
+/// @throws Poco::InvalidArgumentException when nobody could ever reply from there
+std::string destinationOf(const MSG_DATA& request)
 {
-    const std::lock_guard<std::mutex> lock(turnMutex);
-    if (turnOwner != nullptr && !isOverdue) {
-        return false;
+    std::string path(request.destPath, ::strnlen(request.destPath, sizeof(request.destPath)));
+    if (path.empty() || path == EXCHANGE_PATH) {
+        throw Poco::InvalidArgumentException("message to nobody", path);
     }
-    turnOwner = owner;
-    return true;
+    return path;
 }
 
 }  // namespace
 
-MessageExchange::Turn::Turn()
+MessageExchange::MessageExchange() : m_socket(ExchangeSocket::ofProcess())
 {
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + LONGEST_TURN;
-    bool isOverdue = false;
-    while (!tryTakeTurn(this, isOverdue)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        isOverdue = left.count() <= 0 || !Interruption::wait(turnPassed, POLLIN, static_cast<long>(left.count()));
-        std::uint64_t passes = 0;
-        [[maybe_unused]] const ssize_t taken = ::read(turnPassed, &passes, sizeof(passes));
-    }
+    m_socket.join(m_member);
 }
 
-MessageExchange::Turn::~Turn()
+MessageExchange::~MessageExchange()
 {
-    pass();
+    m_socket.leave(m_member);
 }
 
-void MessageExchange::Turn::pass() noexcept
+void MessageExchange::send(const MSG_DATA& request)
 {
-    const std::lock_guard<std::mutex> lock(turnMutex);
-    if (turnOwner == this) {
-        turnOwner = nullptr;
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t written = ::write(turnPassed, &one, sizeof(one));
-    }
-}
-
-MessageExchange::MessageExchange()
-    : m_pTransmitter(new IPCUnixTransmitter(EXCHANGE_PATH)),
-      m_pProtocol(new IPCServiceOldProtocol(m_pTransmitter.get())),
-      m_bSent(false)
-{
-}
-
-MessageExchange::~MessageExchange() = default;
-
-void MessageExchange::send(const MSG_DATA& message)
-{
-    const std::string destPath(message.destPath, ::strnlen(message.destPath, sizeof(message.destPath)));
-    m_bSent = m_pProtocol->send(destPath, message.command, message) >= 0;
+    waitForTurn();
+    sendOnce(request, false);
 }
 
 QL_CMD_TYPE MessageExchange::receive(MSG_DATA& message)
 {
-    QL_CMD_TYPE command = message.command;
-    if (m_bSent) {
-        m_pProtocol->receive(command, message);
+    for (;;) {
+        const RequestState state = m_socket.stateOf(m_member);
+        if (state == RequestState::Answered) {
+            break;
+        }
+        if (state == RequestState::Left) {
+            waitForReply(Clock::time_point::max());
+        } else if (Clock::now() < m_nextAttempt) {
+            waitForReply(m_nextAttempt);
+        } else if (waitForTurn()) {
+            sendOnce(message, true);
+        }
     }
-    return command;
+    m_socket.takeReply(m_member, message);
+    return message.command;
 }
 
 QL_CMD_TYPE MessageExchange::exchange(MSG_DATA& message)
@@ -95,9 +66,44 @@ QL_CMD_TYPE MessageExchange::exchange(MSG_DATA& message)
     return receive(message);
 }
 
-void MessageExchange::finish()
+bool MessageExchange::waitForTurn()
 {
-    m_turn.pass();
+    m_socket.queue(m_member);
+    while (!m_socket.takeTurn(m_member)) {
+        const RequestState state = m_socket.stateOf(m_member);
+        if (state == RequestState::Answered) {
+            m_socket.passTurn(m_member);
+            return false;
+        }
+        const Clock::time_point turn = m_socket.turnComesAt(m_member);
+        if (state == RequestState::None) {
+            // Nothing that arrives is for this one yet.
+            Interruption::waitForAny({m_member.wakeUp.descriptor()}, turn);
+            m_member.wakeUp.clear();
+        } else {
+            waitForReply(turn);
+        }
+    }
+    return true;
+}
+
+void MessageExchange::sendOnce(const MSG_DATA& request, bool isRepetition)
+{
+    const bool hasLeft = m_socket.send(m_member, request, destinationOf(request), isRepetition);
+    m_nextAttempt = Clock::now() + ATTEMPT_INTERVAL;
+    if (!hasLeft) {
+        m_socket.passTurn(m_member);
+    }
+}
+
+void MessageExchange::waitForReply(Clock::time_point deadline)
+{
+    Interruption::waitForAny({m_member.wakeUp.descriptor(), m_socket.descriptor()}, deadline);
+    m_member.wakeUp.clear();
+    if (!m_socket.deliver()) {
+        // Whatever is wrong with the socket may last: no use in running into it at full speed.
+        Interruption::sleep(std::chrono::milliseconds(ATTEMPT_INTERVAL).count());
+    }
 }
 
 }  // namespace IPCService

@@ -1,64 +1,55 @@
 #ifndef IPCSERVICE_MESSAGEEXCHANGE_H
 #define IPCSERVICE_MESSAGEEXCHANGE_H
 
-#include <Poco/SharedPtr.h>
-
-#include "media_server/IPCService/Public/IPCServiceOldProtocol.h"
-#include "media_server/IPCService/Public/IPCUnixTransmitter.h"
+#include "media_server/IPCService/Public/ExchangeSocket.h"
 #include "media_server/IPCService/Public/MsgData.h"
 
 namespace IPCService {
 
-/// Socket path that every request to the camera's other processes is sent from.
-constexpr char EXCHANGE_PATH[] = "/tmp/CP";
-
-/// Requests to the camera's other processes and their replies, over an own socket on EXCHANGE_PATH.
+/// Requests to the camera's other processes and their replies, one after the other, over the socket on EXCHANGE_PATH
+/// that all exchanges of the process share while they live.
 ///
-/// The socket bound last owns the path, so exchanges must not overlap: the constructor waits for its turn. An
-/// exchange that hangs on a silent peer would block all others for ever; whoever has waited 5 seconds goes ahead and
-/// takes the path from it.
+/// Exchanges take turns, request by request: one sends when the one before it has its reply. Whose peer has been silent
+/// for 5 seconds no longer holds up the others, and still gets its reply, however late. A request that cannot leave,
+/// because its peer is away, is sent again every second until it does.
 ///
 /// Belongs to one thread. Waiting throws Interrupted when that thread is interrupted.
 class MessageExchange
 {
 public:
-    /// Waits for the turn and binds the path.
+    /// Binds the path, if no other exchange has.
     /// @throws Poco::IOException when the path cannot be bound
+    /// @throws Poco::SystemException when no descriptor is free
     MessageExchange();
     ~MessageExchange();
     MessageExchange(const MessageExchange&) = delete;
     MessageExchange& operator=(const MessageExchange&) = delete;
 
-    /// Sends a message to the path in its own destination field. A failure is logged by the transmitter.
-    void send(const MSG_DATA& message);
+    /// Waits for the turn and sends a request to the path in its own destination field. When it does not leave, which
+    /// the transmitter logs, receive() sends it again.
+    /// @throws Poco::InvalidArgumentException when that field is empty or names this service's own path: nobody there
+    ///         could ever reply
+    void send(const MSG_DATA& request);
 
-    /// Waits without limit for the reply to what was sent and takes it into message. Nothing is waited for when the
-    /// request did not leave, since nobody will answer it; message then stays as it is.
+    /// Waits without limit for the reply to what was sent.
+    /// @param message  the request, unchanged; the reply is written over it, a short one over its beginning
     /// @return the command found in message
     QL_CMD_TYPE receive(MSG_DATA& message);
 
     /// send and receive.
     QL_CMD_TYPE exchange(MSG_DATA& message);
 
-    /// Lets the next exchange have its turn while this object, with its socket, still lives.
-    void finish();
-
 private:
-    /// This process's one turn, held from construction until the exchange is over, or until another took it.
-    class Turn
-    {
-    public:
-        Turn();
-        ~Turn();
-        Turn(const Turn&) = delete;
-        Turn& operator=(const Turn&) = delete;
-        void pass() noexcept;
-    };
+    using Clock = ExchangeSocket::Clock;
 
-    Turn m_turn;  // first: the turn is taken before the path, and passed on after the socket is closed
-    Poco::SharedPtr<IPCUnixTransmitter> m_pTransmitter;
-    Poco::SharedPtr<IPCServiceOldProtocol> m_pProtocol;
-    bool m_bSent;
+    /// @return false when the reply was there before the turn came
+    bool waitForTurn();
+    void sendOnce(const MSG_DATA& request, bool isRepetition);
+    void waitForReply(Clock::time_point deadline);
+
+    ExchangeSocket& m_socket;
+    ExchangeMember m_member;
+    Clock::time_point m_nextAttempt;  ///< when a request that did not leave is sent again
 };
 
 }  // namespace IPCService

@@ -1,4 +1,3 @@
-#include <Poco/AutoPtr.h>
 #include <Poco/Dynamic/Var.h>
 #include <Poco/Exception.h>
 #include <Poco/NumberFormatter.h>
@@ -103,7 +102,7 @@ DownloadTaskParam readArguments(const Object& info)
 
 bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
 {
-    if (m_pSubSystem->isDownloading()) {
+    if (isBusy(m_pSubSystem->m_bDownloading)) {
         LOG(Information, "not allowed,is downloading  white now");
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_BUSY);
         return false;
@@ -113,7 +112,8 @@ bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
         LOG(Information, "ServerIp:%s  ServerPort:%d ServerUri:%s ResultUri:%s", m_downloadTaskParam.ServerIp.c_str(),
             static_cast<int>(m_downloadTaskParam.ServerPort), m_downloadTaskParam.ServerUri.c_str(),
             m_downloadTaskParam.ResultUri.c_str());
-        startDownload();
+        // The task is busy from its making on: the next command may come before its thread runs.
+        m_pApp->startTask(new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
     } catch (const std::exception& exc) {
         LOG(Error, "DownWhiteHandler Err %s ", exceptionText(exc).c_str());
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
@@ -121,19 +121,6 @@ bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
     }
     SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_OK);
     return true;
-}
-
-void CustomJsonMsgLoop::startDownload()
-{
-    m_pSubSystem->setDownloading(true);
-    try {
-        Poco::AutoPtr<CustomJsonPicDownloadTask> pTask(
-            new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
-        m_pApp->startTask(pTask.duplicate());
-    } catch (...) {
-        m_pSubSystem->setDownloading(false);
-        throw;
-    }
 }
 
 }  // namespace MetaDataGW

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <exception>
 
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_FaceLibrary.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.h"
 #include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/Interruption.h"
@@ -24,9 +25,6 @@ namespace MetaDataGW {
 namespace {
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj";
-
-constexpr char FACE_LIBRARY_DIRECTORY[] = "/tmp/mmcblk0/face_basic/faceLib/";
-constexpr char PAGE_FILE_PREFIX[] = "white";
 
 constexpr std::uint32_t IMPORT_FILE_SUB_TYPE = 1;
 constexpr std::uint32_t IMPORT_FILE_COUNT = 3;
@@ -116,7 +114,7 @@ void notifyItgt(DownloadPictureProcParam& page, const std::string& fileName)
 
 enum class Progress { Imported, NotReady, OtherCommand };
 
-/// Asks ITGT once how far the page's import is; unless it is done, pauses before the socket is given back.
+/// Asks ITGT once how far the page's import is; unless it is done, pauses before the exchange ends.
 /// @param message  the message of the previous try: only the fields set here are rewritten
 Progress askProgress(const DownloadPictureProcParam& page, MSG_DATA& message)
 {
@@ -126,7 +124,6 @@ Progress askProgress(const DownloadPictureProcParam& page, MSG_DATA& message)
     MsgField::ProgressTaskId::set(message, page.importTaskId);
     LOG(Information, "Task ID is %lld", static_cast<long long>(page.importTaskId));
     const QL_CMD_TYPE command = exchange.exchange(message);
-    exchange.finish();
     if (command != CMD_FACE_IMPORT_PROGRESS) {
         Interruption::sleep(POLL_INTERVAL);
         return Progress::OtherCommand;

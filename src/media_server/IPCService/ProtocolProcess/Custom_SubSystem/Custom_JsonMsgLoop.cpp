@@ -6,8 +6,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
-#include <iterator>
 #include <memory>
 #include <new>
 
@@ -28,7 +28,6 @@ using Poco::JSON::Object;
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
 
-constexpr char COMMAND_PATH[] = "/tmp/HK";
 constexpr char TASK_NAME[] = "Json Msg Loop";
 constexpr int ATTEMPTS = 3;
 constexpr long ATTEMPT_PAUSE = 10;  // milliseconds
@@ -37,15 +36,24 @@ constexpr unsigned REPLY_BLANKS = 2;
 const std::string taskName = "taskName";
 const std::string taskInfo = "taskInfo";
 
-/// What every socket path of the camera, and so every head, begins with. No JSON text does.
-constexpr char HEAD_BEGIN[] = {'/', 't', 'm', 'p', '/'};
+constexpr char JSON_SPACES[] = " \t\n\r";
+/// What a value of JSON text begins with.
+constexpr char JSON_BEGINS[] = "{[\"-0123456789tfn";
+
+/// @param text  the beginning of a datagram, up to its first NUL
+bool canBeginJson(const char* text)
+{
+    const char first = text[std::strspn(text, JSON_SPACES)];
+    return first != '\0' && std::strchr(JSON_BEGINS, first) != nullptr;
+}
 
 /// True when a datagram that should be a body is the next head instead: it has the size of a head, not the one that
-/// was announced, and begins like one.
-bool isHead(int size, const char (&begin)[sizeof(HEAD_BEGIN)], std::uint32_t announcedLength)
+/// was announced, and cannot begin JSON text.
+/// @param begin  of the datagram, with a NUL behind it
+bool isHead(int size, const char* begin, std::uint32_t announcedLength)
 {
     return size == static_cast<int>(sizeof(CommandHead)) && announcedLength != sizeof(CommandHead) &&
-           std::equal(std::begin(begin), std::end(begin), HEAD_BEGIN);
+           !canBeginJson(begin);
 }
 
 /// The command's name as text.
@@ -154,7 +162,13 @@ void CustomJsonMsgLoop::dispatch(const Var& cmd, Object::Ptr& info, std::uint32_
 
 int CustomJsonMsgLoop::receiveDatagram(void* buffer, std::size_t length, int flags)
 {
-    Interruption::wait(m_socket.impl()->sockfd(), POLLIN, -1);
+    const int descriptor = m_socket.impl()->sockfd();
+    Interruption::wait(descriptor, POLLIN, -1);
+    while (senderOfNextDatagram(descriptor) == COMMAND_PATH) {
+        // A reply to a client whose path leads back here. Taken for a command it would be answered, and so on for ever.
+        takeDatagram(buffer, 0, 0);
+        Interruption::wait(descriptor, POLLIN, -1);
+    }
     return takeDatagram(buffer, length, flags);
 }
 
@@ -170,8 +184,8 @@ int CustomJsonMsgLoop::takeDatagram(void* buffer, std::size_t length, int flags)
 
 bool CustomJsonMsgLoop::receiveBody(std::uint32_t announcedLength, std::string& body)
 {
-    char begin[sizeof(HEAD_BEGIN)] = {};
-    const int size = receiveDatagram(begin, sizeof(begin), MSG_PEEK | MSG_TRUNC);
+    char begin[sizeof(CommandHead) + 1] = {};
+    const int size = receiveDatagram(begin, sizeof(CommandHead), MSG_PEEK | MSG_TRUNC);
     if (size < 0) {
         return false;
     }

@@ -27,10 +27,13 @@ constexpr int STATUS_OK = 200;
 constexpr int STATUS_FAILED = 400;
 constexpr int STATUS_BUSY = 409;
 
+/// Socket path that commands come in on.
+constexpr char COMMAND_PATH[] = "/tmp/HK";
+
 /// Socket path that every reply goes to.
 constexpr char COMMAND_CLIENT_PATH[] = "/tmp/KH";
 
-/// Receives JSON commands on "/tmp/HK", one after the other, and answers them on COMMAND_CLIENT_PATH.
+/// Receives JSON commands on COMMAND_PATH, one after the other, and answers them on COMMAND_CLIENT_PATH.
 ///
 /// A command or reply is two datagrams: a head of 280 bytes with a tag and the length of the second, and a body of JSON
 /// text. Everything runs on the task's thread, a thread of the service's task manager; only cancel() may be called
@@ -102,9 +105,6 @@ private:
 
     void serveCommand();
     void dispatch(const Poco::Dynamic::Var& cmd, Poco::JSON::Object::Ptr& info, std::uint32_t& tag);
-
-    /// Starts the download that m_downloadTaskParam describes, and takes the busy mark back when that fails.
-    void startDownload();
 
     Poco::Net::SocketAddress m_address;
     Poco::Net::DatagramSocket m_socket;

@@ -13,24 +13,14 @@ namespace {
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask";
 
-/// Marks the subsystem busy for its lifetime.
-class BusyMark
-{
-public:
-    explicit BusyMark(CustomSubSystem& subSystem) : m_subSystem(subSystem) { m_subSystem.setDownloading(true); }
-    ~BusyMark() { m_subSystem.setDownloading(false); }
-    BusyMark(const BusyMark&) = delete;
-    BusyMark& operator=(const BusyMark&) = delete;
-
-private:
-    CustomSubSystem& m_subSystem;
-};
-
 }  // namespace
 
 CustomJsonPicDownloadTask::CustomJsonPicDownloadTask(CustomSubSystem* pSubSystem,
                                                      const DownloadTaskParam* pDownloadTaskParam)
-    : Poco::Task("Json pic download Task"), m_pSubSystem(pSubSystem), m_pDownloadTaskParam(pDownloadTaskParam)
+    : Poco::Task("Json pic download Task"),
+      m_busyMark(pSubSystem->m_bDownloading),
+      m_pSubSystem(pSubSystem),
+      m_pDownloadTaskParam(pDownloadTaskParam)
 {
 }
 
@@ -47,8 +37,8 @@ void CustomJsonPicDownloadTask::run()
     try {
         Poco::Task::run();
     } catch (const std::exception& exc) {
+        m_busyMark.release();
         LOG(Error, "CustomJsonPicDownloadTask Err %s ", exceptionText(exc).c_str());
-        m_pSubSystem->setDownloading(false);
     }
 }
 
@@ -68,7 +58,12 @@ void CustomJsonPicDownloadTask::runTask()
 
 void CustomJsonPicDownloadTask::download()
 {
-    const BusyMark busy(*m_pSubSystem);
+    struct ReleaseAtEnd
+    {
+        BusyMark& mark;
+        ~ReleaseAtEnd() { mark.release(); }
+    };
+    const ReleaseAtEnd releaseAtEnd{m_busyMark};
     // A copy: a later command may rewrite the record while this download runs.
     m_pSubSystem->m_downloadTask.m_downloadTaskParam = *m_pDownloadTaskParam;
     m_pSubSystem->m_downloadTask.runTask();

@@ -3,6 +3,7 @@
 
 #include <Poco/Task.h>
 
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_BusyMark.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadTaskParam.h"
 #include "media_server/IPCService/Public/Interruption.h"
 
@@ -11,8 +12,8 @@ namespace MetaDataGW {
 
 class CustomSubSystem;
 
-/// Carries out one accepted whiteListDown command: marks the subsystem busy for the length of the download, and runs
-/// the subsystem's DownloadPictureTask on its own thread, a thread of the service's task manager.
+/// Carries out one accepted whiteListDown command: marks the subsystem busy from its making to the download's end, and
+/// runs the subsystem's DownloadPictureTask on its own thread, a thread of the service's task manager.
 class CustomJsonPicDownloadTask : public Poco::Task
 {
 public:
@@ -36,6 +37,7 @@ private:
     void download();
 
     Interruption m_interruption;
+    BusyMark m_busyMark;
     CustomSubSystem* m_pSubSystem;
     const DownloadTaskParam* m_pDownloadTaskParam;
 };

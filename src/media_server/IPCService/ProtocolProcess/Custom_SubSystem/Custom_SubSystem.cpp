@@ -12,6 +12,7 @@
 #include <openssl/ssl.h>
 #include <unistd.h>
 
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HandOver.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 #include "media_server/IPCService/Public/MsgData.h"
@@ -41,6 +42,7 @@ constexpr char CIPHERS[] =
 
 void switchUser()
 {
+    handOverTo(SERVICE_USER);
     if (QL_ChangeProcUser(SERVICE_USER) != 0) {
         LOG(Error, "Fail to run ChangeProcUser");
     }
@@ -118,16 +120,6 @@ void CustomSubSystem::initialize(Poco::Util::Application& app)
 }
 
 void CustomSubSystem::uninitialize() {}
-
-bool CustomSubSystem::isDownloading() const
-{
-    return __atomic_load_n(&m_bDownloading, __ATOMIC_ACQUIRE);
-}
-
-void CustomSubSystem::setDownloading(bool bDownloading)
-{
-    __atomic_store_n(&m_bDownloading, bDownloading, __ATOMIC_RELEASE);
-}
 
 void CustomSubSystem::announceToItgt()
 {

@@ -7,6 +7,7 @@
 #include <Poco/UUID.h>
 #include <Poco/Util/Subsystem.h>
 
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_BusyMark.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask.h"
 #include "media_server/IPCService/Public/IPCServiceOldProtocol.h"
 #include "media_server/IPCService/Public/IPCUnixTransmitter.h"
@@ -41,12 +42,6 @@ public:
     /// Does nothing: sockets and ring buffer stay open until the process ends.
     void uninitialize() override;
 
-    /// True while a download runs. Any thread.
-    bool isDownloading() const;
-
-    /// Any thread.
-    void setDownloading(bool bDownloading);
-
 private:
     Poco::SharedPtr<IPCUnixTransmitter> m_pTransmitter;
     Poco::SharedPtr<IPCServiceOldProtocol> m_pProtocol;
@@ -60,8 +55,8 @@ public:
 
     Poco::UUID m_uuid;
 
-    /// Busy mark: set by the command loop, cleared by the download task. Reach it through isDownloading and
-    /// setDownloading, whose accesses are atomic.
+    /// Busy mark: a whiteListDown is refused while it is set. Its one owner is the BusyMark of the download
+    /// that runs; read it with isBusy.
     bool m_bDownloading;
 
     Poco::TaskManager m_taskManager;

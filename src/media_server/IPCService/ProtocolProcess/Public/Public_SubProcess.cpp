@@ -1,6 +1,7 @@
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 
 #include <Poco/Bugcheck.h>
+#include <Poco/Exception.h>
 #include <Poco/Thread.h>
 #include <Poco/ThreadPool.h>
 #include <signal.h>
@@ -103,8 +104,13 @@ Public_SubProcess::~Public_SubProcess()
 
 void Public_SubProcess::startTask(Poco::Task* pTask)
 {
+    Poco::AutoPtr<Poco::Task> pOwned(pTask);
     const StopSignalsBlocked blocked;
-    m_taskManager.start(pTask);
+    const std::lock_guard<std::mutex> lock(m_startMutex);
+    if (m_bEnding) {
+        throw Poco::IllegalStateException("the service stops");
+    }
+    m_taskManager.start(pOwned.duplicate());
 }
 
 void Public_SubProcess::holdStopSignals()
@@ -167,6 +173,10 @@ bool Public_SubProcess::endTasks() noexcept
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + LONGEST_TASK_END;
     try {
+        {
+            const std::lock_guard<std::mutex> lock(m_startMutex);
+            m_bEnding = true;
+        }
         m_taskManager.cancelAll();
         if (!m_pMetaDataRecvTask.isNull()) {
             m_pMetaDataRecvTask->interrupt();

@@ -7,6 +7,7 @@
 #include <Poco/Util/ServerApplication.h>
 
 #include <exception>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,7 @@ public:
     ~Public_SubProcess() override;
 
     /// Starts a task on the default thread pool; the task manager owns it from then on. Any thread.
-    /// @throws Poco::Exception when no thread can be had
+    /// @throws Poco::Exception when no thread can be had, or when the tasks have been told to end; the task is released
     void startTask(Poco::Task* pTask);
 
     /// Keeps the stop signals for main's wait from now on, so that they end the service in order, with its exit code.
@@ -54,6 +55,8 @@ private:
     bool endTasks() noexcept;
 
     Poco::TaskManager m_taskManager;
+    std::mutex m_startMutex;  ///< a task is either started before the tasks are told to end, or not at all
+    bool m_bEnding = false;   ///< under m_startMutex
     Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
     EventCacheHndl m_stEventCacheHndl;
     std::exception_ptr m_pStartFailure;

@@ -110,6 +110,35 @@ TEST(Interruption, BadDescriptorCountsAsReady)
     const int closed = ::dup(0);
     ::close(closed);
     EXPECT_TRUE(Interruption::wait(closed, POLLIN, -1));
+    EXPECT_TRUE(Interruption::waitForAny({closed}, Interruption::Clock::time_point::max()));
+}
+
+TEST(Interruption, NoDescriptorCountsAsReady)
+{
+    EXPECT_TRUE(Interruption::wait(-1, POLLIN, -1));
+    EXPECT_TRUE(Interruption::wait(-1, POLLOUT, 3600000));
+    const Pipe pipe;
+    EXPECT_TRUE(Interruption::waitForAny({pipe.reader(), -1}, Interruption::Clock::time_point::max()));
+}
+
+TEST(Interruption, InterruptWinsOverAClosedDescriptor)
+{
+    Interruption interruption;
+    interruption.interrupt();
+    const Interruption::Scope scope(interruption);
+    EXPECT_THROW(Interruption::wait(-1, POLLIN, -1), Interrupted);
+}
+
+TEST(Interruption, AnyOfTwoDescriptorsEndsTheWait)
+{
+    const Pipe first;
+    const Pipe second;
+    const auto deadline = Interruption::Clock::now() + milliseconds(50);
+    EXPECT_FALSE(Interruption::waitForAny({first.reader(), second.reader()}, deadline));
+    EXPECT_GE(Interruption::Clock::now(), deadline);
+    second.fill();
+    EXPECT_TRUE(Interruption::waitForAny({first.reader(), second.reader()}, Interruption::Clock::time_point::max()));
+    EXPECT_TRUE(Interruption::waitForAny({second.reader(), first.reader()}, Interruption::Clock::time_point::max()));
 }
 
 TEST(Interruption, DescriptorCountsAsReadyWhereThereIsNoMemoryToWait)
@@ -282,20 +311,6 @@ TEST(Interruption, LimitsEachPollToWhatIsLeft)
     EXPECT_EQ(limits[1], 0);
     EXPECT_GT(limits[2], 3500000);
     EXPECT_LE(limits[2], 3600000);
-}
-
-TEST(Interruption, DescriptorIsNotInheritedAndNeverBlocks)
-{
-    int descriptor = -1;
-    systemCalls().polling = [&descriptor](const pollfd* waited, nfds_t count, int) {
-        ASSERT_EQ(count, 2U);
-        descriptor = waited[1].fd;
-    };
-    Interruption interruption;
-    const Interruption::Scope scope(interruption);
-    Interruption::check();
-    EXPECT_EQ(::fcntl(descriptor, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(::fcntl(descriptor, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
 }
 
 TEST(Interruption, NeedsADescriptor)

@@ -1,17 +1,18 @@
 #include "media_server/IPCService/Public/MessageExchange.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <future>
-#include <memory>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include "media_server/IPCService/Public/Interruption.h"
+#include "media_server/IPCService/Public/exchanging.h"
 #include "support/captured_log.h"
 #include "support/raw_bytes.h"
 #include "support/system_calls.h"
@@ -21,101 +22,33 @@
 namespace {
 
 using IPCService::Interrupted;
-using IPCService::Interruption;
 using IPCService::MessageExchange;
 using std::chrono::milliseconds;
+using testing::ElementsAre;
 
-const char OWN_PATH[] = "/tmp/CP";
-const char ITGT_PATH[] = "/tmp/II";
-
-/// A request to ITGT.
-MSG_DATA request(std::uint32_t command)
+int sendFailures()
 {
-    std::string wire(21408, '\0');
-    putText(wire, 0, ITGT_PATH);
-    putText(wire, 8, OWN_PATH);
-    putNumber(wire, 164, command);
-    MSG_DATA message;
-    std::memcpy(&message, wire.data(), sizeof message);
-    return message;
+    return static_cast<int>(CapturedLog::withFormat("sendTo fail:%s.").size());
 }
 
-std::string reply(std::uint32_t command, char fill)
+ino_t ownInode()
 {
-    std::string wire(21408, fill);
-    putNumber(wire, 164, command);
-    return wire;
+    struct stat status = {};
+    EXPECT_EQ(::stat(OWN_PATH, &status), 0);
+    return status.st_ino;
 }
-
-/// A thread that begins an exchange, and tells how far it has come.
-class Exchanging
-{
-public:
-    Exchanging()
-    {
-        m_result = std::async(std::launch::async, [this] {
-            const Interruption::Scope scope(m_interruption);
-            MessageExchange exchange;
-            m_hasTurn = true;
-            MSG_DATA message = request(7021);
-            exchange.exchange(message);
-        });
-    }
-
-    ~Exchanging() { interrupt(); }
-    Exchanging(const Exchanging&) = delete;
-    Exchanging& operator=(const Exchanging&) = delete;
-
-    bool hasTurn() const { return m_hasTurn; }
-    void interrupt() { m_interruption.interrupt(); }
-    std::future<void>& result() { return m_result; }
-    bool ends() const { return m_result.wait_for(DEADLINE) == std::future_status::ready; }
-
-private:
-    Interruption m_interruption;
-    std::atomic<bool> m_hasTurn{false};
-    std::future<void> m_result;
-};
-
-/// Tells when some thread waits that long or less, but not without limit.
-class TurnWait
-{
-public:
-    TurnWait()
-    {
-        systemCalls().polling = [this](const pollfd*, nfds_t count, int limit) {
-            // The sockets of these tests wait for one descriptor.
-            if (count == 2 && limit > 0) {
-                m_longest = limit;
-            }
-        };
-    }
-    ~TurnWait() { systemCalls().polling = nullptr; }
-    TurnWait(const TurnWait&) = delete;
-    TurnWait& operator=(const TurnWait&) = delete;
-
-    int longest() const { return m_longest; }
-
-private:
-    std::atomic<int> m_longest{0};
-};
 
 TEST(MessageExchange, RequestLeavesFromItsPathAndTheReplyComesBack)
 {
     UnixSocket itgt(ITGT_PATH);
-    auto exchanging = std::async(std::launch::async, [] {
-        MessageExchange exchange;
-        MSG_DATA message = request(7020);
-        EXPECT_EQ(static_cast<std::uint32_t>(exchange.exchange(message)), 7020U);
-        return bytesOf(message);
-    });
-    EXPECT_EQ(itgt.receive(), bytesOf(request(7020)));
+    Exchanging exchanging({7020});
+    EXPECT_EQ(itgt.receive(), requestBytes(7020));
     EXPECT_EQ(itgt.sender(), OWN_PATH);
     struct stat status = {};
     EXPECT_EQ(::stat(OWN_PATH, &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0660U);
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'r')));
-    EXPECT_EQ(exchanging.get(), reply(7020, 'r'));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7020, 'r')));
 }
 
 TEST(MessageExchange, OtherCommandInTheReplyIsTold)
@@ -129,10 +62,27 @@ TEST(MessageExchange, OtherCommandInTheReplyIsTold)
     EXPECT_EQ(bytesOf(message), reply(7021, 'x'));
 }
 
-TEST(MessageExchange, SeveralRequestsShareOneTurn)
+TEST(MessageExchange, ShortReplyCoversTheBeginningOfTheRequest)
 {
     UnixSocket itgt(ITGT_PATH);
     MessageExchange exchange;
+    for (const std::size_t length : {std::size_t{0}, std::size_t{167}, std::size_t{168}, std::size_t{21407}}) {
+        MSG_DATA message = request(7020);
+        exchange.send(message);
+        ASSERT_TRUE(itgt.send(OWN_PATH, reply(7777, 'x').substr(0, length)));
+        EXPECT_EQ(static_cast<std::uint32_t>(exchange.receive(message)), length == 0     ? 7020U
+                                                                         : length == 167 ? 7777U & 0x00FFFFFFU
+                                                                                         : 7777U);
+        EXPECT_EQ(bytesOf(message), reply(7777, 'x').substr(0, length) + requestBytes(7020).substr(length));
+        itgt.receive();
+    }
+}
+
+TEST(MessageExchange, SeveralRequestsShareOneSocket)
+{
+    UnixSocket itgt(ITGT_PATH);
+    MessageExchange exchange;
+    const ino_t inode = ownInode();
     for (const std::uint32_t command : {7019U, 7018U, 7018U}) {
         MSG_DATA message = request(command);
         exchange.send(message);
@@ -140,144 +90,136 @@ TEST(MessageExchange, SeveralRequestsShareOneTurn)
         ASSERT_TRUE(itgt.send(OWN_PATH, reply(command, 'y')));
         EXPECT_EQ(static_cast<std::uint32_t>(exchange.receive(message)), command);
     }
+    EXPECT_EQ(ownInode(), inode);
 }
 
-TEST(MessageExchange, NothingIsWaitedForWhenThePeerIsMissing)
+TEST(MessageExchange, SocketEndsWithTheLastExchangeAndIsMadeAnew)
 {
-    MessageExchange exchange;
-    MSG_DATA message = request(7031);
+    UnixSocket peer;
+    {
+        auto first = std::make_unique<MessageExchange>();
+        const ino_t inode = ownInode();
+        const MessageExchange second;
+        EXPECT_EQ(ownInode(), inode);
+        first.reset();
+        EXPECT_TRUE(peer.send(OWN_PATH, "x"));
+    }
+    EXPECT_FALSE(peer.send(OWN_PATH, "x"));
+    const MessageExchange third;
+    EXPECT_TRUE(peer.send(OWN_PATH, "x"));
+}
+
+TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
+{
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
     const Stopwatch stopwatch;
-    EXPECT_EQ(static_cast<std::uint32_t>(exchange.exchange(message)), 7031U);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
-    EXPECT_EQ(bytesOf(message), bytesOf(request(7031)));
-    EXPECT_EQ(CapturedLog::withFormat("sendTo fail:%s.").size(), 1U);
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(1500)));
+    UnixSocket itgt(ITGT_PATH);
+    EXPECT_EQ(itgt.receive(), requestBytes(7031));
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(2900) + SLOWNESS);
+    EXPECT_EQ(sendFailures(), 1) << "a repetition was logged";
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
+    EXPECT_FALSE(itgt.hasDatagram()) << "the request was sent again although it had left";
 }
 
-TEST(MessageExchange, UnterminatedDestinationIsSentNowhere)
+TEST(MessageExchange, EachRequestHasAFirstFailureOfItsOwn)
 {
+    Exchanging exchanging({7020, 7021});
+    for (const std::uint32_t command : {7020U, 7021U}) {
+        ASSERT_TRUE(eventually([command] { return sendFailures() == static_cast<int>(command - 7019); }));
+        UnixSocket itgt(ITGT_PATH);
+        EXPECT_EQ(itgt.receive(), requestBytes(command));
+        ::unlink(ITGT_PATH);
+        ASSERT_TRUE(itgt.send(OWN_PATH, reply(command, 't')));
+    }
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7020, 't'), reply(7021, 't')));
+    EXPECT_EQ(sendFailures(), 2);
+}
+
+TEST(MessageExchange, WhatArrivesBeforeTheRequestLeavesIsItsReply)
+{
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
+    ASSERT_TRUE(UnixSocket().send(OWN_PATH, reply(7031, 'e')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 'e')));
+}
+
+TEST(MessageExchange, RequestThatComesBackIsNoReplyAndIsSentAgain)
+{
+    ASSERT_EQ(::symlink("CP", ITGT_PATH), 0);
+    Exchanging exchanging({7021});
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(500)));
+    ASSERT_EQ(::unlink(ITGT_PATH), 0);
+    UnixSocket itgt(ITGT_PATH);
+    EXPECT_EQ(itgt.receive(), requestBytes(7021));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'r')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7021, 'r')));
+}
+
+TEST(MessageExchange, FailedReceiveIsNoReply)
+{
+    std::atomic<bool> fails{false};
+    systemCalls().recvFails = [&fails] { return fails.exchange(false); };
+    UnixSocket itgt(ITGT_PATH);
+    Exchanging exchanging({7020});
+    ASSERT_TRUE(itgt.receive().has_value());
+    fails = true;
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'r')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7020, 'r')));
+    EXPECT_EQ(CapturedLog::withFormat("receiveBytes fail:%s.").size(), 1U);
+}
+
+TEST(MessageExchange, UnterminatedDestinationIsSentNowhereElse)
+{
+    UnixSocket itgt(ITGT_PATH);
     MessageExchange exchange;
     MSG_DATA message = request(7031);
     std::memcpy(&message, "/tmp/II8/tmp/CP", 15);
     exchange.send(message);
-    EXPECT_EQ(CapturedLog::withFormat("sendTo fail:%s.").size(), 1U);
+    EXPECT_EQ(sendFailures(), 1);
+    EXPECT_FALSE(itgt.hasDatagram());
 }
 
-TEST(MessageExchange, PathThatCannotBeBoundThrowsAndPassesTheTurnOn)
+TEST(MessageExchange, MessageToNobodyOrToItselfThrows)
+{
+    MessageExchange exchange;
+    EXPECT_ANY_THROW(exchange.send(request(7018, "")));
+    EXPECT_ANY_THROW(exchange.send(request(7018, OWN_PATH)));
+}
+
+TEST(MessageExchange, PathThatCannotBeBoundThrowsAndTheNextExchangeTriesAnew)
 {
     ASSERT_EQ(::mkdir(OWN_PATH, 0700), 0);
     EXPECT_ANY_THROW(MessageExchange());
     ASSERT_EQ(::rmdir(OWN_PATH), 0);
-    const Stopwatch stopwatch;
-    const MessageExchange next;
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS);
-}
-
-TEST(MessageExchange, SecondThreadWaitsForItsTurn)
-{
-    const TurnWait wait;
     UnixSocket itgt(ITGT_PATH);
-    auto first = std::make_unique<MessageExchange>();
-    Exchanging second;
-    ASSERT_TRUE(eventually([&wait] { return wait.longest() > 0; }));
-    EXPECT_LE(wait.longest(), 5000);
-    EXPECT_FALSE(second.hasTurn());
-
-    MSG_DATA message = request(7020);
-    first->send(message);
-    itgt.receive();
-    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'a')));
-    EXPECT_EQ(static_cast<std::uint32_t>(first->receive(message)), 7020U) << "its path was taken";
-    EXPECT_FALSE(second.hasTurn());
-
-    const Stopwatch stopwatch;
-    first.reset();
-    EXPECT_EQ(numberAt<std::uint32_t>(itgt.receive().value(), 164), 7021U);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS) << "it was its turn at once";
-    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
-    EXPECT_TRUE(second.ends());
-}
-
-TEST(MessageExchange, FinishPassesTheTurnOnWhileTheSocketLives)
-{
-    UnixSocket itgt(ITGT_PATH);
-    MessageExchange first;
-    first.finish();
-    const Stopwatch stopwatch;
-    Exchanging second;
-    EXPECT_TRUE(itgt.receive().has_value());
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS);
-    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
-    EXPECT_TRUE(second.ends());
-}
-
-TEST(MessageExchange, FinishedTwiceIsOneTurnOnly)
-{
-    auto first = std::make_unique<MessageExchange>();
-    first->finish();
-    first->finish();
-    first.reset();
-    const MessageExchange holder;
-    const TurnWait wait;
-    Exchanging second;
-    EXPECT_TRUE(eventually([&wait] { return wait.longest() > 0; })) << "there is a turn too many";
-    EXPECT_FALSE(second.hasTurn());
-    second.interrupt();
-    EXPECT_THROW(second.result().get(), Interrupted);
-}
-
-TEST(MessageExchange, WhoWaitedFiveSecondsGoesAheadAndTakesThePath)
-{
-    UnixSocket itgt(ITGT_PATH);
-    Exchanging stuck;
+    Exchanging next({7020});
     ASSERT_TRUE(itgt.receive().has_value());
-
-    const Stopwatch stopwatch;
-    Exchanging second;
-    ASSERT_TRUE(itgt.receive().has_value());
-    EXPECT_GE(stopwatch.elapsed(), milliseconds(4900));
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(8000) + SLOWNESS);
-    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'b')));
-    EXPECT_TRUE(second.ends()) << "the reply went elsewhere";
-    {
-        const Stopwatch turn;
-        const MessageExchange third;
-        EXPECT_LT(turn.elapsed(), milliseconds(4000) + SLOWNESS) << "the stuck exchange lost its turn for good";
-    }
-
-    EXPECT_EQ(stuck.result().wait_for(milliseconds(0)), std::future_status::timeout);
-    stuck.interrupt();
-    EXPECT_THROW(stuck.result().get(), Interrupted);
-    const TurnWait wait;
-    const MessageExchange next;
-    EXPECT_EQ(wait.longest(), 0) << "the turn is free again";
-    Exchanging after;
-    EXPECT_TRUE(eventually([&wait] { return wait.longest() > 0; })) << "there is a turn too many";
-    after.interrupt();
-    EXPECT_THROW(after.result().get(), Interrupted);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'r')));
+    EXPECT_THAT(next.replies(), ElementsAre(reply(7020, 'r')));
 }
 
 TEST(MessageExchange, InterruptWakesASilentExchange)
 {
     UnixSocket itgt(ITGT_PATH);
-    Exchanging exchanging;
+    Exchanging exchanging({7021});
     ASSERT_TRUE(itgt.receive().has_value());
     const Stopwatch stopwatch;
     exchanging.interrupt();
-    EXPECT_THROW(exchanging.result().get(), Interrupted);
+    EXPECT_THROW(exchanging.replies(), Interrupted);
     EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
 }
 
-TEST(MessageExchange, InterruptWakesWhoWaitsForATurn)
+TEST(MessageExchange, InterruptWakesWhoCannotReachItsPeer)
 {
-    const TurnWait wait;
-    const MessageExchange holder;
-    Exchanging waiting;
-    ASSERT_TRUE(eventually([&wait] { return wait.longest() > 0; }));
+    Exchanging exchanging({7021});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
     const Stopwatch stopwatch;
-    waiting.interrupt();
-    EXPECT_THROW(waiting.result().get(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
-    EXPECT_FALSE(waiting.hasTurn());
+    exchanging.interrupt();
+    EXPECT_THROW(exchanging.replies(), Interrupted);
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(900) + SLOWNESS);
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ protected:
         EXPECT_TRUE(handle());
         expectReply(77, 200);
         EXPECT_TRUE(CapturedLog::waitForFormat(DOWNLOAD_ENDED));
-        EXPECT_TRUE(eventually([this] { return !m_subSystem.isDownloading(); }));
+        EXPECT_TRUE(eventually([this] { return !IPCService::MetaDataGW::isBusy(m_subSystem.m_bDownloading); }));
         EXPECT_EQ(countLogged(LOG_FILE, "DownWhiteHandler Err %s "), 0);
         return m_subSystem.m_downloadTask.m_downloadTaskParam;
     }
@@ -57,7 +57,7 @@ protected:
         EXPECT_FALSE(handle());
         expectReply(77, 400);
         EXPECT_FALSE(m_client.hasDatagram());
-        EXPECT_FALSE(m_subSystem.isDownloading());
+        EXPECT_FALSE(IPCService::MetaDataGW::isBusy(m_subSystem.m_bDownloading));
         EXPECT_EQ(countLogged("Custom_JsonPicDownloadTask", "CustomJsonPicDownloadTask Begin "), 0);
         const std::string text = firstLogged(LOG_FILE, "DownWhiteHandler Err %s ");
         EXPECT_NE(text.find(reason), std::string::npos) << text;
@@ -113,12 +113,12 @@ TEST_F(DownWhiteTest, FillsTheRecordOfTheDownload)
 TEST_F(DownWhiteTest, IsRefusedWhileADownloadRuns)
 {
     expectAccepted();
-    m_subSystem.setDownloading(true);
+    m_subSystem.m_bDownloading = true;
     m_arguments = {};
     EXPECT_FALSE(handle());
     expectReply(77, 409);
     EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{info("not allowed,is downloading  white now"), replied()}));
-    EXPECT_TRUE(m_subSystem.isDownloading());
+    EXPECT_TRUE(IPCService::MetaDataGW::isBusy(m_subSystem.m_bDownloading));
     EXPECT_EQ(m_subSystem.m_downloadTask.m_downloadTaskParam.taskID, "T1");
     EXPECT_EQ(countLogged("Custom_JsonPicDownloadTask", "CustomJsonPicDownloadTask Begin "), 0);
 }

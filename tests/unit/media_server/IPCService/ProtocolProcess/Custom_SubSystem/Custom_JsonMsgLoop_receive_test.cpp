@@ -191,6 +191,80 @@ TEST_F(ReceiveCommandTest, HeadWhoseBodyIsLostDoesNotTakeTheNextHead)
     EXPECT_EQ(m_tag, 2U);
 }
 
+/** What may stand in the path fields of a head, where only its own client could read anything from it. */
+class LostBodyTest : public ReceiveCommandTest, public testing::WithParamInterface<std::string>
+{
+};
+
+TEST_P(LostBodyTest, CostsItsOwnCommandOnlyWhateverTheNextHeadHasInItsPaths)
+{
+    std::string next = head(2, 18);
+    putText(next, 0, GetParam());
+    sendDatagram(head(1, 100));
+    sendDatagram(next);
+    sendDatagram("body of the second");
+    receiveCommand();
+    EXPECT_EQ(m_body, "");
+    EXPECT_EQ(m_tag, 1U);
+    receiveCommand();
+    EXPECT_EQ(m_body, "body of the second");
+    EXPECT_EQ(m_tag, 2U);
+}
+
+TEST_P(LostBodyTest, StrayByteCostsNoLaterCommand)
+{
+    std::string next = head(2, 18);
+    putText(next, 0, GetParam());
+    sendDatagram("x");
+    sendDatagram(next);
+    sendDatagram("body of the second");
+    receiveCommand();
+    EXPECT_EQ(m_body, "");
+    receiveCommand();
+    EXPECT_EQ(m_body, "body of the second");
+    EXPECT_EQ(m_tag, 2U);
+}
+
+INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, LostBodyTest,
+                         testing::Values(std::string(16, '\0'), "/tmp/HK", "/run/HK", std::string(16, '\xFF'),
+                                         "@hidden", " \n", "HK", "}"));
+
+/** Bodies of the size of a head that begin JSON text. Another size was announced. */
+class TextOfTheSizeOfAHeadTest : public ReceiveCommandTest, public testing::WithParamInterface<std::string>
+{
+};
+
+TEST_P(TextOfTheSizeOfAHeadTest, IsABody)
+{
+    const std::string body = GetParam() + std::string(280 - GetParam().size(), ' ');
+    sendDatagram(head(1, 300));
+    sendDatagram(body);
+    receiveCommand();
+    EXPECT_EQ(m_body, body);
+    EXPECT_EQ(m_tag, 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, TextOfTheSizeOfAHeadTest,
+                         testing::Values("{}", "[]", " \t\r\n{}", "\"a\"", "-1", "7", "true", "false", "null"));
+
+TEST_F(ReceiveCommandTest, WhatTheLoopItselfSentIsNoCommand)
+{
+    ASSERT_EQ(::unlink("/tmp/KH"), 0);
+    ASSERT_EQ(::symlink("HK", "/tmp/KH"), 0);
+    m_loop->SendJsonMsg("/tmp/KH", 9, 200);
+    sendCommand(1, "text");
+    receiveCommand();
+    EXPECT_EQ(m_body, "text");
+    EXPECT_EQ(m_tag, 1U);
+    m_loop->SendJsonMsg("/tmp/KH", 9, 200);
+    sendDatagram(head(2, 4));
+    m_loop->SendJsonMsg("/tmp/KH", 9, 200);
+    sendDatagram("more");
+    receiveCommand();
+    EXPECT_EQ(m_body, "more") << "its own reply came between head and body";
+    EXPECT_EQ(m_tag, 2U);
+}
+
 TEST_F(ReceiveCommandTest, BodyAsLongAsAHeadIsStillABody)
 {
     const std::string body = R"({"taskName":")" + std::string(280 - 15, 'n') + R"("})";

@@ -31,12 +31,11 @@ protected:
         return task;
     }
 
-    bool busy() { return m_service.subSystem().isDownloading(); }
+    bool busy() { return isBusy(m_service.subSystem().m_bDownloading); }
 
     /** Starts the task, cancels it once it waits, and expects it to end within a second, free for the next. */
     void expectQuickCancel(const std::function<bool()>& waits)
     {
-        m_service.subSystem().setDownloading(true);
         Task task = makeTask();
         m_service.app().startTask(task.duplicate());
         EXPECT_TRUE(eventually(waits));
@@ -113,6 +112,28 @@ TEST_F(JsonPicDownloadTaskTest, IsBusyFromItsBeginToItsEnd)
     EXPECT_FALSE(busy());
 }
 
+TEST_F(JsonPicDownloadTaskTest, TaskThatHasEndedDoesNotClearTheMarkOfTheNext)
+{
+    m_record.totalNum = 0;
+    Task first = makeTask();
+    first->runTask();
+    const Task second = makeTask();
+    EXPECT_TRUE(busy());
+    first->run();
+    m_tasks.front() = nullptr;
+    first = nullptr;
+    EXPECT_TRUE(busy());
+}
+
+TEST_F(JsonPicDownloadTaskTest, TaskThatNeverRanIsBusyToItsOwnEndOnly)
+{
+    {
+        const Task never(new CustomJsonPicDownloadTask(&m_service.subSystem(), &m_record));
+        EXPECT_TRUE(busy());
+    }
+    EXPECT_FALSE(busy());
+}
+
 TEST_F(JsonPicDownloadTaskTest, LaterCommandDoesNotChangeARunningDownload)
 {
     m_itgtScript = [this](const std::string& request) {
@@ -129,7 +150,6 @@ TEST_F(JsonPicDownloadTaskTest, LaterCommandDoesNotChangeARunningDownload)
 TEST_F(JsonPicDownloadTaskTest, FailedPageEndsItLikeSuccess)
 {
     m_record.ServerPort = unusedPort();
-    m_service.subSystem().setDownloading(true);
     makeTask()->runTask();
     EXPECT_FALSE(busy());
     EXPECT_EQ(loggedBy(LOG_FILE),

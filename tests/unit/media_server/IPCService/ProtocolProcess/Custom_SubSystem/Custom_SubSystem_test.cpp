@@ -52,7 +52,6 @@ TEST(CustomSubSystemTest, IsMadeIdleUnderItsName)
 {
     const CustomSubSystem subSystem;
     EXPECT_STREQ(subSystem.name(), "Custom Protocol");
-    EXPECT_FALSE(subSystem.isDownloading());
     EXPECT_FALSE(subSystem.m_bDownloading);
     EXPECT_EQ(subSystem.m_ringBufHandle, nullptr);
     EXPECT_EQ(subSystem.m_taskManager.count(), 0);
@@ -82,17 +81,6 @@ TEST(CustomSubSystemTest, IsNotMadeWithoutItsSocket)
     std::filesystem::create_directories("/tmp/CU/in the way");
     EXPECT_THROW(CustomSubSystem(), Poco::Exception);
     EXPECT_TRUE(loggedBy(LOG_FILE).empty());
-}
-
-TEST(CustomSubSystemTest, KeepsTheBusyMark)
-{
-    CustomSubSystem subSystem;
-    subSystem.setDownloading(true);
-    EXPECT_TRUE(subSystem.isDownloading());
-    EXPECT_TRUE(subSystem.m_bDownloading);
-    subSystem.setDownloading(false);
-    EXPECT_FALSE(subSystem.isDownloading());
-    EXPECT_FALSE(subSystem.m_bDownloading);
 }
 
 /** Start-up with everything there but what a test takes away. */

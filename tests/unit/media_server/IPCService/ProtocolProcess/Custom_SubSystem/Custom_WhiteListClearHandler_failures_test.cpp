@@ -225,14 +225,18 @@ class MissingPeerTest : public CommandTest
 {
 };
 
-TEST_F(MissingPeerTest, IsAnsweredWith400AndTheNextCommandIsServed)
+TEST_F(MissingPeerTest, IsWaitedForAndTheNextCommandIsServedAfterwards)
 {
     startLoop();
     sendCommand(1, R"({"taskName":"whiteListClear","taskInfo":{"cameraCode":"C1"}})");
+    EXPECT_TRUE(CapturedLog::waitForFormat("sendTo fail:%s."));
+    sendCommand(2, R"({"taskName":"faceNotHitDown","taskInfo":{}})");
+    EXPECT_FALSE(m_client.hasDatagram());
+    const ScriptedPeer back("/tmp/A", [](const std::string& request) { return request; });
     expectReply(1, 400);
     EXPECT_TRUE(CapturedLog::waitForFormat(" [Custom] download picture, open file %s error."));
-    sendCommand(2, R"({"taskName":"faceNotHitDown","taskInfo":{}})");
     expectReply(2, 200);
+    EXPECT_EQ(CapturedLog::withFormat("sendTo fail:%s.").size(), 1U);
 }
 
 /** A face-library process that never answers. */

@@ -70,6 +70,23 @@ TEST_F(MetaDataRecvTask, WithoutObserverItWakesOnceASecondAndReadsNothing)
     EXPECT_TRUE(CapturedLog::records().empty());
 }
 
+TEST_F(MetaDataRecvTask, ClosedEventNodeFailsAtOnceAndIsTriedAgain)
+{
+    handle.nEventFd = -1;
+    std::atomic<int> pauses{0};
+    systemCalls().usleep = [&pauses](useconds_t microseconds) {
+        EXPECT_EQ(microseconds, 200000U);
+        ++pauses;
+    };
+    const Consumer consumer(task->m_notificationCenter);
+    start();
+    EXPECT_TRUE(eventually([&pauses] { return pauses >= 3; }));
+    task->interrupt();
+    ASSERT_TRUE(hasEnded());
+    systemCalls().usleep = nullptr;
+    EXPECT_FALSE(CapturedLog::withFormat("Utils_EventCacheBufGet FAIL!\n").empty());
+}
+
 TEST_F(MetaDataRecvTask, ObserverThatComesLaterGetsWhatWaits)
 {
     std::atomic<bool> sleeps{false};

@@ -320,6 +320,28 @@ TEST(SubProcess, TasksHoldTheStopSignalsBackAndTheCallerDoesNot)
     EXPECT_EQ(heldBack(), before);
 }
 
+TEST(SubProcess, NoTaskStartsOnceTheTasksWereToldToEnd)
+{
+    std::atomic<bool> started{false};
+    std::atomic<bool> ran{false};
+    bool refused = false;
+    auto process = std::make_unique<Public_SubProcess>();
+    process->startTask(new WorkTask([&](WorkTask& task) {
+        started = true;
+        EXPECT_TRUE(eventually([&task] { return task.isCancelled(); }));
+        try {
+            process->startTask(new WorkTask([&ran](WorkTask&) { ran = true; }));
+        } catch (const Poco::IllegalStateException&) {
+            refused = true;
+        }
+    }));
+    ASSERT_TRUE(eventually([&started] { return started.load(); }));
+    process->~Public_SubProcess();
+    ::operator delete(process.release());
+    EXPECT_TRUE(refused);
+    EXPECT_FALSE(ran);
+}
+
 TEST(SubProcess, DestructionCancelsTasksAndWaitsForThem)
 {
     std::atomic<bool> started{false};

@@ -1,0 +1,199 @@
+#include "media_server/IPCService/Public/ExchangeSocket.h"
+
+#include <Poco/Net/SocketAddress.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "media_server/IPCService/Public/Interruption.h"
+
+namespace IPCService {
+
+namespace {
+
+constexpr std::chrono::seconds LONGEST_TURN(5);
+constexpr int COMMAND_END = offsetof(MSG_DATA, command) + sizeof(MSG_DATA::command);
+
+bool isAsking(const ExchangeMember& member)
+{
+    return member.state == RequestState::NotLeft || member.state == RequestState::Left;
+}
+
+}  // namespace
+
+ExchangeSocket& ExchangeSocket::ofProcess()
+{
+    static ExchangeSocket socket;
+    return socket;
+}
+
+void ExchangeSocket::join(ExchangeMember& member)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_members.push_back(&member);
+    if (!m_pTransmitter.isNull()) {
+        return;
+    }
+    try {
+        m_pTransmitter = new IPCUnixTransmitter(EXCHANGE_PATH);
+        m_pProtocol = new IPCServiceOldProtocol(m_pTransmitter.get());
+    } catch (...) {
+        m_pTransmitter = nullptr;
+        m_members.pop_back();
+        throw;
+    }
+}
+
+void ExchangeSocket::leave(ExchangeMember& member) noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    passTurnLocked(member);
+    m_members.erase(std::find(m_members.begin(), m_members.end(), &member));
+    if (m_members.empty()) {
+        m_pProtocol = nullptr;
+        m_pTransmitter = nullptr;
+    }
+}
+
+void ExchangeSocket::queue(ExchangeMember& member)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_turns.enter(&member);
+}
+
+bool ExchangeSocket::takeTurn(ExchangeMember& member)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto now = Clock::now();
+    if (!m_turns.take(&member, now, now + LONGEST_TURN)) {
+        return false;
+    }
+    if (const auto* pNext = static_cast<const ExchangeMember*>(m_turns.next())) {
+        pNext->wakeUp.signal();  // it has a new end to wait for
+    }
+    return true;
+}
+
+ExchangeSocket::Clock::time_point ExchangeSocket::turnComesAt(const ExchangeMember& member)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_turns.comesAt(&member);
+}
+
+void ExchangeSocket::passTurn(ExchangeMember& member) noexcept
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    passTurnLocked(member);
+}
+
+void ExchangeSocket::passTurnLocked(const ExchangeMember& member) noexcept
+{
+    m_turns.leave(&member);
+    if (const auto* pNext = static_cast<const ExchangeMember*>(m_turns.next())) {
+        pNext->wakeUp.signal();
+    }
+}
+
+bool ExchangeSocket::send(ExchangeMember& member, const MSG_DATA& request, const std::string& peerPath,
+                          bool isRepetition)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    member.command = request.command;
+    member.peerPath = peerPath;
+    if (!isRepetition) {
+        const auto place = std::find(m_members.begin(), m_members.end(), &member);
+        std::rotate(place, place + 1, m_members.end());
+    }
+    int sent = 0;
+    if (isRepetition) {
+        const Poco::Net::SocketAddress address(Poco::Net::AddressFamily::UNIX_LOCAL, peerPath);
+        sent = m_pTransmitter->sendAgain(&request, static_cast<int>(sizeof(request)), address);
+    } else {
+        sent = m_pProtocol->send(peerPath, request.command, request);
+    }
+    member.state = sent < 0 ? RequestState::NotLeft : RequestState::Left;
+    return sent >= 0;
+}
+
+bool ExchangeSocket::deliver()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0)) {
+        return true;  // another thread was here first
+    }
+    const std::string sender = senderOfNextDatagram(m_pTransmitter->descriptor());
+    m_arrived = MSG_DATA{};
+    QL_CMD_TYPE command = {};
+    const int length = m_pProtocol->receive(command, m_arrived);
+    if (length < 0) {
+        return false;
+    }
+    ExchangeMember* pMember = receiver(length < COMMAND_END ? QL_CMD_TYPE{} : command, sender);
+    if (pMember == nullptr) {
+        return true;  // nobody's: left over from an exchange that has gone on or ended
+    }
+    if (sender == EXCHANGE_PATH) {
+        // The peer's path leads back here. No request is its own reply: it has reached nobody.
+        pMember->state = RequestState::NotLeft;
+        passTurnLocked(*pMember);
+    } else {
+        pMember->state = RequestState::Answered;
+        pMember->replyLength = length;
+        std::memcpy(&pMember->reply, &m_arrived, static_cast<std::size_t>(length));
+    }
+    pMember->wakeUp.signal();
+    return true;
+}
+
+/// Who waits for a message: whoever asked for its command, the longest-waiting first. A message with another command
+/// is for who asked its sender, and from a stranger for whoever waits alone.
+ExchangeMember* ExchangeSocket::receiver(QL_CMD_TYPE command, const std::string& sender) const
+{
+    ExchangeMember* pAsking = nullptr;
+    ExchangeMember* pAskedSender = nullptr;
+    bool isSenderKnown = false;
+    int asking = 0;
+    for (ExchangeMember* pMember : m_members) {
+        const bool isPeer = !sender.empty() && pMember->peerPath == sender;
+        isSenderKnown = isSenderKnown || isPeer;
+        if (!isAsking(*pMember)) {
+            continue;
+        }
+        if (pMember->command == command) {
+            return pMember;
+        }
+        pAsking = pMember;
+        ++asking;
+        if (isPeer && pAskedSender == nullptr) {
+            pAskedSender = pMember;
+        }
+    }
+    if (isSenderKnown) {
+        return pAskedSender;
+    }
+    return asking == 1 ? pAsking : nullptr;
+}
+
+RequestState ExchangeSocket::stateOf(const ExchangeMember& member)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return member.state;
+}
+
+int ExchangeSocket::descriptor()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_pTransmitter->descriptor();
+}
+
+void ExchangeSocket::takeReply(ExchangeMember& member, MSG_DATA& message)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::memcpy(&message, &member.reply, static_cast<std::size_t>(member.replyLength));
+    member.state = RequestState::None;
+    passTurnLocked(member);
+}
+
+}  // namespace IPCService

@@ -1,0 +1,260 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "media_server/IPCService/Public/Interruption.h"
+#include "media_server/IPCService/Public/MessageExchange.h"
+#include "media_server/IPCService/Public/exchanging.h"
+#include "support/captured_log.h"
+#include "support/raw_bytes.h"
+#include "support/unix_socket.h"
+#include "support/waiting.h"
+
+namespace {
+
+using IPCService::Interrupted;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+
+/// How long an exchange has its turn when its peer is silent.
+constexpr milliseconds TURN(5000);
+
+std::uint32_t commandOf(const std::optional<std::string>& message)
+{
+    return message ? numberAt<std::uint32_t>(*message, 164) : 0;
+}
+
+/// Two exchanges that both wait: ITGT is silent to the first, and the face library got the second's request after the
+/// first's turn.
+class TwoWaiting : public testing::Test
+{
+protected:
+    TwoWaiting()
+    {
+        EXPECT_EQ(commandOf(m_itgt.receive()), 7021U);
+        m_second = std::make_unique<Exchanging>(std::vector<std::uint32_t>{7019}, FACES_PATH);
+        EXPECT_EQ(commandOf(m_faces.receive()), 7019U);
+    }
+
+    UnixSocket m_itgt{ITGT_PATH};
+    UnixSocket m_faces{FACES_PATH};
+    Exchanging m_first{{7021}};
+    std::unique_ptr<Exchanging> m_second;
+};
+
+TEST_F(TwoWaiting, EachGetsItsOwnReplyInEitherOrder)
+{
+    ASSERT_TRUE(m_itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(m_first.replies(), ElementsAre(reply(7021, 'i')));
+    EXPECT_FALSE(m_second->hasEnded(milliseconds(0)));
+    ASSERT_TRUE(m_faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(m_second->replies(), ElementsAre(reply(7019, 'f')));
+}
+
+TEST_F(TwoWaiting, LateReplyReachesTheFirstAlsoWhenTheSecondHasEnded)
+{
+    ASSERT_TRUE(UnixSocket().send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(m_second->replies(), ElementsAre(reply(7019, 'f')));
+    EXPECT_FALSE(m_first.hasEnded(milliseconds(0)));
+    ASSERT_TRUE(UnixSocket().send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(m_first.replies(), ElementsAre(reply(7021, 'i')));
+}
+
+TEST_F(TwoWaiting, OtherCommandIsForWhoAskedItsSender)
+{
+    ASSERT_TRUE(m_faces.send(OWN_PATH, reply(1, 'w')));
+    EXPECT_THAT(m_second->replies(), ElementsAre(reply(1, 'w')));
+    EXPECT_FALSE(m_first.hasEnded(milliseconds(0)));
+}
+
+TEST_F(TwoWaiting, OtherCommandOfAStrangerIsForNobody)
+{
+    ASSERT_TRUE(UnixSocket().send(OWN_PATH, reply(1, 'w')));
+    EXPECT_FALSE(m_first.hasEnded(milliseconds(200)));
+    EXPECT_FALSE(m_second->hasEnded(milliseconds(200)));
+    ASSERT_TRUE(m_faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(m_second->replies(), ElementsAre(reply(7019, 'f')));
+    ASSERT_TRUE(UnixSocket().send(OWN_PATH, reply(1, 'w')));
+    EXPECT_THAT(m_first.replies(), ElementsAre(reply(1, 'w'))) << "who waits alone gets it";
+}
+
+TEST(ExchangesMeet, NextOneGoesWhenTheReplyIsThereAndNotBefore)
+{
+    Line line;
+    UnixSocket itgt(ITGT_PATH);
+    UnixSocket faces(FACES_PATH);
+    IPCService::MessageExchange first;
+    MSG_DATA message = request(7020);
+    first.send(message);
+    Exchanging second({7019}, FACES_PATH);
+    ASSERT_TRUE(line.hasSeen(1));
+    EXPECT_FALSE(faces.hasDatagram());
+    EXPECT_EQ(commandOf(itgt.receive()), 7020U);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'a')));
+    EXPECT_EQ(static_cast<std::uint32_t>(first.receive(message)), 7020U);
+    const Stopwatch stopwatch;
+    EXPECT_EQ(commandOf(faces.receive()), 7019U) << "the first exchange still lives, but has its reply";
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
+}
+
+TEST(ExchangesMeet, RequestsTakeTurnsInTheOrderOfComing)
+{
+    Line line;
+    UnixSocket itgt(ITGT_PATH);
+    Exchanging first({7001, 7005});
+    ASSERT_EQ(commandOf(itgt.receive()), 7001U);
+    Exchanging second({7002, 7006});
+    ASSERT_TRUE(line.hasSeen(1));
+    Exchanging third({7003});
+    ASSERT_TRUE(line.hasSeen(2));
+    Exchanging fourth({7004});
+    ASSERT_TRUE(line.hasSeen(3));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7001, 'r')));
+    ASSERT_TRUE(line.hasSeen(4)) << "the first stands in line again";
+    for (const std::uint32_t command : {7002U, 7003U, 7004U, 7005U, 7006U}) {
+        EXPECT_EQ(commandOf(itgt.receive()), command);
+        EXPECT_FALSE(itgt.hasDatagram());
+        ASSERT_TRUE(itgt.send(OWN_PATH, reply(command, 'r')));
+    }
+    EXPECT_THAT(first.replies(), ElementsAre(reply(7001, 'r'), reply(7005, 'r')));
+    EXPECT_THAT(second.replies(), ElementsAre(reply(7002, 'r'), reply(7006, 'r')));
+}
+
+TEST(ExchangesMeet, WhoIsSilentForFiveSecondsHoldsUpNobodyElse)
+{
+    UnixSocket itgt(ITGT_PATH);
+    UnixSocket faces(FACES_PATH);
+    Exchanging silent({7021});
+    ASSERT_TRUE(itgt.receive().has_value());
+    const Stopwatch stopwatch;
+    Exchanging other({7019, 7018}, FACES_PATH);
+    EXPECT_EQ(commandOf(faces.receive()), 7019U);
+    EXPECT_GE(stopwatch.elapsed(), TURN - milliseconds(200));
+    EXPECT_LT(stopwatch.elapsed(), TURN + milliseconds(1500) + SLOWNESS);
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
+    const Stopwatch next;
+    EXPECT_EQ(commandOf(faces.receive()), 7018U);
+    EXPECT_LT(next.elapsed(), milliseconds(1000) + SLOWNESS) << "the silent one held it up again";
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7018, 'f')));
+    EXPECT_TRUE(other.hasEnded());
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
+}
+
+TEST(ExchangesMeet, WhoCannotReachItsPeerHoldsUpNobody)
+{
+    UnixSocket faces(FACES_PATH);
+    Exchanging unreachable({7021});
+    ASSERT_TRUE(eventually([] { return CapturedLog::withFormat("sendTo fail:%s.").size() == 1; }));
+    const Stopwatch stopwatch;
+    Exchanging other({7019}, FACES_PATH);
+    EXPECT_EQ(commandOf(faces.receive()), 7019U);
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_TRUE(other.hasEnded());
+    EXPECT_FALSE(unreachable.hasEnded(milliseconds(0)));
+}
+
+TEST(ExchangesMeet, WhatIsLeftOverOfOneIsNoReplyToTheOther)
+{
+    UnixSocket itgt(ITGT_PATH);
+    UnixSocket faces(FACES_PATH);
+    IPCService::MessageExchange download;
+    MSG_DATA message = request(7021);
+    download.send(message);
+    ASSERT_TRUE(itgt.receive().has_value());
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
+    download.receive(message);
+    Exchanging clear({7019}, FACES_PATH);
+    EXPECT_EQ(commandOf(faces.receive()), 7019U);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i'))) << "the same once more, while the download pauses";
+    EXPECT_FALSE(clear.hasEnded(milliseconds(200)));
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(clear.replies(), ElementsAre(reply(7019, 'f')));
+}
+
+TEST(ExchangesMeet, InterruptWakesWhoStandsInLineAndTheNextGoes)
+{
+    Line line;
+    UnixSocket itgt(ITGT_PATH);
+    Exchanging first({7001});
+    ASSERT_EQ(commandOf(itgt.receive()), 7001U);
+    Exchanging second({7002});
+    ASSERT_TRUE(line.hasSeen(1));
+    Exchanging third({7003});
+    ASSERT_TRUE(line.hasSeen(2));
+    const Stopwatch stopwatch;
+    second.interrupt();
+    EXPECT_THROW(second.replies(), Interrupted);
+    first.interrupt();
+    EXPECT_THROW(first.replies(), Interrupted);
+    EXPECT_EQ(commandOf(itgt.receive()), 7003U);
+    EXPECT_LT(stopwatch.elapsed(), milliseconds(2000) + SLOWNESS);
+}
+
+/// Answers each request to it with its own bytes and a mark, until told to end.
+class Echo
+{
+public:
+    explicit Echo(const std::string& path)
+        : m_socket(path), m_thread([this] {
+              while (!m_ends) {
+                  if (auto message = m_socket.receive(milliseconds(50))) {
+                      message->at(1000) = 'E';
+                      EXPECT_TRUE(m_socket.send(OWN_PATH, *message));
+                  }
+              }
+          })
+    {
+    }
+    ~Echo()
+    {
+        m_ends = true;
+        m_thread.join();
+    }
+    Echo(const Echo&) = delete;
+    Echo& operator=(const Echo&) = delete;
+
+private:
+    UnixSocket m_socket;
+    std::atomic<bool> m_ends{false};
+    std::thread m_thread;
+};
+
+TEST(ExchangesMeet, FourThreadsGetTheirOwnRepliesAndNobodyElses)
+{
+    constexpr std::size_t ROUNDS = 200;
+    const Echo itgt(ITGT_PATH);
+    const Echo faces(FACES_PATH);
+    std::vector<std::future<void>> threads;
+    for (const std::uint32_t command : {7018U, 7019U, 7020U, 7021U}) {
+        const std::string peer = command < 7020 ? FACES_PATH : ITGT_PATH;
+        threads.push_back(std::async(std::launch::async, [command, peer] {
+            for (std::size_t round = 0; round < ROUNDS; round += 4) {
+                IPCService::MessageExchange exchange;
+                for (std::size_t number = round; number < round + 4; ++number) {
+                    std::string expected = requestBytes(command, peer);
+                    putNumber(expected, 2000, static_cast<std::uint32_t>(number));
+                    MSG_DATA message;
+                    std::memcpy(&message, expected.data(), sizeof message);
+                    expected.at(1000) = 'E';
+                    exchange.exchange(message);
+                    ASSERT_EQ(bytesOf(message), expected);
+                }
+            }
+        }));
+    }
+    for (std::future<void>& thread : threads) {
+        thread.get();
+    }
+}
+
+}  // namespace
