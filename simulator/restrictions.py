@@ -30,7 +30,7 @@ NOT_APPLIED = {
 
 # The leak checker of a sanitized binary looks at the threads as a debugger does.
 _SANITIZER_CALLS = frozenset({"ptrace"})
-_CAPABILITIES = {"CAP_SETGID": 6, "CAP_SETUID": 7}
+_CAPABILITIES = {"CAP_CHOWN": 0, "CAP_SETGID": 6, "CAP_SETUID": 7}
 _ON = ["yes"]
 # Settings that bwrap and the launcher apply in this one form.
 _FORMS = {

@@ -109,11 +109,12 @@ def test_lines_of_system_calls_add_and_take_away_in_turn() -> None:
     assert "fchownat" in system_calls.group("@privileged"), "groups within groups"
 
 
-def test_the_unit_allows_no_system_call_that_needs_a_privilege_but_the_change_of_user() -> None:
+def test_the_unit_allows_no_system_call_that_needs_a_privilege_but_the_change_of_user_and_the_hand_over() -> None:
     allowed = system_calls.listed(unit_file.service_settings()["SystemCallFilter"])
     assert {"execve", "openat", "sendto", "setresuid"} <= allowed
     privileged = {name for group in ("@privileged", "@mount", "@debug", "@module", "@raw-io", "@reboot", "@swap",
                                      "@clock", "@keyring", "@ipc", "@aio", "@resources", "@obsolete", "@cpu-emulation")
                   for name in system_calls.group(group)}
     change_of_user = {"setgroups", "setresuid", "setreuid", "setuid"}
-    assert {name.removesuffix("32") for name in allowed & privileged} == change_of_user
+    hand_over = {"fchown"}
+    assert {name.removesuffix("32") for name in allowed & privileged} == change_of_user | hand_over

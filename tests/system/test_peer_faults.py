@@ -53,33 +53,46 @@ def test_useless_itgt_at_the_start_is_logged_and_commands_are_served(start_camer
     assert camera.itgt.requests(1037) == []
 
 
-@pytest.mark.seconds(10)
 @pytest.mark.parametrize("kind", USELESS)
-@pytest.mark.parametrize("path", ["/tmp/KH", "/tmp/II", "/tmp/A"], ids=["client", "itgt", "face library"])
-def test_useless_peer_is_logged_and_served_again_when_it_comes_back(camera: Camera, path: str, kind: str) -> None:
-    process = {"/tmp/KH": camera.client, "/tmp/II": camera.itgt, "/tmp/A": camera.faces}[path]
-    body = (b'{"taskName":"whiteListClear","taskInfo":{"cameraCode":"C"}}' if path == "/tmp/A"
-            else b'{"taskName":"nothing","taskInfo":{}}')
+def test_useless_client_is_logged_and_answered_again_when_it_comes_back(camera: Camera, kind: str) -> None:
+    body = b'{"taskName":"nothing","taskInfo":{}}'
     begin = len(camera.journal)
-    process.stop()
-    with at(camera, path, kind):
-        if path == "/tmp/II":
-            assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-        elif path == "/tmp/A":
-            assert camera.client.wait_reply(camera.client.send_body(body)).status == 400
-        else:
-            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-                for data in (len(body).to_bytes(4, "little").rjust(260, b"\0").ljust(280, b"\0"), body):
-                    sender.sendto(data, str(camera.path("/tmp/HK")))
-        record = camera.wait_for_log("SendJsonMsg fail:" if path == "/tmp/KH" else "sendTo fail:", since=begin)
-        assert (record.level, record.path) == ("ERROR", LOOP if path == "/tmp/KH" else TRANSMITTER)
-    process.start()
-    if path == "/tmp/II":
-        wait_end(camera, begin, timeout=30)
-        download(camera, 1)
-        assert camera.platform.reports
+    camera.client.stop()
+    with at(camera, "/tmp/KH", kind):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            for data in (len(body).to_bytes(4, "little").rjust(260, b"\0").ljust(280, b"\0"), body):
+                sender.sendto(data, str(camera.path("/tmp/HK")))
+        record = camera.wait_for_log("SendJsonMsg fail:", since=begin)
+        assert (record.level, record.path) == ("ERROR", LOOP)
+    camera.client.start()
     expect_working(camera)
-    assert camera.client.command("whiteListClear", {"cameraCode": "C"}).status == 200
+
+
+@pytest.mark.parametrize("kind", USELESS)
+def test_useless_face_library_is_waited_for_and_gets_its_lists_when_it_comes_back(camera: Camera, kind: str) -> None:
+    camera.faces.stop()
+    with at(camera, "/tmp/A", kind):
+        tag = camera.client.send("whiteListClear", {"cameraCode": "C"})
+        record = camera.wait_for_log("sendTo fail:")
+        assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+        assert camera.client.replies == []
+    camera.faces.start()
+    assert camera.client.wait_reply(tag).status == 200
+    assert len(camera.faces.applied) == 3
+
+
+@pytest.mark.parametrize("kind", USELESS)
+def test_useless_itgt_is_waited_for_and_imports_the_page_when_it_comes_back(camera: Camera, kind: str) -> None:
+    camera.itgt.stop()
+    with at(camera, "/tmp/II", kind):
+        assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+        record = camera.wait_for_log("sendTo fail:")
+        assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+        expect_working(camera)
+    camera.itgt.start()
+    wait_end(camera)
+    assert [len(camera.itgt.requests(command)) for command in (7020, 7021, 7031)] == [2, 2, 2]
+    assert [request.json()["startIndex"] for request in camera.platform.reports] == [0, 30]
 
 
 def test_client_that_reads_late_gets_the_replies_that_its_queue_had_room_for(camera: Camera) -> None:

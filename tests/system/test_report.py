@@ -10,7 +10,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, Reset, Response, wire
-from support import DOWNLOAD, TRANSMITTER, download, expect_log, texts
+from support import DOWNLOAD, TRANSMITTER, download, expect_log, texts, wait_end
 
 StateFile = Callable[[dict[str, Any]], bytes]
 
@@ -72,19 +72,22 @@ def test_another_answer_leaves_the_time_out_and_the_report_is_still_posted(camer
     assert not [text for text in texts(camera) if text.startswith("picTaskResult Update TIME")]
 
 
-def test_itgt_that_goes_before_the_time_leaves_it_empty(camera: Camera) -> None:
-    """Played by its socket, which nobody may write to while the first page's time is asked."""
-    def forbid_once(message: wire.Message, default: Callable[[], Any]) -> Any:
-        if message.command == 7021 and not camera.platform.reports:
+def test_itgt_that_is_away_for_the_time_is_asked_again_until_the_report_has_it(camera: Camera) -> None:
+    """Played by its socket, which nobody may write to while the time is asked."""
+    def forbid(message: wire.Message, default: Callable[[], Any]) -> Any:
+        if message.command == 7021:
             camera.path("/tmp/II").chmod(0)
         return default()
 
-    camera.itgt.on_message = forbid_once
-    camera.platform.on_request = lambda request, default: (camera.path("/tmp/II").chmod(0o666), default())[1]
-    download(camera, 31)
+    camera.itgt.on_message = forbid
+    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
     record = camera.wait_for_log("sendTo fail:")
     assert (record.level, record.path) == ("ERROR", TRANSMITTER)
-    assert [request.json()["datatime"] for request in camera.platform.reports] == ["", "2024-05-17 08:30:00"]
+    assert camera.platform.reports == []
+    camera.path("/tmp/II").chmod(0o666)
+    wait_end(camera)
+    assert [request.json()["datatime"] for request in camera.platform.reports] == ["2024-05-17 08:30:00"]
+    assert sum(text.startswith("sendTo fail:") for text in texts(camera)) == 1
 
 
 def test_strings_are_escaped(camera: Camera) -> None:

@@ -16,7 +16,7 @@ from support import expect_working, status_field, with_library
 
 StartCamera = Callable[..., Camera]
 
-CAP_SETGID_AND_SETUID = 1 << 6 | 1 << 7
+CAP_CHOWN_SETGID_AND_SETUID = 1 << 6 | 1 << 7
 
 # A program of this machine in the service's place: tries one thing after the other and prints its name and errno.
 PROBE = r"""
@@ -78,7 +78,7 @@ static void calls(void) {
     tell("chroot and mount need a capability", prctl(PR_CAPBSET_READ, 21, 0, 0, 0) == 0 ? 0 : -1);
     in_child("mount", SYS_mount);
     in_child("chroot", SYS_chroot);
-    in_child("chown", SYS_fchown);
+    in_child("chown", SYS_fchownat);
     in_child("clock_settime", SYS_clock_settime);
     in_child("sethostname", SYS_sethostname);
     in_child("bpf", SYS_bpf);
@@ -151,7 +151,7 @@ def test_the_serving_process_is_restricted_in_all_its_threads(camera: Camera) ->
     assert int(status_field(camera, "CapEff"), 16) == int(status_field(camera, "CapPrm"), 16) == 0
     assert int(status_field(camera, "CapAmb"), 16) == 0
     if os.geteuid() == 0:
-        assert int(status_field(camera, "CapBnd"), 16) == CAP_SETGID_AND_SETUID
+        assert int(status_field(camera, "CapBnd"), 16) == CAP_CHOWN_SETGID_AND_SETUID
     limits = Path(f"/proc/{camera.service.pid}/limits").read_text().splitlines()
     assert next(line.split()[4:6] for line in limits if line.startswith("Max core file size")) == ["0", "0"]
     modes = {line.split()[1] for status in Path(f"/proc/{camera.service.pid}/task").glob("*/status")

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import signal
 import struct
 from collections.abc import Callable
 from typing import Any
@@ -11,7 +12,7 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.face_library import face_list
-from support import LOOP, TRANSMITTER, count_text, expect_log, expect_working, received, records, texts
+from support import LOOP, TRANSMITTER, count_text, expect_log, expect_working, received, records, texts, wait_stopped
 
 CONFIGURATION = "/tmp/mmcblk0/face_basic/facelists.json"
 
@@ -263,27 +264,54 @@ def test_short_answer_to_the_clear_request(camera: Camera, length: int) -> None:
     expect_failure_after_the_reply(camera, " [Custom] download picture, open file  error.", 311)
 
 
-def test_absent_face_library_is_logged_and_the_service_stops_as_ever(camera: Camera) -> None:
+def test_absent_face_library_is_logged_once_and_waited_for(camera: Camera) -> None:
     camera.faces.stop()
-    camera.client.send("whiteListClear", {"cameraCode": "C1"})
+    tags = [camera.client.send("whiteListClear", {"cameraCode": "C1"}), camera.client.send("faceNotHitDown", {})]
     record = camera.wait_for_log("sendTo fail:")
     assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+    assert camera.client.replies == []
+    camera.faces.start()
+    assert [camera.client.wait_reply(tag).status for tag in tags] == [200, 200]
+    assert len(camera.faces.applied) == 3
+    assert sum(text.startswith("sendTo fail:") for text in texts(camera, TRANSMITTER)) == 1
 
 
-def test_face_library_that_goes_after_the_clear_is_logged_for_each_list(camera: Camera) -> None:
-    """Played by its socket, which nobody may write to any more. What the lists are answered is not checked anyway."""
-    def forbid(message: wire.Message, default: Callable[[], Any]) -> Any:
-        camera.path("/tmp/A").chmod(0)
+def test_absent_face_library_does_not_hold_up_a_stop(camera: Camera) -> None:
+    camera.faces.stop()
+    camera.client.send("whiteListClear", {"cameraCode": "C1"})
+    camera.wait_for_log("sendTo fail:")
+    assert wait_stopped(camera, signal.SIGTERM) == 0
+
+
+@pytest.mark.parametrize("lists_before", [0, 1, 2])
+def test_face_library_that_is_away_for_a_list_gets_it_when_it_is_back(camera: Camera, lists_before: int) -> None:
+    """Played by its socket, which nobody may write to. The client is told 200 only when every list is set."""
+    def forbid(_message: wire.Message, default: Callable[[], Any]) -> Any:
+        if len(camera.faces.requests(7018)) == lists_before:
+            camera.path("/tmp/A").chmod(0)
         return default()
 
     camera.faces.on_message = forbid
-    clear(camera)
-    assert sum(text.startswith("sendTo fail:") for text in texts(camera, TRANSMITTER)) == 3
-    assert camera.faces.requests(7018) == []
+    tag = camera.client.send("whiteListClear", {"cameraCode": "C1"})
+    camera.wait_for_log("sendTo fail:")
+    assert camera.client.replies == []
+    assert sum(text.startswith("CMD_ALARM_FACE_LIB_SET ") for text in texts(camera)) == lists_before
     camera.faces.on_message = None
     camera.path("/tmp/A").chmod(0o666)
-    clear(camera)
-    assert len(camera.faces.applied) == 3
+    assert camera.client.wait_reply(tag).status == 200
+    assert [face["list_name"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"]
+    assert sum(text.startswith("sendTo fail:") for text in texts(camera, TRANSMITTER)) == 1
+
+
+@pytest.mark.parametrize("destination", ["", "/tmp/CP"], ids=["nobody", "the service itself"])
+def test_answer_that_sends_the_next_list_to_nobody_ends_the_command(camera: Camera, destination: str) -> None:
+    """The header goes out again with the next list; nobody there could ever answer it."""
+    camera.faces.script(7018, lambda message: wire.encode_reply(message, same_header=True, destination=destination))
+    clear(camera, 400)
+    record = camera.wait_for_log("facelist_ary parser Err ")
+    assert (record.level, record.path, record.line) == ("ERROR", LOOP, 416)
+    assert len(camera.faces.requests(7018)) == 1
+    expect_working(camera)
 
 
 def test_configuration_that_may_not_be_read(camera: Camera) -> None:

@@ -123,7 +123,7 @@ bool ExchangeSocket::deliver()
     if (!Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0)) {
         return true;  // another thread was here first
     }
-    const std::string sender = senderOfNextDatagram(m_pTransmitter->descriptor());
+    const SocketPath sender = senderOfNextDatagram(m_pTransmitter->descriptor());
     m_arrived = MSG_DATA{};
     QL_CMD_TYPE command = {};
     const int length = m_pProtocol->receive(command, m_arrived);
@@ -149,14 +149,14 @@ bool ExchangeSocket::deliver()
 
 /// Who waits for a message: whoever asked for its command, the longest-waiting first. A message with another command
 /// is for who asked its sender, and from a stranger for whoever waits alone.
-ExchangeMember* ExchangeSocket::receiver(QL_CMD_TYPE command, const std::string& sender) const
+ExchangeMember* ExchangeSocket::receiver(QL_CMD_TYPE command, const SocketPath& sender) const
 {
     ExchangeMember* pAsking = nullptr;
     ExchangeMember* pAskedSender = nullptr;
     bool isSenderKnown = false;
     int asking = 0;
     for (ExchangeMember* pMember : m_members) {
-        const bool isPeer = !sender.empty() && pMember->peerPath == sender;
+        const bool isPeer = !sender.empty() && sender == pMember->peerPath;
         isSenderKnown = isSenderKnown || isPeer;
         if (!isAsking(*pMember)) {
             continue;

@@ -87,7 +87,7 @@ public:
     void takeReply(ExchangeMember& member, MSG_DATA& message);
 
 private:
-    ExchangeMember* receiver(QL_CMD_TYPE command, const std::string& sender) const;
+    ExchangeMember* receiver(QL_CMD_TYPE command, const SocketPath& sender) const;
     void passTurnLocked(const ExchangeMember& member) noexcept;
 
     std::mutex m_mutex;

@@ -5,12 +5,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstddef>
-#include <cstring>
 
+#include "bounds_checked.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
@@ -30,17 +29,19 @@ void bindToPath(Poco::Net::DatagramSocket& socket, const Poco::Net::SocketAddres
     ::chmod(path.c_str(), 0660);
 }
 
-std::string senderOfNextDatagram(int descriptor)
+SocketPath senderOfNextDatagram(int descriptor)
 {
     sockaddr_un sender = {};
     socklen_t length = sizeof(sender);
     char byte = 0;
+    SocketPath path;
     const ssize_t size = ::recvfrom(descriptor, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT,
                                     reinterpret_cast<sockaddr*>(&sender), &length);
     // The address of a sender without a path ends before the path.
-    return size < 0 || length <= offsetof(sockaddr_un, sun_path)
-               ? std::string()
-               : std::string(sender.sun_path, ::strnlen(sender.sun_path, sizeof(sender.sun_path)));
+    if (size >= 0 && length > offsetof(sockaddr_un, sun_path)) {
+        memcpy_s(path.m_text, sizeof(path.m_text), sender.sun_path, sizeof(sender.sun_path));
+    }
+    return path;
 }
 
 IPCUnixTransmitter::IPCUnixTransmitter(const std::string& path) : m_address(Poco::Net::AddressFamily::UNIX_LOCAL, path)

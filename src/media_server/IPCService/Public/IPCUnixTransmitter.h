@@ -3,6 +3,7 @@
 
 #include <Poco/Net/DatagramSocket.h>
 #include <Poco/Net/SocketAddress.h>
+#include <sys/un.h>
 
 #include <string>
 
@@ -17,10 +18,22 @@ constexpr int DATAGRAM_SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
 /// @throws Poco::IOException when the path cannot be bound
 void bindToPath(Poco::Net::DatagramSocket& socket, const Poco::Net::SocketAddress& address);
 
+/// The path of a unix socket. Takes no memory of its own.
+class SocketPath
+{
+public:
+    bool operator==(const std::string& path) const { return path == m_text; }
+    bool empty() const { return m_text[0] == '\0'; }
+
+private:
+    friend SocketPath senderOfNextDatagram(int descriptor);
+    char m_text[sizeof(sockaddr_un::sun_path) + 1] = {};  ///< one more, for a path that has no NUL
+};
+
 /// The path that the next datagram on a unix socket was sent from. The datagram stays.
 /// @param descriptor  a socket on which one waits
 /// @return empty when its sender has no path
-std::string senderOfNextDatagram(int descriptor);
+SocketPath senderOfNextDatagram(int descriptor);
 
 /// One unix datagram socket bound to a path. Has no lock: two threads must not both wait for replies on it.
 /// Destruction closes the socket and leaves its file, which the next bind removes.
