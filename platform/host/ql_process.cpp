@@ -1,11 +1,18 @@
-/* Stand-in for the camera's process library: switches the user for real, where the process may. */
+/*
+ * Stand-in for the camera's process library: switches the user for real, where the process may. Ring buffers (see
+ * srvfs_client.cpp) that an earlier process left as root's go to the new user with it: it could not open them else.
+ */
 #include "ql_process.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <exception>
 #include <vector>
 
@@ -77,6 +84,31 @@ private:
     std::vector<gid_t> m_supplementary;
 };
 
+constexpr char SHARED_MEMORY_FOLDER[] = "/dev/shm";
+constexpr char RING_PREFIX[] = "metadata_servfile";
+
+/** Failures do not matter: a ring that stays root's cannot be opened, which is reported then. */
+void handOverRings(const Account& account)
+{
+    DIR* const folder = opendir(SHARED_MEMORY_FOLDER);
+    if (folder == nullptr) {
+        return;
+    }
+    while (const dirent* const entry = readdir(folder)) {
+        if (std::strncmp(entry->d_name, RING_PREFIX, sizeof RING_PREFIX - 1) != 0) {
+            continue;
+        }
+        const int descriptor = openat(dirfd(folder), entry->d_name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        struct stat status = {};
+        if (descriptor >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == 0 &&
+            status.st_nlink == 1) {
+            [[maybe_unused]] const int result = fchown(descriptor, account.uid, account.gid);
+        }
+        close(descriptor);
+    }
+    closedir(folder);
+}
+
 /**
  * The groups first, while the process still may, the user last: from then on there is no way back.
  * The C library carries each step to all threads.
@@ -90,6 +122,7 @@ int switchTo(const char* user, const Account& account)
     if (result != 0) {
         return result;
     }
+    handOverRings(account);
     if (initgroups(user, account.gid) != 0) {
         return errno;
     }

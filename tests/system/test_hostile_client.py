@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import random
+import socket
 import struct
 from collections.abc import Callable
 from typing import Any
@@ -79,6 +80,32 @@ def test_head_without_a_body_does_not_swallow_the_next_command(camera: Camera) -
     expect_working(camera)
     assert camera.client.wait_reply(5).status == 400
     expect_working(camera)
+
+
+@pytest.mark.parametrize("paths", [bytes(16), b"\xff" * 16, b"/run/HK\0/run/KH\0", b"x" * 16], ids=repr)
+@pytest.mark.parametrize("lost", [b"", b"x", wire.encode_head(5, len(GOOD))], ids=["nothing", "a byte", "a body"])
+def test_what_is_lost_costs_its_own_command_only_whatever_the_next_heads_have_in_their_paths(
+        camera: Camera, paths: bytes, lost: bytes) -> None:
+    camera.client.send_raw(lost)
+    for tag in (7, 8, 9):
+        camera.client.send_raw(paths + wire.encode_head(tag, len(GOOD))[16:])
+        camera.client.send_raw(GOOD)
+    assert [camera.client.wait_reply(tag).status for tag in (7, 8, 9)] == [200, 200, 200]
+
+
+def test_service_whose_reply_path_leads_to_its_command_socket_does_not_talk_to_itself(camera: Camera) -> None:
+    camera.client.stop()
+    camera.path("/tmp/KH").unlink(missing_ok=True)
+    camera.path("/tmp/KH").symlink_to("HK")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+        for data in (wire.encode_head(1, len(GOOD)), GOOD, wire.encode_head(2, len(GOOD)), GOOD):
+            sender.sendto(data, str(camera.path("/tmp/HK")))
+    camera.wait_until(lambda: len(camera.read_ring_buffer()) > 0)
+    camera.wait_until(lambda: sum(record.text.startswith("SendJsonMsg head: 280") for record in camera.service.log) == 2)
+    camera.path("/tmp/KH").unlink()
+    camera.client.start()
+    expect_working(camera)
+    assert count_text(camera, "GetJsonMsgInfo err:.") == 0
 
 
 def test_body_of_the_length_of_a_head_is_a_body(camera: Camera) -> None:

@@ -16,7 +16,7 @@ from support import expect_working, status_field, with_library
 
 StartCamera = Callable[..., Camera]
 
-CAP_CHOWN_SETGID_AND_SETUID = 1 << 6 | 1 << 7
+CAP_CHOWN_SETGID_AND_SETUID = 1 << 0 | 1 << 6 | 1 << 7
 
 # A program of this machine in the service's place: tries one thing after the other and prints its name and errno.
 PROBE = r"""

@@ -13,7 +13,7 @@ import pytest
 
 from simulator import Camera, build_folder
 from support import (EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, count_text, expect_log, expect_working, poll_until,
-                     received, status_field, texts, wait_stopped, with_library)
+                     received, status_field, texts, wait_end, wait_stopped, with_library)
 
 StartCamera = Callable[..., Camera]
 
@@ -340,3 +340,33 @@ def test_the_binary_needs_the_platform_library_at_run_time() -> None:
     """The camera's own library can take the stand-in's place only if nothing of it is in the executable."""
     binary = (build_folder() / "bin" / "protocol_process").read_bytes()
     assert b"libcamera_platform.so\0" in binary
+
+
+def expect_every_command_carried_out(camera: Camera) -> None:
+    begin = len(camera.journal)
+    camera.faces.applied.clear()
+    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
+    assert camera.client.command("faceNotHitDown", {"a": 1}).status == 200
+    wait_end(camera, begin)
+    assert [report.json()["startIndex"] for report in camera.platform.reports[-2:]] == [0, 30]
+    assert len(camera.faces.applied) == 3
+    assert camera.read_ring_buffer() == ['{"a":1}']
+
+
+def test_account_that_is_added_after_a_run_as_root_is_given_what_that_run_left(start_camera: StartCamera) -> None:
+    """Without the account the service keeps the rights it has; nobody removes its files by hand."""
+    camera = start_camera(start=False)
+    accounts = camera.sandbox.folder / "etc" / "passwd"
+    with_account = accounts.read_text()
+    accounts.write_text("root:x:0:0:root:/root:/bin/sh\n")
+    camera.start_service()
+    expect_log(camera, "ERROR", SUBSYSTEM, "Fail to run ChangeProcUser")
+    expect_every_command_carried_out(camera)
+    camera.service.stop()
+    accounts.write_text(with_account)
+    begin = len(camera.journal)
+    camera.start_service()
+    expect_every_command_carried_out(camera)
+    assert not [event for event in camera.journal.events[begin:]
+                if event.matches("service", "log") and event.record.text == "Fail to run ChangeProcUser"]
