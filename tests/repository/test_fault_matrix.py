@@ -21,6 +21,11 @@ INTERACTIONS = [
 FAULTS = ["absent", "refuses", "silent", "slow", "short", "oversized", "garbage", "dies midway", "comes back",
           "disk full", "no permission", "descriptor limit"]
 
+# The section of pairs: each peer disturbed, beside each other one, in each of these states.
+PAIRS = "Two peers at once"
+PEERS = {"ITGT": "itgt", "face library": "faces", "client": "client", "platform": "platform", "event cache": "events"}
+STATES = ["slow", "silent", "away", "restarts"]
+
 IMPOSSIBLE = "cannot happen: "
 UNLIMITED = "without limit"
 # What shows that a wait without limit ends with a stop all the same.
@@ -40,7 +45,7 @@ def read_matrix(text: str) -> list[Cell]:
     for line in text.splitlines():
         if line.startswith("## "):
             interaction = line.removeprefix("## ")
-        elif interaction and line.startswith("| ") and not line.startswith(("| Fault |", "| --- |")):
+        elif interaction in INTERACTIONS and line.startswith("| ") and not line.startswith(("| Fault |", "| --- |")):
             columns = [column.strip() for column in line.strip("|").split(" | ")]
             assert len(columns) == 3, f"not three columns: {line}"
             cells.append(Cell(interaction, columns[0], columns[1], re.findall(r"`([^`]+)`", columns[2])))
@@ -74,6 +79,32 @@ def problems(cells: list[Cell], known: frozenset[str]) -> list[str]:
 def test_every_cell_has_an_outcome_and_a_test_that_exists() -> None:
     found = problems(read_matrix(DOCUMENT.read_text(encoding="utf-8")), system_tests() | unit_tests())
     assert not found, "\n" + "\n".join(found)
+
+
+def pair_problems(text: str, known: frozenset[str]) -> list[str]:
+    """What is wrong with the section of pairs."""
+    section = text.partition(f"\n## {PAIRS}\n")[2].partition("\n## ")[0]
+    rows = {(columns[0], columns[1]): re.findall(r"`(test_two_peers[^`]+)`", columns[3])
+            for line in section.splitlines()
+            if len(columns := [column.strip() for column in line.strip("|").split(" | ")]) == 4}
+    wanted = {(one, other): [f"test_two_peers.py::test_business_with_one_goes_on_while_another_is_disturbed"
+                             f"[{PEERS[one]}-{state}-{PEERS[other]}]" for state in STATES]
+              for one in PEERS for other in PEERS if one != other}
+    found = [f"{one} beside {other}: {rows.get((one, other))} in place of {tests}"
+             for (one, other), tests in wanted.items() if rows.get((one, other)) != tests]
+    return found + [f"there is no test {test}" for tests in wanted.values() for test in tests if test not in known]
+
+
+def test_every_pair_of_peers_has_a_row_with_its_four_tests() -> None:
+    found = pair_problems(DOCUMENT.read_text(encoding="utf-8"), system_tests())
+    assert not found, "\n" + "\n".join(found)
+
+
+def test_pair_without_its_row_or_its_tests_is_told() -> None:
+    text = DOCUMENT.read_text(encoding="utf-8")
+    assert pair_problems(text.replace("| ITGT | client |", "| ITGT | nobody |"), system_tests())
+    assert pair_problems(text.replace("itgt-slow-client", "itgt-slow-platform"), system_tests())
+    assert pair_problems(text, frozenset())
 
 
 def test_lists_of_tests_are_not_empty() -> None:

@@ -57,7 +57,7 @@ def test_catalogue_agrees_with_the_sources() -> None:
     'LOG(Error, "a new \\"line\\" // %s.");'])
 def test_added_line_is_found(copy: Path, call: str) -> None:
     replace(copy / TRANSMITTER, "    bindToPath(m_socket, m_address);", f"    bindToPath(m_socket, m_address);\n{call}")
-    output = expect(copy, "IPCUnixTransmitter.cpp:31: " + NO_ENTRY)
+    output = expect(copy, "IPCUnixTransmitter.cpp:50: " + NO_ENTRY)
     assert "a new" in output and "line" in output
     assert "## `media_server/IPCService/Public/IPCUnixTransmitter`" in output
 

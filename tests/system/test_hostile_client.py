@@ -101,7 +101,7 @@ def test_service_whose_reply_path_leads_to_its_command_socket_does_not_talk_to_i
         for data in (wire.encode_head(1, len(GOOD)), GOOD, wire.encode_head(2, len(GOOD)), GOOD):
             sender.sendto(data, str(camera.path("/tmp/HK")))
     camera.wait_until(lambda: len(camera.read_ring_buffer()) > 0)
-    camera.wait_until(lambda: sum(record.text.startswith("SendJsonMsg head: 280") for record in camera.service.log) == 2)
+    camera.wait_until(lambda: count_text(camera, "SendJsonMsg head: 280 body :24.") == 2)
     camera.path("/tmp/KH").unlink()
     camera.client.start()
     expect_working(camera)

@@ -76,7 +76,8 @@ class Meetings:
         camera = self._camera
         statuses = {tag: camera.client.wait_reply(tag, REST_SECONDS).status for tag in self._tags}
         assert [reply.tag for reply in camera.client.replies] == list(self._tags), "one reply each, in order"
-        accepted = [faces for tag, (name, faces) in self._tags.items() if name == "whiteListDown" and statuses[tag] == 200]
+        accepted = [faces for tag, (name, faces) in self._tags.items()
+                    if name == "whiteListDown" and statuses[tag] == 200]
         assert all(statuses[tag] in ((200, 409) if name == "whiteListDown" else (200,))
                    for tag, (name, _) in self._tags.items()), statuses
         starts = [start for faces in accepted for start in range(0, faces, 30)]

@@ -45,8 +45,7 @@ void handOverPageFiles(const passwd& account)
         return;
     }
     handOver(::dirfd(directory.get()), account);
-    // No other thread reads this directory stream.
-    while (const dirent* entry = ::readdir(directory.get())) {  // NOLINT(concurrency-mt-unsafe)
+    while (const dirent* entry = ::readdir(directory.get())) {  // NOLINT(concurrency-mt-unsafe): one thread only
         if (std::strncmp(entry->d_name, PAGE_FILE_PREFIX, sizeof(PAGE_FILE_PREFIX) - 1) != 0) {
             continue;
         }

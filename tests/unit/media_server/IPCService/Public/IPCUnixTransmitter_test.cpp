@@ -292,44 +292,6 @@ TEST_F(UnixTransmitter, FailedReceiveIsLoggedAndOverAfterwards)
     EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 4);
 }
 
-TEST_F(UnixTransmitter, ClosedSocketFailsAtOnceInEveryOperation)
-{
-    IPCUnixTransmitter transmitter(folder.file("own"));
-    ASSERT_EQ(::close(transmitter.descriptor()), 0);
-    char buffer[10] = {};
-    const Stopwatch stopwatch;
-    EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), -1);
-    EXPECT_EQ(transmitter.PollRead(3600, 0), 0);
-    EXPECT_EQ(sendText(transmitter, "text", "peer"), -1);
-    EXPECT_LT(stopwatch.elapsed(), std::chrono::seconds(1) + SLOWNESS);
-    onlyLine(SOURCE, 3, "receiveBytes fail:%s.");
-    onlyLine(SOURCE, 3, "PollRead fail:%s.");
-    onlyLine(SOURCE, 3, "sendTo fail:%s.");
-}
-
-TEST_F(UnixTransmitter, SendAgainSendsAndLogsNoFailure)
-{
-    UnixSocket peer(folder.file("peer"));
-    IPCUnixTransmitter transmitter(folder.file("own"));
-    EXPECT_EQ(transmitter.sendAgain("text", 4, address("peer")), 4);
-    EXPECT_EQ(peer.receive(), "text");
-    EXPECT_EQ(transmitter.sendAgain("text", 4, address("nobody")), -1);
-    EXPECT_TRUE(CapturedLog::records().empty());
-}
-
-TEST_F(UnixTransmitter, SenderOfTheNextDatagramIsToldAndTheDatagramStays)
-{
-    IPCUnixTransmitter transmitter(folder.file("own"));
-    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()).empty());
-    ASSERT_TRUE(UnixSocket(folder.file("peer")).send(folder.file("own"), "one"));
-    ASSERT_TRUE(UnixSocket().send(folder.file("own"), "two"));
-    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == folder.file("peer"));
-    char buffer[10] = {};
-    EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 3);
-    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()).empty());
-    EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 3);
-}
-
 TEST_F(UnixTransmitter, PollTellsWhetherADatagramWaitsAndLeavesIt)
 {
     IPCUnixTransmitter transmitter(folder.file("own"));
