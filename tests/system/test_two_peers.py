@@ -70,7 +70,9 @@ def disturb_message_peer(camera: Camera, peer: Any, state: str) -> Callable[[], 
         peer.delay = 0.0
         peer.start()
         for message in unanswered:
-            peer.send(peer.default(message))
+            reply = peer.default(message)
+            if reply is not None:
+                peer.send(reply)
 
     if state == "slow":
         peer.delay = SLOW

@@ -82,7 +82,7 @@ ExchangeSocket::Clock::time_point ExchangeSocket::turnComesAt(const ExchangeMemb
     return m_turns.comesAt(&member);
 }
 
-void ExchangeSocket::passTurn(ExchangeMember& member) noexcept
+void ExchangeSocket::passTurn(const ExchangeMember& member) noexcept
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     passTurnLocked(member);

@@ -64,7 +64,7 @@ public:
     Clock::time_point turnComesAt(const ExchangeMember& member);
 
     /// Gives back the turn, or the place in line.
-    void passTurn(ExchangeMember& member) noexcept;
+    void passTurn(const ExchangeMember& member) noexcept;
 
     /// Sends a member's request to the path in its destination field. It counts as asked from then on, whether or not
     /// it left.
@@ -95,7 +95,7 @@ private:
     std::vector<ExchangeMember*> m_members;  ///< in the order in which they asked last
     Poco::SharedPtr<IPCUnixTransmitter> m_pTransmitter;
     Poco::SharedPtr<IPCServiceOldProtocol> m_pProtocol;
-    MSG_DATA m_arrived;
+    MSG_DATA m_arrived{};
 };
 
 }  // namespace IPCService
