@@ -139,7 +139,7 @@ private:
             if (!hasMore()) {
                 throw brokenOff();
             }
-            const std::size_t count = std::min<std::uint64_t>(size, m_end - m_next);
+            const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(size, m_end - m_next));
             m_body.append(m_buffer.data() + m_next, count);
             m_next += count;
             m_overheadLeft = std::min(LARGEST_OVERHEAD, m_overheadLeft + count * OVERHEAD_OF_A_BODY_BYTE);
