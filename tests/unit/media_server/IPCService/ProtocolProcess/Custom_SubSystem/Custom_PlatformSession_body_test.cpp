@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -102,33 +100,6 @@ TEST_P(StatusWithBodyTest, FailsWithoutTheBodyThatItAnnounces)
 }
 
 INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, StatusWithBodyTest, testing::Values(200, 201, 203, 205, 303, 305));
-
-/** A platform that answers with a body of that many bytes. */
-TlsServer::Script longBody(std::size_t size)
-{
-    return [size](TlsConnection& connection, const std::string&) {
-        connection.send("HTTP/1.1 200 OK\r\n\r\n");
-        const std::string piece(1U << 20, 'x');
-        for (std::size_t left = size; left > 0; left -= std::min(left, piece.size())) {
-            if (!connection.send(piece.substr(0, left))) {
-                return;
-            }
-        }
-    };
-}
-
-TEST_F(ResponseBodyTest, Of128MegabytesIsTaken)
-{
-    const TlsServer server(longBody(128U << 20));
-    EXPECT_EQ(post(server.port()), 200);
-    EXPECT_EQ(m_response.size(), 128U << 20);
-}
-
-TEST_F(ResponseBodyTest, OfOneByteMoreIsRefused)
-{
-    const TlsServer server(longBody((128U << 20) + 1));
-    expectFailure(post(server.port()), "");
-}
 
 class HangUpTest : public ResponseBodyTest, public testing::WithParamInterface<bool>
 {

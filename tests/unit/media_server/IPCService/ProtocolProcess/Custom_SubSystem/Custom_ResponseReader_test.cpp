@@ -181,6 +181,11 @@ std::size_t takenOf(const std::string& begin, const std::string& endless, std::s
 {
     std::size_t given = 0;
     const ByteSource source = [&](char* buffer, std::size_t size) {
+        if (given >= begin.size() && endless.size() == 1) {
+            std::memset(buffer, endless[0], size);
+            given += size;
+            return size;
+        }
         for (std::size_t i = 0; i < size; ++i, ++given) {
             buffer[i] = given < begin.size() ? begin[given] : endless[(given - begin.size()) % endless.size()];
         }
@@ -227,6 +232,31 @@ TEST(ResponseReader, BytesOfABodyAllowForTheirChunks)
     std::string failure;
     EXPECT_LE(takenOf(CHUNKED, "1;" + std::string(100, 'x') + "\r\nx\r\n", failure), 2 * MEGABYTE);
     EXPECT_EQ(failure, "response has too much beside its body");
+}
+
+TEST(ResponseReader, BodyOf128MegabytesIsTakenAndOfOneByteMoreIsNot)
+{
+    for (const std::size_t size : {128 * MEGABYTE, 128 * MEGABYTE + 1}) {
+        std::size_t left = size;
+        std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+        const ByteSource source = [&](char* buffer, std::size_t room) {
+            if (!head.empty()) {
+                const std::size_t count = head.copy(buffer, room);
+                head.clear();
+                return count;
+            }
+            const std::size_t count = std::min(left, room);
+            std::memset(buffer, 'x', count);
+            left -= count;
+            return count;
+        };
+        HTTPResponse response;
+        if (size == 128 * MEGABYTE) {
+            EXPECT_EQ(readResponse(source, response).size(), size);
+        } else {
+            EXPECT_THROW(readResponse(source, response), Poco::Net::MessageException);
+        }
+    }
 }
 
 TEST(ResponseReader, EndlessBodyEndsAfter128Megabytes)
