@@ -89,7 +89,7 @@ TEST_P(CutResponseTest, IsTakenOnlyWhole)
 {
     const std::string whole = GetParam().response;
     for (const bool announced : {true, false}) {
-        for (std::size_t piece = 1; piece <= whole.size(); ++piece) {
+        for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{7}, whole.size()}) {
             for (std::size_t end = 0; end < whole.size(); ++end) {
                 EXPECT_EQ(bodyOf(Connection(whole.substr(0, end), announced, piece)), std::nullopt)
                     << end << " bytes in pieces of " << piece;
