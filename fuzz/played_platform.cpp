@@ -18,7 +18,7 @@ PlayedPlatform& PlayedPlatform::instance()
     return platform;
 }
 
-PlayedPlatform::PlayedPlatform() : m_descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+PlayedPlatform::PlayedPlatform() : m_descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     require(m_descriptor >= 0, "there is a free descriptor");
 }
@@ -86,7 +86,7 @@ int PlayedPlatform::receive(char* buffer, int length)
     return static_cast<int>(size);
 }
 
-// These come before the library's own: the service's sockets are derived from this class.
+// These come before the library's own, which refers to them by name as well.
 namespace Poco {
 namespace Net {
 

@@ -27,6 +27,7 @@ class Connection:
 
     number, port  which it is, counted from 1, and the port it came to
     tls_version   "TLSv1.2" or "TLSv1.3" after the handshake, "" before or without
+    server_name   what the handshake asked for, "" when it named no server
     requests      number of whole requests that came on it
     opened        monotonic time of the accept
     closed        monotonic time of its end, None while it is open
@@ -37,6 +38,7 @@ class Connection:
         self.number = number
         self.port = connected.getsockname()[1]
         self.tls_version = ""
+        self.server_name = ""
         self.cipher = ""
         self.requests = 0
         self.opened = time.monotonic()
@@ -78,11 +80,14 @@ class Connection:
         self._server.journal.add("platform", kind, connection=self.number, port=self.port, **data)
 
     def _handshake(self) -> None:
-        secured = self._server.context.wrap_socket(self._socket, server_side=True, do_handshake_on_connect=False)
+        context = self._server.context
+        context.sni_callback = _keep_server_name
+        secured = context.wrap_socket(self._socket, server_side=True, do_handshake_on_connect=False)
         self._socket = secured
         begin, processor_begin = time.monotonic(), time.thread_time()
         secured.do_handshake()
         self.tls_version = secured.version() or ""
+        self.server_name = getattr(secured, "server_name", "")
         self.cipher = (secured.cipher() or ("",))[0]
         self._note("handshake", tls_version=self.tls_version, cipher=self.cipher, seconds=time.monotonic() - begin,
                    processor_seconds=time.thread_time() - processor_begin, resumed=bool(secured.session_reused))
@@ -129,6 +134,11 @@ class Connection:
                     with contextlib.suppress(OSError, ValueError):
                         self._socket.unwrap()
                 raise _Ended
+
+
+def _keep_server_name(secured: ssl.SSLObject, name: str | None, context: ssl.SSLContext) -> None:
+    """Called in a handshake, by OpenSSL."""
+    setattr(secured, "server_name", name or "")
 
 
 def noted(steps: Iterable[Step], journal: Journal, connection: int) -> Iterator[Step]:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import errno
 import os
 import signal
 from collections.abc import Callable
@@ -60,6 +61,75 @@ def test_pipe_in_the_place_of_the_page_file_is_no_file(camera: Camera, body: byt
     camera.path(PAGE).unlink()
     download(camera, 1)
     assert len(camera.platform.reports) == 1
+
+
+@pytest.mark.parametrize("target", ["/tmp/victim", "/tmp/nothing"])
+def test_link_in_the_place_of_the_page_file_is_not_followed(camera: Camera, target: str) -> None:
+    camera.path("/tmp/victim").write_text("precious")
+    camera.path("/tmp/victim").chmod(0o666)
+    camera.path(FOLDER).mkdir()
+    camera.path(FOLDER).chmod(0o777)
+    camera.path(PAGE).symlink_to(target)
+    download(camera, 31)
+    expect_log(camera, "INFO", DOWNLOAD, f" [Custom] download picture, open file {PAGE} error.")
+    assert "DownloadPictureProcess fail." in texts(camera)
+    assert camera.itgt.requests(7020) == []
+    assert camera.path("/tmp/victim").read_text() == "precious"
+    assert not camera.path("/tmp/nothing").exists()
+    camera.path(PAGE).unlink()
+    download(camera, 1)
+    assert len(camera.platform.reports) == 1
+
+
+# Notes what is written to the disk, and fails as /tmp/cause says.
+SYNC = r"""
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+int fsync(int file) {
+    char link[64], path[256] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", file);
+    if (readlink(link, path, sizeof path - 1) < 0) return -1;
+    FILE* notes = fopen("/tmp/synced", "a");
+    fprintf(notes, "%s\n", path);
+    fclose(notes);
+    FILE* cause = fopen("/tmp/cause", "r");
+    if (cause == NULL) return 0;
+    int ignored = fscanf(cause, "%d", &errno);
+    (void)ignored;
+    fclose(cause);
+    return -1;
+}
+"""
+
+
+def test_name_of_a_page_file_is_on_the_disk_before_itgt_is_told(start_camera: StartCamera, tmp_path: Path) -> None:
+    """And so is that of the folder, when it was not there."""
+    camera = with_library(start_camera, tmp_path, SYNC)
+    synced: list[list[str]] = []
+
+    def look(message: wire.Message, default: Callable[[], bytes]) -> bytes:
+        if message.command == 7020:
+            synced.append(camera.path("/tmp/synced").read_text().splitlines())
+        return default()
+
+    camera.itgt.on_message = look
+    download(camera, 31)
+    parent = FOLDER.rpartition("/")[0]
+    assert synced == [[parent, FOLDER], [parent, FOLDER, FOLDER]]
+
+
+@pytest.mark.parametrize("cause, told", [(errno.EIO, False), (errno.ENOSPC, False), (errno.EINVAL, True)],
+                         ids=["EIO", "ENOSPC", "EINVAL"])
+def test_page_whose_name_does_not_get_on_the_disk_is_not_handed_on(start_camera: StartCamera, tmp_path: Path,
+                                                                   cause: int, told: bool) -> None:
+    """EINVAL: the file system does not know such a thing."""
+    camera = with_library(start_camera, tmp_path, SYNC)
+    camera.path("/tmp/cause").write_text(str(cause))
+    download(camera, 1)
+    assert len(camera.itgt.requests(7020)) == told
+    assert (f" [Custom] download picture, write file {PAGE} error." in texts(camera)) != told
 
 
 # The first reading or writing of a file whose path begins so hangs, as on a disk that does not answer.

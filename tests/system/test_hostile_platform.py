@@ -148,9 +148,9 @@ def test_silence_ends_after_5_seconds(camera: Camera, steps: Any) -> None:
 
 @pytest.mark.seconds(5)
 def test_platform_that_does_not_read_a_large_request_ends_after_5_seconds(camera: Camera) -> None:
-    """The request is larger than what the connection's buffers take."""
-    results = b",".join(b'{"ID":"%0100d","RESULT_TYPE_E":0}' % number for number in range(80_000))
-    camera.itgt.on_state_file = lambda document: b'{"TaskResultArry":[' + results + b"]}"
+    """The request is larger than what the connection's buffers take: a slash is two bytes in it."""
+    camera.itgt.on_state_file = lambda document: (
+        b'{"TaskResultArry":[{"ID":"' + b"/" * 1_500_000 + b'","RESULT_TYPE_E":0}]}')
     connections = []
 
     def second_is_silent(connection: Any) -> Any:

@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+from pathlib import Path
+
 import pytest
 
 from simulator import Camera, Close, Response, Send, trickle
-from support import DOWNLOAD, HTTP, count_text, download, expect_log, texts, wait_end
+from support import DOWNLOAD, HTTP, count_text, download, expect_log, texts, wait_end, with_library
 
 PAGE = "/tmp/mmcblk0/face_basic/faceLib/white0"
 
@@ -82,6 +85,43 @@ def test_excluded_ciphers_are_not_used(camera: Camera) -> None:
     for request in camera.platform.requests:
         assert request.cipher not in ("AES256-SHA", "AES128-SHA", "DES-CBC3-SHA")
         assert not request.cipher.startswith(("DHE", "ADH", "RC4", "NULL"))
+
+
+@pytest.mark.parametrize("host, name", [("127.0.0.1", ""), ("[::1]", ""), ("localhost", "localhost")])
+def test_server_name_is_sent_for_names_only(camera: Camera, host: str, name: str) -> None:
+    """Some servers refuse a handshake that names an address."""
+    download(camera, 1, taskURL=f"https://{host}:{camera.platform.port}/platform/whiteList")
+    assert len(camera.platform.reports) == 1
+    assert [connection.server_name for connection in camera.platform.connections] == [name, name]
+    assert {request.header("Host") for request in camera.platform.requests} == {f"{host}:{camera.platform.port}"}
+
+
+# Notes for each write to a TCP connection whether the connection sends small pieces at once.
+NO_DELAY = r"""
+#include <dlfcn.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <stdio.h>
+#include <sys/socket.h>
+ssize_t write(int file, const void* data, size_t size) {
+    ssize_t (*next)(int, const void*, size_t) = (ssize_t (*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write");
+    int set = 0;
+    socklen_t length = sizeof set;
+    if (getsockopt(file, IPPROTO_TCP, TCP_NODELAY, &set, &length) == 0) {
+        FILE* notes = fopen("/tmp/no_delay", "a");
+        fputs(set ? "at once\n" : "delayed\n", notes);
+        fclose(notes);
+    }
+    return next(file, data, size);
+}
+"""
+
+
+def test_no_piece_of_a_request_waits_for_an_acknowledgement(start_camera: Callable[..., Camera],
+                                                            tmp_path: Path) -> None:
+    camera = with_library(start_camera, tmp_path, NO_DELAY)
+    download(camera, 1)
+    assert set(camera.path("/tmp/no_delay").read_text().splitlines()) == {"at once"}
 
 
 def test_unknown_certificate_is_accepted_without_a_word(camera: Camera) -> None:

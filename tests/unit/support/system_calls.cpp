@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <features.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -54,7 +55,6 @@ int __real_ioctl(int descriptor, unsigned long request, ...);
 int __real_usleep(useconds_t microseconds);
 int __real_poll(pollfd* waited, nfds_t count, int milliseconds);
 int __real_munmap(void* address, std::size_t length);
-int __real_madvise(void* address, std::size_t length, int advice);
 ssize_t __real_writev(int descriptor, const iovec* parts, int count);
 int __real_sigemptyset(sigset_t* signals);
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* before);
@@ -118,14 +118,6 @@ int __wrap_munmap(void* address, std::size_t length)
 {
     const std::optional<int> answer = systemCalls().munmap ? systemCalls().munmap(address, length) : std::nullopt;
     return answer ? *answer : __real_munmap(address, length);
-}
-
-int __wrap_madvise(void* address, std::size_t length, int advice)
-{
-    if (systemCalls().advising) {
-        systemCalls().advising(address, length, advice);
-    }
-    return __real_madvise(address, length, advice);
 }
 
 ssize_t __wrap_writev(int descriptor, const iovec* parts, int count)
@@ -211,7 +203,8 @@ int SSL_get_error(const SSL* connection, int result)
 {
     static const auto next = reinterpret_cast<decltype(&::SSL_get_error)>(::dlsym(RTLD_NEXT, "SSL_get_error"));
     const int error = next(connection, result);
-    if (error == SSL_ERROR_ZERO_RETURN && systemCalls().tlsEndWithoutNoticeFails) {
+    if (error == SSL_ERROR_SSL && systemCalls().tlsEndWithoutNoticeFails) {
+        ERR_clear_error();
         errno = 0;
         return SSL_ERROR_SYSCALL;
     }

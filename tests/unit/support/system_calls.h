@@ -31,9 +31,6 @@ struct SystemCalls
     /// Answers a munmap, or nothing: the system answers.
     std::function<std::optional<int>(void* address, std::size_t length)> munmap;
 
-    /// Is told before each madvise.
-    std::function<void(const void* address, std::size_t length, int advice)> advising;
-
     /// Is told before each writev, with the number of parts.
     std::function<void(int descriptor, int count)> writing;
 
@@ -47,8 +44,8 @@ struct SystemCalls
     std::function<void()> socketPoll;
 
     // Functions that shall fail.
-    /// A TLS connection's end is a failed system call without an error number, as in OpenSSL before 3.0 where no
-    /// notice announced it.
+    /// A TLS connection's end that no notice announced is a failed system call without an error number, as in OpenSSL
+    /// before 3.0.
     bool tlsEndWithoutNoticeFails = false;
     bool fstatFails = false;
     bool pollFails = false;         ///< with ENOMEM

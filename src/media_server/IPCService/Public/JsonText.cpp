@@ -4,6 +4,7 @@
 #include <Poco/JSON/JSONException.h>
 #include <Poco/JSON/ParseHandler.h>
 #include <Poco/JSON/Parser.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -20,6 +21,13 @@ using Poco::JSON::Object;
 
 /// Deeper documents are refused: they serve nobody, and each level costs stack in parser, writer and destructor.
 constexpr std::size_t GREATEST_DEPTH = 128;
+/// Longer ones are refused, too: a value of three bytes takes up to 1100 in memory, and a string six times its length.
+/// The state file of a page has 91 brackets and commas, a configuration of a thousand lists 6000 and 150 KB.
+constexpr std::size_t MOST_MARKS = 10'000;
+constexpr std::size_t LARGEST_TEXT = 3 << 19;  // bytes: 1.5 MiB
+/// Of a document up to this size what the C library keeps is no more than it keeps of any other work.
+constexpr std::size_t ORDINARY_MARKS = 500;
+constexpr std::size_t ORDINARY_TEXT = 64 << 10;  // bytes
 
 /// The quote that ends a string, or the end of the text when none does.
 const char* endOfString(const char* position, const char* end)
@@ -30,11 +38,18 @@ const char* endOfString(const char* position, const char* end)
     return std::min(position, end);
 }
 
-/// How deep objects and arrays are nested in a text, at most. Brackets inside strings do not count.
-std::size_t greatestDepth(const std::string& text)
+/// What a text costs once it is parsed: brackets and commas, of which there are at least as many as values, and how
+/// deep brackets are nested, at most. Those inside strings do not count.
+struct Extent
 {
+    std::size_t marks = 0;
     std::size_t depth = 0;
-    std::size_t greatest = 0;
+};
+
+Extent extentOf(const std::string& text)
+{
+    Extent extent;
+    std::size_t depth = 0;
     const char* const end = text.data() + text.size();
     for (const char* position = text.data(); position < end; ++position) {
         switch (*position) {
@@ -43,7 +58,11 @@ std::size_t greatestDepth(const std::string& text)
                 break;
             case '{':
             case '[':
-                greatest = std::max(greatest, ++depth);
+                extent.depth = std::max(extent.depth, ++depth);
+                ++extent.marks;
+                break;
+            case ',':
+                ++extent.marks;
                 break;
             case '}':
             case ']':
@@ -53,8 +72,11 @@ std::size_t greatestDepth(const std::string& text)
                 break;
         }
     }
-    return greatest;
+    return extent;
 }
+
+/// Whether the thread has had a document since its last MemoryReturn that is worth a look through all of the memory.
+thread_local bool wasLarge = false;
 
 /// Bytes that most documents fit in: their text need not move as it grows.
 constexpr std::size_t USUAL_SIZE = 256;
@@ -212,11 +234,26 @@ std::string written(const Var& value, unsigned blanks)
 
 Var parse(const std::string& text)
 {
+    const Extent extent = extentOf(text);
     // The parser has a limit of its own, which not every version obeys.
-    if (greatestDepth(text) > GREATEST_DEPTH) {
+    if (extent.depth > GREATEST_DEPTH) {
         throw Poco::JSON::JSONException("Maximum depth exceeded");
     }
+    if (extent.marks > MOST_MARKS || text.size() > LARGEST_TEXT) {
+        throw Poco::JSON::JSONException("Maximum size exceeded");
+    }
+    if (extent.marks > ORDINARY_MARKS || text.size() > ORDINARY_TEXT) {
+        wasLarge = true;
+    }
     return Poco::JSON::Parser(new Poco::JSON::ParseHandler(false)).parse(text);
+}
+
+MemoryReturn::~MemoryReturn()
+{
+    if (wasLarge) {
+        ::malloc_trim(0);
+        wasLarge = false;
+    }
 }
 
 std::string compact(const Var& value)

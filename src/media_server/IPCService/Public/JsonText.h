@@ -13,8 +13,20 @@ namespace IPCService {
 namespace JsonText {
 
 /// Parses one JSON object or array whose members need not keep their order.
-/// @throws Poco::Exception on anything else, or when it is nested more than 128 deep
+/// @throws Poco::Exception on anything else, or when it is nested more than 128 deep, has more than 10,000 brackets and
+///         commas, or more than 1.5 MiB
 Poco::Dynamic::Var parse(const std::string& text);
+
+/// Gives back to the system, at its end, the memory of large documents, which the C library would keep. Make it before
+/// what holds them.
+class MemoryReturn
+{
+public:
+    MemoryReturn() = default;
+    ~MemoryReturn();
+    MemoryReturn(const MemoryReturn&) = delete;
+    MemoryReturn& operator=(const MemoryReturn&) = delete;
+};
 
 /// Writes a value without blanks and line breaks.
 std::string compact(const Poco::Dynamic::Var& value);

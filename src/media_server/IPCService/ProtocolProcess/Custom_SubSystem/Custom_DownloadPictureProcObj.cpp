@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -49,11 +50,12 @@ bool fetchPage(const DownloadPictureProcParam& page, CustomBaseObj& request, con
     return true;
 }
 
-/// Opens "wb+", but neither waits for the reader of a pipe nor takes a pipe for a file. What is written is on the disk
-/// when the call that wrote it returns: a page that ITGT is told of is whole after a power cut, too.
+/// Opens "wb+", but neither waits for the reader of a pipe nor takes a pipe or a link for a file. What is written is on
+/// the disk when the call that wrote it returns: a page that ITGT is told of is whole after a power cut, too.
 std::FILE* openPageFile(const std::string& path)
 {
-    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_DSYNC | O_NONBLOCK | O_CLOEXEC, 0666);
+    constexpr int FLAGS = O_RDWR | O_CREAT | O_TRUNC | O_DSYNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int descriptor = ::open(path.c_str(), FLAGS, 0666);
     if (descriptor < 0) {
         return nullptr;
     }
@@ -66,14 +68,26 @@ std::FILE* openPageFile(const std::string& path)
     return file;
 }
 
+/// Has the names in a folder on the disk, too. A file system that cannot do that has nothing to wait for.
+bool syncFolder(const std::string& path)
+{
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0) {
+        return false;
+    }
+    const bool synced = ::fsync(descriptor) == 0 || errno == EINVAL;
+    ::close(descriptor);
+    return synced;
+}
+
 /// Writes the platform's answer, up to its first NUL, as a file of the face library. @return false on failure, logged
 bool writePageFile(const DownloadPictureProcParam& page, const std::string& fileName, const std::string& response)
 {
     const std::string fullPath = FACE_LIBRARY_DIRECTORY + fileName;
     LOG(Information, " startIndex %d ", static_cast<int>(page.startIndex));
     LOG(Information, " Fullfilename %s", fullPath.c_str());
-    if (::access(FACE_LIBRARY_DIRECTORY, F_OK) != 0) {
-        ::mkdir(FACE_LIBRARY_DIRECTORY, 0777);
+    if (::access(FACE_LIBRARY_DIRECTORY, F_OK) != 0 && ::mkdir(FACE_LIBRARY_DIRECTORY, 0777) == 0) {
+        syncFolder(FACE_LIBRARY_DIRECTORY + std::string(".."));
     }
     std::FILE* file = openPageFile(fullPath);
     if (file == nullptr) {
@@ -83,7 +97,7 @@ bool writePageFile(const DownloadPictureProcParam& page, const std::string& file
     const std::size_t length = ::strnlen(response.data(), response.size());
     const bool written = std::fwrite(response.data(), 1, length, file) == length;
     // A full disk may show only when the file is closed.
-    if (std::fclose(file) != 0 || !written) {
+    if (std::fclose(file) != 0 || !written || !syncFolder(FACE_LIBRARY_DIRECTORY)) {
         LOG(Information, " [Custom] download picture, write file %s error.", fullPath.c_str());
         return false;
     }

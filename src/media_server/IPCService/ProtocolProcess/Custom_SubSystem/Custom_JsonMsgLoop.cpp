@@ -125,6 +125,7 @@ void CustomJsonMsgLoop::runTask()
 
 void CustomJsonMsgLoop::serveCommand()
 {
+    const JsonText::MemoryReturn memoryReturn;
     std::uint32_t tag = 0;
     try {
         std::string body;

@@ -156,6 +156,7 @@ void postDocument(const DownloadPictureProcParam& page, const std::string& docum
 
 void ReportPageResult(const DownloadPictureProcParam& page, const char* statePath)
 {
+    const JsonText::MemoryReturn memoryReturn;
     try {
         const Array::Ptr importInfo = readImportInfo(statePath);
         if (importInfo.isNull()) {

@@ -76,10 +76,6 @@ void setUpTls()
     // The library's own callback looks at certificates even so, and where memory is short it throws through OpenSSL,
     // which ends the process.
     SSL_CTX_set_verify(pContext->sslContext(), SSL_VERIFY_NONE, nullptr);
-#ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
-    // OpenSSL 3 takes a close without the TLS farewell for a protocol error; older versions report a plain close.
-    SSL_CTX_set_options(pContext->sslContext(), SSL_OP_IGNORE_UNEXPECTED_EOF);
-#endif
     // A read takes what has come, not a record's length first and then its bytes.
     SSL_CTX_set_read_ahead(pContext->sslContext(), 1);
     Poco::Net::SSLManager::instance().initializeClient(nullptr, pCertificateHandler, pContext);

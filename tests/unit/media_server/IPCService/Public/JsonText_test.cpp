@@ -3,10 +3,13 @@
 #include <Poco/Exception.h>
 #include <Poco/JSON/Array.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <fstream>
 #include <limits>
 #include <string>
+#include <thread>
 #include <tuple>
 
 #include "support/raw_bytes.h"
@@ -208,6 +211,92 @@ TEST(JsonTextParse, WorksAgainAfterADocumentThatWasTooDeep)
 {
     EXPECT_THROW(parse(nested(200)), Poco::Exception);
     EXPECT_EQ(compact(parse(R"({"a":1})")), R"({"a":1})");
+}
+
+/** An array of so many numbers. */
+std::string numbers(std::size_t count)
+{
+    std::string text = "[1";
+    for (std::size_t number = 1; number < count; ++number) {
+        text += ",1";
+    }
+    return text + "]";
+}
+
+void expectTooLarge(const std::string& text)
+{
+    try {
+        parse(text);
+        FAIL() << "nothing thrown for " << text.size() << " bytes";
+    } catch (const Poco::Exception& exc) {
+        EXPECT_EQ(exc.displayText(), "JSON Exception: Maximum size exceeded");
+    }
+}
+
+TEST(JsonTextParse, TenThousandBracketsAndCommasAreTakenAndNotMore)
+{
+    EXPECT_EQ(compact(parse(numbers(10000))), numbers(10000));
+    expectTooLarge(numbers(10001));
+    std::string objects = "[{}";
+    for (int i = 0; i < 4999; ++i) {
+        objects += ",{}";
+    }
+    EXPECT_EQ(compact(parse(objects + "]")), objects + "]");
+    expectTooLarge(objects + ",{}]");
+    expectTooLarge("[[" + objects.substr(1) + "]]");
+}
+
+TEST(JsonTextParse, CommasInTextDoNotCount)
+{
+    const std::string text = "[\"" + std::string(20000, ',') + "\"]";
+    EXPECT_EQ(compact(parse(text)), text);
+}
+
+TEST(JsonTextParse, OneAndAHalfMebibytesAreTakenAndNotMore)
+{
+    const std::string text = "[\"" + std::string(1572864 - 4, 'x') + "\"]";
+    EXPECT_EQ(compact(parse(text)), text);
+    expectTooLarge(text + " ");
+}
+
+/** The memory that the process has of its own, in bytes. */
+std::size_t heldMemory()
+{
+    std::ifstream file("/proc/self/statm");
+    std::size_t all = 0;
+    std::size_t resident = 0;
+    std::size_t shared = 0;
+    file >> all >> resident >> shared;
+    return (resident - shared) * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST(JsonTextMemory, OfALargeDocumentIsGivenBack)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const std::size_t kept = 100U << 20;  // a sanitizer's own allocator keeps it
+#else
+    const std::size_t kept = 500U << 10;
+#endif
+    std::string deep;
+    for (int i = 0; i < 99; ++i) {
+        std::string object = "1";
+        for (int level = 0; level < 100; ++level) {
+            object = R"({"":)" + object + "}";
+        }
+        deep += (i > 0 ? "," : "") + object;
+    }
+    const std::string text = "[" + deep + "]";
+    std::thread([&] {  // its memory is its own, as that of the service's threads
+        parse("[1]");
+        const std::size_t before = heldMemory();
+        {
+            const IPCService::JsonText::MemoryReturn memoryReturn;
+            const Poco::Dynamic::Var document = parse(text);
+            EXPECT_GT(heldMemory(), before + (4U << 20));
+        }
+        EXPECT_LT(heldMemory(), before + kept);
+    })
+        .join();
 }
 
 TEST(JsonTextParse, TwoHundredKilobytesOfTextSurvive)

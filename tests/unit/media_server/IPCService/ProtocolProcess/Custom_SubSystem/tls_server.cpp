@@ -136,6 +136,12 @@ std::string TlsConnection::readRequest()
     }
 }
 
+std::string TlsConnection::serverName() const
+{
+    const char* const name = SSL_get_servername(m_ssl.get(), TLSEXT_NAMETYPE_host_name);
+    return name != nullptr ? name : "";
+}
+
 bool TlsConnection::send(const std::string& bytes)
 {
     return bytes.empty() || SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size())) > 0;
@@ -235,6 +241,12 @@ std::string TlsServer::lastVersion() const
     return m_lastVersion;
 }
 
+std::string TlsServer::lastServerName() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_lastServerName;
+}
+
 std::vector<std::string> TlsServer::requests() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -292,6 +304,7 @@ void TlsServer::serveConnection(int descriptor)
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_requests.push_back(request);
         m_lastVersion = connection.version();
+        m_lastServerName = connection.serverName();
     }
     m_script(connection, request);
     connection.close();

@@ -42,6 +42,12 @@ public:
     /** Pauses. @return true when the client leaves meanwhile */
     bool clientLeavesWithin(std::chrono::milliseconds pause) const;
 
+    /** The server name of the client's handshake, empty without one. */
+    std::string serverName() const;
+
+    /** @return true when the client has told that it sends nothing more, and readRequest() got that far */
+    bool endIsAnnounced() const { return (SSL_get_shutdown(m_ssl.get()) & SSL_RECEIVED_SHUTDOWN) != 0; }
+
     /** The TLS version as OpenSSL names it. */
     std::string version() const { return SSL_get_version(m_ssl.get()); }
 
@@ -92,6 +98,9 @@ public:
     /** The TLS version of the last handshake. */
     std::string lastVersion() const;
 
+    /** The server name of the last handshake, empty without one. */
+    std::string lastServerName() const;
+
     /** The bytes of each request, in the order of their arrival. */
     std::vector<std::string> requests() const;
 
@@ -113,6 +122,7 @@ private:
     bool m_ending = false;               /**< guarded by m_mutex */
     std::vector<std::string> m_requests; /**< guarded by m_mutex */
     std::string m_lastVersion;           /**< guarded by m_mutex */
+    std::string m_lastServerName;        /**< guarded by m_mutex */
     std::thread m_thread;
 };
 

@@ -1,0 +1,111 @@
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/IPAddress.h>
+#include <Poco/Net/SSLException.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/SocketImpl.h>
+#include <poll.h>
+
+#include <chrono>
+
+#include "media_server/IPCService/Public/Interruption.h"
+
+namespace IPCService {
+namespace MetaDataGW {
+
+namespace {
+
+using Poco::Net::SecureStreamSocket;
+
+constexpr std::chrono::seconds LONGEST_STEP(5);
+
+/// The time within which a step must end.
+class Deadline
+{
+public:
+    /// Waits for a socket. @return false when the time is over
+    bool wait(const SecureStreamSocket& socket, short events) const
+    {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - std::chrono::steady_clock::now());
+        return left.count() > 0 && Interruption::wait(socket.impl()->sockfd(), events, static_cast<long>(left.count()));
+    }
+
+private:
+    const std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::now() + LONGEST_STEP;
+};
+
+/// Repeats a step of the library until it no longer asks to wait for the peer. @return the step's result
+template <typename Step>
+std::size_t complete(const SecureStreamSocket& socket, const Deadline& deadline, Step step)
+{
+    for (;;) {
+        const int result = step();
+        if (result != SecureStreamSocket::ERR_SSL_WANT_READ && result != SecureStreamSocket::ERR_SSL_WANT_WRITE) {
+            return static_cast<std::size_t>(result);
+        }
+        if (!deadline.wait(socket, result == SecureStreamSocket::ERR_SSL_WANT_READ ? POLLIN : POLLOUT)) {
+            throw Poco::TimeoutException();
+        }
+    }
+}
+
+/// The library's own exceptions for failures of the system.
+struct SystemFailure : Poco::Net::SocketImpl
+{
+    using SocketImpl::error;
+};
+
+}  // namespace
+
+PlatformSocket::PlatformSocket(const std::string& host, Poco::UInt16 port)
+    : m_socket(Poco::Net::SSLManager::instance().defaultClientContext())
+{
+    const Poco::Net::SocketAddress address(host, port);
+    Poco::Net::IPAddress literal;
+    if (!Poco::Net::IPAddress::tryParse(host, literal)) {
+        m_socket.setPeerHostName(host);  // the server name of the handshake, which must not be an address
+    }
+    const Deadline deadline;
+    m_socket.connectNB(address);
+    if (!deadline.wait(m_socket, POLLOUT)) {
+        throw Poco::TimeoutException("connect timed out", address.toString());
+    }
+    if (const int failure = m_socket.impl()->socketError()) {
+        SystemFailure::error(failure, address.toString());
+    }
+    // Without it the last piece of a request waits until the peer has acknowledged those before.
+    m_socket.setNoDelay(true);
+    if (complete(m_socket, deadline, [this] { return m_socket.completeHandshake(); }) == 0) {
+        throw Poco::Net::SSLConnectionUnexpectedlyClosedException();
+    }
+}
+
+PlatformSocket::~PlatformSocket()
+{
+    try {
+        m_socket.close();
+    } catch (const Poco::Exception&) {
+        // A peer that is gone need not be told.
+    }
+}
+
+void PlatformSocket::send(const std::string& bytes)
+{
+    const Deadline deadline;
+    for (std::size_t sent = 0; sent < bytes.size();) {
+        sent += complete(m_socket, deadline, [&] {
+            return m_socket.sendBytes(bytes.data() + sent, static_cast<int>(bytes.size() - sent));
+        });
+    }
+}
+
+std::size_t PlatformSocket::receive(char* buffer, std::size_t size)
+{
+    const Deadline deadline;
+    return complete(m_socket, deadline, [&] { return m_socket.receiveBytes(buffer, static_cast<int>(size)); });
+}
+
+}  // namespace MetaDataGW
+}  // namespace IPCService

@@ -1,0 +1,111 @@
+"""Downloads from real web servers; docs/platform-engineer.md has the table of those that are known to work.
+
+CAMGATE_WRITE_TABLE=1 has the table rewritten from the servers that are installed.
+"""
+
+from __future__ import annotations
+
+import hashlib
+import os
+import re
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+import pytest
+from behind import Behind
+from web_servers import SERVERS, Running, version
+
+from simulator import Camera, wire
+from simulator.journal import Journal
+from simulator.platform import Platform
+from simulator.relay import Relay
+
+FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
+DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"
+BEGIN, END = "<!-- servers -->\n", "<!-- end of servers -->\n"
+PAGES = {0: 30, 30: 30, 60: 1}
+
+
+@pytest.fixture
+def platform() -> Platform:
+    """Makes the pages; nobody connects to it."""
+    played = Platform(Journal())
+    played.picture_sizes = (2_000, 20_000)
+    return played
+
+
+@pytest.fixture
+def behind(platform: Platform) -> Iterator[Behind]:
+    one = Behind(platform.page)
+    yield one
+    one.close()
+
+
+def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platform, server: Running, path: str,
+             restart: bool = False) -> None:
+    """Three pages, compared by their hashes, and their reports. With a restart before ITGT has taken the first."""
+    camera = make_camera(platform=lambda journal: Relay(journal, f"https://localhost:{server.port}{path}"))
+    camera.__enter__()
+    restarts = [server.restart] if restart else []
+
+    def hook(message: wire.Message, default: Callable[[], bytes]) -> bytes:
+        if message.command == 7020 and restarts:
+            restarts.pop()()
+        return default()
+
+    camera.itgt.on_message = hook
+    assert camera.client.command("whiteListDown", camera.platform.task(61)).status == 200
+    camera.wait_for_log("CustomJsonPicDownloadTask End ", timeout=90)
+    for start, count in PAGES.items():
+        came = camera.path(f"{FOLDER}/white{start}").read_bytes()
+        assert hashlib.sha256(came).digest() == hashlib.sha256(platform.page(start, count)).digest()
+    assert [(report["startIndex"], len(report["ImportInfo"])) for report in behind.reports] == list(PAGES.items())
+    answers = [record.text for record in camera.service.log if record.line == 217]
+    assert len(answers) == len(PAGES)
+    assert all(text.startswith("response status 200 ") and text.endswith(" responselen 15") for text in answers)
+
+
+
+CASES = [(name, path) for name, kind in SERVERS.items() for path in ("/length", "/chunked", "/interim")
+         if kind.interim or path != "/interim"]
+
+
+@pytest.mark.parametrize("name, path", CASES)
+def test_pages_and_reports_pass(make_camera: Callable[..., Camera], behind: Behind, platform: Platform,
+                                tmp_path: Path, name: str, path: str) -> None:
+    server = Running(SERVERS[name], tmp_path, behind.port)
+    server.start()
+    try:
+        assert server.first_status(path) in ((102, 103) if path == "/interim" else (200,))
+        download(make_camera, behind, platform, server, path)
+    finally:
+        server.stop()
+
+
+@pytest.mark.parametrize("name", SERVERS)
+def test_server_that_restarts_between_pages(make_camera: Callable[..., Camera], behind: Behind, platform: Platform,
+                                            tmp_path: Path, name: str) -> None:
+    server = Running(SERVERS[name], tmp_path, behind.port)
+    server.start()
+    try:
+        download(make_camera, behind, platform, server, "/length", restart=True)
+    finally:
+        server.stop()
+
+
+def without_versions(table: str) -> str:
+    """Another machine may have others."""
+    return re.sub(r"^(\| \S+) [\d.]+ ", r"\1 ", table, flags=re.M)
+
+
+def test_table_names_the_servers_that_were_tried() -> None:
+    rows = [f"| {name} {version(kind)} | yes | yes | {'yes' if kind.interim else 'not tried'} | yes |"
+            for name, kind in SERVERS.items()]
+    table = "\n".join(["", "| server, as proxy before a platform | with length | chunked | interim answers | restart |",
+                       "| --- | --- | --- | --- | --- |", *rows, "", ""])
+    before, rest = DOCUMENT.read_text().split(BEGIN)
+    written, after = rest.split(END)
+    if os.environ.get("CAMGATE_WRITE_TABLE"):
+        DOCUMENT.write_text(before + BEGIN + table + END + after)
+    else:
+        assert without_versions(written) == without_versions(table)

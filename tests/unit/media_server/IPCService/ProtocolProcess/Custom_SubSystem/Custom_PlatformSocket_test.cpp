@@ -1,0 +1,119 @@
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
+
+#include <Poco/Exception.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ready_service.h"
+#include "support/system_calls.h"
+#include "support/waiting.h"
+#include "tls_server.h"
+
+using IPCService::MetaDataGW::PlatformSocket;
+
+namespace {
+
+/** A connection with the service's own TLS settings to a server in this process. */
+class PlatformSocketTest : public testing::Test
+{
+protected:
+    /** @return what a server sends, with "!" behind it when its end is a failure */
+    static std::string receiveAll(const TlsServer& server)
+    {
+        PlatformSocket socket("127.0.0.1", server.port());
+        socket.send("hello\r\n\r\n");
+        std::string received;
+        try {
+            std::array<char, 5> buffer{};
+            while (const std::size_t count = socket.receive(buffer.data(), buffer.size())) {
+                received.append(buffer.data(), count);
+            }
+        } catch (const Poco::Exception&) {
+            received += "!";
+        }
+        return received;
+    }
+
+    ReadyService m_service;
+};
+
+TEST_F(PlatformSocketTest, TellsAnAnnouncedEnd)
+{
+    const TlsServer server(always("some bytes"));
+    EXPECT_EQ(receiveAll(server), "some bytes");
+    EXPECT_EQ(server.requests(), std::vector<std::string>{"hello\r\n\r\n"});
+}
+
+class UnannouncedEndTest : public PlatformSocketTest, public testing::WithParamInterface<bool>
+{
+protected:
+    UnannouncedEndTest() { systemCalls().tlsEndWithoutNoticeFails = GetParam(); }
+};
+
+TEST_P(UnannouncedEndTest, IsAFailure)
+{
+    const TlsServer server([](TlsConnection& connection, const std::string&) {
+        connection.send("some bytes");
+        connection.hangUp();
+    });
+    EXPECT_EQ(receiveAll(server), "some bytes!");
+}
+
+TEST_P(UnannouncedEndTest, BeforeTheFirstByteIsOneToo)
+{
+    const TlsServer server([](TlsConnection& connection, const std::string&) { connection.hangUp(); });
+    EXPECT_EQ(receiveAll(server), "!");
+}
+
+INSTANTIATE_TEST_SUITE_P(PlatformSocketTest, UnannouncedEndTest, testing::Bool());
+
+TEST_F(PlatformSocketTest, NoServerNameIsSentForAnAddress)
+{
+    const TlsServer server(always(""));
+    PlatformSocket("127.0.0.1", server.port()).send("\r\n\r\n");
+    EXPECT_TRUE(eventually([&] { return server.requests().size() == 1; }));
+    EXPECT_EQ(server.lastServerName(), "");
+    PlatformSocket("localhost", server.port()).send("\r\n\r\n");
+    EXPECT_TRUE(eventually([&] { return server.requests().size() == 2; }));
+    EXPECT_EQ(server.lastServerName(), "localhost");
+}
+
+TEST_F(PlatformSocketTest, SaysWithWhomAConnectFailed)
+{
+    const std::uint16_t port = unusedPort();
+    try {
+        PlatformSocket("127.0.0.1", port);
+        FAIL() << "connected";
+    } catch (const Poco::Exception& exc) {
+        EXPECT_EQ(exc.displayText(), "Connection refused: 127.0.0.1:" + std::to_string(port));
+    }
+}
+
+TEST_F(PlatformSocketTest, SaysThatAConnectTimedOut)
+{
+    const FullListener listener;
+    try {
+        PlatformSocket("127.0.0.1", listener.port());
+        FAIL() << "connected";
+    } catch (const Poco::Exception& exc) {
+        EXPECT_EQ(exc.displayText(), "Timeout: connect timed out: 127.0.0.1:" + std::to_string(listener.port()));
+    }
+}
+
+TEST_F(PlatformSocketTest, TellsThePeerOfItsEnd)
+{
+    std::atomic<bool> announced{false};
+    const TlsServer server([&](TlsConnection& connection, const std::string&) {
+        connection.readRequest();
+        announced = connection.endIsAnnounced();
+    });
+    PlatformSocket("127.0.0.1", server.port()).send("\r\n\r\n");
+    EXPECT_TRUE(eventually([&] { return announced.load(); }));
+}
+
+}  // namespace
