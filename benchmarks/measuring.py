@@ -11,7 +11,7 @@ from pathlib import Path
 from typing import Any
 
 from simulator import Camera, CameraError, build_folder
-from simulator.platform import Platform
+from simulator.peers.platform import Platform
 
 COMMAND_SOCKET = "/tmp/HK"
 PAGE = 30

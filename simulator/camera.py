@@ -10,17 +10,17 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, TypeVar
 
-from simulator import emulator
-from simulator.client import Client
+from simulator.device import emulator
+from simulator.device.sandbox import Sandbox
+from simulator.device.service import LogRecord, Service, sanitizer_runtimes
 from simulator.errors import CameraError
-from simulator.events import EventPublisher
-from simulator.face_library import FaceLibrary
-from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
-from simulator.platform import Platform
-from simulator.recording import Recorder
-from simulator.sandbox import Sandbox
-from simulator.service import LogRecord, Service, sanitizer_runtimes
+from simulator.peers.client import Client
+from simulator.peers.events import EventPublisher
+from simulator.peers.face_library import FaceLibrary
+from simulator.peers.itgt import Itgt
+from simulator.peers.platform import Platform
+from simulator.trace.recording import Recorder
 
 T = TypeVar("T")
 

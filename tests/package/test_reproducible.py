@@ -10,7 +10,8 @@ from pathlib import Path
 import pytest
 from packages import package
 
-from simulator import build_folder, emulator
+from simulator import build_folder
+from simulator.device import emulator
 
 ROOT = Path(__file__).resolve().parents[2]
 pytestmark = pytest.mark.timeout(600)  # it builds the service

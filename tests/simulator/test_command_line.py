@@ -9,8 +9,8 @@ import subprocess
 import pytest
 
 from camsim_runs import CAMSIM, ROOT, Camsim
-from simulator.command_line import make_parser, modules
-from simulator.commands.completion import subcommands
+from simulator.cli.command_line import make_parser, modules
+from simulator.cli.completion import subcommands
 
 NAMES = sorted(modules())
 

@@ -15,11 +15,11 @@ from typing import Any
 import pytest
 
 from simulator import CameraError, Journal, Response, Send, wire
-from simulator.commands import trace
-from simulator.http import Request
-from simulator.itgt import Import
-from simulator.recording import Recorder
-from simulator.service import LogRecord
+from simulator.cli.commands import trace
+from simulator.device.service import LogRecord
+from simulator.messages.http import Request
+from simulator.peers.itgt import Import
+from simulator.trace.recording import Recorder
 
 HOSTILE = "</script><script>alert(1)</script><img src=x onerror=alert(2)>\x1b[31m\u202e"
 PAGE = b'{"records": [{"picture": "' + b"A" * 3_000_000 + b'"}]}'
