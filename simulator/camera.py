@@ -58,7 +58,7 @@ class Camera:
     platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Relay)
     filtered   whether system calls are filtered as on the camera; tools that look into the service need others
     wait       whether starting waits until the service takes commands; without a marker it never does
-    recording  file to record the run in (see recording.py)
+    recording  file to record the run in (see trace/recording.py)
 
     Attributes: journal, sandbox, itgt, faces, client, events, platform, service.
     Must be entered on a thread that lives as long as the camera.

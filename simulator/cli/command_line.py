@@ -11,10 +11,10 @@ import signal
 import sys
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
+from pathlib import Path
 from types import FrameType, ModuleType
 from typing import Any
 
-from simulator.cli import commands
 from simulator.errors import CameraError
 
 # Exit codes of every subcommand. 2 is argparse's own.
@@ -37,7 +37,8 @@ class Stopped(BaseException):
 
 def modules(wanted: str = "") -> dict[str, ModuleType]:
     """The subcommands by name; only the wanted one, if there is such a one: that is quicker than all."""
-    names = {info.name: f"{commands.__name__}.{info.name}" for info in pkgutil.iter_modules(commands.__path__)}
+    folder = Path(__file__).with_name("commands")
+    names = {info.name: f"{__package__}.commands.{info.name}" for info in pkgutil.iter_modules([str(folder)])}
     names["completion"] = f"{__package__}.completion"  # about the command line itself, not about a camera
     return {name: importlib.import_module(names[name]) for name in ([wanted] if wanted in names else sorted(names))}
 

@@ -1,4 +1,4 @@
-"""What each fault does, in terms of the peers' own hooks. The table of faults is in faults.py."""
+"""What each fault does, in terms of the peers' own hooks. The table of faults is in table.py."""
 
 from __future__ import annotations
 

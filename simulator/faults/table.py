@@ -15,7 +15,7 @@ from simulator.messages.certificate import KINDS
 PEERS = {"itgt": "ITGT", "faces": "the face library", "platform": "the platform", "client": "the command client",
          "events": "the event cache"}
 
-# Where a fault takes hold. Each stage has its own form of effect; see fault_effects.py and fault_switches.py.
+# Where a fault takes hold. Each stage has its own form of effect; see effects.py and switches.py.
 ANSWER, CONNECT, TLS, SEND, NOTIFY, STATE = "answer", "connect", "tls", "send", "notify", "state"
 
 
