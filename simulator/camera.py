@@ -12,9 +12,10 @@ from typing import Any, TypeVar
 
 from simulator.device import emulator
 from simulator.device.sandbox import Sandbox
-from simulator.device.service import LogRecord, Service, sanitizer_runtimes
+from simulator.device.service import Service, sanitizer_runtimes
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
+from simulator.messages.log import LogRecord, ends_download
 from simulator.peers.client import Client
 from simulator.peers.events import EventPublisher
 from simulator.peers.face_library import FaceLibrary
@@ -167,6 +168,12 @@ class Camera:
         for text in records:
             self.journal.add("service", "ring_record", text=text)
         return records
+
+    def wait_download(self, timeout: float, since: int = 0) -> Event:
+        """Waits for what ends a download: a record of the log, or the end of the service."""
+        return self.journal.wait_for(
+            lambda event: event.matches("service", "ended")
+            or event.matches("service", "log") and ends_download(event.record.text), timeout, since)
 
     def report(self) -> str:
         """What a failed test should show: the service's output and the last events."""

@@ -81,8 +81,9 @@ def main(words: Sequence[str]) -> int:
 
 
 def print_json(document: Any) -> None:
-    """One line on standard output, at once."""
-    print(json.dumps(document, ensure_ascii=False), flush=True)
+    """One line on standard output, at once and in one piece, whichever thread writes beside it."""
+    sys.stdout.write(json.dumps(document, ensure_ascii=False) + "\n")
+    sys.stdout.flush()
 
 
 @contextmanager

@@ -1,6 +1,7 @@
 """How the subcommands of camsim talk to a camera that runs: a socket of its own in the user's runtime folder.
 
-A request is one line of JSON, {"do": ...}; the answer is one line, or, for a watcher, a line for each sight.
+A request is one line of JSON, {"do": ...}; the answer is one line, or, for a watcher, one for each thing that
+happens.
 """
 
 from __future__ import annotations
@@ -20,11 +21,11 @@ from typing import Any
 from simulator.cli.command_line import NO_CAMERA, WRONG_ARGUMENTS, CodedError, print_json
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
-from simulator.trace.sights import Sight, sights
+from simulator.trace.explanation import LiveItem, LiveTrace
 
 _LONGEST_REQUEST = 64 * 1024 * 1024
 _ENDING = ".socket"
-_WAITING_SIGHTS = 100_000  # of one watcher that does not read; what comes beyond is left out
+_WAITING = 100_000  # lines for one watcher that does not read; what comes beyond is left out
 _LONGEST_PATH = 107
 
 # What a running camera can be asked, by the name in "do".
@@ -143,12 +144,13 @@ class Control:
             yield {"error": str(error), "code": error.code if isinstance(error, CodedError) else 1}
 
     def _watch(self) -> Iterator[dict[str, Any]]:
-        waiting: queue.Queue[Sight] = queue.Queue(_WAITING_SIGHTS)
+        waiting: queue.Queue[LiveItem] = queue.Queue(_WAITING)
+        trace = LiveTrace()
 
         def note(event: Event) -> None:
-            for sight in sights(event):
+            for live in trace.take(event):
                 with contextlib.suppress(queue.Full):
-                    waiting.put_nowait(sight)
+                    waiting.put_nowait(live)
 
         end = self._journal.listen(note)
         try:
@@ -159,7 +161,12 @@ class Control:
             end()
 
 
-def print_sights(event: Event) -> None:
-    """Prints what there is to see of an event as JSON, one object a line, as a watcher gets it."""
-    for sight in sights(event):
-        print_json(sight.public())
+def print_events(journal: Journal) -> None:
+    """Prints what happens from here on as JSON, one object a line, as a watcher gets it."""
+    trace = LiveTrace()
+
+    def note(event: Event) -> None:
+        for live in trace.take(event):
+            print_json(live.public())
+
+    journal.listen(note)

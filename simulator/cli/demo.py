@@ -13,12 +13,10 @@ from typing import NoReturn
 
 from simulator.camera import RING_BUFFER, Camera, build_folder
 from simulator.errors import CameraError
-from simulator.journal import Event
 from simulator.messages.describe import describe_notification
-from simulator.peers.itgt import IMPORTED
+from simulator.messages.wire import IMPORTED, PAGE_SIZE
 from simulator.trace.display import Display
 
-_PAGE_SIZE = 30
 _SCENES = ("whiteListDown", "whiteListClear", "faceNotHitDown", "metadata")
 _RECEIVE_TASK_PAUSE = 1.0  # seconds between two looks of the service's receive task for an observer
 _METADATA = {"ChannelID": 1, "Timestamp": 1715934600, "FaceID": 7, "FaceScore": 93, "FaceAge": 34}
@@ -30,8 +28,8 @@ class Unexpected(Exception):
 
 
 def white_list_down(camera: Camera, show: Display, faces: int) -> None:
-    pages = -(-faces // _PAGE_SIZE)
-    show.heading(f"whiteListDown: faces come down from the platform, {faces} in pages of up to {_PAGE_SIZE}")
+    pages = -(-faces // PAGE_SIZE)
+    show.heading(f"whiteListDown: faces come down from the platform, {faces} in pages of up to {PAGE_SIZE}")
     camera.itgt.picture_seconds = 0.02
     begin, begin_time = len(camera.journal), time.monotonic()
     _command(camera, show, "whiteListDown", camera.platform.task(faces=faces))
@@ -55,7 +53,7 @@ def white_list_down(camera: Camera, show: Display, faces: int) -> None:
     _expect("pictures imported", len(imported), faces)
     _expect("reports", len(reports), pages)
     _expect("faces reported as imported", _reported(reports), faces)
-    _expect("page starts reported", [report["startIndex"] for report in reports], list(range(0, faces, _PAGE_SIZE)))
+    _expect("page starts reported", [report["startIndex"] for report in reports], list(range(0, faces, PAGE_SIZE)))
 
 
 def white_list_clear(camera: Camera, show: Display) -> None:
@@ -99,11 +97,8 @@ def _command(camera: Camera, show: Display, name: str, info: object) -> None:
 
 
 def _wait_for_end(camera: Camera, begin: int, timeout: float) -> None:
-    def over(event: Event) -> bool:
-        return event.matches("service", "ended") or (
-            event.matches("service", "log") and event.record.text.startswith("CustomJsonPicDownloadTask E"))
     try:
-        event = camera.wait_for(over, timeout, begin)
+        event = camera.wait_download(timeout, begin)
     except TimeoutError as error:
         raise Unexpected(f"the download did not end: {error}") from error
     if event.kind == "ended":

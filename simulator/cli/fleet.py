@@ -17,12 +17,13 @@ from simulator.camera import Camera
 from simulator.device.process_status import kilobytes, private_kilobytes
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
+from simulator.messages.log import ends_download, fails_download
+from simulator.messages.wire import PAGE_SIZE
 from simulator.peers.platform import Platform
 
 _DESCRIPTORS_PER_CAMERA = 24
 _DESCRIPTORS_BESIDE = 100
 _SAMPLE_SECONDS = 0.5
-_PAGE_SIZE = 30
 
 
 class _SharedPlatform:
@@ -95,16 +96,16 @@ class Fleet:
     def _prepare_platform(self) -> None:
         self._prepare(SimpleNamespace(platform=self._platform, itgt=SimpleNamespace()))
         total = self._platform.task(self._faces)["totalNum"]
-        for start in range(0, total, _PAGE_SIZE):  # making pictures up takes a while; a real platform has its own
-            self._platform.page(start, min(_PAGE_SIZE, total - start))
+        for start in range(0, total, PAGE_SIZE):  # making pictures up takes a while; a real platform has its own
+            self._platform.page(start, min(PAGE_SIZE, total - start))
         self._platform.start(self._listeners)
 
     def _note(self, number: int, event: Event) -> None:
         if not event.matches("service", "log"):
             return
-        if event.record.text.startswith("DownloadPictureProcess fail."):
+        if fails_download(event.record.text):
             self._failed.add(number)
-        elif event.record.text.startswith("CustomJsonPicDownloadTask E"):
+        elif ends_download(event.record.text):
             self._ended[number] = event.time
 
     def _command(self, begin: float) -> None:

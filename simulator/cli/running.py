@@ -14,6 +14,8 @@ from simulator.cli.control import Handlers
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Event
+from simulator.messages import wire
+from simulator.messages.log import fails_download
 
 _DOWNLOAD_SECONDS = 3600.0
 
@@ -81,18 +83,14 @@ class RunningCamera:
     def _download(self, since: int) -> dict[str, Any]:
         """Waits for the end of the download and looks at what became of it."""
         begin = time.monotonic()
-
-        def over(event: Event) -> bool:
-            return event.matches("service", "ended") or (
-                event.matches("service", "log") and event.record.text.startswith("CustomJsonPicDownloadTask E"))
-        end = self._camera.wait_for(over, _DOWNLOAD_SECONDS, since)
+        end = self._camera.wait_download(_DOWNLOAD_SECONDS, since)
         events = self._camera.journal.events[since:]
-        pages = sum(event.matches("itgt", "received", command=7020) for event in events)
-        pictures = sum(event.matches("itgt", "picture", result=0) for event in events)
+        pages = sum(event.matches("itgt", "received", command=wire.IMPORT_FILE) for event in events)
+        pictures = sum(event.matches("itgt", "picture", result=wire.IMPORTED) for event in events)
         lines = [event.record.text for event in events if event.matches("service", "log")]
         seconds = round(time.monotonic() - begin, 3)
         download = {"pages": pages, "pictures": pictures, "seconds": seconds}
-        if end.kind == "log" and not any(line.startswith("DownloadPictureProcess fail.") for line in lines):
+        if end.kind == "log" and not any(fails_download(line) for line in lines):
             return {"download": {**download, "complete": True}}
         why = "a page could not be fetched" if end.kind == "log" else "the service ended"
         return {"download": {**download, "complete": False, "why": why}, "code": INCOMPLETE}

@@ -14,41 +14,18 @@ import struct
 import subprocess
 import threading
 from collections.abc import Callable, Mapping, Sequence
-from dataclasses import dataclass
 from pathlib import Path
 
 from simulator.device import emulator, restrictions
 from simulator.device.sandbox import Sandbox
 from simulator.errors import CameraError
 from simulator.journal import Journal
+from simulator.messages.log import LogRecord, parse_record
 
 _START_SECONDS = 20.0
-_RECORD = re.compile(r"(\d{4}-\d\d-\d\dT\S+) (\w+) (\S+):(\d+) (.*)")
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
 _CREDENTIALS = struct.Struct("iII")
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "TZ")
-
-
-@dataclass(frozen=True)
-class LogRecord:
-    """One line of the service's standard error.
-
-    A line that is not of the log's form has the level "" and its whole text in `text`. Control characters are escaped
-    in `text` as the log escapes them (a line break reads \\n, two characters).
-    """
-
-    time: str
-    level: str
-    path: str
-    line: int
-    text: str
-
-
-def parse_record(line: str) -> LogRecord:
-    match = _RECORD.fullmatch(line)
-    if match is None:
-        return LogRecord("", "", "", 0, line)
-    return LogRecord(match[1], match[2], match[3], int(match[4]), match[5])
 
 
 class Service:

@@ -16,6 +16,12 @@ NOTIFICATION_LIMIT = 256
 DESCRIPTOR_SIZE = 16
 BLOCK_HEADER_SIZE = 56
 
+# Commands of MSG_DATA.
+READY, SET_LIST, CLEAR_LISTS, IMPORT_FILE, IMPORT_PROGRESS, IMPORT_TIME = 1037, 7018, 7019, 7020, 7021, 7031
+# Of the documents that pass: records of a page at most, and what became of a picture.
+PAGE_SIZE = 30
+IMPORTED, BAD_PICTURE = 0, 1
+
 COMMAND_SOCKET = "/tmp/HK"
 CLIENT_SOCKET = "/tmp/KH"
 SERVICE_SOCKET = "/tmp/CU"
@@ -85,8 +91,8 @@ class Command:
 
 
 COMMANDS: dict[int, Command] = {command.code: command for command in (
-    Command(1037, "CMD_CUSTOM_PROTOCOL_READY", 4, 0),
-    Command(7018, "CMD_ALARM_FACE_LIB_SET", 1, 101, request=(
+    Command(READY, "CMD_CUSTOM_PROTOCOL_READY", 4, 0),
+    Command(SET_LIST, "CMD_ALARM_FACE_LIB_SET", 1, 101, request=(
         Field("constant", 208, "u32"),
         Field("list_id", 216, "u64"),
         Field("list_type", 224, "i32"),
@@ -94,11 +100,11 @@ COMMANDS: dict[int, Command] = {command.code: command for command in (
         Field("threshold", 232, "i64"),
         Field("list_name", 240, "text", 65),
     )),
-    Command(7019, "CMD_FACE_LIB_CLEAR", 0, 101, reply=(
+    Command(CLEAR_LISTS, "CMD_FACE_LIB_CLEAR", 0, 101, reply=(
         Field("status", 176, "u32"),
         Field("configuration", 216, "text", _to_end(216)),
     )),
-    Command(7020, "CMD_FACE_IMPORT_FILE", 1, 101, request=(
+    Command(IMPORT_FILE, "CMD_FACE_IMPORT_FILE", 1, 101, request=(
         Field("constant", 208, "u32"),
         Field("zero", 312, "u32"),
         Field("directory", 316, "text", 132),
@@ -106,7 +112,7 @@ COMMANDS: dict[int, Command] = {command.code: command for command in (
     ), reply=(
         Field("import_task_id", 584, "i64"),
     )),
-    Command(7021, "CMD_FACE_IMPORT_PROGRESS", 0, 101, request=(
+    Command(IMPORT_PROGRESS, "CMD_FACE_IMPORT_PROGRESS", 0, 101, request=(
         Field("import_task_id", 304, "i64"),
     ), reply=(
         Field("status", 312, "u32"),
@@ -114,7 +120,7 @@ COMMANDS: dict[int, Command] = {command.code: command for command in (
         Field("current", 328, "i64"),
         Field("state_file", 336, "text", _to_end(336)),
     )),
-    Command(7031, "CMD_FACE_IMPORT_PAGE", 0, 101, reply=(
+    Command(IMPORT_TIME, "CMD_FACE_IMPORT_PAGE", 0, 101, reply=(
         Field("time_text", 304, "text", _to_end(304)),
     )),
 )}

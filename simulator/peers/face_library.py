@@ -10,9 +10,6 @@ from simulator.journal import Journal
 from simulator.messages import wire
 from simulator.peers.peer import MessagePeer, Reply, file_event
 
-CLEAR = 7019
-SET = 7018
-
 
 class FaceLibrary(MessagePeer):
     """Clears its face lists on request, hands out the configuration to apply afterwards, and takes the lists back.
@@ -40,9 +37,9 @@ class FaceLibrary(MessagePeer):
         self.applied: list[dict[str, Any]] = []
 
     def default(self, message: wire.Message) -> Reply:
-        if message.command == CLEAR:
+        if message.command == wire.CLEAR_LISTS:
             return self._clear(message)
-        if message.command == SET:
+        if message.command == wire.SET_LIST:
             self.applied.append(message.request)
             self.journal.add(self.name, "list", face_list=message.request)
             return wire.encode_reply(message, same_header=True)

@@ -16,14 +16,6 @@ from simulator.messages import wire
 from simulator.peers.peer import MessagePeer, Reply, file_event
 from simulator.peers.pictures import is_jpeg
 
-READY = 1037
-IMPORT_FILE = 7020
-IMPORT_PROGRESS = 7021
-IMPORT_TIME = 7031
-
-IMPORTED = 0
-BAD_PICTURE = 1
-
 
 @dataclass
 class Import:
@@ -71,11 +63,11 @@ class Itgt(MessagePeer):
         self._importers.clear()
 
     def default(self, message: wire.Message) -> Reply:
-        if message.command == IMPORT_FILE:
+        if message.command == wire.IMPORT_FILE:
             return self._accept(message)
-        if message.command == IMPORT_PROGRESS:
+        if message.command == wire.IMPORT_PROGRESS:
             return self._progress(message)
-        if message.command == IMPORT_TIME:
+        if message.command == wire.IMPORT_TIME:
             return wire.encode_reply(message, time_text=self.time_text)
         return None
 
@@ -97,7 +89,7 @@ class Itgt(MessagePeer):
         for record in page.records:
             if self.picture_seconds > 0 and self._stopping.wait(self.picture_seconds):
                 return
-            result = IMPORTED if is_jpeg(_picture(record)) else BAD_PICTURE
+            result = wire.IMPORTED if is_jpeg(_picture(record)) else wire.BAD_PICTURE
             page.results.append({"ID": record.get("credentialNumber"), "RESULT_TYPE_E": result})
             self.journal.add(self.name, "picture", task_id=page.task_id, record_id=record.get("credentialNumber"),
                              result=result, done=len(page.results), total=len(page.records))

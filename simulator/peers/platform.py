@@ -11,6 +11,7 @@ from collections.abc import Callable, Iterable, Sequence
 from typing import Any, Union
 
 from simulator.journal import Journal
+from simulator.messages import wire
 from simulator.messages.certificate import server_context
 from simulator.messages.http import NEVER, Request, Response, Send, Step
 from simulator.messages.https_server import Connection, HttpsServer, noted
@@ -119,7 +120,7 @@ class Platform:
         if request.target == self.task_path:
             asked = _json_object(request)
             start, count = asked.get("startIndex"), asked.get("offset")
-            if not isinstance(start, int) or not isinstance(count, int) or not 1 <= count <= 30:
+            if not isinstance(start, int) or not isinstance(count, int) or not 1 <= count <= wire.PAGE_SIZE:
                 return Response(400)
             body = self.page(start, count)
             records = min(count, max(0, len(self.pictures) - start)) if self.pictures else count

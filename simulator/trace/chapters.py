@@ -2,16 +2,14 @@
 
 from __future__ import annotations
 
-import re
 from dataclasses import dataclass, field
 
 from simulator.messages import wire
-from simulator.trace.explanation import Item, document_of, explain, one_line
+from simulator.messages.log import ends_download
+from simulator.messages.text import document_of, one_line
+from simulator.trace.explanation import explain
 from simulator.trace.recording import Recording
-
-# Requests to ITGT that begin a phase of a page.
-_IMPORT_FILE, _IMPORT_PROGRESS, _IMPORT_TIME = 7020, 7021, 7031
-_DOWNLOAD_ENDS = re.compile(r"CustomJsonPicDownloadTask E")  # also when it ends by an exception
+from simulator.trace.words import Item
 
 
 @dataclass
@@ -63,7 +61,7 @@ class _Teller:
         elif item.kind == "request" and (title := _page_title(item)) is not None:
             self._downloading = True
             self._begin_page(title, item)
-        elif item.kind == "log" and _DOWNLOAD_ENDS.match(item.detail):
+        elif item.kind == "log" and ends_download(item.detail):
             self._downloading = False
         self.chapters[-1].items.append(item)
 
@@ -103,12 +101,12 @@ def _phases(chapter: Chapter) -> list[tuple[str, float, float]]:
     requests = [item for item in chapter.items if item.kind == "request"]
     if not requests or not chapter.title.startswith("page "):
         return []
-    told = _times(chapter, _IMPORT_FILE)
-    asked = _times(chapter, _IMPORT_TIME)
+    told = _times(chapter, wire.IMPORT_FILE)
+    asked = _times(chapter, wire.IMPORT_TIME)
     phases = [("fetch", chapter.begin, told[0] if told else _last_of_connection(chapter, requests[0]))]
     if told:
         progress = [item.time for item in chapter.items if item.kind == "datagram" and item.source == "itgt"
-                    and wire.Message(item.data).command in (_IMPORT_FILE, _IMPORT_PROGRESS)]
+                    and wire.Message(item.data).command in (wire.IMPORT_FILE, wire.IMPORT_PROGRESS)]
         phases.append(("import", told[0], asked[0] if asked else max([told[0], *progress])))
     if asked:
         reported = requests[1:]

@@ -8,7 +8,7 @@ from collections.abc import Callable
 from itertools import zip_longest
 from typing import Any
 
-from simulator.trace.explanation import one_line
+from simulator.messages.text import one_line
 from simulator.trace.recording import Entry, Recording
 
 # What is not compared, and why. Everything else is.

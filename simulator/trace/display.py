@@ -15,8 +15,11 @@ from rich.text import Text
 
 from simulator.journal import Journal
 from simulator.trace.diagram import LANES, NARROWEST, STYLES, Diagram
-from simulator.trace.sights import NAMES, Sight, sights
+from simulator.trace.explanation import LiveItem, LiveTrace
 
+NAMES = {"client": "client", "itgt": "ITGT", "faces": "face library", "platform": "platform", "events": "event cache",
+         "service": "service", "demo": ""}
+_LEVELS = {"ERROR": "red", "DEBUG": "dim"}
 _MOST_ROWS = 8  # of one message with all its details
 
 
@@ -54,29 +57,27 @@ class Display:
 
     def follow(self, journal: Journal) -> None:
         """Shows every event of a camera from here on."""
-        journal.listen(lambda event: [self.show(sight) for sight in sights(event)])
+        trace = LiveTrace()
+        journal.listen(lambda event: [self.show(live) for live in trace.take(event)])
 
-    def show(self, sight: Sight) -> None:
+    def show(self, live: LiveItem) -> None:
         """One thing that happened, drawn or as a line, when it is wanted at this level of detail."""
         with self._lock:
             if self._live is not None:
-                self._bars.note(sight)
-            if not (self._verbose or (sight.drawn if self.drawn else sight.plain)):
+                self._bars.note(live)
+            if not (self._verbose or ("drawn" if self.drawn else "as line") in live.shown):
                 return
-            seconds = sight.time - self._begin
+            seconds, is_message = live.time - self._begin, live.kind == "message"
+            style = "bold red" if live.kind == "fault" else _LEVELS.get(live.level, "")
+            text = live.text if self._verbose or not is_message else live.title
             if self.drawn:
-                text = sight.text if self._verbose or sight.kind != "message" else sight.title
-                rows = self._diagram.rows(seconds, sight.source, sight.target, text,
-                                          "" if sight.kind == "message" else sight.style,
-                                          _MOST_ROWS if self._verbose else 2)
-                for row in rows:
+                for row in self._diagram.rows(seconds, live.source, live.target, text, style,
+                                              _MOST_ROWS if self._verbose else 2):
                     self.console.print(row)
                 return
-            text = sight.text
-            if sight.kind == "message" and sight.title != sight.text:
-                text = f"{'<--' if sight.source == 'service' else '-->'} {text}"
-            peer = sight.target if sight.source == "service" and sight.target else sight.source
-            self._line(seconds, peer, text, sight.style)
+            arrow = ("<-- " if live.source == "service" else "--> ") if is_message else ""
+            peer = live.target if live.source == "service" and live.target else live.source
+            self._line(seconds, peer, arrow + text, "dim" if is_message else style)
 
     def heading(self, text: str) -> None:
         self.console.print()
@@ -121,8 +122,8 @@ class _Bars:
     def shown(self) -> bool:
         return self._pages is not None
 
-    def note(self, sight: Sight) -> None:
-        progress = sight.progress
+    def note(self, live: LiveItem) -> None:
+        progress = live.progress
         if "pages" in progress and self._pages is None:
             self._pages = self.bars.add_task("pages", total=progress["pages"], note="reported")
         if self._pages is None:

@@ -46,7 +46,6 @@ TYPES: dict[str, dict[str, type]] = {
 }
 
 _KINDS = {str: "a text", int: "a whole number", float: "a number", dict: "an object", bytes: 'bytes as {"base64": ...}'}
-_IMPORT_FILE = 7020  # the request that names a page file
 _CONNECTION_EVENTS = ("accepted", "handshake", "incomplete", "broken", "closed")
 
 
@@ -157,7 +156,7 @@ def entries_of(event: Event, outside: Callable[[str], Path] | None = None) -> li
         entries = [("note", {"source": event.source, "kind": event.kind, "data": _details(event)})]
     else:
         entries = [shape(event)]
-    if outside is not None and event.matches("itgt", "received", command=_IMPORT_FILE):
+    if outside is not None and event.matches("itgt", "received", command=wire.IMPORT_FILE):
         entries = _page_file(event.message, outside) + entries  # it was written before ITGT was told
     return entries
 

@@ -11,7 +11,7 @@ from pathlib import Path
 from typing import Any
 
 from simulator.trace.chapters import Chapter
-from simulator.trace.explanation import Item
+from simulator.trace.words import Item
 from simulator.trace.recording import Recording
 
 _FOLDER = Path(__file__).parent / "page"

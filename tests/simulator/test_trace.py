@@ -16,7 +16,7 @@ import pytest
 
 from simulator import CameraError, Journal, Response, Send, wire
 from simulator.cli.commands import trace
-from simulator.device.service import LogRecord
+from simulator.messages.log import LogRecord
 from simulator.messages.http import Request
 from simulator.peers.itgt import Import
 from simulator.trace.recording import Recorder
@@ -151,7 +151,7 @@ def test_hook_that_makes_a_named_fault_is_no_second_one(tmp_path: Path, run: Cal
         journal.add("itgt", "hooked", name="on_message", command=7021)
         journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
     assert [(item["title"], item["fault"]) for item in items(run, tmp_path / "run")] == [
-        ("fault switched on", "itgt.truncated"),
+        ("fault itgt.truncated=bytes=9 is switched on", "itgt.truncated"),
         ("fault itgt.truncated takes hold", "itgt.truncated"), ("datagram of 5 bytes", "itgt.truncated"),
         ("a hook changed the answer", "on_message"), ("datagram of 5 bytes", "on_message")]
 

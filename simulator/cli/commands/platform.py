@@ -10,7 +10,7 @@ from types import SimpleNamespace
 
 from simulator.cli import options
 from simulator.cli.command_line import DONE, Stopped, print_json, stoppable
-from simulator.cli.control import Control, print_sights
+from simulator.cli.control import Control, print_events
 from simulator.cli.running import fault_handlers
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
@@ -58,10 +58,7 @@ def run(arguments: argparse.Namespace) -> int:
             with listener, show, Control(arguments.name, journal, fault_handlers(switches)), recorder:
                 options.switch_on(switches, arguments)
                 _greet(platform, show, arguments)
-                if arguments.json:
-                    journal.listen(print_sights)
-                else:
-                    show.follow(journal)
+                (print_events if arguments.json else show.follow)(journal)
                 platform.start([listener])
                 threading.Event().wait()
         except Stopped:

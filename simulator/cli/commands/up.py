@@ -8,7 +8,7 @@ import os
 from simulator.camera import Camera
 from simulator.cli import options
 from simulator.cli.command_line import DONE, FAILED, Stopped, print_json, stoppable
-from simulator.cli.control import Control, print_sights
+from simulator.cli.control import Control, print_events
 from simulator.cli.running import RunningCamera
 from simulator.cli.scenarios.play import switches_of
 from simulator.errors import CameraError
@@ -72,13 +72,8 @@ _FOREVER = 10 * 365 * 86400.0
 
 
 def _follow(camera: Camera, show: Display, arguments: argparse.Namespace) -> None:
-    if arguments.quiet:
-        return
-    if not arguments.json:
-        show.follow(camera.journal)
-        return
-
-    camera.journal.listen(print_sights)
+    if not arguments.quiet:
+        (print_events if arguments.json else show.follow)(camera.journal)
 
 
 def _greet(running: RunningCamera, show: Display, arguments: argparse.Namespace) -> None:

@@ -8,7 +8,7 @@ from simulator.cli import options
 from simulator.cli.command_line import DONE, Stopped, print_json, stoppable
 from simulator.cli.control import asking
 from simulator.trace.display import Display
-from simulator.trace.sights import Sight
+from simulator.trace.explanation import LiveItem
 
 HELP = "show live what flows between whom in a running camera, decoded"
 DESCRIPTION = """\
@@ -33,12 +33,12 @@ def run(arguments: argparse.Namespace) -> int:
             if arguments.json:
                 print_json({"watching": arguments.name})
                 for document in lines:
-                    print_json(Sight(**document).public())
+                    print_json(LiveItem(**document).public())
                 return DONE
             show.console.print(f"Watching camera {arguments.name}; Ctrl-C ends.")
             with show:
                 for document in lines:
-                    show.show(Sight(**document))
+                    show.show(LiveItem(**document))
             show.console.print(f"Camera {arguments.name} has ended.")
         except Stopped:
             pass

@@ -13,7 +13,8 @@ from simulator.cli.scenarios.settings import SETTINGS
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Event
-from simulator.peers.itgt import IMPORTED
+from simulator.messages.log import ends_download
+from simulator.messages.wire import IMPORTED
 
 _REPLY_SECONDS = 20.0
 _EVENT_SECONDS = 10.0
@@ -106,7 +107,7 @@ class Player:
         self._check(what, expected, seen)
         if name == "whiteListDown" and expected == 200 and step.values.get("wait", True):
             self._wait_log(f"line {step.line}: end of the download", begin, step.values.get("seconds", _END_SECONDS),
-                           "CustomJsonPicDownloadTask E")
+                           ends_download)
 
     def _information(self, step: Step) -> dict[str, Any]:
         information = step.values.get("info", {})
@@ -114,8 +115,8 @@ class Player:
             return self._camera.platform.task(step.values.get("faces"), **information)
         return information or {"cameraCode": "C1"}
 
-    def _wait_log(self, what: str, begin: int, seconds: float, text: str) -> None:
-        self._wait(what, begin, seconds, lambda event: event.matches("service", "log") and text in event.record.text)
+    def _wait_log(self, what: str, begin: int, seconds: float, wanted: Callable[[str], bool]) -> None:
+        self._wait(what, begin, seconds, lambda event: event.matches("service", "log") and wanted(event.record.text))
 
     def _wait(self, what: str, begin: int, seconds: float, wanted: Callable[[Event], bool]) -> None:
         try:
@@ -141,7 +142,7 @@ class Player:
 
     def _log(self, step: Step) -> None:
         self._wait_log(f"line {step.line}: the log has {step.values['log']!r}", 0,
-                       step.values.get("seconds", _EVENT_SECONDS), step.values["log"])
+                       step.values.get("seconds", _EVENT_SECONDS), lambda text: step.values["log"] in text)
 
     def _took_hold(self, step: Step) -> None:
         name = step.values["took_hold"].name
