@@ -62,6 +62,8 @@ def make_parser(wanted: str = "") -> argparse.ArgumentParser:
 
 
 def main(words: Sequence[str]) -> int:
+    if "_ARGCOMPLETE" in os.environ:
+        complete()
     arguments = make_parser(words[0] if words else "").parse_args(words)
     try:
         code: int = arguments.run(arguments)
@@ -78,6 +80,18 @@ def main(words: Sequence[str]) -> int:
         return error.code if isinstance(error, CodedError) else FAILED
     except (KeyboardInterrupt, Stopped):
         return 130
+
+
+def complete() -> None:
+    """Tells a shell what the word on its line can become, and ends. `camsim completion bash` prints what calls this."""
+    import argcomplete  # late, because nothing else of camsim needs it
+
+    argcomplete.autocomplete(make_parser(), always_complete_options="long")
+
+
+def completing(action: argparse.Action, *words: str) -> None:
+    """Names the words that an argument is likely to be, for shells to complete; it may be another."""
+    action.completer = lambda **_: words  # type: ignore[attr-defined] # what argcomplete asks for
 
 
 def print_json(document: Any) -> None:

@@ -10,7 +10,7 @@ from typing import Any
 
 from simulator import faults
 from simulator.camera import Camera
-from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError
+from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError, completing
 from simulator.cli.scenarios.settings import SETTINGS
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
@@ -39,9 +39,10 @@ def add_record(parser: argparse.ArgumentParser) -> None:
 
 
 def add_faults(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("--fault", action="append", default=[], metavar="FAULT",
-                        help="a fault to begin with, as often as wanted: itgt.silent, platform.status=503, "
-                             "itgt.late=3,command=7021; `camsim fault list` names all")
+    completing(parser.add_argument(
+        "--fault", action="append", default=[], metavar="FAULT",
+        help="a fault to begin with, as often as wanted: itgt.silent, platform.status=503, itgt.late=3,command=7021; "
+             "`camsim fault list` names all"), *faults.FAULTS)
 
 
 def add_pictures(parser: argparse.ArgumentParser) -> None:
@@ -94,7 +95,8 @@ def apply_settings(subject: Any, arguments: argparse.Namespace) -> None:
         if value is None:
             continue
         try:
-            setting.apply(subject, setting.check(value))
+            setting.check(value)
+            setting.apply(subject, value)
         except ValueError as error:
             raise CodedError(f"--{name.replace('_', '-')} takes {error}", WRONG_ARGUMENTS) from error
 

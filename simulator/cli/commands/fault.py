@@ -8,7 +8,7 @@ from typing import Any
 
 from simulator import faults
 from simulator.cli import options
-from simulator.cli.command_line import DONE, WRONG_ARGUMENTS, CodedError, print_json
+from simulator.cli.command_line import DONE, WRONG_ARGUMENTS, CodedError, completing, print_json
 from simulator.cli.control import ask
 from simulator.errors import CameraError
 
@@ -25,9 +25,11 @@ EXAMPLES = (
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("words", nargs="+", metavar="list|FAULT",
-                        help='"list", "list PEER", "PEER FAULT" or "PEER.FAULT", then "on" (which may be left out) or '
-                             '"off", then parameters NAME=VALUE; "all off" switches every fault off')
+    completing(parser.add_argument(
+        "words", nargs="+", metavar="list|FAULT",
+        help='"list", "list PEER", "PEER FAULT" or "PEER.FAULT", then "on" (which may be left out) or "off", then '
+             'parameters NAME=VALUE; "all off" switches every fault off'),
+        "list", "all", "on", "off", *faults.FAULTS, *faults.PEERS)
     options.add_name(parser)
     options.add_json(parser, "print JSON")
 

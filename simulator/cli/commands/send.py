@@ -9,9 +9,10 @@ from pathlib import Path
 from typing import Any
 
 from simulator.cli import options
-from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError, print_json
+from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError, completing, print_json
 from simulator.cli.control import ask
 from simulator.cli.running import described, information
+from simulator.cli.scenarios.settings import SCHEMA
 
 HELP = "send a command, or raw bytes, to a running camera and print the reply"
 DESCRIPTION = """\
@@ -26,8 +27,9 @@ EXAMPLES = (
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("command", nargs="?",
-                        help="whiteListDown, whiteListClear, faceNotHitDown, or a name that there is not")
+    completing(parser.add_argument(
+        "command", nargs="?", help="whiteListDown, whiteListClear, faceNotHitDown, or a name that there is not"),
+        *SCHEMA["definitions"]["send"]["properties"]["send"]["enum"])
     parser.add_argument("--faces", type=int, metavar="N",
                         help="whiteListDown: faces to fetch (75, or all own pictures)")
     parser.add_argument("--info", metavar="JSON", help="the command's arguments (taskInfo) as a JSON object, or @FILE; "
