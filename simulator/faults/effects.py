@@ -1,4 +1,4 @@
-"""What each fault does, in terms of the peers' own hooks. The table of faults is in table.py."""
+"""Every fault of the peers, in terms of their own hooks: what it is called, its parameters, and what it does."""
 
 from __future__ import annotations
 
@@ -9,7 +9,9 @@ from collections.abc import Callable
 from types import SimpleNamespace
 from typing import Any
 
+from simulator.faults.fault import ANSWER, CONNECT, NOTIFY, SEND, STATE, TLS, Parameter, fault
 from simulator.messages import wire
+from simulator.messages.certificate import KINDS
 from simulator.messages.http import NEVER, Close, Request, Reset, Response, Send, Step, Wait, trickle
 from simulator.peers.client import Client
 from simulator.peers.events import EventPublisher
@@ -23,6 +25,14 @@ Values = SimpleNamespace
 Ask = Callable[[], Reply]
 
 
+def _seconds(default: float, text: str = "seconds to wait") -> Parameter:
+    return Parameter("seconds", default, text)
+
+
+def _bytes(default: int, text: str) -> Parameter:
+    return Parameter("bytes", default, text)
+
+
 def _noise(size: int) -> bytes:
     """The same garbage every time."""
     return random.Random(size).randbytes(size)
@@ -30,40 +40,57 @@ def _noise(size: int) -> bytes:
 
 # Answers of ITGT and the face library: what they would say is asked for with answer().
 
+@fault(ANSWER, "itgt,faces.late", "answers after some seconds", _seconds(2.0))
 def late(peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     peer.pause(values.seconds)
     return answer()
 
 
+@fault(ANSWER, "itgt,faces.silent", "never answers")
 def silent(_peer: MessagePeer, _message: wire.Message, _answer: Ask, _values: Values) -> Reply:
     return None
 
 
+@fault(ANSWER, "itgt,faces.wrong-command", "answers with another command code",
+       Parameter("code", 7777, "the command code of the answer"))
 def wrong_command(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
     return wire.encode_reply(reply, same_header=True, command=values.code) if isinstance(reply, bytes) else reply
 
 
+@fault(ANSWER, "itgt,faces.garbage", "answers with random bytes", _bytes(21408, "how many"))
 def garbage(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     answer()
     return _noise(values.bytes)
 
 
+@fault(ANSWER, "itgt,faces.truncated", "answers with the first bytes only", _bytes(100, "how many"))
 def truncated(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
     return bytes(reply)[:values.bytes] if isinstance(reply, bytes) else reply
 
 
+@fault(ANSWER, "itgt,faces.twice", "sends every answer twice")
 def twice(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Values) -> Reply:
     reply = answer()
     return [reply, reply] if isinstance(reply, bytes) else reply
 
 
+@fault(ANSWER, "itgt.refuses", "takes no page: tells the number of no import",
+       Parameter("task", 0, "the number it tells"), command=wire.IMPORT_FILE)
+def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, values: Values) -> Reply:
+    """No import begins, and the number that is told belongs to none."""
+    return wire.encode_reply(message, import_task_id=values.task)
+
+
+@fault(ANSWER, "itgt.never-ready", "says of every import that it is not done", command=wire.IMPORT_PROGRESS)
 def progress_never(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Values) -> Reply:
     reply = answer()
     return wire.encode_reply(reply, same_header=True, status=0) if isinstance(reply, bytes) else reply
 
 
+@fault(ANSWER, "itgt.ready-after", "says that an import is not done so many times",
+       Parameter("polls", 3, "how many times"), command=wire.IMPORT_PROGRESS)
 def progress_after(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
     page = peer.imports.get(message.request["import_task_id"])
@@ -72,11 +99,7 @@ def progress_after(peer: Itgt, message: wire.Message, answer: Ask, values: Value
     return wire.encode_reply(reply, same_header=True, status=0)
 
 
-def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, values: Values) -> Reply:
-    """No import begins, and the number that is told belongs to none."""
-    return wire.encode_reply(message, import_task_id=values.task)
-
-
+@fault(ANSWER, "itgt.bad-pictures", "finds every picture unreadable", command=wire.IMPORT_FILE)
 def bad_pictures(_peer: MessagePeer, message: wire.Message, answer: Ask, _values: Values) -> Reply:
     """Overwrites the page file before ITGT looks into it."""
     path = _peer.outside(message.request["directory"] + message.request["file_name"])
@@ -84,6 +107,9 @@ def bad_pictures(_peer: MessagePeer, message: wire.Message, answer: Ask, _values
     return answer()
 
 
+@fault(ANSWER, "itgt.state-file", "leaves a state file that cannot be used",
+       Parameter("what", "garbage", "what is wrong with it", ("garbage", "empty", "truncated", "missing")),
+       command=wire.IMPORT_PROGRESS)
 def state_file(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -> Reply:
     """Spoils the state file once the import is done."""
     reply = answer()
@@ -97,11 +123,16 @@ def state_file(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -
     return reply
 
 
+@fault(ANSWER, "faces.refuses", "refuses to clear its lists",
+       Parameter("status", 1, "the status that it answers", at_least=1), command=wire.CLEAR_LISTS)
 def clear_refused(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
     return wire.encode_reply(reply, same_header=True, status=values.status) if isinstance(reply, bytes) else reply
 
 
+@fault(ANSWER, "faces.configuration", "hands out a configuration that cannot be used",
+       Parameter("what", "garbage", "what is wrong with it", ("garbage", "truncated", "wrong", "missing")),
+       command=wire.CLEAR_LISTS)
 def configuration(peer: FaceLibrary, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     """Spoils the configuration file before the service is told of it."""
     reply = answer()
@@ -119,14 +150,18 @@ def configuration(peer: FaceLibrary, _message: wire.Message, answer: Ask, values
 PlatformAsk = Callable[[], Answer]
 
 
+@fault(ANSWER, "platform.late", "answers after some seconds (the service waits 5)", _seconds(6.0))
 def response_late(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
     return [Wait(values.seconds), *_steps(answer())]
 
 
+@fault(ANSWER, "platform.silent", "takes requests and never answers")
 def response_silent(_platform: Platform, _request: Request, _answer: PlatformAsk, _values: Values) -> Answer:
     return None
 
 
+@fault(ANSWER, "platform.status", "answers with another HTTP status",
+       Parameter("code", 503, "the status", at_least=100))
 def response_status(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
     response = answer()
     if isinstance(response, Response):
@@ -134,11 +169,14 @@ def response_status(_platform: Platform, _request: Request, answer: PlatformAsk,
     return response
 
 
+@fault(ANSWER, "platform.redirect", "sends to another port", Parameter("code", 302, "the status", at_least=300))
 def response_redirect(platform: Platform, request: Request, _answer: PlatformAsk, values: Values) -> Answer:
     target = f"https://127.0.0.1:{platform.second_port}{request.target}"
     return Response(values.code, headers=[("Location", target)])
 
 
+@fault(ANSWER, "platform.body", "answers 200 with a body that is no page",
+       Parameter("what", "garbage", "the body", ("garbage", "empty", "other")))
 def response_body(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
     response = answer()
     if not isinstance(response, Response):
@@ -147,23 +185,32 @@ def response_body(_platform: Platform, _request: Request, answer: PlatformAsk, v
     return dataclasses.replace(response, body=body)
 
 
+@fault(ANSWER, "platform.garbage", "answers with random bytes in place of HTTP", _bytes(5000, "how many"))
 def response_garbage(_platform: Platform, _request: Request, _answer: PlatformAsk, values: Values) -> Answer:
     return [Send(_noise(values.bytes)), Close()]
 
 
+@fault(ANSWER, "platform.truncated", "ends the connection before the last bytes of the answer",
+       Parameter("bytes", 1, "how many are missing", at_least=1))
 def response_truncated(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
-    return [Send(_bytes(answer())[:-values.bytes]), Close()]
+    return [Send(_whole(answer())[:-values.bytes]), Close()]
 
 
+@fault(ANSWER, "platform.reset", "resets the connection in the middle of the answer",
+       _bytes(50, "how many bytes come before"))
 def response_reset(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
-    return [Send(_bytes(answer())[:values.bytes]), Reset()]
+    return [Send(_whole(answer())[:values.bytes]), Reset()]
 
 
+@fault(ANSWER, "platform.slow", "sends the answer in pieces, with a pause after each",
+       _seconds(0.2, "seconds of each pause"), Parameter("pieces", 5, "how many pieces", at_least=1))
 def response_slow(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
-    data = _bytes(answer())
+    data = _whole(answer())
     return trickle(data, -(-len(data) // max(1, values.pieces)), values.seconds)
 
 
+@fault(ANSWER, "platform.chunked", "sends the body in chunks",
+       Parameter("bytes", 1000, "bytes of a chunk", at_least=1))
 def response_chunked(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
     response = answer()
     return dataclasses.replace(response, chunk_size=values.bytes) if isinstance(response, Response) else response
@@ -177,28 +224,34 @@ def _steps(answer: Answer) -> list[Step]:
     return list(NEVER) if answer is None or callable(answer) else list(answer)
 
 
-def _bytes(answer: Answer) -> bytes:
+def _whole(answer: Answer) -> bytes:
     return b"".join(step.data for step in _steps(answer) if isinstance(step, Send))
 
 
 # What happens to a connection before its handshake: steps in its place, or None.
 
+@fault(CONNECT, "platform.refuses", "resets every new connection")
 def connection_refused(_values: Values) -> list[Step]:
     return [Reset()]
 
 
+@fault(CONNECT, "platform.closes", "closes every new connection")
 def connection_closed(_values: Values) -> list[Step]:
     return [Close()]
 
 
+@fault(CONNECT, "platform.no-handshake", "takes connections and never shakes hands")
 def connection_silent(_values: Values) -> list[Step]:
     return list(NEVER)
 
 
+@fault(CONNECT, "platform.plain", "speaks HTTP without TLS")
 def connection_plain(_values: Values) -> list[Step]:
     return [Send(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"), Close()]
 
 
+@fault(CONNECT, "platform.slow-handshake", "sends its part of the handshake byte by byte",
+       _seconds(0.2, "seconds between two bytes"))
 def connection_trickle(values: Values) -> list[Step]:
     return trickle(b"\x16\x03\x03\x40\x00" + b"\x02" * 1000, 1, values.seconds)
 
@@ -208,54 +261,67 @@ def connection_trickle(values: Values) -> list[Step]:
 Datagrams = list[Any]
 
 
+@fault(SEND, "client.late", "waits between head and body", _seconds(1.0))
 def client_late(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [datagrams[0], Wait(values.seconds), *datagrams[1:]]
 
 
+@fault(SEND, "client.no-body", "sends a head and no body")
 def client_no_body(_client: Client, datagrams: Datagrams, _values: Values) -> Datagrams:
     return datagrams[:1]
 
 
+@fault(SEND, "client.garbage", "sends random bytes for a body", _bytes(100, "how many"))
 def client_garbage(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [*datagrams[:-1], _noise(values.bytes)]
 
 
+@fault(SEND, "client.wrong-command", "sends a command that there is not")
 def client_wrong_command(_client: Client, datagrams: Datagrams, _values: Values) -> Datagrams:
     body = b'{"taskName":"noSuchCommand","taskInfo":{}}'
     return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=len(body)), body]
 
 
+@fault(SEND, "client.truncated", "leaves the last bytes of the body out",
+       Parameter("bytes", 5, "how many", at_least=1))
 def client_truncated(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [*datagrams[:-1], datagrams[-1][:-values.bytes]]
 
 
+@fault(SEND, "client.claims", "claims another length in the head", _bytes(0, "the length"))
 def client_claims(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=values.bytes), *datagrams[1:]]
 
 
 # What the event cache's publisher sends in place of a notification.
 
+@fault(NOTIFY, "events.late", "notifies after some seconds", _seconds(1.0))
 def event_late(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     threading.Event().wait(values.seconds)
     return packets
 
 
+@fault(NOTIFY, "events.silent", "publishes without notifying")
 def event_silent(_events: EventPublisher, _packets: list[bytes], _values: Values) -> list[bytes]:
     return []
 
 
+@fault(NOTIFY, "events.garbage", "notifies with random bytes", _bytes(256, "how many"))
 def event_garbage(_events: EventPublisher, _packets: list[bytes], values: Values) -> list[bytes]:
     return [_noise(values.bytes)]
 
 
+@fault(NOTIFY, "events.truncated", "notifies with the first bytes only", _bytes(9, "how many"))
 def event_truncated(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     return [packet[:values.bytes] for packet in packets]
 
 
+@fault(NOTIFY, "events.status", "notifies with a status that is no success", Parameter("code", 500, "the status"))
 def event_status(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     return [wire.encode(wire.NOTIFICATION, len(packet), base=packet, status=values.code) for packet in packets]
 
 
+@fault(NOTIFY, "events.wrong-buffer", "names a buffer that there is not", Parameter("number", 9999, "its number"))
 def event_buffer(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     """The descriptor behind the head names a buffer that is not there."""
     return [packet[:-wire.DESCRIPTOR_SIZE] + wire.encode(wire.DESCRIPTOR, wire.DESCRIPTOR_SIZE,
@@ -263,12 +329,15 @@ def event_buffer(_events: EventPublisher, packets: list[bytes], values: Values) 
             for packet in packets]
 
 
+@fault(NOTIFY, "events.repeated", "sends every notification several times",
+       Parameter("packets", 8, "how often", at_least=1))
 def event_repeated(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     return packets * values.packets
 
 
 # Faults that are a state rather than an answer: switched on with True, off with False.
 
+@fault(STATE, "itgt,faces,events.absent", "{} does not run")
 def absent(part: Any, on: bool, _values: Values) -> None:
     if on:
         part.stop()
@@ -276,6 +345,14 @@ def absent(part: Any, on: bool, _values: Values) -> None:
         part.start()
 
 
+@fault(STATE, "itgt,faces,events.restarts", "{} ends and is there again at once")
+def restarted(part: Any, on: bool, _values: Values) -> None:
+    if on:
+        part.stop()
+        part.start()
+
+
+@fault(STATE, "itgt.no-marker", "never says that it is ready: /tmp/intelligent_ok is missing")
 def no_marker(itgt: Itgt, on: bool, _values: Values) -> None:
     marker = itgt.outside("/tmp/intelligent_ok")
     if on:
@@ -284,6 +361,7 @@ def no_marker(itgt: Itgt, on: bool, _values: Values) -> None:
         marker.touch()
 
 
+@fault(STATE, "client.no-socket", "sends commands, but /tmp/KH for the replies is missing")
 def no_socket(client: Client, on: bool, _values: Values) -> None:
     if on:
         client.hide()
@@ -292,17 +370,14 @@ def no_socket(client: Client, on: bool, _values: Values) -> None:
         client.start()
 
 
-def restarted(part: Any, on: bool, _values: Values) -> None:
-    if on:
-        part.stop()
-        part.start()
-
-
 # What the platform offers in a handshake: arguments of Platform.use_tls.
 
+@fault(TLS, "platform.certificate", "shows another kind of certificate", Parameter("kind", "expired", "which", KINDS))
 def certificate(values: Values) -> dict[str, str]:
     return {"certificate": values.kind}
 
 
+@fault(TLS, "platform.tls", "offers one version of TLS only",
+       Parameter("version", "1.3", "which", ("1.1", "1.2", "1.3")))
 def tls(values: Values) -> dict[str, str]:
     return {"minimum": values.version, "maximum": values.version}

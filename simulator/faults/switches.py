@@ -7,8 +7,8 @@ from collections.abc import Callable, Iterable, Mapping
 from typing import Any
 
 from simulator.errors import CameraError
-from simulator.faults import table
-from simulator.faults import Fault, Order
+from simulator.faults.fault import ANSWER, CONNECT, NOTIFY, PEERS, SEND, STATE, TLS, Fault, Order
+from simulator.faults.table import FAULTS
 from simulator.journal import Journal
 from simulator.messages.http import Request, Step
 from simulator.messages.https_server import Connection
@@ -19,7 +19,7 @@ from simulator.peers.platform import Answer, Platform
 class FaultSwitches:
     """Owns the hooks of the peers it is given; nobody else may set them.
 
-    parts  the peers by their names in table.PEERS; a fault of another peer is refused
+    parts  the peers by their names in PEERS; a fault of another peer is refused
 
     Journal: "fault_on" and "fault_off" with `name` and `text`, and "fault" with `name` whenever one takes hold; the
     source is the peer. All methods may be called from any thread.
@@ -52,7 +52,7 @@ class FaultSwitches:
         """Switches a fault on; if it is on already, with the new parameters. Raises CameraError."""
         fault = order.fault
         if fault.peer not in self._parts:
-            raise CameraError(f"{fault.name} cannot be switched: {table.PEERS[fault.peer]} is not played here")
+            raise CameraError(f"{fault.name} cannot be switched: {PEERS[fault.peer]} is not played here")
         with self._lock:
             self._active[fault.name] = order
             self._left[fault.name] = getattr(order.values, "times", 0)
@@ -69,13 +69,13 @@ class FaultSwitches:
 
     def _apply_state(self, order: Order, on: bool) -> None:
         fault = order.fault
-        if fault.stage == table.STATE:
+        if fault.stage == STATE:
             if on:
                 self._journal.add(fault.peer, "fault", name=fault.name)
             fault.effect(self._parts[fault.peer], on, order.values)
-        elif fault.stage == table.TLS:
+        elif fault.stage == TLS:
             offer: dict[str, str] = {}
-            for one in self._of(fault.peer, table.TLS):
+            for one in self._of(fault.peer, TLS):
                 offer.update(one.fault.effect(one.values))
             self._parts["platform"].use_tls(**offer)
 
@@ -100,7 +100,7 @@ class FaultSwitches:
         def hook(message: Any, default: Callable[[], Any]) -> Any:
             if message.command not in _CODES[peer.name]:
                 return default()
-            return _chain(self._happening(peer.name, table.ANSWER,
+            return _chain(self._happening(peer.name, ANSWER,
                                           lambda values: values.command in ("0", str(message.command))),
                           peer, message, default)()
         return hook
@@ -108,31 +108,31 @@ class FaultSwitches:
     def _request(self, request: Request, default: Callable[[], Any]) -> Answer:
         platform: Platform = self._parts["platform"]
         places = ("all", "results" if request.target == platform.result_path else "pages")
-        answer: Answer = _chain(self._happening("platform", table.ANSWER, lambda values: values.at in places),
+        answer: Answer = _chain(self._happening("platform", ANSWER, lambda values: values.at in places),
                                 platform, request, default)()
         return answer
 
     def _connect(self, _connection: Connection) -> Iterable[Step] | None:
-        if self._of("platform", table.TLS):
-            for order in self._of("platform", table.TLS):
+        if self._of("platform", TLS):
+            for order in self._of("platform", TLS):
                 self._journal.add("platform", "fault", name=order.fault.name)
-        orders = self._happening("platform", table.CONNECT)
+        orders = self._happening("platform", CONNECT)
         steps: Iterable[Step] | None = orders[0].fault.effect(orders[0].values) if orders else None
         return steps
 
     def _send(self, datagrams: list[bytes]) -> list[Any]:
-        for order in self._happening("client", table.SEND):
+        for order in self._happening("client", SEND):
             datagrams = order.fault.effect(self._parts["client"], datagrams, order.values)
         return datagrams
 
     def _notify(self, packet: bytes) -> list[bytes]:
         packets = [packet]
-        for order in self._happening("events", table.NOTIFY):
+        for order in self._happening("events", NOTIFY):
             packets = order.fault.effect(self._parts["events"], packets, order.values)
         return packets
 
 
-_CODES = {peer: {int(choice) for fault in table.FAULTS.values() if fault.peer == peer
+_CODES = {peer: {int(choice) for fault in FAULTS.values() if fault.peer == peer
                  for parameter in fault.parameters if parameter.name == "command" for choice in parameter.choices}
           for peer in ("itgt", "faces")}
 

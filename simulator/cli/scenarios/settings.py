@@ -8,8 +8,6 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-import jsonschema
-
 from simulator.camera import Camera
 from simulator.peers.pictures import read_pictures
 
@@ -28,6 +26,8 @@ class Setting:
 
     def check(self, value: Any) -> None:
         """Raises ValueError with what is expected."""
+        import jsonschema  # late: most calls of camsim set nothing, and it takes longer to load than all else
+
         form = {**SCHEMA["properties"]["settings"]["properties"][self.name], "definitions": SCHEMA["definitions"]}
         if not jsonschema.Draft4Validator(form).is_valid(value):
             raise ValueError(form["title"] if "title" in form else "a text")
