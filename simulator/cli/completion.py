@@ -8,7 +8,7 @@ import argcomplete
 
 from simulator.cli.command_line import DONE
 
-HELP = "print a script that lets bash complete camsim's words"
+HELP = "print a script that makes bash complete camsim's commands, options and faults"
 DESCRIPTION = """\
 Prints a script for bash. For one shell: source <(camsim completion bash). For every shell of a user: write it
 to ~/.local/share/bash-completion/completions/camsim."""

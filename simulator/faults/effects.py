@@ -40,7 +40,7 @@ def _noise(size: int) -> bytes:
 
 # Answers of ITGT and the face library: what they would say is asked for with answer().
 
-@fault(ANSWER, "itgt,faces.late", "answers after some seconds", _seconds(2.0))
+@fault(ANSWER, "itgt,faces.late", "answers some seconds late", _seconds(2.0))
 def late(peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     peer.pause(values.seconds)
     return answer()
@@ -64,7 +64,7 @@ def garbage(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Val
     return _noise(values.bytes)
 
 
-@fault(ANSWER, "itgt,faces.truncated", "answers with the first bytes only", _bytes(100, "how many"))
+@fault(ANSWER, "itgt,faces.truncated", "answers with only the first bytes", _bytes(100, "how many"))
 def truncated(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
     return bytes(reply)[:values.bytes] if isinstance(reply, bytes) else reply
@@ -76,20 +76,20 @@ def twice(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Valu
     return [reply, reply] if isinstance(reply, bytes) else reply
 
 
-@fault(ANSWER, "itgt.refuses", "takes no page: tells the number of no import",
-       Parameter("task", 0, "the number it tells"), command=wire.IMPORT_FILE)
+@fault(ANSWER, "itgt.refuses", "refuses every page: names an import that does not exist",
+       Parameter("task", 0, "the number of that import"), command=wire.IMPORT_FILE)
 def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, values: Values) -> Reply:
     """No import begins, and the number that is told belongs to none."""
     return wire.encode_reply(message, import_task_id=values.task)
 
 
-@fault(ANSWER, "itgt.never-ready", "says of every import that it is not done", command=wire.IMPORT_PROGRESS)
+@fault(ANSWER, "itgt.never-ready", "reports every import as unfinished", command=wire.IMPORT_PROGRESS)
 def progress_never(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Values) -> Reply:
     reply = answer()
     return wire.encode_reply(reply, same_header=True, status=0) if isinstance(reply, bytes) else reply
 
 
-@fault(ANSWER, "itgt.ready-after", "says that an import is not done so many times",
+@fault(ANSWER, "itgt.ready-after", "reports an import as unfinished a number of times",
        Parameter("polls", 3, "how many times"), command=wire.IMPORT_PROGRESS)
 def progress_after(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
@@ -107,7 +107,7 @@ def bad_pictures(_peer: MessagePeer, message: wire.Message, answer: Ask, _values
     return answer()
 
 
-@fault(ANSWER, "itgt.state-file", "leaves a state file that cannot be used",
+@fault(ANSWER, "itgt.state-file", "writes an unusable state file",
        Parameter("what", "garbage", "what is wrong with it", ("garbage", "empty", "truncated", "missing")),
        command=wire.IMPORT_PROGRESS)
 def state_file(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -> Reply:
@@ -130,7 +130,7 @@ def clear_refused(_peer: MessagePeer, _message: wire.Message, answer: Ask, value
     return wire.encode_reply(reply, same_header=True, status=values.status) if isinstance(reply, bytes) else reply
 
 
-@fault(ANSWER, "faces.configuration", "hands out a configuration that cannot be used",
+@fault(ANSWER, "faces.configuration", "hands out an unusable configuration",
        Parameter("what", "garbage", "what is wrong with it", ("garbage", "truncated", "wrong", "missing")),
        command=wire.CLEAR_LISTS)
 def configuration(peer: FaceLibrary, _message: wire.Message, answer: Ask, values: Values) -> Reply:
@@ -150,12 +150,12 @@ def configuration(peer: FaceLibrary, _message: wire.Message, answer: Ask, values
 PlatformAsk = Callable[[], Answer]
 
 
-@fault(ANSWER, "platform.late", "answers after some seconds (the service waits 5)", _seconds(6.0))
+@fault(ANSWER, "platform.late", "answers some seconds late (the service waits 5)", _seconds(6.0))
 def response_late(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
     return [Wait(values.seconds), *_steps(answer())]
 
 
-@fault(ANSWER, "platform.silent", "takes requests and never answers")
+@fault(ANSWER, "platform.silent", "accepts requests and never answers")
 def response_silent(_platform: Platform, _request: Request, _answer: PlatformAsk, _values: Values) -> Answer:
     return None
 
@@ -169,13 +169,13 @@ def response_status(_platform: Platform, _request: Request, answer: PlatformAsk,
     return response
 
 
-@fault(ANSWER, "platform.redirect", "sends to another port", Parameter("code", 302, "the status", at_least=300))
+@fault(ANSWER, "platform.redirect", "redirects to another port", Parameter("code", 302, "the status", at_least=300))
 def response_redirect(platform: Platform, request: Request, _answer: PlatformAsk, values: Values) -> Answer:
     target = f"https://127.0.0.1:{platform.second_port}{request.target}"
     return Response(values.code, headers=[("Location", target)])
 
 
-@fault(ANSWER, "platform.body", "answers 200 with a body that is no page",
+@fault(ANSWER, "platform.body", "answers 200 with a body that is not a page",
        Parameter("what", "garbage", "the body", ("garbage", "empty", "other")))
 def response_body(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
     response = answer()
@@ -240,7 +240,7 @@ def connection_closed(_values: Values) -> list[Step]:
     return [Close()]
 
 
-@fault(CONNECT, "platform.no-handshake", "takes connections and never shakes hands")
+@fault(CONNECT, "platform.no-handshake", "accepts connections and never starts the TLS handshake")
 def connection_silent(_values: Values) -> list[Step]:
     return list(NEVER)
 
@@ -271,31 +271,31 @@ def client_no_body(_client: Client, datagrams: Datagrams, _values: Values) -> Da
     return datagrams[:1]
 
 
-@fault(SEND, "client.garbage", "sends random bytes for a body", _bytes(100, "how many"))
+@fault(SEND, "client.garbage", "sends random bytes as the body", _bytes(100, "how many"))
 def client_garbage(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [*datagrams[:-1], _noise(values.bytes)]
 
 
-@fault(SEND, "client.wrong-command", "sends a command that there is not")
+@fault(SEND, "client.wrong-command", "sends a command that does not exist")
 def client_wrong_command(_client: Client, datagrams: Datagrams, _values: Values) -> Datagrams:
     body = b'{"taskName":"noSuchCommand","taskInfo":{}}'
     return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=len(body)), body]
 
 
-@fault(SEND, "client.truncated", "leaves the last bytes of the body out",
+@fault(SEND, "client.truncated", "leaves out the last bytes of the body",
        Parameter("bytes", 5, "how many", at_least=1))
 def client_truncated(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [*datagrams[:-1], datagrams[-1][:-values.bytes]]
 
 
-@fault(SEND, "client.claims", "claims another length in the head", _bytes(0, "the length"))
+@fault(SEND, "client.claims", "claims a different length in the head", _bytes(0, "the length"))
 def client_claims(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
     return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=values.bytes), *datagrams[1:]]
 
 
 # What the event cache's publisher sends in place of a notification.
 
-@fault(NOTIFY, "events.late", "notifies after some seconds", _seconds(1.0))
+@fault(NOTIFY, "events.late", "notifies some seconds late", _seconds(1.0))
 def event_late(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     threading.Event().wait(values.seconds)
     return packets
@@ -311,17 +311,17 @@ def event_garbage(_events: EventPublisher, _packets: list[bytes], values: Values
     return [_noise(values.bytes)]
 
 
-@fault(NOTIFY, "events.truncated", "notifies with the first bytes only", _bytes(9, "how many"))
+@fault(NOTIFY, "events.truncated", "notifies with only the first bytes", _bytes(9, "how many"))
 def event_truncated(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     return [packet[:values.bytes] for packet in packets]
 
 
-@fault(NOTIFY, "events.status", "notifies with a status that is no success", Parameter("code", 500, "the status"))
+@fault(NOTIFY, "events.status", "notifies with an error status", Parameter("code", 500, "the status"))
 def event_status(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     return [wire.encode(wire.NOTIFICATION, len(packet), base=packet, status=values.code) for packet in packets]
 
 
-@fault(NOTIFY, "events.wrong-buffer", "names a buffer that there is not", Parameter("number", 9999, "its number"))
+@fault(NOTIFY, "events.wrong-buffer", "names a buffer that does not exist", Parameter("number", 9999, "its number"))
 def event_buffer(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     """The descriptor behind the head names a buffer that is not there."""
     return [packet[:-wire.DESCRIPTOR_SIZE] + wire.encode(wire.DESCRIPTOR, wire.DESCRIPTOR_SIZE,
@@ -337,7 +337,7 @@ def event_repeated(_events: EventPublisher, packets: list[bytes], values: Values
 
 # Faults that are a state rather than an answer: switched on with True, off with False.
 
-@fault(STATE, "itgt,faces,events.absent", "{} does not run")
+@fault(STATE, "itgt,faces,events.absent", "{} is not running")
 def absent(part: Any, on: bool, _values: Values) -> None:
     if on:
         part.stop()
@@ -345,14 +345,14 @@ def absent(part: Any, on: bool, _values: Values) -> None:
         part.start()
 
 
-@fault(STATE, "itgt,faces,events.restarts", "{} ends and is there again at once")
+@fault(STATE, "itgt,faces,events.restarts", "{} ends and is back at once")
 def restarted(part: Any, on: bool, _values: Values) -> None:
     if on:
         part.stop()
         part.start()
 
 
-@fault(STATE, "itgt.no-marker", "never says that it is ready: /tmp/intelligent_ok is missing")
+@fault(STATE, "itgt.no-marker", "never becomes ready: /tmp/intelligent_ok is missing")
 def no_marker(itgt: Itgt, on: bool, _values: Values) -> None:
     marker = itgt.outside("/tmp/intelligent_ok")
     if on:
@@ -372,12 +372,13 @@ def no_socket(client: Client, on: bool, _values: Values) -> None:
 
 # What the platform offers in a handshake: arguments of Platform.use_tls.
 
-@fault(TLS, "platform.certificate", "shows another kind of certificate", Parameter("kind", "expired", "which", KINDS))
+@fault(TLS, "platform.certificate", "presents another kind of certificate",
+       Parameter("kind", "expired", "which", KINDS))
 def certificate(values: Values) -> dict[str, str]:
     return {"certificate": values.kind}
 
 
-@fault(TLS, "platform.tls", "offers one version of TLS only",
+@fault(TLS, "platform.tls", "offers only one version of TLS",
        Parameter("version", "1.3", "which", ("1.1", "1.2", "1.3")))
 def tls(values: Values) -> dict[str, str]:
     return {"minimum": values.version, "maximum": values.version}

@@ -24,7 +24,7 @@ class Wait:
 
 @dataclass(frozen=True)
 class Close:
-    """Ends the connection, with the TLS closing alert or, cut off, without."""
+    """Ends the connection, with TLS's close_notify or, cut off, without."""
 
     alert: bool = True
 

@@ -125,7 +125,7 @@ class Connection:
                 raise _Ended
             elif isinstance(step, Close):
                 if step.alert and isinstance(self._socket, ssl.SSLSocket):
-                    self._socket.settimeout(0)  # send the alert, do not wait for the other side's
+                    self._socket.settimeout(0)  # send close_notify, do not wait for the other side's
                     with contextlib.suppress(OSError, ValueError):
                         self._socket.unwrap()
                 raise _Ended

@@ -19,7 +19,7 @@ from simulator.peers.platform import Platform
 from simulator.trace.display import Display
 from simulator.trace.recording import Recorder
 
-HELP = "run the played platform alone, against a real camera"
+HELP = "run the simulated platform alone, for a real camera"
 DESCRIPTION = """\
 Serves pages of face pictures over HTTPS and takes reports, as the platform does, for a camera somewhere on
 the network; shows what it sees until Ctrl-C. Give the camera the printed addresses in a whiteListDown."""

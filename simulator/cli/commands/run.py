@@ -14,7 +14,7 @@ from simulator.cli.scenarios.scenario import Scenario, load
 from simulator.errors import CameraError
 from simulator.trace.display import Display
 
-HELP = "play scenario files and say whether all came out as expected"
+HELP = "play scenario files and say whether each came out as expected"
 DESCRIPTION = """\
 Plays each scenario on a camera of its own and compares what comes of it with what the file expects. Exit code
 0 when all came out as expected, 1 when not, 2 for a file that is wrong. The format is in simulator/README.md."""

@@ -28,7 +28,7 @@ EXAMPLES = (
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     completing(parser.add_argument(
-        "command", nargs="?", help="whiteListDown, whiteListClear, faceNotHitDown, or a name that there is not"),
+        "command", nargs="?", help="whiteListDown, whiteListClear, faceNotHitDown, or a command that does not exist"),
         *SCHEMA["definitions"]["send"]["properties"]["send"]["enum"])
     parser.add_argument("--faces", type=int, metavar="N",
                         help="whiteListDown: faces to fetch (75, or all own pictures)")

@@ -10,7 +10,7 @@ from simulator.cli.control import asking
 from simulator.trace.display import Display
 from simulator.trace.explanation import LiveItem
 
-HELP = "show live what flows between whom in a running camera, decoded"
+HELP = "show live what passes between the processes of a running camera, decoded"
 DESCRIPTION = """\
 Shows everything that a running camera's processes say to each other, from now on, until Ctrl-C or the
 camera's end: drawn on a terminal, as plain lines elsewhere, or where NO_COLOR or TERM=dumb is set."""
