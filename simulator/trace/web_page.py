@@ -23,7 +23,7 @@ _ROW = 16
 def page(recording: Recording, chapters: list[Chapter]) -> str:
     """The page's HTML. What the processes said stands in it compressed, in letters that are no markup."""
     style = (_FOLDER / "trace.css").read_text(encoding="utf-8")
-    script = "".join((_FOLDER / name).read_text(encoding="utf-8") for name in ("trace.js", "detail.js"))
+    script = "".join((_FOLDER / name).read_text(encoding="utf-8") for name in ("search.js", "trace.js", "detail.js"))
     data = json.dumps(_run(recording, chapters), separators=(",", ":")).encode()
     parts = {"title": html.escape(f"Recorded run, {recording.began[:19].replace('T', ' ')}"),
              "policy": f"default-src 'none'; script-src {_hash(script)}; style-src {_hash(style)}; base-uri 'none'; "

@@ -40,33 +40,6 @@ const seconds = (value) => value.toFixed(3);
 const duration = (value) => value >= 1 ? `${value.toFixed(2)} s` : `${Math.round(value * 1000)} ms`;
 const count = (number, one, many = one + "s") => `${number.toLocaleString("en")} ${number === 1 ? one : many}`;
 
-// ---- search
-
-let words = [];
-
-function highlighted(text) {
-  const fragment = document.createDocumentFragment();
-  const low = text.toLowerCase();
-  let from = 0;
-  while (words.length && low.length === text.length) {
-    const hits = words.map((word) => [low.indexOf(word, from), word.length]).filter(([start]) => start >= 0);
-    if (!hits.length) break;
-    const [start, length] = hits.reduce((one, other) => other[0] < one[0] ? other : one);
-    fragment.append(text.slice(from, start), make("mark", "", text.slice(start, start + length)));
-    from = start + length;
-  }
-  fragment.append(text.slice(from));
-  return fragment;
-}
-
-const itemText = (item) => [item.title, item.detail, item.text, item.fault, NAMES[item.from], NAMES[item.to],
-  ...item.fields.flatMap((part) => [part[0], part[3]])].join("\n").toLowerCase();
-
-function matches(row) {
-  row.found ??= [row.item, ...row.logs].filter(Boolean).map(itemText).join("\n");
-  return words.every((word) => row.found.includes(word));
-}
-
 // ---- rows: a message with the log records that follow it at once, or log records alone
 
 function rowsOf(chapter) {
