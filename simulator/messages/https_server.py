@@ -3,8 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import os
-import select
 import socket
 import ssl
 import struct
@@ -14,6 +12,7 @@ from collections.abc import Callable, Iterable, Iterator, Sequence
 
 from simulator.journal import Journal
 from simulator.messages.http import Close, Request, Reset, Send, Step, Wait
+from simulator.messages.sockets import Acceptor
 
 _RESET_ON_CLOSE = struct.pack("ii", 1, 0)  # SO_LINGER: on, no time
 
@@ -159,45 +158,22 @@ class HttpsServer:
         self.answer = answer
         self.on_connect: Callable[[Connection], Iterable[Step] | None] | None = None
         self.connections: list[Connection] = []
-        self._listeners: list[socket.socket] = []
-        self._wake = -1
-        self._thread: threading.Thread | None = None
+        self._acceptor = Acceptor("platform", self._accept)
 
     def start(self, listeners: Sequence[socket.socket]) -> None:
         """Serves these sockets, which it owns from now on, until stop."""
-        self._listeners = list(listeners)
-        self._wake = os.eventfd(0)
-        self._thread = threading.Thread(target=self._accept, name="platform", daemon=True)
-        self._thread.start()
+        self._acceptor.start(listeners)
 
     def stop(self) -> None:
         """Closes the ports and every connection."""
-        if self._thread is None:
-            return
-        os.eventfd_write(self._wake, 1)
-        self._thread.join()
-        self._thread = None
-        os.close(self._wake)
-        for listener in self._listeners:
-            listener.close()
+        self._acceptor.stop()
         for connection in self.connections:
             connection.drop()
         for connection in self.connections:
             connection.thread.join()
 
-    def _accept(self) -> None:
-        poll = select.poll()
-        poll.register(self._wake, select.POLLIN)
-        listeners = {listener.fileno(): listener for listener in self._listeners}
-        for listener in self._listeners:
-            poll.register(listener, select.POLLIN)
-        while True:
-            ready = [descriptor for descriptor, _ in poll.poll()]
-            if self._wake in ready:
-                return
-            for descriptor in ready:
-                connected, _ = listeners[descriptor].accept()
-                connection = Connection(self, len(self.connections) + 1, connected)
-                self.connections.append(connection)
-                self.journal.add("platform", "accepted", connection=connection.number, port=connection.port)
-                connection.thread.start()
+    def _accept(self, connected: socket.socket) -> None:
+        connection = Connection(self, len(self.connections) + 1, connected)
+        self.connections.append(connection)
+        self.journal.add("platform", "accepted", connection=connection.number, port=connection.port)
+        connection.thread.start()

@@ -12,8 +12,8 @@ from typing import Any
 
 from simulator.journal import Journal
 from simulator.messages import wire
-from simulator.messages.datagrams import DatagramEndpoint
 from simulator.messages.http import Wait
+from simulator.messages.sockets import DatagramEndpoint
 
 
 @dataclass(frozen=True)

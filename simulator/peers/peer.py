@@ -10,7 +10,7 @@ from typing import Any, Union
 
 from simulator.journal import Journal
 from simulator.messages import wire
-from simulator.messages.datagrams import DatagramEndpoint
+from simulator.messages.sockets import DatagramEndpoint
 
 # What a peer can answer: one datagram, several, none, or whatever a function of the request makes of it.
 Reply = Union[bytes, list[bytes], None]

@@ -15,6 +15,7 @@ from urllib.parse import SplitResult, urlsplit
 from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.messages.http import Request
+from simulator.messages.sockets import Acceptor
 from simulator.peers.platform import task_info
 
 _PIECE = 65536
@@ -51,7 +52,8 @@ class Relay:
         self.reports: list[Request] = []
         self._target = (host, target_port)
         self._journal = journal
-        self._listeners: list[socket.socket] = []
+        self._acceptor = Acceptor("relay", self._accept)
+        self._number = 0
         self._threads: list[threading.Thread] = []
         self._stopping = -1
 
@@ -70,40 +72,26 @@ class Relay:
 
     def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
         """Serves the listening sockets. Owns all of them until stop."""
-        self._listeners = [*listeners, *kept]
         self._stopping = os.eventfd(0)
-        self._threads = [threading.Thread(target=self._accept, name="relay", daemon=True)]
-        self._threads[0].start()
+        self._acceptor.start([*listeners, *kept])
 
     def stop(self) -> None:
         """Closes the ports and every connection."""
-        if not self._threads:
+        if self._stopping < 0:
             return
+        self._acceptor.stop()
         os.eventfd_write(self._stopping, 1)  # never read: every thread sees it
         for thread in self._threads:
             thread.join()
-        self._threads = []
+        self._threads.clear()
         os.close(self._stopping)
-        for listener in self._listeners:
-            listener.close()
+        self._stopping = -1
 
-    def _accept(self) -> None:
-        poll = select.poll()
-        poll.register(self._stopping, select.POLLIN)
-        listeners = {listener.fileno(): listener for listener in self._listeners}
-        for listener in self._listeners:
-            poll.register(listener, select.POLLIN)
-        number = 0
-        while True:
-            ready = [descriptor for descriptor, _ in poll.poll()]
-            if self._stopping in ready:
-                return
-            for descriptor in ready:
-                number += 1
-                thread = threading.Thread(target=self._serve, args=(number, listeners[descriptor].accept()[0]),
-                                          name=f"relay {number}", daemon=True)
-                self._threads.append(thread)
-                thread.start()
+    def _accept(self, camera: socket.socket) -> None:
+        self._number += 1
+        self._threads.append(threading.Thread(target=self._serve, args=(self._number, camera),
+                                              name=f"relay {self._number}", daemon=True))
+        self._threads[-1].start()
 
     def _serve(self, number: int, camera: socket.socket) -> None:
         def note(kind: str, **data: object) -> None:

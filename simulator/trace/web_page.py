@@ -11,8 +11,8 @@ from pathlib import Path
 from typing import Any
 
 from simulator.trace.chapters import Chapter
-from simulator.trace.words import Item
 from simulator.trace.recording import Recording
+from simulator.trace.words import Item
 
 _FOLDER = Path(__file__).parent / "page"
 _BYTES_LIMIT = 2048  # of one message; the first and the last of a longer one are shown

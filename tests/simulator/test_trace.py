@@ -16,8 +16,8 @@ import pytest
 
 from simulator import CameraError, Journal, Response, Send, wire
 from simulator.cli.commands import trace
-from simulator.messages.log import LogRecord
 from simulator.messages.http import Request
+from simulator.messages.log import LogRecord
 from simulator.peers.itgt import Import
 from simulator.trace.recording import Recorder
 

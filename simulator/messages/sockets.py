@@ -1,4 +1,4 @@
-"""A bound unix datagram socket with a thread that reads it."""
+"""Sockets with a thread of their own: one that reads datagrams, one that accepts connections."""
 
 from __future__ import annotations
 
@@ -7,7 +7,7 @@ import select
 import socket
 import struct
 import threading
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from pathlib import Path
 
 # Room for the largest command body; the kernel takes at most its own limit.
@@ -57,3 +57,45 @@ class DatagramEndpoint:
             if self._wake in [descriptor for descriptor, _ in poll.poll()]:
                 return
             self._handler(self._socket.recv(_BUFFER_SIZE))
+
+
+class Acceptor:
+    """Hands each connection to listening sockets, which somebody else made, to `accepted` on a thread of its own."""
+
+    def __init__(self, name: str, accepted: Callable[[socket.socket], None]) -> None:
+        self._name = name
+        self._accepted = accepted
+        self._listeners: list[socket.socket] = []
+        self._wake = -1
+        self._thread: threading.Thread | None = None
+
+    def start(self, listeners: Sequence[socket.socket]) -> None:
+        """Begins to accept; owns the sockets until stop."""
+        self._listeners = list(listeners)
+        self._wake = os.eventfd(0)
+        self._thread = threading.Thread(target=self._accept, name=self._name, daemon=True)
+        self._thread.start()
+
+    def stop(self) -> None:
+        """Closes the listening sockets; nothing happens if there are none."""
+        if self._thread is None:
+            return
+        os.eventfd_write(self._wake, 1)
+        self._thread.join()
+        self._thread = None
+        os.close(self._wake)
+        for listener in self._listeners:
+            listener.close()
+
+    def _accept(self) -> None:
+        poll = select.poll()
+        poll.register(self._wake, select.POLLIN)
+        listeners = {listener.fileno(): listener for listener in self._listeners}
+        for listener in self._listeners:
+            poll.register(listener, select.POLLIN)
+        while True:
+            ready = [descriptor for descriptor, _ in poll.poll()]
+            if self._wake in ready:
+                return
+            for descriptor in ready:
+                self._accepted(listeners[descriptor].accept()[0])
