@@ -9,7 +9,7 @@ from collections.abc import Callable
 from types import SimpleNamespace
 from typing import Any
 
-from simulator.faults.fault import ANSWER, CONNECT, NOTIFY, SEND, STATE, TLS, Parameter, fault
+from simulator.faults.fault import ANSWER, CONNECT, NOTIFY, SEND, STATE, TLS, Declarations, Parameter
 from simulator.messages import wire
 from simulator.messages.certificate import KINDS
 from simulator.messages.http import NEVER, Close, Request, Reset, Response, Send, Step, Wait, trickle
@@ -23,6 +23,7 @@ from simulator.peers.platform import Answer, Platform
 # The parameters of a switched fault, by name.
 Values = SimpleNamespace
 Ask = Callable[[], Reply]
+fault = Declarations()
 
 
 def _seconds(default: float, text: str = "seconds to wait") -> Parameter:
@@ -38,6 +39,12 @@ def _noise(size: int) -> bytes:
     return random.Random(size).randbytes(size)
 
 
+def _overwritten(answer: Ask, **fields: Any) -> Reply:
+    """The peer's own answer with some fields changed."""
+    reply = answer()
+    return wire.encode_reply(reply, same_header=True, **fields) if isinstance(reply, bytes) else reply
+
+
 # Answers of ITGT and the face library: what they would say is asked for with answer().
 
 @fault(ANSWER, "itgt,faces.late", "answers some seconds late", _seconds(2.0))
@@ -46,16 +53,11 @@ def late(peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values)
     return answer()
 
 
-@fault(ANSWER, "itgt,faces.silent", "never answers")
-def silent(_peer: MessagePeer, _message: wire.Message, _answer: Ask, _values: Values) -> Reply:
-    return None
-
-
-@fault(ANSWER, "itgt,faces.wrong-command", "answers with another command code",
-       Parameter("code", 7777, "the command code of the answer"))
-def wrong_command(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
-    reply = answer()
-    return wire.encode_reply(reply, same_header=True, command=values.code) if isinstance(reply, bytes) else reply
+fault(ANSWER, "itgt,faces.silent", "never answers")(
+    lambda _peer, _message, _answer, _values: None)
+fault(ANSWER, "itgt,faces.wrong-command", "answers with another command code",
+      Parameter("code", 7777, "the command code of the answer"))(
+    lambda _peer, _message, answer, values: _overwritten(answer, command=values.code))
 
 
 @fault(ANSWER, "itgt,faces.garbage", "answers with random bytes", _bytes(21408, "how many"))
@@ -83,10 +85,8 @@ def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, valu
     return wire.encode_reply(message, import_task_id=values.task)
 
 
-@fault(ANSWER, "itgt.never-ready", "reports every import as unfinished", command=wire.IMPORT_PROGRESS)
-def progress_never(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Values) -> Reply:
-    reply = answer()
-    return wire.encode_reply(reply, same_header=True, status=0) if isinstance(reply, bytes) else reply
+fault(ANSWER, "itgt.never-ready", "reports every import as unfinished", command=wire.IMPORT_PROGRESS)(
+    lambda _peer, _message, answer, _values: _overwritten(answer, status=0))
 
 
 @fault(ANSWER, "itgt.ready-after", "reports an import as unfinished a number of times",
@@ -123,11 +123,9 @@ def state_file(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -
     return reply
 
 
-@fault(ANSWER, "faces.refuses", "refuses to clear its lists",
-       Parameter("status", 1, "the status that it answers", at_least=1), command=wire.CLEAR_LISTS)
-def clear_refused(_peer: MessagePeer, _message: wire.Message, answer: Ask, values: Values) -> Reply:
-    reply = answer()
-    return wire.encode_reply(reply, same_header=True, status=values.status) if isinstance(reply, bytes) else reply
+fault(ANSWER, "faces.refuses", "refuses to clear its lists",
+      Parameter("status", 1, "the status that it answers", at_least=1), command=wire.CLEAR_LISTS)(
+    lambda _peer, _message, answer, values: _overwritten(answer, status=values.status))
 
 
 @fault(ANSWER, "faces.configuration", "hands out an unusable configuration",
@@ -150,14 +148,10 @@ def configuration(peer: FaceLibrary, _message: wire.Message, answer: Ask, values
 PlatformAsk = Callable[[], Answer]
 
 
-@fault(ANSWER, "platform.late", "answers some seconds late (the service waits 5)", _seconds(6.0))
-def response_late(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
-    return [Wait(values.seconds), *_steps(answer())]
-
-
-@fault(ANSWER, "platform.silent", "accepts requests and never answers")
-def response_silent(_platform: Platform, _request: Request, _answer: PlatformAsk, _values: Values) -> Answer:
-    return None
+fault(ANSWER, "platform.late", "answers some seconds late (the service waits 5)", _seconds(6.0))(
+    lambda _platform, _request, answer, values: [Wait(values.seconds), *_steps(answer())])
+fault(ANSWER, "platform.silent", "accepts requests and never answers")(
+    lambda _platform, _request, _answer, _values: None)
 
 
 @fault(ANSWER, "platform.status", "answers with another HTTP status",
@@ -185,21 +179,14 @@ def response_body(_platform: Platform, _request: Request, answer: PlatformAsk, v
     return dataclasses.replace(response, body=body)
 
 
-@fault(ANSWER, "platform.garbage", "answers with random bytes in place of HTTP", _bytes(5000, "how many"))
-def response_garbage(_platform: Platform, _request: Request, _answer: PlatformAsk, values: Values) -> Answer:
-    return [Send(_noise(values.bytes)), Close()]
-
-
-@fault(ANSWER, "platform.truncated", "ends the connection before the last bytes of the answer",
-       Parameter("bytes", 1, "how many are missing", at_least=1))
-def response_truncated(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
-    return [Send(_whole(answer())[:-values.bytes]), Close()]
-
-
-@fault(ANSWER, "platform.reset", "resets the connection in the middle of the answer",
-       _bytes(50, "how many bytes come before"))
-def response_reset(_platform: Platform, _request: Request, answer: PlatformAsk, values: Values) -> Answer:
-    return [Send(_whole(answer())[:values.bytes]), Reset()]
+fault(ANSWER, "platform.garbage", "answers with random bytes in place of HTTP", _bytes(5000, "how many"))(
+    lambda _platform, _request, _answer, values: [Send(_noise(values.bytes)), Close()])
+fault(ANSWER, "platform.truncated", "ends the connection before the last bytes of the answer",
+      Parameter("bytes", 1, "how many are missing", at_least=1))(
+    lambda _platform, _request, answer, values: [Send(_whole(answer())[:-values.bytes]), Close()])
+fault(ANSWER, "platform.reset", "resets the connection in the middle of the answer",
+      _bytes(50, "how many bytes come before"))(
+    lambda _platform, _request, answer, values: [Send(_whole(answer())[:values.bytes]), Reset()])
 
 
 @fault(ANSWER, "platform.slow", "sends the answer in pieces, with a pause after each",
@@ -230,30 +217,17 @@ def _whole(answer: Answer) -> bytes:
 
 # What happens to a connection before its handshake: steps in its place, or None.
 
-@fault(CONNECT, "platform.refuses", "resets every new connection")
-def connection_refused(_values: Values) -> list[Step]:
-    return [Reset()]
-
-
-@fault(CONNECT, "platform.closes", "closes every new connection")
-def connection_closed(_values: Values) -> list[Step]:
-    return [Close()]
-
-
-@fault(CONNECT, "platform.no-handshake", "accepts connections and never starts the TLS handshake")
-def connection_silent(_values: Values) -> list[Step]:
-    return list(NEVER)
-
-
-@fault(CONNECT, "platform.plain", "speaks HTTP without TLS")
-def connection_plain(_values: Values) -> list[Step]:
-    return [Send(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"), Close()]
-
-
-@fault(CONNECT, "platform.slow-handshake", "sends its part of the handshake byte by byte",
-       _seconds(0.2, "seconds between two bytes"))
-def connection_trickle(values: Values) -> list[Step]:
-    return trickle(b"\x16\x03\x03\x40\x00" + b"\x02" * 1000, 1, values.seconds)
+fault(CONNECT, "platform.refuses", "resets every new connection")(
+    lambda _values: [Reset()])
+fault(CONNECT, "platform.closes", "closes every new connection")(
+    lambda _values: [Close()])
+fault(CONNECT, "platform.no-handshake", "accepts connections and never starts the TLS handshake")(
+    lambda _values: list(NEVER))
+fault(CONNECT, "platform.plain", "speaks HTTP without TLS")(
+    lambda _values: [Send(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"), Close()])
+fault(CONNECT, "platform.slow-handshake", "sends its part of the handshake byte by byte",
+      _seconds(0.2, "seconds between two bytes"))(
+    lambda values: trickle(b"\x16\x03\x03\x40\x00" + b"\x02" * 1000, 1, values.seconds))
 
 
 # What the command client sends in place of a head and a body.
@@ -261,19 +235,12 @@ def connection_trickle(values: Values) -> list[Step]:
 Datagrams = list[Any]
 
 
-@fault(SEND, "client.late", "waits between head and body", _seconds(1.0))
-def client_late(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
-    return [datagrams[0], Wait(values.seconds), *datagrams[1:]]
-
-
-@fault(SEND, "client.no-body", "sends a head and no body")
-def client_no_body(_client: Client, datagrams: Datagrams, _values: Values) -> Datagrams:
-    return datagrams[:1]
-
-
-@fault(SEND, "client.garbage", "sends random bytes as the body", _bytes(100, "how many"))
-def client_garbage(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
-    return [*datagrams[:-1], _noise(values.bytes)]
+fault(SEND, "client.late", "waits between head and body", _seconds(1.0))(
+    lambda _client, datagrams, values: [datagrams[0], Wait(values.seconds), *datagrams[1:]])
+fault(SEND, "client.no-body", "sends a head and no body")(
+    lambda _client, datagrams, _values: datagrams[:1])
+fault(SEND, "client.garbage", "sends random bytes as the body", _bytes(100, "how many"))(
+    lambda _client, datagrams, values: [*datagrams[:-1], _noise(values.bytes)])
 
 
 @fault(SEND, "client.wrong-command", "sends a command that does not exist")
@@ -282,10 +249,9 @@ def client_wrong_command(_client: Client, datagrams: Datagrams, _values: Values)
     return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=len(body)), body]
 
 
-@fault(SEND, "client.truncated", "leaves out the last bytes of the body",
-       Parameter("bytes", 5, "how many", at_least=1))
-def client_truncated(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
-    return [*datagrams[:-1], datagrams[-1][:-values.bytes]]
+fault(SEND, "client.truncated", "leaves out the last bytes of the body",
+      Parameter("bytes", 5, "how many", at_least=1))(
+    lambda _client, datagrams, values: [*datagrams[:-1], datagrams[-1][:-values.bytes]])
 
 
 @fault(SEND, "client.claims", "claims a different length in the head", _bytes(0, "the length"))
@@ -301,19 +267,12 @@ def event_late(_events: EventPublisher, packets: list[bytes], values: Values) ->
     return packets
 
 
-@fault(NOTIFY, "events.silent", "publishes without notifying")
-def event_silent(_events: EventPublisher, _packets: list[bytes], _values: Values) -> list[bytes]:
-    return []
-
-
-@fault(NOTIFY, "events.garbage", "notifies with random bytes", _bytes(256, "how many"))
-def event_garbage(_events: EventPublisher, _packets: list[bytes], values: Values) -> list[bytes]:
-    return [_noise(values.bytes)]
-
-
-@fault(NOTIFY, "events.truncated", "notifies with only the first bytes", _bytes(9, "how many"))
-def event_truncated(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
-    return [packet[:values.bytes] for packet in packets]
+fault(NOTIFY, "events.silent", "publishes without notifying")(
+    lambda _events, _packets, _values: [])
+fault(NOTIFY, "events.garbage", "notifies with random bytes", _bytes(256, "how many"))(
+    lambda _events, _packets, values: [_noise(values.bytes)])
+fault(NOTIFY, "events.truncated", "notifies with only the first bytes", _bytes(9, "how many"))(
+    lambda _events, packets, values: [packet[:values.bytes] for packet in packets])
 
 
 @fault(NOTIFY, "events.status", "notifies with an error status", Parameter("code", 500, "the status"))
@@ -329,10 +288,9 @@ def event_buffer(_events: EventPublisher, packets: list[bytes], values: Values) 
             for packet in packets]
 
 
-@fault(NOTIFY, "events.repeated", "sends every notification several times",
-       Parameter("packets", 8, "how often", at_least=1))
-def event_repeated(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
-    return packets * values.packets
+fault(NOTIFY, "events.repeated", "sends every notification several times",
+      Parameter("packets", 8, "how often", at_least=1))(
+    lambda _events, packets, values: packets * values.packets)
 
 
 # Faults that are a state rather than an answer: switched on with True, off with False.
@@ -372,13 +330,9 @@ def no_socket(client: Client, on: bool, _values: Values) -> None:
 
 # What the platform offers in a handshake: arguments of Platform.use_tls.
 
-@fault(TLS, "platform.certificate", "presents another kind of certificate",
-       Parameter("kind", "expired", "which", KINDS))
-def certificate(values: Values) -> dict[str, str]:
-    return {"certificate": values.kind}
-
-
-@fault(TLS, "platform.tls", "offers only one version of TLS",
-       Parameter("version", "1.3", "which", ("1.1", "1.2", "1.3")))
-def tls(values: Values) -> dict[str, str]:
-    return {"minimum": values.version, "maximum": values.version}
+fault(TLS, "platform.certificate", "presents another kind of certificate",
+      Parameter("kind", "expired", "which", KINDS))(
+    lambda values: {"certificate": values.kind})
+fault(TLS, "platform.tls", "offers only one version of TLS",
+      Parameter("version", "1.3", "which", ("1.1", "1.2", "1.3")))(
+    lambda values: {"minimum": values.version, "maximum": values.version})

@@ -103,26 +103,32 @@ _AT = Parameter("at", "all", "which requests", ("all", "pages", "results"))
 Effect = TypeVar("Effect", bound=Callable[..., Any])
 
 
-def fault(stage: str, name: str, help_text: str, *parameters: Parameter,
-          command: int = 0) -> Callable[[Effect], Effect]:
-    """Declares a function as the effect of a fault "PEER.WORD", or of the same one of several peers: "PEER,PEER.WORD".
+class Declarations:
+    """Called, declares a function as the effect of a fault "PEER.WORD", or of one of several peers: "PEER,PEER.WORD".
 
     `{}` in the help stands for the peer. A fault in the answers to MSG_DATA can be limited to requests with a command,
     or is about one command anyway; one in the platform's answers, to requests for pages or results.
+
+    faults  every fault that was declared, in order
     """
-    def declare(effect: Effect) -> Effect:
-        declared: list[Fault] = []
-        peers, _, word = name.partition(".")
-        for peer in peers.split(","):
-            more: tuple[Parameter, ...] = () if stage in (STATE, TLS) else (_TIMES,)
-            if stage == ANSWER:
-                codes = (str(command),) if command else ("0", *map(str, _CODES.get(peer, ())))
-                which = Parameter("command", codes[0], "the request it is about; 0: every one", codes)
-                more = (_AT if peer == "platform" else which, *more)
-            declared.append(Fault(peer, word, help_text.format(PEERS[peer]), stage, effect, (*parameters, *more)))
-        effect.faults = declared  # type: ignore[attr-defined] # where table.py finds them
-        return effect
-    return declare
+
+    def __init__(self) -> None:
+        self.faults: list[Fault] = []
+
+    def __call__(self, stage: str, name: str, help_text: str, *parameters: Parameter,
+                 command: int = 0) -> Callable[[Effect], Effect]:
+        def declare(effect: Effect) -> Effect:
+            peers, _, word = name.partition(".")
+            for peer in peers.split(","):
+                more: tuple[Parameter, ...] = () if stage in (STATE, TLS) else (_TIMES,)
+                if stage == ANSWER:
+                    codes = (str(command),) if command else ("0", *map(str, _CODES.get(peer, ())))
+                    which = Parameter("command", codes[0], "the request it is about; 0: every one", codes)
+                    more = (_AT if peer == "platform" else which, *more)
+                text = help_text.format(PEERS[peer])
+                self.faults.append(Fault(peer, word, text, stage, effect, (*parameters, *more)))
+            return effect
+        return declare
 
 
 def suggestion(word: str, known: Any) -> str:

@@ -7,8 +7,8 @@ from typing import Any
 from simulator.faults import effects
 from simulator.faults.fault import PEERS, Fault, FaultError, Order, suggestion
 
-_DECLARED: list[Fault] = [fault for effect in vars(effects).values() for fault in getattr(effect, "faults", ())]
-FAULTS: dict[str, Fault] = {fault.name: fault for peer in PEERS for fault in _DECLARED if fault.peer == peer}
+FAULTS: dict[str, Fault] = {fault.name: fault for peer in PEERS for fault in effects.fault.faults
+                            if fault.peer == peer}
 
 
 def find(name: str) -> Fault:
