@@ -1,4 +1,4 @@
-"""The camera's other processes and the remote platform, played around the unchanged service binary.
+"""The camera's other processes and the remote platform, simulated around the unchanged service binary.
 
     with Camera() as camera:
         reply = camera.client.command("whiteListDown", camera.platform.task(faces=75))

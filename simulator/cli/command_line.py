@@ -48,8 +48,8 @@ def make_parser(wanted: str = "") -> argparse.ArgumentParser:
     """Reads the words of every subcommand, or of the wanted one."""
     parser = argparse.ArgumentParser(
         prog="camsim", formatter_class=argparse.RawDescriptionHelpFormatter, epilog=EXIT_CODES,
-        description="A camera on this machine, for whoever has none: the unchanged service in a sandbox of its own,\n"
-                    "and every process around it played. `camsim COMMAND --help` explains each command.")
+        description="A camera on this machine, for those without one: the unchanged service in its own sandbox,\n"
+                    "and every process around it simulated. `camsim COMMAND --help` explains each command.")
     subparsers = parser.add_subparsers(dest="subcommand", metavar="COMMAND", required=True)
     for name, module in modules(wanted).items():
         examples = "".join(f"\n  {line}" for line in getattr(module, "EXAMPLES", ()))

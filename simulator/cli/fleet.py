@@ -50,7 +50,7 @@ class Fleet:
     count    how many cameras
     faces    how many faces each of them fetches
     spread   seconds over which the commands are spread evenly; 0: all at once
-    make     makes the platform for a camera's journal, when it is not the played one
+    make     makes the platform for a camera's journal, when it is not the simulated one
     prepare  called with each camera before it starts
 
     `run` may be called once.

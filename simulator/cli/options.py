@@ -59,8 +59,8 @@ def add_itgt(parser: argparse.ArgumentParser) -> None:
 
 
 def add_platform(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("--platform", metavar="URL", help="a platform of your own in place of the played one, by the "
-                        "address of its pages: https://HOST:PORT/PATH. It is reached from this machine, with TLS from "
+    parser.add_argument("--platform", metavar="URL", help="use your own platform in place of the simulated one; URL is "
+                        "the address of its pages, https://HOST:PORT/PATH. It is reached from this machine, with TLS "
                         "end to end")
     parser.add_argument("--result-path", metavar="PATH", help="where that platform takes results (the path of URL with "
                         "Result behind it)")
@@ -79,7 +79,7 @@ def make_camera(arguments: argparse.Namespace) -> Camera:
 
 
 def platform_maker(arguments: argparse.Namespace) -> Callable[[Journal], Any]:
-    """What makes the platform of a camera: the played one, or the way to the one that the arguments name."""
+    """What makes the platform of a camera: the simulated one, or the way to the one that the arguments name."""
     url, result_path = arguments.platform, arguments.result_path
     if url is not None:
         return lambda journal: Relay(journal, url, result_path)

@@ -24,7 +24,7 @@ NOT_APPLIED = {
     **dict.fromkeys(("Type", "ExecStart", "Restart", "RestartSec", "KillSignal", "TimeoutStopSec", "StandardInput",
                      "StandardOutput", "StandardError", "SyslogIdentifier"), "start, end and output restrict nothing"),
     "AmbientCapabilities": "empty, as it is without systemd",
-    "BindPaths": "the device nodes are played by a preloaded library",
+    "BindPaths": "the device nodes are simulated by a preloaded library",
     **dict.fromkeys(("DevicePolicy", "DeviceAllow"), "belong to a control group, which only a service manager makes"),
 }
 

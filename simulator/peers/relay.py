@@ -25,7 +25,7 @@ _CONNECT_SECONDS = 5.0  # what the service itself grants a connect
 
 
 class Relay:
-    """Stands where the played platform stands, and hands every connection on to a real one.
+    """Stands in for the simulated platform, and forwards every connection to a real one.
 
     port      the port inside the sandbox: that of the real platform, so that the service sees the address it would see
               on a camera; another one where only root may open that

@@ -14,7 +14,7 @@ from simulator.errors import CameraError
 
 HELP = "list the faults of every peer, and switch them while a camera runs"
 DESCRIPTION = """\
-Lists what each peer can do wrong, and switches it on and off in a camera that runs."""
+Lists what each peer can do wrong, and switches faults on and off in a running camera."""
 EXAMPLES = (
     "camsim fault list",
     "camsim fault list platform",

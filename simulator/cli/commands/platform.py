@@ -1,4 +1,4 @@
-"""camsim platform: the played platform alone, for a real camera."""
+"""camsim platform: the simulated platform alone, for a real camera."""
 
 from __future__ import annotations
 

@@ -16,8 +16,8 @@ from simulator.trace.display import Display
 
 HELP = "play scenario files and say whether each came out as expected"
 DESCRIPTION = """\
-Plays each scenario on a camera of its own and compares what comes of it with what the file expects. Exit code
-0 when all came out as expected, 1 when not, 2 for a file that is wrong. The format is in simulator/README.md."""
+Plays each scenario on a camera of its own and compares the outcome with what the file expects. Exit code 0
+when all came out as expected, 1 when not, 2 for a faulty file. The format is in simulator/README.md."""
 EXAMPLES = (
     "camsim run tests/scenarios/itgt-late.json",
     "camsim run --watch --record late.run tests/scenarios/itgt-late.json",

@@ -16,7 +16,7 @@ from simulator.cli.scenarios.settings import SCHEMA
 
 HELP = "send a command, or raw bytes, to a running camera and print the reply"
 DESCRIPTION = """\
-Sends a command through the played client on /tmp/KH of a camera that runs, and prints the reply. The exit
+Sends a command through the simulated client on /tmp/KH of a running camera, and prints the reply. The exit
 code tells the status: 0 for 200, 3 for 400, 4 for 409, 5 for no reply."""
 EXAMPLES = (
     "camsim send whiteListDown --faces 75 --wait",

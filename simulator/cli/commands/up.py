@@ -16,7 +16,7 @@ from simulator.trace.display import Display
 
 HELP = "run a whole camera until Ctrl-C: the service and everything around it"
 DESCRIPTION = """\
-Runs the unchanged service in a sandbox of its own, with every process around it played, until Ctrl-C or
+Runs the unchanged service in a sandbox of its own, with every process around it simulated, until Ctrl-C or
 SIGTERM, and shows what passes between them. Meanwhile, in another terminal: camsim send, watch, fault."""
 EXAMPLES = (
     "camsim up",
