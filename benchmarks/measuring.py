@@ -10,11 +10,11 @@ from collections.abc import Callable, Iterator, Mapping
 from pathlib import Path
 from typing import Any
 
-from simulator import Camera, CameraError, build_folder
-from simulator.platform import Platform
+from simulator import Camera, CameraError, build_folder, wire
+from simulator.peers.platform import Platform
 
 COMMAND_SOCKET = "/tmp/HK"
-PAGE = 30
+PAGE = wire.PAGE_SIZE
 PORT = Platform.port
 SERVICE = "protocol_process"
 # The function whose calls are one page each, of the service and of the program on libcurl.

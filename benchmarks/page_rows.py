@@ -8,7 +8,8 @@ from collections.abc import Callable
 from benchmarks import measuring
 from benchmarks.measuring import PAGE_OF_LIBCURL, PAGE_OF_SERVICE, PATIENCE, SERVICE, Work
 from benchmarks.results import Row, Series
-from simulator import Camera, CameraError, Request, Response, process_status
+from simulator import Camera, CameraError, Request, Response
+from simulator.device import process_status
 
 GROUP = "A page"
 COUNTED_PAGES = 5

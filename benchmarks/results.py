@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 from collections.abc import Iterable, Mapping
 from dataclasses import asdict, dataclass, field
+from typing import Any
 
 
 @dataclass(frozen=True)
@@ -59,7 +60,14 @@ class Results:
     versions: Mapping[str, str]
 
     def text(self) -> str:
-        return json.dumps(asdict(self), indent=1, ensure_ascii=False) + "\n"
+        """JSON, a row or series a line: a difference shows which figure changed."""
+        return "{" + ",\n ".join(f"{json.dumps(name)}: {_lines(value)}" for name, value in asdict(self).items()) + "}\n"
+
+
+def _lines(value: Any) -> str:
+    if not isinstance(value, list):
+        return json.dumps(value, ensure_ascii=False)
+    return "[\n  " + ",\n  ".join(json.dumps(element, ensure_ascii=False) for element in value) + "]"
 
 
 def read(text: str) -> Results:

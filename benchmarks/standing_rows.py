@@ -8,10 +8,9 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from benchmarks import measuring
+from benchmarks import footprint, measuring
 from benchmarks.measuring import SERVICE
 from benchmarks.results import Row, Series
-from simulator import footprint
 
 GROUP = "Standing by"
 MICRO_GROUP = "Pieces of work"

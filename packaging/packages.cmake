@@ -96,7 +96,8 @@ metadata ring buffer.")
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_PROVIDES camgate-platform)
 # Of use without them, too: the stand-ins.
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_RECOMMENDS
-    "camgate, python3 (>= 3.11), python3-rich, bubblewrap, openssl")
+    "camgate, python3 (>= 3.11), python3-rich, python3-jsonschema, python3-yaml, python3-argcomplete, bubblewrap, \
+openssl")
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/simulator/prerm ${CMAKE_CURRENT_LIST_DIR}/simulator/triggers)
 include(CPack)

@@ -10,17 +10,18 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, TypeVar
 
-from simulator import emulator
-from simulator.client import Client
+from simulator.device import emulator
+from simulator.device.sandbox import Sandbox
+from simulator.device.service import Service, sanitizer_runtimes
 from simulator.errors import CameraError
-from simulator.events import EventPublisher
-from simulator.face_library import FaceLibrary
-from simulator.itgt import Itgt
 from simulator.journal import Event, Journal
-from simulator.platform import Platform
-from simulator.recording import Recorder
-from simulator.sandbox import Sandbox
-from simulator.service import LogRecord, Service, sanitizer_runtimes
+from simulator.messages.log import LogRecord, ends_download
+from simulator.peers.client import Client
+from simulator.peers.events import EventPublisher
+from simulator.peers.face_library import FaceLibrary
+from simulator.peers.itgt import Itgt
+from simulator.peers.platform import Platform
+from simulator.trace.recording import Recorder
 
 T = TypeVar("T")
 
@@ -58,7 +59,7 @@ class Camera:
     platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Relay)
     filtered   whether system calls are filtered as on the camera; tools that look into the service need others
     wait       whether starting waits until the service takes commands; without a marker it never does
-    recording  file to record the run in (see recording.py)
+    recording  file to record the run in (see trace/recording.py)
 
     Attributes: journal, sandbox, itgt, faces, client, events, platform, service.
     Must be entered on a thread that lives as long as the camera.
@@ -167,6 +168,12 @@ class Camera:
         for text in records:
             self.journal.add("service", "ring_record", text=text)
         return records
+
+    def wait_download(self, timeout: float, since: int = 0) -> Event:
+        """Waits for what ends a download: a record of the log, or the end of the service."""
+        return self.journal.wait_for(
+            lambda event: event.matches("service", "ended")
+            or event.matches("service", "log") and ends_download(event.record.text), timeout, since)
 
     def report(self) -> str:
         """What a failed test should show: the service's output and the last events."""

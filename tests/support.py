@@ -8,8 +8,9 @@ import time
 from collections.abc import Callable
 from pathlib import Path
 
-from simulator import Camera, Event, LogRecord, build_folder, emulator, process_status
-from simulator.service import sanitizer_runtimes
+from simulator import Camera, Event, LogRecord, build_folder
+from simulator.device import emulator, process_status
+from simulator.device.service import sanitizer_runtimes
 
 _COMMAND_SIDE = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/"
 SUBSYSTEM = _COMMAND_SIDE + "Custom_SubSystem"

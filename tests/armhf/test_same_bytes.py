@@ -10,8 +10,8 @@ from collections.abc import Callable, Iterator
 import pytest
 
 from simulator import Camera, CameraError, Response, build_folder
-from simulator.comparison import compare, counts
-from simulator.recording import Recording, read
+from simulator.trace.comparison import compare, counts
+from simulator.trace.recording import Recording, read
 from support import TASK, expect_log, wait_end
 
 BUILDS = ("host", "armhf")

@@ -10,9 +10,9 @@ import time
 from pathlib import Path
 
 from simulator import build_folder
-from simulator.client import Client
-from simulator.events import EventPublisher
 from simulator.journal import Journal
+from simulator.peers.client import Client
+from simulator.peers.events import EventPublisher
 
 ROOT = Path(__file__).resolve().parents[2]
 _SERVICE = "/usr/sbin/protocol_process"

@@ -10,8 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from simulator import Camera, build_folder, emulator
-from simulator.service import sanitizer_runtimes
+from simulator import Camera, build_folder
+from simulator.device import emulator
+from simulator.device.service import sanitizer_runtimes
 
 SCRIPT = Path(__file__).resolve().parents[2] / "packaging" / "camgate.init"
 PROGRAM = "/usr/sbin/protocol_process"

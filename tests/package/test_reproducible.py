@@ -10,7 +10,8 @@ from pathlib import Path
 import pytest
 from packages import package
 
-from simulator import build_folder, emulator
+from simulator import build_folder
+from simulator.device import emulator
 
 ROOT = Path(__file__).resolve().parents[2]
 pytestmark = pytest.mark.timeout(600)  # it builds the service
@@ -18,9 +19,9 @@ PRESET = "armhf" if emulator.is_foreign(build_folder() / "bin/protocol_process")
 BINARIES = ("bin/protocol_process", "bin/ringbuf_cat", "lib/libcamera_platform.so", "lib/libcamera_devices.so")
 
 
-def build_packages(folder: Path, **surroundings: str) -> Path:
+def build_packages(folder: Path, **environment: str) -> Path:
     """Builds the packages of the sources in `folder`; returns the build folder."""
-    made = subprocess.run([str(folder / "scripts/package"), PRESET], env={**os.environ, **surroundings}, cwd="/",
+    made = subprocess.run([str(folder / "scripts/package"), PRESET], env={**os.environ, **environment}, cwd="/",
                           capture_output=True, text=True, check=False)
     assert made.returncode == 0, made.stderr
     return folder / "build" / PRESET
@@ -38,7 +39,7 @@ def builds(tmp_path_factory: pytest.TempPathFactory) -> tuple[Path, Path]:
     """The build folders of two places."""
     other = tmp_path_factory.mktemp("other") / "a_folder_with_a_much_longer_name_than_that_of_the_first_one"
     shutil.copytree(ROOT, other, ignore=shutil.ignore_patterns("build", ".git", "__pycache__"))
-    surroundings = {"TZ": "Pacific/Chatham", "LC_ALL": "C", **time_of_commit()}
+    environment = {"TZ": "Pacific/Chatham", "LC_ALL": "C", **time_of_commit()}
     if PRESET == "armhf":
         # Another user has the compiler in another folder.
         answer = subprocess.run([str(ROOT / "scripts/armhf-root"), "--path"], stdout=subprocess.PIPE, text=True,
@@ -46,10 +47,10 @@ def builds(tmp_path_factory: pytest.TempPathFactory) -> tuple[Path, Path]:
         cache = other.parent / "cache"
         (cache / "camgate").mkdir(parents=True)
         subprocess.run(["cp", "-a", answer.strip(), str(cache / "camgate")], check=True)
-        surroundings["XDG_CACHE_HOME"] = str(cache)
+        environment["XDG_CACHE_HOME"] = str(cache)
     before = os.umask(0o077)
     try:
-        second = build_packages(other, **surroundings)
+        second = build_packages(other, **environment)
     finally:
         os.umask(before)
     return build_packages(ROOT), second

@@ -22,8 +22,8 @@ with simulator.Camera(libraries=list(tree.glob("usr/lib/*-linux-gnu"))) as camer
 def test_it_brings_up_the_packaged_service(tmp_path: Path) -> None:
     for name in ("camgate", "camgate-simulator"):
         subprocess.run(["dpkg-deb", "--extract", str(package(name)), str(tmp_path)], check=True)
-    surroundings = {**os.environ, "PYTHONPATH": str(tmp_path / "usr/lib/python3/dist-packages"),
+    environment = {**os.environ, "PYTHONPATH": str(tmp_path / "usr/lib/python3/dist-packages"),
                     "CAMGATE_BUILD": str(tmp_path / "usr/lib/camgate")}
-    made = subprocess.run(["/usr/bin/python3", "-B", "-c", _PROGRAM, str(tmp_path)], env=surroundings, cwd="/",
+    made = subprocess.run(["/usr/bin/python3", "-B", "-c", _PROGRAM, str(tmp_path)], env=environment, cwd="/",
                           capture_output=True, text=True, check=False, timeout=60)
     assert (made.stdout, made.returncode) == ("200\n", 0), made.stderr

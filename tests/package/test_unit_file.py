@@ -10,7 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from simulator import CameraError, restrictions, system_calls, unit_file
+from simulator import CameraError
+from simulator.device import restrictions, system_calls, unit_file
 
 UNIT = Path(__file__).resolve().parents[2] / "packaging" / "camgate.service"
 OLDEST_SYSTEMD = 247

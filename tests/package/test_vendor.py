@@ -10,7 +10,8 @@ import elf
 import pytest
 from packages import field, package
 
-from simulator import Camera, build_folder, emulator
+from simulator import Camera, build_folder
+from simulator.device import emulator
 
 ROOT = Path(__file__).resolve().parents[2]
 pytestmark = pytest.mark.timeout(600)  # it builds the service

@@ -12,7 +12,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from simulator.certificate import certificate
+from simulator.messages.certificate import certificate
 
 READY_SECONDS = 60.0
 

@@ -14,7 +14,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from camsim_runs import Camsim, Up  # noqa: E402 importable only with the path above
-from simulator.pictures import picture  # noqa: E402 importable only with the path above
+from simulator.peers.pictures import picture  # noqa: E402 importable only with the path above
 
 
 @pytest.fixture

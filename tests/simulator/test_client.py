@@ -6,8 +6,8 @@ import socket
 import tempfile
 from pathlib import Path
 
-from simulator.client import Client
 from simulator.journal import Journal
+from simulator.peers.client import Client
 
 
 def head_of_reply(tag: int) -> bytes:

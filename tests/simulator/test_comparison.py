@@ -7,8 +7,8 @@ from typing import Any
 
 import pytest
 
-from simulator.comparison import compare, counts
-from simulator.recording import Entry, Recording
+from simulator.trace.comparison import compare, counts
+from simulator.trace.recording import Entry, Recording
 
 STORY: list[tuple[str, dict[str, Any]]] = [
     ("note", {"source": "service", "kind": "started", "data": {"pid": 7}}),

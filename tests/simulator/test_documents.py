@@ -9,9 +9,9 @@ from pathlib import Path
 
 from camsim_runs import ROOT, Camsim
 from simulator import faults
-from simulator.command_line import EXIT_CODES, make_parser, modules
-from simulator.scenario import EXPECTATIONS, STEPS, load
-from simulator.settings import SETTINGS
+from simulator.cli.command_line import EXIT_CODES, make_parser, modules
+from simulator.cli.scenarios.scenario import EXPECTATIONS, STEPS, load
+from simulator.cli.scenarios.settings import SETTINGS
 
 README = (ROOT / "simulator" / "README.md").read_text(encoding="utf-8")
 FLEET = (ROOT / "docs" / "fleet.md").read_text(encoding="utf-8")

@@ -7,7 +7,7 @@ from collections.abc import Callable
 import pytest
 
 from camsim_runs import Camsim, Up
-from simulator.fleet import platform_view, spread_of
+from simulator.cli.fleet import platform_view, spread_of
 from simulator.journal import Event
 
 

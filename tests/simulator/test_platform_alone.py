@@ -13,7 +13,7 @@ from typing import Any
 import pytest
 
 from camsim_runs import Camsim, Up
-from simulator.certificate import KINDS, certificate
+from simulator.messages.certificate import KINDS, certificate
 
 StartUp = Callable[..., Up]
 

@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, CameraError, Journal, Reset, Response, Send, Wait, wire
-from simulator.recording import Entry, Recorder, read
+from simulator.trace.recording import Entry, Recorder, read
 from support import wait_end
 
 HEAD = b'{"format": "camgate-recording", "version": 1, "began": "2026-01-01T00:00:00+00:00", "about": {"build": "x"}}\n'

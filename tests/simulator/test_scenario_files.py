@@ -9,8 +9,8 @@ from typing import Any
 import pytest
 
 from camsim_runs import ROOT, Camsim
+from simulator.cli.scenarios.scenario import load
 from simulator.errors import CameraError
-from simulator.scenario import load
 
 SCENARIOS = ROOT / "tests" / "scenarios"
 

@@ -15,11 +15,11 @@ from typing import Any
 import pytest
 
 from simulator import CameraError, Journal, Response, Send, wire
-from simulator.commands import trace
-from simulator.http import Request
-from simulator.itgt import Import
-from simulator.recording import Recorder
-from simulator.service import LogRecord
+from simulator.cli.commands import trace
+from simulator.messages.http import Request
+from simulator.messages.log import LogRecord
+from simulator.peers.itgt import Import
+from simulator.trace.recording import Recorder
 
 HOSTILE = "</script><script>alert(1)</script><img src=x onerror=alert(2)>\x1b[31m\u202e"
 PAGE = b'{"records": [{"picture": "' + b"A" * 3_000_000 + b'"}]}'
@@ -151,7 +151,7 @@ def test_hook_that_makes_a_named_fault_is_no_second_one(tmp_path: Path, run: Cal
         journal.add("itgt", "hooked", name="on_message", command=7021)
         journal.add("itgt", "sent", message=wire.Message(b"short"), path="/tmp/CP")
     assert [(item["title"], item["fault"]) for item in items(run, tmp_path / "run")] == [
-        ("fault switched on", "itgt.truncated"),
+        ("fault itgt.truncated=bytes=9 is switched on", "itgt.truncated"),
         ("fault itgt.truncated takes hold", "itgt.truncated"), ("datagram of 5 bytes", "itgt.truncated"),
         ("a hook changed the answer", "on_message"), ("datagram of 5 bytes", "on_message")]
 

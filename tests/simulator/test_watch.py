@@ -94,7 +94,7 @@ def test_json_has_each_message_decoded_and_the_faults(camsim: Camsim, up: StartU
 
 def test_the_demonstration_draws_on_a_terminal() -> None:
     environment = {name: value for name, value in os.environ.items() if name not in ("NO_COLOR", "COLUMNS")}
-    demo = Drawn(["/usr/bin/python3", "-m", "simulator.demo", "whiteListClear"],
+    demo = Drawn(["/usr/bin/python3", "-m", "simulator.cli.demo", "whiteListClear"],
                  {**environment, "TERM": "xterm-256color", "PYTHONPATH": str(ROOT)}, 120)
     text = plain(demo.end())
     assert demo.process.returncode == 0, text
@@ -103,7 +103,7 @@ def test_the_demonstration_draws_on_a_terminal() -> None:
 
 
 def test_the_demonstration_writes_lines_without_a_terminal() -> None:
-    done = subprocess.run(["/usr/bin/python3", "-m", "simulator.demo", "whiteListClear"], cwd=ROOT, text=True,
+    done = subprocess.run(["/usr/bin/python3", "-m", "simulator.cli.demo", "whiteListClear"], cwd=ROOT, text=True,
                           stdin=subprocess.DEVNULL, capture_output=True, timeout=2 * DEADLINE, check=False)
     assert (done.returncode, done.stderr) == (0, "")
     assert re.search(r"\n +\d+\.\d{3} s  face library got face list 1 \"Staff\", type 1, on control 1, threshold 80\n",

@@ -110,7 +110,7 @@ def test_absent_name_is_an_error_of_the_command(camera: Camera, body: bytes) -> 
 
 
 UNDECODABLE = {
-    "nothing": b"", "blanks": b"   ", "no json": b"hello", "cut off": b'{"taskName":"faceNotHitDown","taskInfo":{',
+    "nothing": b"", "spaces": b"   ", "no json": b"hello", "cut off": b'{"taskName":"faceNotHitDown","taskInfo":{',
     "array": b"[1, 2]", "text": b'"faceNotHitDown"', "number": b"12", "null": b"null",
     "no information": b'{"taskName":"faceNotHitDown"}',
     "information is text": b'{"taskName":"faceNotHitDown","taskInfo":"{}"}',

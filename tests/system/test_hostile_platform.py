@@ -41,7 +41,7 @@ HALF = CHUNKED.index(b"\r\n\r\n") + 4 + 5 * 1007  # between two chunks
 OK = b"HTTP/1.1 200 OK\r\n"
 BROKEN: dict[str, Sequence[Any]] = {
     "nothing": [Close()],
-    "nothing and no alert": [Close(alert=False)],
+    "nothing and no close_notify": [Close(alert=False)],
     "reset": [Reset()],
     "no http": [Send(b"\x16\x03\x01 hello\r\n\r\n"), Close()],
     "random": [Send(random.Random(3).randbytes(5000)), Close()],
@@ -50,11 +50,11 @@ BROKEN: dict[str, Sequence[Any]] = {
     "no status": [Send(b"HTTP/1.1 \r\n\r\n"), Close()],
     "text for a status": [Send(b"HTTP/1.1 abc OK\r\n\r\n"), Close()],
     "body cut off": [Send(WHOLE[:-1]), Close()],
-    "body cut off without alert": [Send(WHOLE[:-500]), Close(alert=False)],
+    "body cut off without close_notify": [Send(WHOLE[:-500]), Close(alert=False)],
     "body then reset": [Send(WHOLE[:-500]), Reset()],
     "chunks cut off": [Send(CHUNKED[:-1500]), Close()],
     "half of the chunks": [Send(CHUNKED[:HALF]), Close()],
-    "half of the chunks without alert": [Send(CHUNKED[:HALF]), Close(alert=False)],
+    "half of the chunks without close_notify": [Send(CHUNKED[:HALF]), Close(alert=False)],
     "last chunk missing": [Send(CHUNKED[:-5]), Close()],
     "chunks then reset": [Send(CHUNKED[:3000]), Reset()],
     "endless header": [Send(OK + b"X: " + b"x" * 1_000_000), Close()],

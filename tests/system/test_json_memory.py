@@ -7,8 +7,9 @@ from collections.abc import Callable
 
 import pytest
 
-from simulator import Camera, process_status
-from simulator.face_library import face_list
+from simulator import Camera
+from simulator.device import process_status
+from simulator.peers.face_library import face_list
 from support import (DOWNLOAD, LOOP, download, expect_log, expect_working, kilobytes, memory_limit, poll_until,
                      sanitized)
 

@@ -8,7 +8,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from simulator.face_library import face_list
+from simulator.peers.face_library import face_list
 from support import END, count_text, expect_working, received, texts, wait_end, wait_stopped
 
 CLEAR = {"cameraCode": "C1"}

@@ -11,7 +11,8 @@ from pathlib import Path
 
 import pytest
 
-from simulator import Camera, build_folder, emulator
+from simulator import Camera, build_folder
+from simulator.device import emulator
 from support import expect_working, status_field, with_library
 
 StartCamera = Callable[..., Camera]

@@ -8,8 +8,8 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera, faults
-from simulator.play import Player
-from simulator.scenario import Scenario, load
+from simulator.cli.scenarios.play import Player
+from simulator.cli.scenarios.scenario import Scenario, load
 
 FOLDER = Path(__file__).parents[1] / "scenarios"
 SCENARIOS = [load(path) for path in sorted(FOLDER.glob("*.json"))]

@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from simulator.face_library import face_list
+from simulator.peers.face_library import face_list
 from support import LOOP, TRANSMITTER, count_text, expect_log, expect_working, received, records, texts, wait_stopped
 
 CONFIGURATION = "/tmp/mmcblk0/face_basic/facelists.json"

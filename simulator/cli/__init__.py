@@ -1,0 +1,1 @@
+"""camsim and the demonstration: what is called from a shell."""

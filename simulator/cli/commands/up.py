@@ -1,0 +1,88 @@
+"""camsim up: a whole camera until it is stopped."""
+
+from __future__ import annotations
+
+import argparse
+import os
+
+from simulator.camera import Camera
+from simulator.cli import options
+from simulator.cli.command_line import DONE, FAILED, Stopped, print_json, stoppable
+from simulator.cli.control import Control, print_events
+from simulator.cli.running import RunningCamera
+from simulator.cli.scenarios.play import switches_of
+from simulator.errors import CameraError
+from simulator.trace.display import Display
+
+HELP = "run a whole camera until Ctrl-C: the service and everything around it"
+DESCRIPTION = """\
+Runs the unchanged service in a sandbox of its own, with every process around it simulated, until Ctrl-C or
+SIGTERM, and shows what passes between them. Meanwhile, in another terminal: camsim send, watch, fault."""
+EXAMPLES = (
+    "camsim up",
+    "camsim up --name gate --quiet --record gate.run",
+    "camsim up --fault platform.status=503 --fault itgt.late=3",
+    "camsim up --pictures ~/faces",
+    "camsim up --platform https://localhost:9443/platform/whiteList")
+
+
+def add_arguments(parser: argparse.ArgumentParser) -> None:
+    options.add_name(parser)
+    options.add_service(parser)
+    options.add_platform(parser)
+    options.add_pictures(parser)
+    options.add_itgt(parser)
+    options.add_faults(parser)
+    options.add_record(parser)
+    parser.add_argument("--quiet", action="store_true", help="show only that it is up, and its end")
+    parser.add_argument("--verbose", action="store_true",
+                        help="show also the service's log and every message whole, decoded")
+    options.add_json(parser, "print JSON: a line for the camera when it is up, then one for everything that happens")
+
+
+def run(arguments: argparse.Namespace) -> int:
+    with stoppable():
+        camera = options.make_camera(arguments)
+        switches = switches_of(camera)
+        running = RunningCamera(arguments.name, camera, switches)
+        try:
+            control = Control(arguments.name, camera.journal, running.handlers())
+        except BaseException:
+            camera.close()
+            raise
+        show = Display(arguments.verbose)
+        try:
+            with show, control, camera:
+                waiting = options.switch_on(switches, arguments)
+                _follow(camera, show, arguments)
+                camera.start_service(wait="itgt.no-marker" not in waiting)
+                _greet(running, show, arguments)
+                code = camera.wait_for(lambda event: event.matches("service", "ended"), _FOREVER).exit_code
+                raise CameraError(f"the service ended by itself, with code {code}; its last words:\n"
+                                  + "\n".join(record.text for record in camera.service.log[-10:]))
+        except Stopped:
+            if not arguments.json:
+                show.console.print(f"Camera {arguments.name} is down; the service ended with code "
+                                   f"{camera.service.exit_code}.")
+            return DONE if camera.service.exit_code == 0 else FAILED
+
+
+# A wait takes at most what the system's clock can count.
+_FOREVER = 10 * 365 * 86400.0
+
+
+def _follow(camera: Camera, show: Display, arguments: argparse.Namespace) -> None:
+    if not arguments.quiet:
+        (print_events if arguments.json else show.follow)(camera.journal)
+
+
+def _greet(running: RunningCamera, show: Display, arguments: argparse.Namespace) -> None:
+    status = running.status()
+    if arguments.json:
+        print_json({"up": True, **status})
+        return
+    name = "" if arguments.name == "camera" else f" --name {arguments.name}"
+    show.console.print(f"Camera {arguments.name} is up, process {os.getpid()}; Ctrl-C ends it. In another terminal:")
+    show.console.print(f"  camsim send whiteListDown --wait{name}\n  camsim watch{name}\n"
+                       f"  camsim fault itgt.silent on{name}\n"
+                       f"The camera's /tmp lies in {status['folder']}/tmp")

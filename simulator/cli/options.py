@@ -1,0 +1,112 @@
+"""Arguments that several subcommands have in common."""
+
+from __future__ import annotations
+
+import argparse
+import os
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+from simulator import faults
+from simulator.camera import Camera
+from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError, completing
+from simulator.cli.scenarios.settings import SETTINGS
+from simulator.errors import CameraError
+from simulator.faults.switches import FaultSwitches
+from simulator.journal import Journal
+from simulator.peers.platform import Platform
+from simulator.peers.relay import Relay
+
+
+def add_json(parser: argparse.ArgumentParser, text: str = "print JSON instead, one object a line") -> None:
+    parser.add_argument("--json", action="store_true", help=text)
+
+
+def add_name(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--name", default=os.environ.get("CAMSIM_NAME", "camera"),
+                        help="which camera, when several run (camera, or $CAMSIM_NAME)")
+
+
+def add_service(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--service", type=Path, metavar="BINARY",
+                        help="the service's binary (protocol_process of the build, or of $CAMGATE_BUILD)")
+
+
+def add_record(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--record", type=Path, metavar="FILE", help="write everything that happens into FILE, for "
+                        "`camsim trace FILE`")
+
+
+def add_faults(parser: argparse.ArgumentParser) -> None:
+    completing(parser.add_argument(
+        "--fault", action="append", default=[], metavar="FAULT",
+        help="a fault to begin with, as often as wanted: itgt.silent, platform.status=503, itgt.late=3,command=7021; "
+             "`camsim fault list` names all"), *faults.FAULTS)
+
+
+def add_pictures(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--pictures", metavar="FOLDER",
+                        help="serve the .jpg files of FOLDER as pages, in the order of their names")
+    parser.add_argument("--picture-bytes", type=int, nargs=2, metavar=("MIN", "MAX"),
+                        help="smallest and largest made-up picture (20000 200000)")
+
+
+def add_itgt(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--picture-seconds", type=float, metavar="S",
+                        help="time that ITGT takes to import a picture (0)")
+    parser.add_argument("--time-text", metavar="TEXT", help="the time that ITGT tells (2024-05-17 08:30:00)")
+
+
+def add_platform(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--platform", metavar="URL", help="use your own platform in place of the simulated one; URL is "
+                        "the address of its pages, https://HOST:PORT/PATH. It is reached from this machine, with TLS "
+                        "end to end")
+    parser.add_argument("--result-path", metavar="PATH", help="where that platform takes results (the path of URL with "
+                        "Result behind it)")
+
+
+def make_camera(arguments: argparse.Namespace) -> Camera:
+    """A camera that is not started yet, as the arguments want it."""
+    camera = Camera(service=arguments.service, start=False, platform=platform_maker(arguments),
+                    recording=arguments.record)
+    try:
+        apply_settings(camera, arguments)
+    except BaseException:
+        camera.close()
+        raise
+    return camera
+
+
+def platform_maker(arguments: argparse.Namespace) -> Callable[[Journal], Any]:
+    """What makes the platform of a camera: the simulated one, or the way to the one that the arguments name."""
+    url, result_path = arguments.platform, arguments.result_path
+    if url is not None:
+        return lambda journal: Relay(journal, url, result_path)
+    if result_path is not None:
+        raise CodedError("--result-path is of no use without --platform URL", WRONG_ARGUMENTS)
+    return Platform
+
+
+def apply_settings(subject: Any, arguments: argparse.Namespace) -> None:
+    """Sets what the arguments say about the peers. `subject` has the peers as attributes, as a Camera has."""
+    for name, setting in SETTINGS.items():
+        value = getattr(arguments, name, None)
+        if value is None:
+            continue
+        try:
+            setting.check(value)
+            setting.apply(subject, value)
+        except ValueError as error:
+            raise CodedError(f"--{name.replace('_', '-')} takes {error}", WRONG_ARGUMENTS) from error
+
+
+def switch_on(switches: FaultSwitches, arguments: argparse.Namespace) -> list[str]:
+    """Switches the faults of the command line on; returns their names."""
+    try:
+        orders = [faults.parse(text) for text in arguments.fault]
+        for order in orders:
+            switches.on(order)
+    except CameraError as error:
+        raise CodedError(str(error), WRONG_ARGUMENTS) from error
+    return [order.fault.name for order in orders]

@@ -1,0 +1,146 @@
+"""What a running camera does when another camsim asks it to: the handlers of its control socket."""
+
+from __future__ import annotations
+
+import json
+import os
+import time
+from typing import Any
+
+from simulator import faults
+from simulator.camera import Camera
+from simulator.cli.command_line import BUSY, DONE, INCOMPLETE, NO_REPLY, REFUSED
+from simulator.cli.control import Handlers
+from simulator.errors import CameraError
+from simulator.faults.switches import FaultSwitches
+from simulator.journal import Event
+from simulator.messages import wire
+from simulator.messages.log import fails_download
+
+_DOWNLOAD_SECONDS = 3600.0
+
+
+class RunningCamera:
+    """Answers for a camera that `camsim up` brought up."""
+
+    def __init__(self, name: str, camera: Camera, switches: FaultSwitches) -> None:
+        self._name = name
+        self._camera = camera
+        self._switches = switches
+
+    def handlers(self) -> Handlers:
+        return {"status": lambda _request: self.status(), "send": self._send, "raw": self._raw,
+                **fault_handlers(self._switches)}
+
+    def status(self) -> dict[str, Any]:
+        task = self._camera.platform.task()
+        return {"name": self._name, "process": os.getpid(), "service": self._camera.service.pid,
+                "folder": str(self._camera.sandbox.folder), "url": task["taskURL"],
+                "faults": [str(order) for order in self._switches.active]}
+
+    def _send(self, request: dict[str, Any]) -> dict[str, Any]:
+        camera, name = self._camera, request["command"]
+        information = request["info"]
+        if name == "whiteListDown":
+            information = camera.platform.task(request["faces"], **information)
+        elif name == "whiteListClear":
+            information = {"cameraCode": "C1", **information}
+        since, begin = len(camera.journal), time.monotonic()
+        result: dict[str, Any] = {"command": name, "status": None}
+        try:
+            result["tag"] = camera.client.send(name, information, request["tag"])
+        except (OSError, RuntimeError) as error:
+            return {**result, "text": f"nobody takes the command: {error}", "code": NO_REPLY}
+        reply = self._reply(since, request["seconds"], result["tag"])
+        if reply is None:
+            return {**result, "text": f"no reply within {request['seconds']:g} s", "code": NO_REPLY}
+        result.update(_outcome(reply.status), seconds=round(time.monotonic() - begin, 3))
+        if request["wait"] and name == "whiteListDown" and reply.status == 200:
+            result.update(self._download(since))
+        return result
+
+    def _raw(self, request: dict[str, Any]) -> dict[str, Any]:
+        since, begin = len(self._camera.journal), time.monotonic()
+        try:
+            for data in request["datagrams"]:
+                self._camera.client.send_raw(bytes.fromhex(data))
+        except (OSError, RuntimeError) as error:
+            return {"status": None, "text": f"nobody takes the datagram: {error}", "code": NO_REPLY}
+        reply = self._reply(since, request["seconds"], None)
+        if reply is None:
+            return {"status": None, "text": f"no reply within {request['seconds']:g} s", "code": NO_REPLY}
+        return {**_outcome(reply.status), "tag": reply.tag, "body": reply.body.decode("utf-8", "backslashreplace"),
+                "seconds": round(time.monotonic() - begin, 3)}
+
+    def _reply(self, since: int, seconds: float, tag: int | None) -> Any:
+        def replied(event: Event) -> bool:
+            return event.matches("client", "reply") and tag in (None, event.tag)
+        try:
+            return self._camera.wait_for(replied, seconds, since).reply
+        except TimeoutError:
+            return None
+
+    def _download(self, since: int) -> dict[str, Any]:
+        """Waits for the end of the download and looks at what became of it."""
+        begin = time.monotonic()
+        end = self._camera.wait_download(_DOWNLOAD_SECONDS, since)
+        events = self._camera.journal.events[since:]
+        pages = sum(event.matches("itgt", "received", command=wire.IMPORT_FILE) for event in events)
+        pictures = sum(event.matches("itgt", "picture", result=wire.IMPORTED) for event in events)
+        lines = [event.record.text for event in events if event.matches("service", "log")]
+        seconds = round(time.monotonic() - begin, 3)
+        download = {"pages": pages, "pictures": pictures, "seconds": seconds}
+        if end.kind == "log" and not any(fails_download(line) for line in lines):
+            return {"download": {**download, "complete": True}}
+        why = "a page could not be fetched" if end.kind == "log" else "the service ended"
+        return {"download": {**download, "complete": False, "why": why}, "code": INCOMPLETE}
+
+
+def _outcome(status: int | None) -> dict[str, Any]:
+    known = {200: (DONE, "taken"), 400: (REFUSED, "refused: not a command, or an argument is missing or wrong"),
+             409: (BUSY, "refused: a download runs already")}
+    code, text = known.get(status or 0, (REFUSED, "a status that there should not be"))
+    return {"status": status, "text": text, "code": code}
+
+
+def fault_handlers(switches: FaultSwitches) -> Handlers:
+    """What `camsim fault` asks for."""
+    def listed() -> dict[str, Any]:
+        return {"active": [str(order) for order in switches.active]}
+
+    def on(request: dict[str, Any]) -> dict[str, Any]:
+        switches.on(faults.parse(request["fault"]))
+        return listed()
+
+    def off(request: dict[str, Any]) -> dict[str, Any]:
+        active = {order.fault.name for order in switches.active}
+        names = sorted(active) if request["fault"] == "all" else [faults.find(request["fault"]).name]
+        if not set(names) <= active:
+            raise CameraError(f"{names[0]} is not switched on")
+        for name in names:
+            switches.off(faults.FAULTS[name])
+        return listed()
+
+    return {"faults": lambda _request: listed(), "fault_on": on, "fault_off": off}
+
+
+def described(document: dict[str, Any]) -> str:
+    """An answer to "send" or "raw" as one line for people."""
+    status = f"status {document['status']}" if document["status"] is not None else "no status"
+    text = f"{status}: {document['text']}"
+    if "seconds" in document:
+        text += f" (after {document['seconds']:g} s)"
+    if "download" in document:
+        download = document["download"]
+        how = "complete" if download["complete"] else f"NOT complete, {download['why']}"
+        text += (f"\ndownload {how}: {download['pages']} pages, {download['pictures']} pictures imported, "
+                 f"{download['seconds']:g} s")
+    return text
+
+
+def information(text: str) -> dict[str, Any]:
+    """The "taskInfo" that a user wrote. Raises ValueError."""
+    value = json.loads(text)
+    if not isinstance(value, dict):
+        raise ValueError("it is no object: {...}")
+    return value

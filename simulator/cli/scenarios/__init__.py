@@ -1,0 +1,1 @@
+"""Scenario files: reading them and playing them."""

@@ -1,0 +1,1 @@
+"""Who the service talks to, each on its own socket."""

@@ -1,0 +1,1 @@
+"""What happened, in words: live, or read from a recorded run."""

@@ -1,0 +1,77 @@
+"""A recorded run as one page to look at: self-contained, nothing in it is loaded from anywhere."""
+
+from __future__ import annotations
+
+import base64
+import gzip
+import hashlib
+import html
+import json
+from pathlib import Path
+from typing import Any
+
+from simulator.trace.chapters import Chapter
+from simulator.trace.recording import Recording
+from simulator.trace.words import Item
+
+_FOLDER = Path(__file__).parent / "page"
+_BYTES_LIMIT = 2048  # of one message; the first and the last of a longer one are shown
+_BYTES_AT_END = 256
+_ROW = 16
+
+
+def page(recording: Recording, chapters: list[Chapter]) -> str:
+    """The page's HTML. What the processes said stands in it compressed, in letters that are no markup."""
+    style = (_FOLDER / "trace.css").read_text(encoding="utf-8")
+    script = "".join((_FOLDER / name).read_text(encoding="utf-8") for name in ("search.js", "trace.js", "detail.js"))
+    data = json.dumps(_run(recording, chapters), separators=(",", ":")).encode()
+    parts = {"title": html.escape(f"Recorded run, {recording.began[:19].replace('T', ' ')}"),
+             "policy": f"default-src 'none'; script-src {_hash(script)}; style-src {_hash(style)}; base-uri 'none'; "
+                       "form-action 'none'",
+             "style": style, "script": script, "run": base64.b64encode(gzip.compress(data, mtime=0)).decode()}
+    text = (_FOLDER / "trace.html").read_text(encoding="utf-8")
+    pieces = text.split("{{")
+    return pieces[0] + "".join(parts[name] + rest for name, _, rest in (piece.partition("}}") for piece in pieces[1:]))
+
+
+def _hash(text: str) -> str:
+    return f"'sha256-{base64.b64encode(hashlib.sha256(text.encode()).digest()).decode()}'"
+
+
+def _run(recording: Recording, chapters: list[Chapter]) -> dict[str, Any]:
+    return {"began": recording.began, "about": recording.about, "cut": recording.cut,
+            "seconds": recording.entries[-1].time if recording.entries else 0.0,
+            "chapters": [{"title": chapter.title, "begin": chapter.begin, "end": chapter.end,
+                          "phases": chapter.phases, "pictures": chapter.pictures,
+                          "items": [_item(item) for item in chapter.items]} for chapter in chapters]}
+
+
+def _item(item: Item) -> dict[str, Any]:
+    return {"line": item.line, "time": item.time, "kind": item.kind, "from": item.source, "to": item.target,
+            "title": item.title, "detail": item.detail, "text": item.text, "fault": item.fault,
+            "connection": item.connection,
+            "fields": [[part.name, part.offset, part.width, part.value] for part in item.fields],
+            "bytes": {"size": len(item.data), "cut": _is_cut(item.data),
+                      "parts": [[offset, part.hex()] for offset, part in shown_bytes(item.data)]}}
+
+
+def shown_bytes(data: bytes) -> list[tuple[int, bytes]]:
+    """The bytes worth showing, as pieces with their offsets: no long runs of zeros, and not all of a long message."""
+    if _is_cut(data):
+        end = (len(data) - _BYTES_AT_END) // _ROW * _ROW
+        return [(0, data[:_BYTES_LIMIT - _BYTES_AT_END]), (end, data[end:])]
+    pieces: list[tuple[int, bytes]] = []
+    for offset in range(0, len(data), _ROW):
+        row = data[offset:offset + _ROW]
+        if not any(row) and offset:
+            continue
+        if pieces and sum(map(len, pieces[-1][1:])) + pieces[-1][0] == offset:
+            pieces[-1] = (pieces[-1][0], pieces[-1][1] + row)
+        else:
+            pieces.append((offset, row))
+    return pieces
+
+
+def _is_cut(data: bytes) -> bool:
+    """Whether a message is too long to show, even without its zeros."""
+    return len(data) - data.count(0) > _BYTES_LIMIT
