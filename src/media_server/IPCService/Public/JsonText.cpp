@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "media_server/IPCService/Public/MemoryReserve.h"
+
 namespace IPCService {
 namespace JsonText {
 
@@ -216,6 +218,7 @@ Var parse(const std::string& text)
     if (greatestDepth(text) > GREATEST_DEPTH) {
         throw Poco::JSON::JSONException("Maximum depth exceeded");
     }
+    const JsonReserve reserve(text.size());
     return Poco::JSON::Parser(new Poco::JSON::ParseHandler(false)).parse(text);
 }
 

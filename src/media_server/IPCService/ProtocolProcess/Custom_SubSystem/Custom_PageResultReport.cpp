@@ -15,6 +15,7 @@
 #include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/JsonText.h"
+#include "media_server/IPCService/Public/MemoryReserve.h"
 #include "media_server/IPCService/Public/MessageExchange.h"
 #include "media_server/IPCService/Public/MsgData.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
@@ -157,6 +158,7 @@ void postDocument(const DownloadPictureProcParam& page, const std::string& docum
 void ReportPageResult(const DownloadPictureProcParam& page, const char* statePath)
 {
     try {
+        const JsonReserve reserve(0);
         const Array::Ptr importInfo = readImportInfo(statePath);
         if (importInfo.isNull()) {
             return;

@@ -7,6 +7,7 @@
 #include <Poco/Util/ServerApplication.h>
 
 #include <exception>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,7 @@ private:
     /// Interrupts all tasks. @return true when they ended in time
     bool endTasks() noexcept;
 
+    std::mutex m_listing;  ///< locked while a task is started: it does not run before it is in the manager's list
     Poco::TaskManager m_taskManager;
     Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
     EventCacheHndl m_stEventCacheHndl;

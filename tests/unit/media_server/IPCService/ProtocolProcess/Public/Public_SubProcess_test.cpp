@@ -337,6 +337,23 @@ TEST(SubProcess, DestructionCancelsTasksAndWaitsForThem)
     EXPECT_LT(stopwatch.elapsed(), milliseconds(1500) + SLOWNESS);
 }
 
+TEST(SubProcess, TasksThatEndAtOnceAreNotWaitedFor)
+{
+    EXPECT_EQ(inChild([] {
+                  {
+                      Public_SubProcess process;
+                      for (int i = 0; i < 200; ++i) {
+                          std::atomic<bool> done{false};
+                          process.startTask(new WorkTask([&done](WorkTask&) { done = true; }));
+                          EXPECT_TRUE(eventually([&done] { return done.load(); }));
+                      }
+                  }
+                  std::_Exit(99);
+              }),
+              99)
+        << "a task that the process waits for in vain ends it with another code";
+}
+
 /// The exit code of a process whose destruction meets a task that does not end, and how long that took.
 int exitCodeWithStubbornTask(bool afterMain)
 {
