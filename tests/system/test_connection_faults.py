@@ -136,7 +136,7 @@ def test_hanging_handshake_of_a_report_ends_after_5_seconds(camera: Camera) -> N
 @pytest.mark.seconds(8)
 def test_handshakes_of_2_seconds_are_waited_for(camera: Camera) -> None:
     def wait(connection: Any) -> None:
-        threading.Event().wait(2)
+        threading.Event().wait(2)  # pause: the slow peer that the test is about
 
     camera.platform.on_connect = wait
     download(camera, 1)
