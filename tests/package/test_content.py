@@ -17,7 +17,8 @@ NAMES = ("camgate", "camgate-simulator")
 FOLDER, FILE, PROGRAM = "drwxr-xr-x", "-rw-r--r--", "-rwxr-xr-x"
 # Of what the package that is built here is to depend on, in each release.
 OF_RELEASE = {
-    "bookworm": ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3", "libc6 ("),
+    "bookworm": ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3",
+                 "libc6 ("),
     "trixie": ("libpocofoundation100 (>= 1.13.0)", "libpoconetssl100 (>= 1.13.0)", "libssl3t64 (>=", "libsafec3t64",
                "libc6 (")}
 CAMGATE = {
