@@ -218,7 +218,7 @@ Var parse(const std::string& text)
     if (greatestDepth(text) > GREATEST_DEPTH) {
         throw Poco::JSON::JSONException("Maximum depth exceeded");
     }
-    const JsonReserve reserve(text.size());
+    const MemoryReserve reserve = jsonReserve(text.size());
     return Poco::JSON::Parser(new Poco::JSON::ParseHandler(false)).parse(text);
 }
 

@@ -31,21 +31,16 @@ private:
 /// The reserve for handling JSON values. A value of POCO 1.13 for whose text there is no memory destroys what it never
 /// made, and the process with it; so there is to be memory, or none of them is begun. Older values have no such
 /// destructor and need no reserve.
-class JsonReserve
+/// @param textSize  bytes of the text that the values come from, or go into
+/// @throws std::bad_alloc
+inline MemoryReserve jsonReserve(std::size_t textSize)
 {
-public:
-    /// @param textSize  bytes of the text that the values come from, or go into
-    /// @throws std::bad_alloc
-    explicit JsonReserve(std::size_t textSize) : m_reserve(NEEDED ? BASE_SIZE + textSize * GREATEST_GROWTH : 0) {}
-
-private:
-    static constexpr bool NEEDED = !std::is_trivially_destructible_v<Poco::Placeholder<Poco::Dynamic::VarHolder>>;
-    static constexpr std::size_t BASE_SIZE = 64 << 10;
-    /// A list of small numbers grows most: two characters become a value of 80 bytes, in a list that doubles.
-    static constexpr std::size_t GREATEST_GROWTH = 128;
-
-    MemoryReserve m_reserve;
-};
+    constexpr bool NEEDED = !std::is_trivially_destructible_v<Poco::Placeholder<Poco::Dynamic::VarHolder>>;
+    constexpr std::size_t BASE_SIZE = 64 << 10;
+    // A list of small numbers grows most: two characters become a value of 80 bytes, in a list that doubles.
+    constexpr std::size_t GREATEST_GROWTH = 128;
+    return MemoryReserve(NEEDED ? BASE_SIZE + textSize * GREATEST_GROWTH : 0);
+}
 
 }  // namespace IPCService
 

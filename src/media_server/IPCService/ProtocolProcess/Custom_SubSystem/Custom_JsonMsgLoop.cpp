@@ -122,7 +122,7 @@ void CustomJsonMsgLoop::serveCommand()
     try {
         std::string body;
         RecvJsonMsg(body, tag);
-        const JsonReserve reserve(body.size());
+        const MemoryReserve reserve = jsonReserve(body.size());
         Var cmd;
         Object::Ptr info;
         if (!GetJsonMsgInfo(body, cmd, info)) {

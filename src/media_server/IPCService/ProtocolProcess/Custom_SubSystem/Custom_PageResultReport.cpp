@@ -158,7 +158,7 @@ void postDocument(const DownloadPictureProcParam& page, const std::string& docum
 void ReportPageResult(const DownloadPictureProcParam& page, const char* statePath)
 {
     try {
-        const JsonReserve reserve(0);
+        const MemoryReserve reserve = jsonReserve(0);
         const Array::Ptr importInfo = readImportInfo(statePath);
         if (importInfo.isNull()) {
             return;
