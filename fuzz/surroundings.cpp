@@ -165,7 +165,8 @@ void Surroundings::start(Poco::Task* pTask)
 
 void Surroundings::servePeers()
 {
-    for (const auto& [peer, answer] : {std::make_pair(&m_itgt, &itgt), std::make_pair(&m_faceLibrary, &faceLibrary)}) {
+    const std::pair<PlayedPeer*, Answer*> peers[] = {{&m_itgt, &itgt}, {&m_faceLibrary, &faceLibrary}};
+    for (const auto& [peer, answer] : peers) {
         while (const std::optional<std::string> message = peer->take()) {
             require(message->size() == MESSAGE_SIZE, "a message has 21408 bytes");
             const std::optional<std::string> reply = *answer ? (*answer)(*message) : std::nullopt;

@@ -44,18 +44,32 @@ def again(report: Path) -> list[str]:
     return [] if hopeless else list(failed)
 
 
+def failures(report: Path, exit_code: int) -> tuple[int, dict[str, str]]:
+    """How many tests passed, and the others with their messages; a run that failed beside its tests is one of them."""
+    cases = list(ET.parse(report).iter("testcase")) if report.exists() else []
+    failed: dict[str, str] = {}
+    passed = 0
+    for case in cases:
+        text = problem(case)
+        if text is None:
+            passed += 1
+        else:
+            name = f"{case.get('classname')} {case.get('name')}"
+            failed[name] = f"{failed[name]}\n{text}" if name in failed else text
+    if not cases:
+        failed["No test ran."] = ""
+    elif exit_code and not failed:
+        failed[f"The run of the tests itself ended with exit code {exit_code}."] = ""
+    return passed, failed
+
+
 def main() -> int:
     if sys.argv[1] == "--again":
         print("".join(f"{name}\n" for name in again(Path(sys.argv[2]))), end="")
         return 0
     report, exit_code = Path(sys.argv[1]), int(sys.argv[2])
-    cases = list(ET.parse(report).iter("testcase")) if report.exists() else []
-    problems = [f"{case.get('classname')} {case.get('name')}: {text}" for case in cases if (text := problem(case))]
-    passed = len(cases) - len(problems)
-    if not cases:
-        problems.append("No test ran.")
-    elif exit_code and not problems:
-        problems.append(f"The run of the tests itself ended with exit code {exit_code}.")
+    passed, failed = failures(report, exit_code)
+    problems = [f"{name}: {text}" if text else name for name, text in failed.items()]
     print(passed, len(problems))
     print("\n\n".join(problems), file=sys.stderr)
     return 1 if problems else 0

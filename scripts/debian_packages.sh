@@ -1,7 +1,8 @@
 # shellcheck shell=bash
-# Makes folders of Debian 11 packages in the user's cache: fetched from this machine's own mirror, in the versions of a
-# lock file. For sourcing. The caller sets
-#   lock_file           the file with SHA-256 and place of each package
+# Makes folders of Debian packages in the user's cache: fetched from this machine's own mirror, in the versions of a
+# lock file or, without one, those that the mirror has. For sourcing. The caller sets
+#   suite, release      Debian's name of the release, and ours for people: bullseye, "Debian 11"
+#   lock_file           the file with SHA-256 and place of each package; empty: made anew with every folder
 #   root_name           what the folder's name begins with
 #   recipe              files that decide what the folder holds, with the lock file
 #   fetched_megabytes, needed_megabytes, kept_megabytes   to fetch, on the disk while it is made, and in the end
@@ -10,14 +11,14 @@
 # and defines
 #   make_root           makes the folder "$making" after the packages are in "$making/packages"
 #   in_lock FILE        whether a package belongs into the lock
-: "${lock_file:?}" "${root_name:?}" "${recipe[0]:?}" "${architectures[0]:?}" "${requested_packages[0]:?}"
+: "${suite:?}" "${release:?}" "${lock_file?}" "${root_name:?}" "${recipe[0]:?}" "${architectures[0]:?}"
+: "${requested_packages[0]:?}"
 : "${fetched_megabytes:?}" "${needed_megabytes:?}" "${kept_megabytes:?}"
 
 umask 022
 export LC_ALL=C.UTF-8
 { : <&0; } 2>/dev/null || exec </dev/null
 
-suite=bullseye
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 apt_helper=/usr/lib/apt/apt-helper
 making=
@@ -35,9 +36,9 @@ fail() {
 # The folder is decided by the packages and by what the scripts make of them.
 root_folder() {
     local cache=${XDG_CACHE_HOME-} hash
-    [[ -e $lock_file ]] || fail "$lock_file is missing; \"$0 --renew-lock\" writes a new one."
+    [[ ! $lock_file || -e $lock_file ]] || fail "$lock_file is missing; \"$0 --renew-lock\" writes a new one."
     [[ $cache == /* ]] || cache=$(cd ~ && pwd)/.cache
-    hash=$(cat "$lock_file" "${recipe[@]}" | sha256sum)
+    hash=$(cat ${lock_file:+"$lock_file"} "${recipe[@]}" | sha256sum)
     printf '%s/camgate/%s-%s\n' "$cache" "$root_name" "${hash:0:16}"
 }
 
@@ -102,7 +103,7 @@ machine_mirrors() {
         sed -n "s#^'\(.*/\)dists/.*/InRelease' .*#\1#p" | awk '!seen[$0]++'
 }
 
-# Sets mirror to the machine's first mirror that has Debian 11.
+# Sets mirror to the machine's first mirror that has the release.
 find_mirror() {
     local mirrors
     mapfile -t mirrors < <(machine_mirrors)
@@ -117,7 +118,7 @@ find_mirror() {
     mv "$making/mirrors.log" "$log_file"
     grep -q -E '404|not found' "$log_file" ||
         explain "no package mirror can be reached: is there a network? apt's words are above. Asked:" "${mirrors[@]}"
-    explain "none of this machine's package mirrors has Debian 11 ($suite). Asked:" "${mirrors[@]}" \
+    explain "none of this machine's package mirrors has $release ($suite). Asked:" "${mirrors[@]}" \
         "Add a mirror that has it to /etc/apt/sources.list.d."
 }
 
@@ -139,7 +140,7 @@ fetch_packages() {
     local line packages=() arguments=()
     mapfile -t packages <"$lock_file"
     say "fetching ${#packages[@]} packages, $fetched_megabytes MB"
-    find_mirror
+    [[ ${mirror-} ]] || find_mirror
     mkdir "$making/packages"
     for line in "${packages[@]}"; do
         arguments+=("$mirror${line#* }" "$making/packages/${line##*/}" "SHA256:${line%% *}")
@@ -153,7 +154,7 @@ fetch_packages() {
     explain "the packages could not be fetched from $mirror; apt's words are above. Is the network gone?"
 }
 
-# Writes the configuration of an apt of its own, which knows Debian 11 and nothing installed; what
+# Writes the configuration of an apt of its own, which knows the release and nothing installed; what
 # leads to the mirror (proxies and the like) is the machine's.
 configure_apt() {
     mkdir -p "$making"/{state/lists/partial,cache/archives/partial,empty}
@@ -190,13 +191,13 @@ lock_lines() {
     done | sort -k 2
 }
 
-renew_lock() {
-    [[ -x $apt_helper ]] || fail "this machine has no apt; renew the lock on Debian."
+# Writes "$making/lock" with what the mirror has now.
+make_lock() {
+    [[ -x $apt_helper ]] || fail "this machine has no apt; use Debian."
     [[ -e $keyring ]] || fail "$keyring is missing; apt-get install debian-archive-keyring"
-    begin_making "$(mktemp -d)"
     find_mirror
     configure_apt
-    say "reading the list of Debian 11's packages"
+    say "reading the list of $release's packages"
     APT_CONFIG=$making/apt.conf with_progress waiting apt-get -q update
     ((!failed)) || explain "the list of packages could not be read from $mirror; apt's words are above."
     APT_CONFIG=$making/apt.conf apt-get -y --print-uris install \
@@ -204,6 +205,11 @@ renew_lock() {
         explain "the mirror's packages do not fit together; apt's words are above."
     lock_lines <"$making/addresses" >"$making/lock"
     [[ -s $making/lock ]] || explain "apt named no package; its words are above."
+}
+
+renew_lock() {
+    begin_making "$(mktemp -d)"
+    make_lock
     cat "$making/lock" >"$lock_file"
     say "wrote $(wc -l <"$lock_file") packages to $lock_file"
 }
@@ -226,6 +232,10 @@ fill_cache() {
     begin_making "$1.making"
     require_space "$making"
     say "making $1"
+    if [[ ! $lock_file ]]; then
+        make_lock
+        lock_file=$making/lock
+    fi
     fetch_packages
     make_root
     mv -T "$making" "$1"

@@ -22,6 +22,10 @@ UNFINISHED = re.compile(r"\b(T[O]DO|F[I]XME)\b")
 # A silenced finding names the finding, and says why in the same line.
 SILENCER = re.compile(r"N[O]LINT\w*|cppcheck[-]suppress|shellcheck[ ]disable|[#] ?noqa|[#] ?type: ?ignore|-W[n]o-")
 SILENCER_WITH_REASON = re.compile(r"(N[O]LINT\w*\([\w.,-]+\)|[=: [][\w,-]+\]?|-W[n]o-[\w-]+\W*)[ #:]+\w.{9,}")
+# Tests wait for events. What only lets time pass, under whatever name, says in the same line why nothing tells of it.
+PAUSE = re.compile(r"time\.sleep\(|Event\(\)\.wait\(|select\(\[\], \[\], \[\]|"
+                   r"sleep_(for|until)\(|[^_]usleep\(\d|nanosleep\(")
+PAUSE_WITH_REASON = re.compile(r"(#|//) pause: \w.{9,}")
 BRANCHES = (ast.If, ast.For, ast.While, ast.Try, ast.match_case)
 
 
@@ -46,6 +50,12 @@ def line_findings(lines: list[str], columns: int | None) -> Iterator[tuple[int, 
             yield number, "a silenced finding without its name and reason in the same line"
         if columns and len(line) > columns:
             yield number, f"{len(line)} columns, at most {columns}"
+
+
+def pause_findings(lines: list[str]) -> Iterator[tuple[int, str]]:
+    for number, line in enumerate(lines, 1):
+        if PAUSE.search(line) and not PAUSE_WITH_REASON.search(line):
+            yield number, 'a pause in a test; wait for an event, or say in the same line why not: "pause: ..."'
 
 
 def python_findings(text: str) -> Iterator[tuple[int, str]]:
@@ -79,6 +89,8 @@ def findings(path: Path) -> Iterator[tuple[int, str]]:
     if len(lines) > FILE_LINES:
         yield FILE_LINES, f"the file has {len(lines)} lines, at most {FILE_LINES}"
     yield from line_findings(lines, None if kind == "c++" else COLUMNS)
+    if path.parts[0] == "tests":
+        yield from pause_findings(lines)
     if kind == "python":
         yield from python_findings(text)
     elif kind == "shell":

@@ -102,7 +102,7 @@ def poll_until(condition: Callable[[], bool], seconds: float = 20.0) -> None:
     deadline = time.monotonic() + seconds
     while not condition():
         assert time.monotonic() < deadline, "not seen in time"
-        threading.Event().wait(0.002)
+        threading.Event().wait(0.002)  # pause: nothing tells of it, so it is looked at again
 
 
 def status_field(camera: Camera, name: str) -> str:

@@ -93,7 +93,7 @@ class InstalledCamera:
         deadline = time.monotonic() + timeout
         while not (self.root / "tmp/HK").exists() or "waitForTerminationRequest" not in self.log():
             assert time.monotonic() < deadline, f"the service does not take commands:\n{self.log()}"
-            select.select([], [], [], 0.02)
+            select.select([], [], [], 0.02)  # pause: nothing tells of a new file or line, so both are looked at again
 
     def log(self) -> str:
         """What the service has written to the system's log."""

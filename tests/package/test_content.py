@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import gzip
+import platform
 import re
 import subprocess
 from pathlib import Path
@@ -14,6 +15,12 @@ from packages import field, listing, package, unpacked
 ROOT = Path(__file__).resolve().parents[2]
 NAMES = ("camgate", "camgate-simulator")
 FOLDER, FILE, PROGRAM = "drwxr-xr-x", "-rw-r--r--", "-rwxr-xr-x"
+# Of what the package that is built here is to depend on, in each release.
+OF_RELEASE = {
+    "bookworm": ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3",
+                 "libc6 ("),
+    "trixie": ("libpocofoundation100 (>= 1.13.0)", "libpoconetssl100 (>= 1.13.0)", "libssl3t64 (>=", "libsafec3t64",
+               "libc6 (")}
 CAMGATE = {
     "/etc/init.d/camgate": PROGRAM,
     "/lib/systemd/system/camgate.service": FILE,
@@ -103,8 +110,7 @@ def test_a_program_depends_on_the_packages_of_its_libraries() -> None:
                   "libpoconet70 (>= 1.10.0)", "libpoconetssl70 (>= 1.10.0)", "libpocoutil70 (>= 1.10.0)",
                   "libsafec-3.5-3 (>= 3.5)", "libstdc++6", "libgcc-s1")
     else:
-        wanted = ("libpocofoundation80 (>= 1.11.0)", "libpoconetssl80 (>= 1.11.0)", "libssl3 (>=", "libsafec3",
-                  "libc6 (")
+        wanted = OF_RELEASE[platform.freedesktop_os_release()["VERSION_CODENAME"]]
     assert not [one for one in wanted if one not in depends], depends
     assert "camera" not in depends and "platform" not in depends
 

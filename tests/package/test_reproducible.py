@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
 import shutil
 import subprocess
@@ -34,26 +35,49 @@ def time_of_commit() -> dict[str, str]:
     return {"SOURCE_DATE_EPOCH": answer.stdout.strip()} if answer.returncode == 0 else {}
 
 
-@pytest.fixture(scope="module")
-def builds(tmp_path_factory: pytest.TempPathFactory) -> tuple[Path, Path]:
-    """The build folders of two places."""
-    other = tmp_path_factory.mktemp("other") / "a_folder_with_a_much_longer_name_than_that_of_the_first_one"
+def build_elsewhere(folder: Path) -> Path:
+    """The build folder of a copy of the sources in another place, with another user's settings."""
+    other = folder / "a_folder_with_a_much_longer_name_than_that_of_the_first_one"
     shutil.copytree(ROOT, other, ignore=shutil.ignore_patterns("build", ".git", "__pycache__"))
     environment = {"TZ": "Pacific/Chatham", "LC_ALL": "C", **time_of_commit()}
     if PRESET == "armhf":
         # Another user has the compiler in another folder.
         answer = subprocess.run([str(ROOT / "scripts/armhf-root"), "--path"], stdout=subprocess.PIPE, text=True,
                                 check=True).stdout
-        cache = other.parent / "cache"
+        cache = folder / "cache"
         (cache / "camgate").mkdir(parents=True)
         subprocess.run(["cp", "-a", answer.strip(), str(cache / "camgate")], check=True)
         environment["XDG_CACHE_HOME"] = str(cache)
     before = os.umask(0o077)
     try:
-        second = build_packages(other, **environment)
+        return build_packages(other, **environment)
     finally:
         os.umask(before)
-    return build_packages(ROOT), second
+
+
+def keep(build: Path, folder: Path) -> None:
+    """Copies what is compared out of a build folder, which others may build in by then."""
+    for name in BINARIES:
+        (folder / name).parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(build / name, folder / name)
+    for path in build.glob("*.deb"):
+        shutil.copy2(path, folder)
+
+
+@pytest.fixture(scope="session")
+def builds(tmp_path_factory: pytest.TempPathFactory) -> tuple[Path, Path]:
+    """What was built in two places: once, by the first of the processes that share the tests."""
+    own = tmp_path_factory.getbasetemp()
+    shared = (own.parent if "PYTEST_XDIST_WORKER" in os.environ else own) / "reproducible"
+    shared.mkdir(exist_ok=True)
+    first, second, done = shared / "first", shared / "second", shared / "done"
+    with (shared / "lock").open("w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not done.exists():
+            keep(build_elsewhere(tmp_path_factory.mktemp("other")), second)
+            keep(build_packages(ROOT), first)
+            done.touch()
+    return first, second
 
 
 @pytest.mark.parametrize("name", ["camgate", "camgate-simulator"])

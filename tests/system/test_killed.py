@@ -72,7 +72,7 @@ def test_next_download_is_whole_after_a_kill_at_a_random_moment(start_camera: St
         print(f"seed {seed}, round {number}: killed after {1000 * moment:.1f} ms")
         watch.told.clear()
         camera.client.send("whiteListDown", camera.platform.task(FACES))
-        threading.Event().wait(moment)
+        threading.Event().wait(moment)  # pause: up to the random moment of the kill
         camera.service.send_signal(signal.SIGKILL)
         assert camera.service.wait() == KILLED
         assert watch.told == whole_pages(camera)[:len(watch.told)]

@@ -40,7 +40,7 @@ def test_ring_buffer_that_hangs_holds_up_commands_but_no_download_and_no_stop(st
 
 
 def test_slow_ring_buffer_is_waited_for(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, RING % "usleep(700000);")
+    camera = with_library(start_camera, tmp_path, RING % "usleep(700000);")  # pause: the slow library itself
     tags = [camera.client.send(name, {}) for name in ("faceNotHitDown", "nothing")]
     assert camera.client.wait_reply(tags[1]).status == 400
     assert [reply.status for reply in camera.client.replies] == [200, 400]

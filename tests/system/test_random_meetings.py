@@ -42,7 +42,7 @@ class Meetings:
         absences.start()
         while time.monotonic() < self._end:
             self._send()
-            threading.Event().wait(self._chance.choice([0.0, 0.2, 1.0, 3.0]))
+            threading.Event().wait(self._chance.choice([0.0, 0.2, 1.0, 3.0]))  # pause: a client's own
         absences.join()
         self._expect_all()
 
@@ -59,9 +59,9 @@ class Meetings:
         while time.monotonic() < self._end:
             path = self._camera.path(PEERS[chance.choice(list(PEERS))])
             path.chmod(0)
-            threading.Event().wait(chance.choice([0.3, 1.0, 3.0]))
+            threading.Event().wait(chance.choice([0.3, 1.0, 3.0]))  # pause: the absence
             path.chmod(0o666)
-            threading.Event().wait(chance.choice([0.0, 1.0, 5.0]))
+            threading.Event().wait(chance.choice([0.0, 1.0, 5.0]))  # pause: until the next
 
     def _send(self) -> None:
         # The socket's queue has room for five commands, on most systems.

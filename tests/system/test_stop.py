@@ -269,7 +269,7 @@ void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char*
     next(module, level, debugFlag, reserved, path, line, "%s", text);
     if (strncmp(format, "taskResultURL", 13) == 0) {
         kill(getpid(), SIGTERM);
-        usleep(500000);
+        usleep(500000);  // pause: the command goes on when the tasks were told
     }
 }
 """

@@ -24,7 +24,7 @@ bool eventually(Condition condition, std::chrono::milliseconds deadline = DEADLI
         if (std::chrono::steady_clock::now() >= end) {
             return false;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // pause: nothing tells of it; looked at again
     }
     return true;
 }

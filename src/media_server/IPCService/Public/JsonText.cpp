@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "media_server/IPCService/Public/MemoryReserve.h"
+
 namespace IPCService {
 namespace JsonText {
 
@@ -245,6 +247,7 @@ Var parse(const std::string& text)
     if (extent.marks > ORDINARY_MARKS || text.size() > ORDINARY_TEXT) {
         wasLarge = true;
     }
+    const MemoryReserve reserve = jsonReserve(text.size());
     return Poco::JSON::Parser(new Poco::JSON::ParseHandler(false)).parse(text);
 }
 

@@ -2,6 +2,7 @@
 
 #include "media_server/IPCService/Public/CustomObjCreateException.h"
 #include "media_server/IPCService/Public/JsonText.h"
+#include "media_server/IPCService/Public/MemoryReserve.h"
 
 namespace IPCService {
 namespace MetaDataGW {
@@ -28,11 +29,13 @@ void CustomJSONBaseObj::Serialize(std::string& out)
     if (m_pObject.isNull()) {
         throw CustomObjCreateException("Serialize Failed", 0);
     }
+    const MemoryReserve reserve = jsonReserve(0);
     out = JsonText::indented(m_pObject, REQUEST_BLANKS);
 }
 
 CustomJSONDownloadPictureObj::CustomJSONDownloadPictureObj(const DownloadPictureProcParam& page)
 {
+    const MemoryReserve reserve = jsonReserve(0);
     m_pObject = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
     m_pObject->set(CustomObjTag::IPC_SERVER_ID, page.cameraCode);
     m_pObject->set(CustomObjTag::TASK_ID, page.taskID);

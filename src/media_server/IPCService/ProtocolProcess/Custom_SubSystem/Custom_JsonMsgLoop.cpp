@@ -16,6 +16,7 @@
 #include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/IPCUnixTransmitter.h"
 #include "media_server/IPCService/Public/JsonText.h"
+#include "media_server/IPCService/Public/MemoryReserve.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
 namespace IPCService {
@@ -130,6 +131,7 @@ void CustomJsonMsgLoop::serveCommand()
     try {
         std::string body;
         RecvJsonMsg(body, tag);
+        const MemoryReserve reserve = jsonReserve(body.size());
         Var cmd;
         Object::Ptr info;
         if (!GetJsonMsgInfo(body, cmd, info)) {

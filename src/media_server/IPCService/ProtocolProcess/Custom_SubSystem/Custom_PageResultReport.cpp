@@ -15,6 +15,7 @@
 #include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/JsonText.h"
+#include "media_server/IPCService/Public/MemoryReserve.h"
 #include "media_server/IPCService/Public/MessageExchange.h"
 #include "media_server/IPCService/Public/MsgData.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
@@ -158,6 +159,7 @@ void ReportPageResult(const DownloadPictureProcParam& page, const char* statePat
 {
     const JsonText::MemoryReturn memoryReturn;
     try {
+        const MemoryReserve reserve = jsonReserve(0);
         const Array::Ptr importInfo = readImportInfo(statePath);
         if (importInfo.isNull()) {
             return;

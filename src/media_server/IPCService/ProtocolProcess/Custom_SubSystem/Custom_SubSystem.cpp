@@ -7,6 +7,7 @@
 #include <Poco/Net/SSLException.h>
 #include <Poco/Net/SSLManager.h>
 #include <Poco/Thread.h>
+#include <Poco/ThreadPool.h>
 #include <Poco/UUIDGenerator.h>
 #include <Poco/Util/Application.h>
 #include <openssl/ssl.h>
@@ -88,7 +89,9 @@ CustomSubSystem::CustomSubSystem()
       m_pProtocol(new IPCServiceOldProtocol(m_pTransmitter.get())),
       m_ringBufHandle(nullptr),
       m_uuid(Poco::UUIDGenerator::defaultGenerator().create()),
-      m_bDownloading(false)
+      m_bDownloading(false),
+      // Not a pool of its own, as in POCO 1.13: its threads would take stop signals away from the main thread.
+      m_taskManager(Poco::ThreadPool::defaultPool())
 {
     LOG(Information, "CustomSubSystem ...");
 }

@@ -11,6 +11,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <new>
+#include <utility>
 
 #include "bounds_checked.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
@@ -63,6 +65,60 @@ Poco::ThreadPool& threadPool()
     return Poco::ThreadPool::defaultPool();
 }
 
+/// Runs a task once the task manager has it in its list. The manager of POCO 1.13 starts the thread first: a task that
+/// ends at once would stay in the list for ever, and a stop in between would not find it there.
+class ListedTask : public Poco::Task
+{
+public:
+    ListedTask(Poco::AutoPtr<Poco::Task> pTask, std::mutex& listing)
+        : Poco::Task(pTask->name()), m_pTask(std::move(pTask)), m_listing(listing)
+    {
+    }
+
+    void cancel() override
+    {
+        Poco::Task::cancel();
+        m_pTask->cancel();
+    }
+
+    /// The manager tells of the start first. Should it have no memory for that, which concerns nobody here, the task
+    /// runs all the same: it has to tidy up behind itself.
+    void run() override
+    {
+        const Poco::AutoPtr<ListedTask> self(this, true);  // the manager lets go of what has run
+        try {
+            Poco::Task::run();
+        } catch (const std::exception&) {
+            // See above.
+        }
+        runTask();
+    }
+
+    void runTask() override
+    {
+        if (!std::exchange(m_bRun, true)) {
+            Poco::AutoPtr<Poco::Task> pTask = listedTask();
+            if (!pTask.isNull()) {
+                pTask->run();
+            }
+        }
+    }
+
+    /// Nothing is to run: it did not come into the list. The caller has the mutex.
+    void abandon() { m_pTask = nullptr; }
+
+private:
+    Poco::AutoPtr<Poco::Task> listedTask()
+    {
+        const std::lock_guard<std::mutex> listed(m_listing);
+        return m_pTask;
+    }
+
+    Poco::AutoPtr<Poco::Task> m_pTask;
+    std::mutex& m_listing;
+    bool m_bRun = false;  ///< whether it was: for the task's thread
+};
+
 /// Reaps one child for each signal delivered; signals that fell together leave their other children for later.
 /// Runs in signal context.
 extern "C" void reapChild(int /*signal*/, siginfo_t* /*info*/, void* /*context*/)
@@ -106,11 +162,19 @@ void Public_SubProcess::startTask(Poco::Task* pTask)
 {
     Poco::AutoPtr<Poco::Task> pOwned(pTask);
     const StopSignalsBlocked blocked;
-    const std::lock_guard<std::mutex> lock(m_startMutex);
+    Poco::AutoPtr<ListedTask> pListed(new ListedTask(pOwned, m_listing));
+    const std::lock_guard<std::mutex> listing(m_listing);
     if (m_bEnding) {
         throw Poco::IllegalStateException("the service stops");
     }
-    m_taskManager.start(pOwned.duplicate());
+    try {
+        m_taskManager.start(pListed.duplicate());
+    } catch (const std::bad_alloc&) {
+        // There may be a thread already, on its way into the task: the task stays, empty.
+        pListed->abandon();
+        (void)pListed.duplicate();
+        throw;
+    }
 }
 
 void Public_SubProcess::holdStopSignals()
@@ -174,10 +238,10 @@ bool Public_SubProcess::endTasks() noexcept
     const auto deadline = Clock::now() + LONGEST_TASK_END;
     try {
         {
-            const std::lock_guard<std::mutex> lock(m_startMutex);
+            const std::lock_guard<std::mutex> listed(m_listing);
             m_bEnding = true;
+            m_taskManager.cancelAll();
         }
-        m_taskManager.cancelAll();
         if (!m_pMetaDataRecvTask.isNull()) {
             m_pMetaDataRecvTask->interrupt();
         }

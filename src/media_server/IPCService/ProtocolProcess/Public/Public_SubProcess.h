@@ -54,9 +54,9 @@ private:
     /// Interrupts all tasks. @return true when they ended in time
     bool endTasks() noexcept;
 
+    std::mutex m_listing;  ///< locked while a task is started: it does not run before it is in the manager's list
     Poco::TaskManager m_taskManager;
-    std::mutex m_startMutex;  ///< a task is either started before the tasks are told to end, or not at all
-    bool m_bEnding = false;   ///< under m_startMutex
+    bool m_bEnding = false;  ///< the tasks were told to end: none starts any more; under m_listing
     Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
     EventCacheHndl m_stEventCacheHndl;
     std::exception_ptr m_pStartFailure;

@@ -4,6 +4,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/SSLManager.h>
+#include <Poco/ThreadPool.h>
 #include <Poco/Util/Application.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
@@ -11,9 +12,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -46,6 +49,20 @@ mode_t modeOf(const std::string& path)
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     EXPECT_TRUE(S_ISSOCK(status.st_mode)) << path;
     return status.st_mode & 07777;
+}
+
+std::size_t threads()
+{
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+TEST(CustomSubSystemTest, HasNoThreadsOfItsOwn)
+{
+    Poco::ThreadPool::defaultPool();
+    const std::size_t before = threads();
+    const CustomSubSystem subSystem;
+    EXPECT_EQ(threads(), before);
 }
 
 TEST(CustomSubSystemTest, IsMadeIdleUnderItsName)

@@ -2,10 +2,12 @@
 #include <Poco/Task.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 #include "support/child.h"
+#include "support/waiting.h"
 
 namespace {
 
@@ -28,6 +30,43 @@ public:
         throw Poco::SystemException("cannot be cancelled");
     }
 };
+
+/// Tries to start another task once it was told to end.
+class LateStartingTask : public Poco::Task
+{
+public:
+    LateStartingTask(Public_SubProcess& process, std::atomic<bool>& started, std::atomic<bool>& refused)
+        : Poco::Task("late starting"), m_process(process), m_started(started), m_refused(refused)
+    {
+    }
+    void runTask() override
+    {
+        m_started = true;
+        EXPECT_TRUE(eventually([this] { return isCancelled(); }));
+        try {
+            m_process.startTask(new FailingToCancelTask);
+        } catch (const Poco::IllegalStateException&) {
+            m_refused = true;
+        }
+    }
+
+private:
+    Public_SubProcess& m_process;
+    std::atomic<bool>& m_started;
+    std::atomic<bool>& m_refused;
+};
+
+TEST(SubProcess, NoTaskStartsOnceTheTasksWereToldToEnd)
+{
+    std::atomic<bool> started{false};
+    std::atomic<bool> refused{false};
+    {
+        Public_SubProcess process;
+        process.startTask(new LateStartingTask(process, started, refused));
+        ASSERT_TRUE(eventually([&started] { return started.load(); }));
+    }
+    EXPECT_TRUE(refused);
+}
 
 TEST(SubProcess, TaskThatFailsWhileItIsCancelledIsLeftBehind)
 {
