@@ -211,7 +211,7 @@ class Running:
         deadline = time.monotonic() + READY_SECONDS
         while not self._answers():
             assert self._process.poll() is None and time.monotonic() < deadline, self.output()
-            time.sleep(0.05)
+            time.sleep(0.05)  # pause: no event tells that a server answers
 
     def stop(self) -> None:
         if self._process is not None:
