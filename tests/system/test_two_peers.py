@@ -55,7 +55,8 @@ class Business:
         elif peer == "client":
             assert camera.client.wait_reply(self._tag, 20).status == 200
         else:
-            assert camera.service.exit_code is None and len(camera.events.subscriptions) == 1
+            assert len(camera.wait_until(lambda: camera.events.subscriptions)) == 1
+            assert camera.service.exit_code is None
 
 
 def disturb_message_peer(camera: Camera, peer: Any, state: str) -> Callable[[], None]:
@@ -120,6 +121,7 @@ def disturb_client(camera: Camera, state: str) -> Callable[[], None]:
 
 
 def disturb_events(camera: Camera, state: str) -> Callable[[], None]:
+    camera.wait_until(lambda: camera.events.subscriptions)
     if state == "slow":
         camera.events.on_notify = lambda packet: []
         camera.events.publish({"id": 0})
