@@ -47,6 +47,7 @@ struct Head
     bool isOrdinary = false;
     int status = 0;
     bool isChunked = false;
+    bool hasOtherCoding = false;
     bool hasLength = false;
     std::string length;
 };
@@ -85,9 +86,7 @@ bool readField(const std::string& line, Head& head)
         head.hasLength = true;
         head.length = value;
     } else if (name == "transfer-encoding") {
-        if (head.isChunked || lowered(value) != "chunked") {
-            return false;
-        }
+        head.hasOtherCoding = head.hasOtherCoding || head.isChunked || lowered(value) != "chunked";
         head.isChunked = true;
     }
     return true;
@@ -179,6 +178,9 @@ ResponseReading readResponseAtOnce(const std::string& bytes, bool announced)
     reading.status = head.status;
     if (head.status == 101 || head.status == 204 || head.status == 304) {
         reading.verdict = Verdict::Whole;
+        return reading;
+    }
+    if (head.hasOtherCoding) {
         return reading;
     }
     if (head.isChunked) {

@@ -61,6 +61,7 @@ MEGABYTE = 1_000_000
 CONFIGURATIONS = {"1 MB of objects": filled(b"{}", MEGABYTE), "10 MB of objects": filled(b"{}", 10 * MEGABYTE),
                   "10 MB of numbers": filled(b"1", 10 * MEGABYTE), "10 MB of blanks": b" " * 10 * MEGABYTE + b"[]",
                   "10 MB of a string": b'"' + b"x" * 10 * MEGABYTE + b'"',
+                  "100 MB of a string": b'"' + b"x" * 100 * MEGABYTE + b'"',
                   "as many deep objects as may be": counted(DEEP),
                   "the same beside a long name": b'[{"ID":1,"FaceListName":' + counted(DEEP)[:-1] + b',"'
                                                  + b"x" * 1_400_000 + b'"]}]'}

@@ -94,6 +94,17 @@ def test_large_pages_are_not_kept(camera: Camera) -> None:
     assert kilobytes(camera, "VmHWM") - before < memory_limit(3_000, with_sanitizers=400_000)
 
 
+def test_page_is_not_kept_while_itgt_takes_its_time(camera: Camera) -> None:
+    download(camera, 1)
+    before = kilobytes(camera, "VmRSS")
+    camera.platform.on_request = lambda request, default: (
+        Response(body=b"x" * 20_000_000) if request.target == camera.platform.task_path else default())
+    camera.itgt.script(7020, None)
+    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    camera.wait_until(lambda: len(camera.itgt.requests(7020)) == 2)
+    assert kilobytes(camera, "VmRSS") - before < memory_limit(3_000, with_sanitizers=400_000)
+
+
 def test_without_descriptors_a_download_fails_and_the_next_works_when_there_are_some_again(camera: Camera) -> None:
     download(camera, 1)
     with limited(camera, "nofile", 3):

@@ -49,10 +49,19 @@ TEST(ResponseOracle, SizesThatAreNoneAreBroken)
     }
 }
 
+TEST(ResponseOracle, OtherCodingsAreBroken)
+{
+    for (const char* fields : {"Transfer-Encoding: gzip", "Transfer-Encoding: gzip, chunked",
+                               "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked"}) {
+        EXPECT_EQ(verdictOf("HTTP/1.1 200 OK\r\n" + std::string(fields) + "\r\n\r\n0\r\n\r\n"), Verdict::Broken)
+            << fields;
+    }
+}
+
 TEST(ResponseOracle, OddHeadsAreUndecided)
 {
     for (const char* head : {"SSH-2.0", "HTTP/1.1 20 OK", "HTTP/1.1 2000 OK", "HTTP/1.1 200 OK\r\nno colon",
-                             "HTTP/1.1 200 OK\r\nA: b\r\n folded", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip"}) {
+                             "HTTP/1.1 200 OK\r\nA: b\r\n folded"}) {
         EXPECT_EQ(verdictOf(head + std::string("\r\n\r\n")), Verdict::Undecided) << head;
     }
 }

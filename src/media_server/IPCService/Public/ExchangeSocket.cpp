@@ -32,18 +32,34 @@ ExchangeSocket& ExchangeSocket::ofProcess()
 void ExchangeSocket::join(ExchangeMember& member)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_members.push_back(&member);
-    if (!m_pTransmitter.isNull()) {
-        return;
-    }
-    try {
-        m_pTransmitter = new IPCUnixTransmitter(EXCHANGE_PATH);
-        m_pProtocol = new IPCServiceOldProtocol(m_pTransmitter.get());
-    } catch (...) {
+    if (!m_pTransmitter.isNull() && !isBound()) {
+        while (Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0) && deliverOne()) {
+            // what came in on the old path
+        }
         m_pTransmitter = nullptr;
-        m_members.pop_back();
-        throw;
     }
+    if (m_pTransmitter.isNull()) {
+        bind();
+    }
+    m_members.push_back(&member);
+}
+
+void ExchangeSocket::bind()
+{
+    m_pTransmitter = new IPCUnixTransmitter(EXCHANGE_PATH);
+    m_pProtocol = new IPCServiceOldProtocol(m_pTransmitter.get());
+    ::stat(EXCHANGE_PATH, &m_file);
+    for (const ExchangeMember* pMember : m_members) {
+        pMember->wakeUp.signal();  // it has another descriptor to wait for
+    }
+}
+
+/// Whether the path still leads to the socket. Replies would reach nobody else.
+bool ExchangeSocket::isBound() const
+{
+    struct stat status = {};
+    return ::stat(EXCHANGE_PATH, &status) == 0 && status.st_dev == m_file.st_dev && status.st_ino == m_file.st_ino &&
+           status.st_ctim.tv_sec == m_file.st_ctim.tv_sec && status.st_ctim.tv_nsec == m_file.st_ctim.tv_nsec;
 }
 
 void ExchangeSocket::leave(ExchangeMember& member) noexcept
@@ -54,12 +70,17 @@ void ExchangeSocket::leave(ExchangeMember& member) noexcept
     if (m_members.empty()) {
         m_pProtocol = nullptr;
         m_pTransmitter = nullptr;
+        m_askedPeers.clear();
     }
 }
 
-void ExchangeSocket::queue(ExchangeMember& member)
+void ExchangeSocket::queue(ExchangeMember& member, const std::string& peerPath)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    member.peerPath = peerPath;
+    if (std::find(m_askedPeers.begin(), m_askedPeers.end(), peerPath) == m_askedPeers.end()) {
+        m_askedPeers.push_back(peerPath);
+    }
     m_turns.enter(&member);
 }
 
@@ -96,22 +117,23 @@ void ExchangeSocket::passTurnLocked(const ExchangeMember& member) noexcept
     }
 }
 
-bool ExchangeSocket::send(ExchangeMember& member, const MSG_DATA& request, const std::string& peerPath,
-                          bool isRepetition)
+bool ExchangeSocket::send(ExchangeMember& member, const MSG_DATA& request, bool logsFailure)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    member.command = request.command;
-    member.peerPath = peerPath;
-    if (!isRepetition) {
+    if (member.state == RequestState::Answered) {
+        return true;
+    }
+    if (member.state == RequestState::None) {
         const auto place = std::find(m_members.begin(), m_members.end(), &member);
         std::rotate(place, place + 1, m_members.end());
     }
+    member.command = request.command;
     int sent = 0;
-    if (isRepetition) {
-        const Poco::Net::SocketAddress address(Poco::Net::AddressFamily::UNIX_LOCAL, peerPath);
-        sent = m_pTransmitter->sendAgain(&request, static_cast<int>(sizeof(request)), address);
+    if (logsFailure) {
+        sent = m_pProtocol->send(member.peerPath, request.command, request);
     } else {
-        sent = m_pProtocol->send(peerPath, request.command, request);
+        const Poco::Net::SocketAddress address(Poco::Net::AddressFamily::UNIX_LOCAL, member.peerPath);
+        sent = m_pTransmitter->sendAgain(&request, static_cast<int>(sizeof(request)), address);
     }
     member.state = sent < 0 ? RequestState::NotLeft : RequestState::Left;
     return sent >= 0;
@@ -120,9 +142,12 @@ bool ExchangeSocket::send(ExchangeMember& member, const MSG_DATA& request, const
 bool ExchangeSocket::deliver()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (!Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0)) {
-        return true;  // another thread was here first
-    }
+    // Another thread may have been here first.
+    return !Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0) || deliverOne();
+}
+
+bool ExchangeSocket::deliverOne()
+{
     const SocketPath sender = senderOfNextDatagram(m_pTransmitter->descriptor());
     m_arrived = MSG_DATA{};
     QL_CMD_TYPE command = {};
@@ -130,8 +155,10 @@ bool ExchangeSocket::deliver()
     if (length < 0) {
         return false;
     }
-    ExchangeMember* pMember = receiver(length < COMMAND_END ? QL_CMD_TYPE{} : command, sender);
-    if (pMember == nullptr) {
+    const bool hasCommand = length >= COMMAND_END;
+    ExchangeMember* pMember = receiver(hasCommand ? command : QL_CMD_TYPE{}, sender);
+    // What is too short for a command reads as the request does: of one that has not left it is no reply.
+    if (pMember == nullptr || (!hasCommand && pMember->state == RequestState::NotLeft)) {
         return true;  // nobody's: left over from an exchange that has gone on or ended
     }
     if (sender == EXCHANGE_PATH) {
@@ -153,11 +180,8 @@ ExchangeMember* ExchangeSocket::receiver(QL_CMD_TYPE command, const SocketPath& 
 {
     ExchangeMember* pAsking = nullptr;
     ExchangeMember* pAskedSender = nullptr;
-    bool isSenderKnown = false;
     int asking = 0;
     for (ExchangeMember* pMember : m_members) {
-        const bool isPeer = !sender.empty() && sender == pMember->peerPath;
-        isSenderKnown = isSenderKnown || isPeer;
         if (!isAsking(*pMember)) {
             continue;
         }
@@ -166,10 +190,12 @@ ExchangeMember* ExchangeSocket::receiver(QL_CMD_TYPE command, const SocketPath& 
         }
         pAsking = pMember;
         ++asking;
-        if (isPeer && pAskedSender == nullptr) {
+        if (pAskedSender == nullptr && sender == pMember->peerPath) {
             pAskedSender = pMember;
         }
     }
+    const bool isSenderKnown = std::any_of(m_askedPeers.begin(), m_askedPeers.end(),
+                                           [&sender](const std::string& peer) { return sender == peer; });
     if (isSenderKnown) {
         return pAskedSender;
     }

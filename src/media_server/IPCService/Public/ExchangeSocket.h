@@ -2,6 +2,7 @@
 #define IPCSERVICE_EXCHANGESOCKET_H
 
 #include <Poco/SharedPtr.h>
+#include <sys/stat.h>
 
 #include <mutex>
 #include <string>
@@ -50,12 +51,14 @@ public:
     /// The process's socket.
     static ExchangeSocket& ofProcess();
 
+    /// Binds the path when it is the first, or when the path leads elsewhere by now.
     /// @throws Poco::IOException when the path cannot be bound
     void join(ExchangeMember& member);
     void leave(ExchangeMember& member) noexcept;
 
     /// Stands in line for the turn to send a request.
-    void queue(ExchangeMember& member);
+    /// @param peerPath  whom it will ask
+    void queue(ExchangeMember& member, const std::string& peerPath);
 
     /// @return true when the turn has come, and begins: it ends 5 seconds later at the latest
     bool takeTurn(ExchangeMember& member);
@@ -66,11 +69,11 @@ public:
     /// Gives back the turn, or the place in line.
     void passTurn(const ExchangeMember& member) noexcept;
 
-    /// Sends a member's request to the path in its destination field. It counts as asked from then on, whether or not
-    /// it left.
-    /// @param isRepetition  of a request whose first failure is logged
-    /// @return false when it did not leave; the first failure is logged
-    bool send(ExchangeMember& member, const MSG_DATA& request, const std::string& peerPath, bool isRepetition);
+    /// Sends a member's request to whom it asks. It counts as asked from then on, whether or not it left. Nothing is
+    /// sent when its reply is there already.
+    /// @param logsFailure  whether a failure is to be logged
+    /// @return false when it did not leave
+    bool send(ExchangeMember& member, const MSG_DATA& request, bool logsFailure);
 
     /// Takes what has arrived, if anything has, to the exchange that it is meant for.
     /// @return false when it cannot be received, which is logged
@@ -87,12 +90,17 @@ public:
     void takeReply(ExchangeMember& member, MSG_DATA& message);
 
 private:
+    void bind();
+    bool isBound() const;
+    bool deliverOne();
     ExchangeMember* receiver(QL_CMD_TYPE command, const SocketPath& sender) const;
     void passTurnLocked(const ExchangeMember& member) noexcept;
 
     std::mutex m_mutex;
     TurnQueue m_turns;
     std::vector<ExchangeMember*> m_members;  ///< in the order in which they asked last
+    std::vector<std::string> m_askedPeers;   ///< whom any member has asked since the path was bound
+    struct stat m_file = {};                 ///< of the path when it was bound
     Poco::SharedPtr<IPCUnixTransmitter> m_pTransmitter;
     Poco::SharedPtr<IPCServiceOldProtocol> m_pProtocol;
     MSG_DATA m_arrived{};

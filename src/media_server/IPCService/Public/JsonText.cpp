@@ -26,7 +26,6 @@ constexpr std::size_t GREATEST_DEPTH = 128;
 /// Longer ones are refused, too: a value of three bytes takes up to 1100 in memory, and a string six times its length.
 /// The state file of a page has 91 brackets and commas, a configuration of a thousand lists 6000 and 150 KB.
 constexpr std::size_t MOST_MARKS = 10'000;
-constexpr std::size_t LARGEST_TEXT = 3 << 19;  // bytes: 1.5 MiB
 /// Of a document up to this size what the C library keeps is no more than it keeps of any other work.
 constexpr std::size_t ORDINARY_MARKS = 500;
 constexpr std::size_t ORDINARY_TEXT = 64 << 10;  // bytes

@@ -12,6 +12,9 @@ namespace IPCService {
 /// writer changed its blanks around the colon and its escapes over time, and peers compare bytes.
 namespace JsonText {
 
+/// Longer text is refused.
+constexpr std::size_t LARGEST_TEXT = 3 << 19;  // bytes: 1.5 MiB
+
 /// Parses one JSON object or array whose members need not keep their order.
 /// @throws Poco::Exception on anything else, or when it is nested more than 128 deep, has more than 10,000 brackets and
 ///         commas, or more than 1.5 MiB

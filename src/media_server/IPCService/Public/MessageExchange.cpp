@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "media_server/IPCService/Public/Interruption.h"
@@ -37,8 +38,9 @@ MessageExchange::~MessageExchange()
 
 void MessageExchange::send(const MSG_DATA& request)
 {
-    waitForTurn();
-    sendOnce(request, false);
+    m_bFailureLogged = false;
+    waitForTurn(destinationOf(request));
+    sendOnce(request);
 }
 
 QL_CMD_TYPE MessageExchange::receive(MSG_DATA& message)
@@ -52,8 +54,8 @@ QL_CMD_TYPE MessageExchange::receive(MSG_DATA& message)
             waitForReply(Clock::time_point::max());
         } else if (Clock::now() < m_nextAttempt) {
             waitForReply(m_nextAttempt);
-        } else if (waitForTurn()) {
-            sendOnce(message, true);
+        } else {
+            sendAgain(message);
         }
     }
     m_socket.takeReply(m_member, message);
@@ -66,9 +68,22 @@ QL_CMD_TYPE MessageExchange::exchange(MSG_DATA& message)
     return receive(message);
 }
 
-bool MessageExchange::waitForTurn()
+void MessageExchange::sendAgain(const MSG_DATA& request)
 {
-    m_socket.queue(m_member);
+    try {
+        if (waitForTurn(destinationOf(request))) {
+            sendOnce(request);
+        }
+    } catch (const std::bad_alloc&) {
+        // Memory that is short for a moment must not end what waits for a peer.
+        m_nextAttempt = Clock::now() + ATTEMPT_INTERVAL;
+        m_socket.passTurn(m_member);
+    }
+}
+
+bool MessageExchange::waitForTurn(const std::string& peerPath)
+{
+    m_socket.queue(m_member, peerPath);
     while (!m_socket.takeTurn(m_member)) {
         const RequestState state = m_socket.stateOf(m_member);
         if (state == RequestState::Answered) {
@@ -87,11 +102,12 @@ bool MessageExchange::waitForTurn()
     return true;
 }
 
-void MessageExchange::sendOnce(const MSG_DATA& request, bool isRepetition)
+void MessageExchange::sendOnce(const MSG_DATA& request)
 {
-    const bool hasLeft = m_socket.send(m_member, request, destinationOf(request), isRepetition);
+    const bool hasLeft = m_socket.send(m_member, request, !m_bFailureLogged);
     m_nextAttempt = Clock::now() + ATTEMPT_INTERVAL;
     if (!hasLeft) {
+        m_bFailureLogged = true;
         m_socket.passTurn(m_member);
     }
 }

@@ -43,13 +43,15 @@ private:
     using Clock = ExchangeSocket::Clock;
 
     /// @return false when the reply was there before the turn came
-    bool waitForTurn();
-    void sendOnce(const MSG_DATA& request, bool isRepetition);
+    bool waitForTurn(const std::string& peerPath);
+    void sendOnce(const MSG_DATA& request);
+    void sendAgain(const MSG_DATA& request);
     void waitForReply(Clock::time_point deadline);
 
     ExchangeSocket& m_socket;
     ExchangeMember m_member;
     Clock::time_point m_nextAttempt;  ///< when a request that did not leave is sent again
+    bool m_bFailureLogged = false;    ///< of the present request
 };
 
 }  // namespace IPCService

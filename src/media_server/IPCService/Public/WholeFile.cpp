@@ -59,7 +59,7 @@ WholeFileResult readText(std::FILE* file, std::size_t size, std::string& text)
 
 }  // namespace
 
-WholeFileResult readWholeFile(const std::string& path, std::string& text)
+WholeFileResult readWholeFile(const std::string& path, std::string& text, std::size_t longest)
 {
     const File file = openForReading(path);
     if (!file) {
@@ -72,7 +72,8 @@ WholeFileResult readWholeFile(const std::string& path, std::string& text)
     if (status.st_size < 0 || static_cast<std::uint64_t>(status.st_size) > std::numeric_limits<std::uint32_t>::max()) {
         return WholeFileResult::ReadFailed;
     }
-    return readText(file.get(), static_cast<std::size_t>(status.st_size), text);
+    const auto size = static_cast<std::size_t>(status.st_size);
+    return readText(file.get(), size > longest ? longest + 1 : size, text);
 }
 
 }  // namespace IPCService

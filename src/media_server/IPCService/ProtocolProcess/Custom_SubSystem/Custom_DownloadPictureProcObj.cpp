@@ -68,12 +68,13 @@ std::FILE* openPageFile(const std::string& path)
     return file;
 }
 
-/// Has the names in a folder on the disk, too. A file system that cannot do that has nothing to wait for.
+/// Has the names in a folder on the disk, too. Nothing is waited for where the file system cannot do that, or where the
+/// folder may be written and not read.
 bool syncFolder(const std::string& path)
 {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor < 0) {
-        return false;
+        return errno == EACCES;
     }
     const bool synced = ::fsync(descriptor) == 0 || errno == EINVAL;
     ::close(descriptor);
@@ -86,9 +87,7 @@ bool writePageFile(const DownloadPictureProcParam& page, const std::string& file
     const std::string fullPath = FACE_LIBRARY_DIRECTORY + fileName;
     LOG(Information, " startIndex %d ", static_cast<int>(page.startIndex));
     LOG(Information, " Fullfilename %s", fullPath.c_str());
-    if (::access(FACE_LIBRARY_DIRECTORY, F_OK) != 0 && ::mkdir(FACE_LIBRARY_DIRECTORY, 0777) == 0) {
-        syncFolder(FACE_LIBRARY_DIRECTORY + std::string(".."));
-    }
+    const bool isNewFolder = ::access(FACE_LIBRARY_DIRECTORY, F_OK) != 0 && ::mkdir(FACE_LIBRARY_DIRECTORY, 0777) == 0;
     std::FILE* file = openPageFile(fullPath);
     if (file == nullptr) {
         LOG(Information, " [Custom] download picture, open file %s error.", fullPath.c_str());
@@ -97,11 +96,20 @@ bool writePageFile(const DownloadPictureProcParam& page, const std::string& file
     const std::size_t length = ::strnlen(response.data(), response.size());
     const bool written = std::fwrite(response.data(), 1, length, file) == length;
     // A full disk may show only when the file is closed.
-    if (std::fclose(file) != 0 || !written || !syncFolder(FACE_LIBRARY_DIRECTORY)) {
+    const bool kept = std::fclose(file) == 0 && written && syncFolder(FACE_LIBRARY_DIRECTORY);
+    if (!kept || (isNewFolder && !syncFolder(FACE_LIBRARY_DIRECTORY + std::string("..")))) {
         LOG(Information, " [Custom] download picture, write file %s error.", fullPath.c_str());
         return false;
     }
     return true;
+}
+
+/// Fetches a page into its file. Its text is gone from memory when this returns: ITGT may take any time to answer.
+bool storePage(const DownloadPictureProcParam& page, CustomBaseObj& request, const std::string& uri,
+               const std::string& fileName)
+{
+    std::string response;
+    return fetchPage(page, request, uri, response) && writePageFile(page, fileName, response);
 }
 
 /// Tells ITGT of a page file and takes its import task id. A reply to something else keeps the page's id.
@@ -185,8 +193,7 @@ int SendSysObj(DownloadPictureProcParam& page, CustomBaseObj& request, const std
 {
     try {
         const std::string fileName = PAGE_FILE_PREFIX + std::to_string(page.startIndex);
-        std::string response;
-        if (!fetchPage(page, request, uri, response) || !writePageFile(page, fileName, response)) {
+        if (!storePage(page, request, uri, fileName)) {
             return -1;
         }
         notifyItgt(page, fileName);

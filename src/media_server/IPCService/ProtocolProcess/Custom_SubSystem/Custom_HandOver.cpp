@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_FaceLibrary.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
@@ -19,7 +20,8 @@ namespace MetaDataGW {
 namespace {
 
 constexpr uid_t ROOT = 0;
-constexpr std::size_t ACCOUNT_TEXT_SIZE = 4096;  // bytes; an entry of the accounts takes some hundred
+constexpr gid_t SAME_GROUP = static_cast<gid_t>(-1);
+constexpr std::size_t ACCOUNT_TEXT_SIZE = 16 << 10;  // bytes; an entry of the accounts takes some hundred
 
 struct CloseDirectory
 {
@@ -33,14 +35,31 @@ void handOver(int descriptor, const passwd& account)
     struct stat status = {};
     if (::fstat(descriptor, &status) == 0 && status.st_uid == ROOT &&
         (S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && status.st_nlink == 1))) {
-        [[maybe_unused]] const int result = ::fchown(descriptor, account.pw_uid, account.pw_gid);
+        [[maybe_unused]] const int result = ::fchown(descriptor, account.pw_uid, SAME_GROUP);
     }
+}
+
+/// The folder of page files; null when there is none, or a link in its place. With the slash at its end the path would
+/// lead through a link all the same.
+Directory openFolder()
+{
+    std::string path = FACE_LIBRARY_DIRECTORY;
+    path.pop_back();
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0) {
+        return nullptr;
+    }
+    Directory directory(::fdopendir(descriptor));
+    if (!directory) {
+        ::close(descriptor);
+    }
+    return directory;
 }
 
 /// Links are not followed, and nothing is waited for, whatever lies there under a page file's name.
 void handOverPageFiles(const passwd& account)
 {
-    const Directory directory(::opendir(FACE_LIBRARY_DIRECTORY));
+    const Directory directory = openFolder();
     if (!directory) {
         return;
     }

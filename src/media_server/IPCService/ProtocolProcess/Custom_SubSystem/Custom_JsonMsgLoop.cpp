@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -38,14 +39,21 @@ const std::string taskName = "taskName";
 const std::string taskInfo = "taskInfo";
 
 constexpr char JSON_SPACES[] = " \t\n\r";
-/// What a value of JSON text begins with.
-constexpr char JSON_BEGINS[] = "{[\"-0123456789tfn";
+/// What a value of JSON text begins with, but for numbers below zero and literals.
+constexpr char JSON_BEGINS[] = "{[\"0123456789";
+constexpr const char* JSON_LITERALS[] = {"true", "false", "null"};
 
 /// @param text  the beginning of a datagram, up to its first NUL
 bool canBeginJson(const char* text)
 {
-    const char first = text[std::strspn(text, JSON_SPACES)];
-    return first != '\0' && std::strchr(JSON_BEGINS, first) != nullptr;
+    const char* begin = text + std::strspn(text, JSON_SPACES);
+    if (*begin == '\0' || std::strchr(JSON_BEGINS, *begin) != nullptr) {
+        return *begin != '\0';
+    }
+    const bool isLiteral =
+        std::any_of(std::begin(JSON_LITERALS), std::end(JSON_LITERALS),
+                    [begin](const char* literal) { return std::strncmp(begin, literal, std::strlen(literal)) == 0; });
+    return isLiteral || (*begin == '-' && begin[1] >= '0' && begin[1] <= '9');
 }
 
 /// True when a datagram that should be a body is the next head instead: it has the size of a head, not the one that
@@ -169,7 +177,9 @@ int CustomJsonMsgLoop::receiveDatagram(void* buffer, std::size_t length, int fla
     Interruption::wait(descriptor, POLLIN, -1);
     while (senderOfNextDatagram(descriptor) == COMMAND_PATH) {
         // A reply to a client whose path leads back here. Taken for a command it would be answered, and so on for ever.
-        takeDatagram(buffer, 0, 0);
+        if (takeDatagram(buffer, 0, 0) < 0) {
+            return -1;
+        }
         Interruption::wait(descriptor, POLLIN, -1);
     }
     return takeDatagram(buffer, length, flags);

@@ -36,7 +36,7 @@ constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_Su
 /// Reads the state file. @return false when it cannot be read, which is logged
 bool readStateFile(const std::string& path, std::string& text)
 {
-    switch (readWholeFile(path, text)) {
+    switch (readWholeFile(path, text, JsonText::LARGEST_TEXT)) {
         case WholeFileResult::Read:
             return true;
         case WholeFileResult::OpenFailed:

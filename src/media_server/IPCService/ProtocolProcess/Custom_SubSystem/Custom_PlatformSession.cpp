@@ -44,8 +44,8 @@ std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poc
     request.write(head);
 
     PlatformSocket socket(host, port);
-    socket.send(head.str());
-    socket.send(body);
+    // In one piece: there are servers that read a request once.
+    socket.send(head.str() + body);
     return readResponse([&socket](char* buffer, std::size_t size) { return socket.receive(buffer, size); }, response);
 }
 

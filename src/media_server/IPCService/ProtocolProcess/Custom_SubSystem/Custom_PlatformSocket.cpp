@@ -1,5 +1,6 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
 
+#include <Poco/Ascii.h>
 #include <Poco/Exception.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/SSLException.h>
@@ -8,7 +9,9 @@
 #include <Poco/Net/SocketImpl.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <chrono>
+#include <string>
 
 #include "media_server/IPCService/Public/Interruption.h"
 
@@ -37,18 +40,40 @@ private:
 };
 
 /// Repeats a step of the library until it no longer asks to wait for the peer. @return the step's result
+/// @param pDeadline  for all waits together; null: each wait has its own
 template <typename Step>
-std::size_t complete(const SecureStreamSocket& socket, const Deadline& deadline, Step step)
+std::size_t complete(const SecureStreamSocket& socket, const Deadline* pDeadline, Step step)
 {
     for (;;) {
         const int result = step();
         if (result != SecureStreamSocket::ERR_SSL_WANT_READ && result != SecureStreamSocket::ERR_SSL_WANT_WRITE) {
             return static_cast<std::size_t>(result);
         }
-        if (!deadline.wait(socket, result == SecureStreamSocket::ERR_SSL_WANT_READ ? POLLIN : POLLOUT)) {
+        const short events = result == SecureStreamSocket::ERR_SSL_WANT_READ ? POLLIN : POLLOUT;
+        if (!(pDeadline != nullptr ? *pDeadline : Deadline()).wait(socket, events)) {
             throw Poco::TimeoutException();
         }
     }
+}
+
+/// The server name of the handshake: the host without the dot that a whole name may end with; none for an address, nor
+/// for what only a resolver takes for one.
+std::string serverNameOf(const std::string& host)
+{
+    Poco::Net::IPAddress address;
+    const bool hasLetter = std::any_of(host.begin(), host.end(), [](char byte) { return Poco::Ascii::isAlpha(byte); });
+    if (!hasLetter || Poco::Net::IPAddress::tryParse(host, address)) {
+        return "";
+    }
+    return host.back() == '.' ? host.substr(0, host.size() - 1) : host;
+}
+
+/// Whether a connection ended that was not announced to. OpenSSL 3 has an error for it, for which only later versions
+/// of the library have their exception.
+bool isEndWithoutNotice(const Poco::Net::SSLException& exc)
+{
+    return dynamic_cast<const Poco::Net::SSLConnectionUnexpectedlyClosedException*>(&exc) != nullptr ||
+           exc.message().find("unexpected eof while reading") != std::string::npos;
 }
 
 /// The library's own exceptions for failures of the system.
@@ -63,10 +88,7 @@ PlatformSocket::PlatformSocket(const std::string& host, Poco::UInt16 port)
     : m_socket(Poco::Net::SSLManager::instance().defaultClientContext())
 {
     const Poco::Net::SocketAddress address(host, port);
-    Poco::Net::IPAddress literal;
-    if (!Poco::Net::IPAddress::tryParse(host, literal)) {
-        m_socket.setPeerHostName(host);  // the server name of the handshake, which must not be an address
-    }
+    m_socket.setPeerHostName(serverNameOf(host));
     const Deadline deadline;
     m_socket.connectNB(address);
     if (!deadline.wait(m_socket, POLLOUT)) {
@@ -77,7 +99,7 @@ PlatformSocket::PlatformSocket(const std::string& host, Poco::UInt16 port)
     }
     // Without it the last piece of a request waits until the peer has acknowledged those before.
     m_socket.setNoDelay(true);
-    if (complete(m_socket, deadline, [this] { return m_socket.completeHandshake(); }) == 0) {
+    if (complete(m_socket, &deadline, [this] { return m_socket.completeHandshake(); }) == 0) {
         throw Poco::Net::SSLConnectionUnexpectedlyClosedException();
     }
 }
@@ -95,7 +117,7 @@ void PlatformSocket::send(const std::string& bytes)
 {
     const Deadline deadline;
     for (std::size_t sent = 0; sent < bytes.size();) {
-        sent += complete(m_socket, deadline, [&] {
+        sent += complete(m_socket, &deadline, [&] {
             return m_socket.sendBytes(bytes.data() + sent, static_cast<int>(bytes.size() - sent));
         });
     }
@@ -103,8 +125,14 @@ void PlatformSocket::send(const std::string& bytes)
 
 std::size_t PlatformSocket::receive(char* buffer, std::size_t size)
 {
-    const Deadline deadline;
-    return complete(m_socket, deadline, [&] { return m_socket.receiveBytes(buffer, static_cast<int>(size)); });
+    try {
+        return complete(m_socket, nullptr, [&] { return m_socket.receiveBytes(buffer, static_cast<int>(size)); });
+    } catch (const Poco::Net::SSLException& exc) {
+        if (isEndWithoutNotice(exc)) {
+            throw Poco::Net::SSLConnectionUnexpectedlyClosedException("no close_notify");
+        }
+        throw;
+    }
 }
 
 }  // namespace MetaDataGW

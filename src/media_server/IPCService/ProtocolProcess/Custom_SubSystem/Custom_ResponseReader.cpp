@@ -42,7 +42,7 @@ std::optional<std::uint64_t> announcedLength(const HTTPResponse& response)
     std::optional<std::uint64_t> length;
     for (const auto& [name, value] : response) {
         if (Poco::icompare(name, HTTPResponse::CONTENT_LENGTH) == 0) {
-            const auto number = parseNumber(value, 10);
+            const auto number = parseNumber(Poco::trim(value), 10);
             if (!number || number != length.value_or(*number)) {
                 throw MessageException("invalid Content-Length");
             }
@@ -50,6 +50,30 @@ std::optional<std::uint64_t> announcedLength(const HTTPResponse& response)
         }
     }
     return length;
+}
+
+/// Whether a body comes in chunks. With any other coding it would be no page, and its end could not be known.
+bool isChunked(const HTTPResponse& response)
+{
+    int codings = 0;
+    for (const auto& [name, value] : response) {
+        if (Poco::icompare(name, HTTPResponse::TRANSFER_ENCODING) == 0) {
+            ++codings;
+            if (codings > 1 || Poco::icompare(Poco::trim(value), HTTPResponse::CHUNKED_TRANSFER_ENCODING) != 0) {
+                throw MessageException("unknown Transfer-Encoding");
+            }
+        }
+    }
+    return codings > 0;
+}
+
+/// Whether a line behind the first of a head is a field or goes on with one. The library passes over any other, or
+/// takes spaces before the colon for a part of the name, and with it a length for none.
+bool isFieldLine(const std::string& line)
+{
+    const std::size_t colon = line.find(':');
+    return line[0] == ' ' || line[0] == '\t' ||
+           (colon != std::string::npos && colon > 0 && line[colon - 1] != ' ' && line[colon - 1] != '\t');
 }
 
 /// Reads from a source: lines, and what is body.
@@ -66,23 +90,27 @@ public:
         }
         std::string head;
         for (std::string line = nextLine(); head.empty() || !line.empty(); line = nextLine()) {
+            if (!head.empty() && !isFieldLine(line)) {
+                throw MessageException("invalid header field");
+            }
             head += line.empty() ? line : line + "\r\n";
         }
         std::istringstream stream(head + "\r\n");
         response.clear();
         response.read(stream);
         // A bare CR ends a head for the library: what stands behind it would not have been seen.
-        if (stream.peek() != std::char_traits<char>::eof() || response.getStatus() < HTTPResponse::HTTP_CONTINUE) {
+        if (stream.peek() != std::char_traits<char>::eof() || response.getStatus() < HTTPResponse::HTTP_CONTINUE ||
+            response.getVersion().compare(0, 5, "HTTP/") != 0) {
             throw MessageException("invalid response head");
         }
     }
 
     std::string readBody(const HTTPResponse& response)
     {
-        const bool isChunked = response.getChunkedTransferEncoding();
-        const auto length = isChunked ? std::nullopt : announcedLength(response);
+        const bool hasChunks = isChunked(response);
+        const auto length = hasChunks ? std::nullopt : announcedLength(response);
         reserve(length.value_or(LARGEST_BODY));
-        if (isChunked) {
+        if (hasChunks) {
             takeChunks();
         } else if (length) {
             take(*length);

@@ -96,7 +96,7 @@ int CustomJsonMsgLoop::WhiteListClearHandler(Object::Ptr& info, std::uint32_t& t
     }
     LOG_AT(Information, 306, " [Custom] download picture file %s.", configPath.c_str());
     std::string text;
-    const WholeFileResult result = readWholeFile(configPath, text);
+    const WholeFileResult result = readWholeFile(configPath, text, JsonText::LARGEST_TEXT);
     if (result != WholeFileResult::Read) {
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
         logReadFailure(result, configPath);

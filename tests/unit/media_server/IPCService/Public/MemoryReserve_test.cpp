@@ -79,7 +79,7 @@ TEST(MemoryReserveTest, IsForItsOwnThread)
 
 TEST(MemoryReserveTest, ThrowsWhenItCannotBeHad)
 {
-    EXPECT_THROW(MemoryReserve(static_cast<std::size_t>(-1) / 2), std::bad_alloc);
+    EXPECT_THROW(MemoryReserve(static_cast<std::size_t>(-1) - (64 << 10)), std::bad_alloc);
     EXPECT_FALSE(triesAgain());
 }
 

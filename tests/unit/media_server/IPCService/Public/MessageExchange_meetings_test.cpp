@@ -181,6 +181,41 @@ TEST(ExchangesMeet, WhatIsLeftOverOfOneIsNoReplyToTheOther)
     EXPECT_THAT(clear.replies(), ElementsAre(reply(7019, 'f')));
 }
 
+TEST(ExchangesMeet, PathThatWasTakenAwayIsMadeAnewByTheNextExchange)
+{
+    UnixSocket itgt(ITGT_PATH);
+    UnixSocket faces(FACES_PATH);
+    Exchanging silent({7021});
+    ASSERT_TRUE(itgt.receive().has_value());
+    const UnixSocket thief(OWN_PATH);
+    Exchanging clear({7019}, FACES_PATH);
+    EXPECT_EQ(commandOf(faces.receive()), 7019U);
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(clear.replies(), ElementsAre(reply(7019, 'f')));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
+}
+
+TEST(ExchangesMeet, WhatIsLeftOverIsNobodysWhileItsExchangeStandsInLine)
+{
+    Line line;
+    UnixSocket itgt(ITGT_PATH);
+    UnixSocket faces(FACES_PATH);
+    Exchanging clear({7018, 7018}, FACES_PATH);
+    EXPECT_EQ(commandOf(faces.receive()), 7018U);
+    Exchanging download({7031});
+    ASSERT_TRUE(line.hasSeen(1));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'd'))) << "a second copy of an answer";
+    EXPECT_FALSE(clear.hasEnded(milliseconds(200)));
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7018, 'f')));
+    EXPECT_EQ(commandOf(itgt.receive()), 7031U);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
+    EXPECT_THAT(download.replies(), ElementsAre(reply(7031, 't')));
+    EXPECT_EQ(commandOf(faces.receive()), 7018U);
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7018, 'g')));
+    EXPECT_THAT(clear.replies(), ElementsAre(reply(7018, 'f'), reply(7018, 'g')));
+}
+
 TEST(ExchangesMeet, InterruptWakesWhoStandsInLineAndTheNextGoes)
 {
     Line line;

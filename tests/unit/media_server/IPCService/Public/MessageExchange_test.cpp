@@ -146,6 +146,20 @@ TEST(MessageExchange, WhatArrivesBeforeTheRequestLeavesIsItsReply)
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 'e')));
 }
 
+TEST(MessageExchange, WhatIsTooShortForACommandIsNoReplyToWhatHasNotLeft)
+{
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{167}}) {
+        ASSERT_TRUE(UnixSocket().send(OWN_PATH, std::string(length, 'x')));
+    }
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(200)));
+    UnixSocket itgt(ITGT_PATH);
+    EXPECT_EQ(itgt.receive(), requestBytes(7031));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
+}
+
 TEST(MessageExchange, RequestThatComesBackIsNoReplyAndIsSentAgain)
 {
     ASSERT_EQ(::symlink("CP", ITGT_PATH), 0);

@@ -62,6 +62,17 @@ TEST_F(WholeFile, LongTextIsReadWhole)
     }
 }
 
+TEST_F(WholeFile, OfALongerFileThanWantedOneByteMoreIsRead)
+{
+    const std::string path = folder.write("f", "0123456789");
+    EXPECT_EQ(readWholeFile(path, text, 9), WholeFileResult::Read);
+    EXPECT_EQ(text, "0123456789");
+    EXPECT_EQ(readWholeFile(path, text, 8), WholeFileResult::Read);
+    EXPECT_EQ(text, "012345678");
+    EXPECT_EQ(readWholeFile(path, text, 10), WholeFileResult::Read);
+    EXPECT_EQ(text, "0123456789");
+}
+
 TEST_F(WholeFile, MissingFileCannotBeOpened)
 {
     EXPECT_EQ(read(folder.file("missing")), WholeFileResult::OpenFailed);

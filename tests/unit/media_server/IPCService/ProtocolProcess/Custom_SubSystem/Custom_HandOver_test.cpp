@@ -85,6 +85,25 @@ TEST_F(HandOverTest, GivesNothingElseAway)
     EXPECT_EQ(ownerOf(FOLDER / "white120"), ::geteuid());
 }
 
+TEST_F(HandOverTest, FolderBehindALinkIsNotGivenAway)
+{
+    fs::rename(FOLDER, "/tmp/other folder");
+    fs::create_directory_symlink("/tmp/other folder", FOLDER);
+    handOverTo(ACCOUNT);
+    EXPECT_EQ(ownerOf("/tmp/other folder"), ::geteuid());
+    EXPECT_EQ(ownerOf("/tmp/other folder/white0"), ::geteuid());
+}
+
+TEST_F(HandOverTest, LeavesTheGroupAsItIs)
+{
+    struct stat before = {};
+    ASSERT_EQ(::stat(FOLDER.c_str(), &before), 0);
+    handOverTo(ACCOUNT);
+    struct stat after = {};
+    ASSERT_EQ(::stat(FOLDER.c_str(), &after), 0);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+}
+
 TEST_F(HandOverTest, WithoutTheAccountNothingChanges)
 {
     const UnixSocket commands("/tmp/HK");

@@ -227,7 +227,7 @@ TEST_P(LostBodyTest, StrayByteCostsNoLaterCommand)
 
 INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, LostBodyTest,
                          testing::Values(std::string(16, '\0'), "/tmp/HK", "/run/HK", std::string(16, '\xFF'),
-                                         "@hidden", " \n", "HK", "}"));
+                                         "@hidden", " \n", "HK", "}", "tmp/HK", "truth", "nul", "f", "-", "-x"));
 
 /** Bodies of the size of a head that begin JSON text. Another size was announced. */
 class TextOfTheSizeOfAHeadTest : public ReceiveCommandTest, public testing::WithParamInterface<std::string>

@@ -144,6 +144,6 @@ TEST_P(HangUpTest, WithoutNoticeAndWithoutTheLastChunkIsAFailure)
     expectFailure(post(server.port()), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, HangUpTest, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(ResponseBodyTest, HangUpTest, testing::ValuesIn(endsWithoutNotice()));
 
 }  // namespace

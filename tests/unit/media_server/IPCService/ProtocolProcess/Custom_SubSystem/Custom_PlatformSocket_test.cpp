@@ -5,11 +5,14 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "ready_service.h"
+#include "slow_relay.h"
 #include "support/system_calls.h"
 #include "support/waiting.h"
 #include "tls_server.h"
@@ -70,7 +73,42 @@ TEST_P(UnannouncedEndTest, BeforeTheFirstByteIsOneToo)
     EXPECT_EQ(receiveAll(server), "!");
 }
 
-INSTANTIATE_TEST_SUITE_P(PlatformSocketTest, UnannouncedEndTest, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(PlatformSocketTest, UnannouncedEndTest, testing::ValuesIn(endsWithoutNotice()));
+
+TEST_F(PlatformSocketTest, UnannouncedEndHasOneTextWithEveryVersion)
+{
+    const TlsServer server([](TlsConnection& connection, const std::string&) { connection.hangUp(); });
+    PlatformSocket socket("127.0.0.1", server.port());
+    socket.send("hello\r\n\r\n");
+    char buffer[5];
+    try {
+        socket.receive(buffer, sizeof(buffer));
+        FAIL() << "received";
+    } catch (const Poco::Exception& exc) {
+        EXPECT_EQ(exc.displayText(), "SSL connection unexpectedly closed: no close_notify");
+    }
+}
+
+TEST_F(PlatformSocketTest, RecordThatComesInPiecesMayTakeLongerThanOneWait)
+{
+    std::atomic<bool> slow{false};
+    const TlsServer server([&slow](TlsConnection& connection, const std::string&) {
+        slow = true;
+        connection.send(std::string(9000, 'r'));
+    });
+    const SlowRelay relay(server.port(), slow);
+    PlatformSocket socket("127.0.0.1", relay.port());
+    socket.send("hello\r\n\r\n");
+    const Stopwatch stopwatch;
+    std::size_t received = 0;
+    std::array<char, 1000> buffer{};
+    while (received < 9000) {
+        const std::size_t count = socket.receive(buffer.data(), buffer.size());
+        ASSERT_GT(count, 0U);
+        received += count;
+    }
+    EXPECT_GE(stopwatch.elapsed(), std::chrono::milliseconds(5500)) << "it came too quickly to show anything";
+}
 
 TEST_F(PlatformSocketTest, NoServerNameIsSentForAnAddress)
 {
@@ -81,6 +119,9 @@ TEST_F(PlatformSocketTest, NoServerNameIsSentForAnAddress)
     PlatformSocket("localhost", server.port()).send("\r\n\r\n");
     EXPECT_TRUE(eventually([&] { return server.requests().size() == 2; }));
     EXPECT_EQ(server.lastServerName(), "localhost");
+    PlatformSocket("127.1", server.port()).send("\r\n\r\n");
+    EXPECT_TRUE(eventually([&] { return server.requests().size() == 3; }));
+    EXPECT_EQ(server.lastServerName(), "") << "an address in the resolver's eyes";
 }
 
 TEST_F(PlatformSocketTest, SaysWithWhomAConnectFailed)

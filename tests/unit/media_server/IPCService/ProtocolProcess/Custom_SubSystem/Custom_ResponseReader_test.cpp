@@ -269,4 +269,55 @@ TEST(ResponseReader, EndlessBodyEndsAfter128Megabytes)
     }
 }
 
+class OtherCodingTest : public testing::TestWithParam<const char*>
+{
+};
+
+TEST_P(OtherCodingTest, IsNoPage)
+{
+    const std::string head = std::string("HTTP/1.1 200 OK\r\n") + GetParam() + "\r\n\r\n";
+    EXPECT_EQ(bodyOf(Connection(head + "4\r\nbody\r\n0\r\n\r\n")), std::nullopt);
+    EXPECT_EQ(bodyOf(Connection(head + "14\r\nthe first hal")), std::nullopt);
+}
+
+INSTANTIATE_TEST_SUITE_P(ResponseReader, OtherCodingTest,
+                         testing::Values("Transfer-Encoding: gzip, chunked", "Transfer-Encoding: chunked, chunked",
+                                         "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked",
+                                         "Transfer-Encoding: gzip", "Transfer-Encoding: chunked;q=1",
+                                         "Transfer-Encoding: gzip, chunked\r\nContent-Length: 6",
+                                         "Transfer-Encoding: \"chunked\"", "Transfer-Encoding : chunked"));
+
+TEST(ResponseReader, ChunkedIsReadInAnyCaseAndFolded)
+{
+    for (const std::string field : {"transfer-encoding: Chunked", "Transfer-Encoding:\r\n chunked"}) {
+        EXPECT_EQ(bodyOf(Connection("HTTP/1.1 200 OK\r\n" + field + "\r\n\r\n4\r\nbody\r\n0\r\n\r\n")), "body")
+            << field;
+    }
+}
+
+class OddFieldTest : public testing::TestWithParam<const char*>
+{
+};
+
+TEST_P(OddFieldTest, IsNoResponse)
+{
+    EXPECT_EQ(bodyOf(Connection(std::string("HTTP/1.1 200 OK\r\n") + GetParam() + "\r\n\r\nthe first half")),
+              std::nullopt);
+}
+
+INSTANTIATE_TEST_SUITE_P(ResponseReader, OddFieldTest,
+                         testing::Values("Content-Length : 50", "Content-Length\t: 50", "Content-Length 50", ": 50"));
+
+TEST(ResponseReader, FoldedLengthIsALength)
+{
+    EXPECT_EQ(bodyOf(Connection("HTTP/1.1 200 OK\r\nContent-Length:\r\n 4\r\n\r\nbody and more")), "body");
+}
+
+TEST(ResponseReader, OtherProtocolIsNoAnswer)
+{
+    for (const std::string line : {"FTP 200", "ICY 200 OK", "HTTPS/1.1 200 OK"}) {
+        EXPECT_EQ(bodyOf(Connection(line + "\r\nContent-Length: 2\r\n\r\nhi")), std::nullopt) << line;
+    }
+}
+
 }  // namespace

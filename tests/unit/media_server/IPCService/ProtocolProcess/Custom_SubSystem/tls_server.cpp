@@ -1,5 +1,6 @@
 #include "tls_server.h"
 
+#include <Poco/Version.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <openssl/ec.h>
@@ -361,4 +362,9 @@ std::uint16_t unusedPort()
     std::uint16_t port = 0;
     close(boundSocket(port));
     return port;
+}
+
+std::vector<bool> endsWithoutNotice()
+{
+    return POCO_VERSION >= 0x010D0000 ? std::vector<bool>{false} : std::vector<bool>{false, true};
 }
