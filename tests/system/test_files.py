@@ -117,7 +117,7 @@ def test_name_of_a_page_file_is_on_the_disk_before_itgt_is_told(start_camera: St
     camera.itgt.on_message = look
     download(camera, 31)
     parent = FOLDER.rpartition("/")[0]
-    assert synced == [[parent, FOLDER], [parent, FOLDER, FOLDER]]
+    assert synced == [[FOLDER, parent], [FOLDER, parent, FOLDER]]
 
 
 @pytest.mark.parametrize("cause, told", [(errno.EIO, False), (errno.ENOSPC, False), (errno.EINVAL, True)],

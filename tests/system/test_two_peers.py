@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import threading
 from collections.abc import Callable, Iterator
 from typing import Any
 
@@ -66,7 +67,11 @@ def disturb_message_peer(camera: Camera, peer: Any, state: str) -> Callable[[], 
     def keep(message: wire.Message, _default: Callable[[], Any]) -> None:
         unanswered.append(message)
 
+    restarts: list[threading.Thread] = []
+
     def back() -> None:
+        for thread in restarts:
+            thread.join()
         peer.on_message = None
         peer.delay = 0.0
         peer.start()
@@ -75,14 +80,24 @@ def disturb_message_peer(camera: Camera, peer: Any, state: str) -> Callable[[], 
             if reply is not None:
                 peer.send(reply)
 
+    def restart() -> None:
+        """Between two requests of a download; the face library before a clear."""
+        if peer is camera.itgt:
+            camera.wait_for_log("Not Ready, try ")
+        peer.stop()
+        peer.start()
+
     if state == "slow":
         peer.delay = SLOW
     elif state == "silent":
         peer.on_message = keep
-    else:
+    elif state == "away":
         peer.stop()
-        if state == "restarts":
-            peer.start()
+    elif peer is camera.itgt:
+        restarts.append(threading.Thread(target=restart))
+        restarts[0].start()
+    else:
+        restart()
     return back
 
 
@@ -122,10 +137,10 @@ def disturb_client(camera: Camera, state: str) -> Callable[[], None]:
 
 def disturb_events(camera: Camera, state: str) -> Callable[[], None]:
     camera.wait_until(lambda: camera.events.subscriptions)
-    if state == "slow":
-        camera.events.on_notify = lambda packet: []
+    if state in ("slow", "silent"):
+        camera.events.on_notify = lambda packet: [packet] if state == "slow" else []
         camera.events.publish({"id": 0})
-    elif state in ("away", "restarts"):
+    else:
         camera.events.stop()
         if state == "restarts":
             camera.events.start()
