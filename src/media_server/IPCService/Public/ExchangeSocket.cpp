@@ -32,13 +32,8 @@ ExchangeSocket& ExchangeSocket::ofProcess()
 void ExchangeSocket::join(ExchangeMember& member)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_pTransmitter.isNull() && !isBound()) {
-        while (Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0) && deliverOne()) {
-            // what came in on the old path
-        }
-        m_pTransmitter = nullptr;
-    }
-    if (m_pTransmitter.isNull()) {
+    m_members.reserve(m_members.size() + 1);
+    if (m_pTransmitter.isNull() || !isBound()) {
         bind();
     }
     m_members.push_back(&member);
@@ -46,8 +41,13 @@ void ExchangeSocket::join(ExchangeMember& member)
 
 void ExchangeSocket::bind()
 {
-    m_pTransmitter = new IPCUnixTransmitter(EXCHANGE_PATH);
-    m_pProtocol = new IPCServiceOldProtocol(m_pTransmitter.get());
+    Poco::SharedPtr<IPCUnixTransmitter> pTransmitter(new IPCUnixTransmitter(EXCHANGE_PATH));
+    Poco::SharedPtr<IPCServiceOldProtocol> pProtocol(new IPCServiceOldProtocol(pTransmitter.get()));
+    while (!m_pTransmitter.isNull() && Interruption::wait(m_pTransmitter->descriptor(), POLLIN, 0) && deliverOne()) {
+        // what came in while the path still led to the old socket
+    }
+    m_pProtocol = pProtocol;
+    m_pTransmitter = pTransmitter;
     ::stat(EXCHANGE_PATH, &m_file);
     for (const ExchangeMember* pMember : m_members) {
         pMember->wakeUp.signal();  // it has another descriptor to wait for

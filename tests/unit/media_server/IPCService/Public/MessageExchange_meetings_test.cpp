@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -192,6 +194,21 @@ TEST(ExchangesMeet, PathThatWasTakenAwayIsMadeAnewByTheNextExchange)
     EXPECT_EQ(commandOf(faces.receive()), 7019U);
     ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
     EXPECT_THAT(clear.replies(), ElementsAre(reply(7019, 'f')));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
+}
+
+TEST(ExchangesMeet, PathThatCannotBeMadeAnewFailsTheNextExchangeOnly)
+{
+    UnixSocket itgt(ITGT_PATH);
+    Exchanging silent({7021});
+    ASSERT_TRUE(itgt.receive().has_value());
+    ASSERT_EQ(::unlink(OWN_PATH), 0);
+    ASSERT_EQ(::mkdir(OWN_PATH, 0700), 0);
+    EXPECT_ANY_THROW(IPCService::MessageExchange());
+    EXPECT_FALSE(silent.hasEnded(milliseconds(100)));
+    ASSERT_EQ(::rmdir(OWN_PATH), 0);
+    const IPCService::MessageExchange next;
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
     EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
 }
