@@ -63,14 +63,14 @@ private:
         const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_in address = loopback(serverPort);
         EXPECT_EQ(::connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        while (!m_ends && carry(client, server, 1) && carry(server, client, m_slow ? PIECES : 1)) {
+        while (!m_ends && carry(client, server, false) && carry(server, client, true)) {
         }
         ::close(client);
         ::close(server);
     }
 
     /** @return false when the sender has left */
-    bool carry(int from, int to, std::size_t pieces) const
+    bool carry(int from, int to, bool mayBeSlow) const
     {
         pollfd waited{from, POLLIN, 0};
         if (::poll(&waited, 1, 10) != 1) {
@@ -81,6 +81,7 @@ private:
         if (size <= 0) {
             return false;
         }
+        const std::size_t pieces = mayBeSlow && m_slow ? PIECES : 1;
         const std::size_t piece = static_cast<std::size_t>(size) / pieces + 1;
         for (std::size_t sent = 0; sent < static_cast<std::size_t>(size) && !m_ends; sent += piece) {
             if (sent > 0) {
