@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
 #include <utility>
 
 #include "media_server/IPCService/Public/MemoryReserve.h"
@@ -28,7 +29,8 @@ constexpr std::size_t GREATEST_DEPTH = 128;
 constexpr std::size_t MOST_MARKS = 10'000;
 /// Of a document up to this size what the C library keeps is no more than it keeps of any other work.
 constexpr std::size_t ORDINARY_MARKS = 500;
-constexpr std::size_t ORDINARY_TEXT = 64 << 10;  // bytes
+constexpr std::size_t ORDINARY_TEXT = 64 << 10;      // bytes
+constexpr std::size_t END_OF_HEAP_BLOCK = 96 << 10;  // bytes; less than what comes from the system by itself
 
 /// The quote that ends a string, or the end of the text when none does.
 const char* endOfString(const char* position, const char* end)
@@ -254,6 +256,10 @@ MemoryReturn::~MemoryReturn()
 {
     if (wasLarge) {
         ::malloc_trim(0);
+        // What lies free at the end of a thread's own heap goes back only when a block of at least 64 KB is freed
+        // there.
+        void* volatile block = std::malloc(END_OF_HEAP_BLOCK);
+        std::free(block);
         wasLarge = false;
     }
 }
