@@ -132,6 +132,16 @@ def test_page_whose_name_does_not_get_on_the_disk_is_not_handed_on(start_camera:
     assert (f" [Custom] download picture, write file {PAGE} error." in texts(camera)) != told
 
 
+def test_new_folder_whose_name_does_not_get_on_the_disk_fails_the_page(start_camera: StartCamera,
+                                                                       tmp_path: Path) -> None:
+    of_parent_only = SYNC.replace("if (cause == NULL)", 'if (cause == NULL || strstr(path, "/faceLib") != NULL)')
+    camera = with_library(start_camera, tmp_path, "#include <string.h>\n" + of_parent_only)
+    camera.path("/tmp/cause").write_text(str(errno.EIO))
+    download(camera, 1)
+    assert camera.itgt.requests(7020) == []
+    expect_log(camera, "INFO", DOWNLOAD, f" [Custom] download picture, write file {PAGE} error.")
+
+
 # The first reading or writing of a file whose path begins so hangs, as on a disk that does not answer.
 HANGING_STREAM = r"""
 #include <dlfcn.h>

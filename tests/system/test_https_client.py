@@ -96,6 +96,14 @@ def test_server_name_is_sent_for_names_only(camera: Camera, host: str, name: str
     assert {request.header("Host") for request in camera.platform.requests} == {f"{host}:{camera.platform.port}"}
 
 
+def test_dot_behind_a_whole_name_is_no_part_of_the_server_name(start_camera: Callable[..., Camera]) -> None:
+    camera = start_camera(start=False)
+    (camera.sandbox.folder / "etc/hosts").write_text("127.0.0.1 localhost platform.test.\n")
+    camera.start_service()
+    download(camera, 1, taskURL=f"https://platform.test.:{camera.platform.port}/platform/whiteList")
+    assert [connection.server_name for connection in camera.platform.connections] == ["platform.test"] * 2
+
+
 # Notes for each write to a TCP connection whether the connection sends small pieces at once.
 NO_DELAY = r"""
 #include <dlfcn.h>

@@ -99,7 +99,7 @@ private:
     std::mutex m_mutex;
     TurnQueue m_turns;
     std::vector<ExchangeMember*> m_members;  ///< in the order in which they asked last
-    std::vector<std::string> m_askedPeers;   ///< whom any member has asked since the path was bound
+    std::vector<std::string> m_askedPeers;   ///< whom any member has asked since the first joined
     struct stat m_file = {};                 ///< of the path when it was bound
     Poco::SharedPtr<IPCUnixTransmitter> m_pTransmitter;
     Poco::SharedPtr<IPCServiceOldProtocol> m_pProtocol;

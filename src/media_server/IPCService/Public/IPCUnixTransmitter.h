@@ -23,7 +23,6 @@ class SocketPath
 {
 public:
     bool operator==(const std::string& path) const { return path == m_text; }
-    bool empty() const { return m_text[0] == '\0'; }
 
 private:
     friend SocketPath senderOfNextDatagram(int descriptor);

@@ -57,13 +57,13 @@ TEST_F(TransmitterDescriptor, SendAgainSendsAndLogsNoFailure)
 TEST_F(TransmitterDescriptor, SenderOfTheNextDatagramIsToldAndTheDatagramStays)
 {
     IPCUnixTransmitter transmitter(folder.file("own"));
-    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()).empty());
+    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == "");
     ASSERT_TRUE(UnixSocket(folder.file("peer")).send(folder.file("own"), "one"));
     ASSERT_TRUE(UnixSocket().send(folder.file("own"), "two"));
     EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == folder.file("peer"));
     char buffer[10] = {};
     EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 3);
-    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()).empty());
+    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == "");
     EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 3);
 }
 

@@ -166,6 +166,7 @@ TEST(MessageExchange, RequestThatComesBackIsNoReplyAndIsSentAgain)
     Exchanging exchanging({7021});
     EXPECT_FALSE(exchanging.hasEnded(milliseconds(500)));
     ASSERT_EQ(::unlink(ITGT_PATH), 0);
+    EXPECT_TRUE(eventually([] { return sendFailures() == 1; })) << "its first failure, though not its first attempt";
     UnixSocket itgt(ITGT_PATH);
     EXPECT_EQ(itgt.receive(), requestBytes(7021));
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'r')));
