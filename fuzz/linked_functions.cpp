@@ -1,6 +1,5 @@
 /// What the linker puts in the place of functions that the service calls: __wrap_NAME is called instead of NAME, and
 /// __real_NAME is NAME (option --wrap, see CMakeLists.txt). And the camera's platform, which only this program has.
-#include <Poco/Task.h>
 #include <dlfcn.h>
 #include <netdb.h>
 #include <poll.h>
@@ -53,13 +52,6 @@ int __wrap_munmap(void* address, size_t length)
 {
     PlayedEventCache& cache = PlayedEventCache::instance();
     return cache.ownsMemory(address) ? cache.unmap(address, length) : __real_munmap(address, length);
-}
-
-/// Public_SubProcess::startTask: the tasks run when the surroundings say so.
-void __wrap__ZN10IPCService15ProtocalProcess17Public_SubProcess9startTaskEPN4Poco4TaskE(void* /*self*/,
-                                                                                        Poco::Task* pTask)
-{
-    Surroundings::instance().start(pTask);
 }
 
 /// Looks nothing up: a name has the loopback address. Comes before the C library's for shared libraries, too.

@@ -63,11 +63,18 @@ public:
 
     // For the linked functions.
     int wait(pollfd* waited, nfds_t count, int milliseconds);
-    void start(Poco::Task* pTask);
 
 private:
+    /// The application; its tasks run when the surroundings say so.
+    class Application : public IPCService::ProtocalProcess::Public_SubProcess
+    {
+    public:
+        void startTask(Poco::Task* pTask) override { Surroundings::instance().start(pTask); }
+    };
+
     Surroundings();
     void startService();
+    void start(Poco::Task* pTask);
     void servePeers();
     bool isReady(pollfd& waited) const;
 
@@ -78,7 +85,7 @@ private:
     std::vector<Poco::AutoPtr<Poco::Task>> m_tasks;
     bool m_isInterrupted = false;
     IPCService::MetaDataGW::CustomSubSystem m_subSystem;
-    IPCService::ProtocalProcess::Public_SubProcess m_app;
+    Application m_app;
     Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonMsgLoop> m_pLoop;
 };
 

@@ -43,6 +43,8 @@ public:
     /// Ends the bound thread's present wait and all later ones. There is no way back.
     void interrupt() const noexcept { m_wakeUp.signal(); }
 
+    /// Whoever logs failures calls it first: an interrupted thread fails in many ways on its way out, and none of them
+    /// is worth a line.
     /// @throws Interrupted when the calling thread is interrupted
     static void check();
 

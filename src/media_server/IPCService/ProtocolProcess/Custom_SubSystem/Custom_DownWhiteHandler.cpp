@@ -1,16 +1,14 @@
 #include <Poco/Dynamic/Var.h>
 #include <Poco/Exception.h>
-#include <Poco/NumberFormatter.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_RequestTarget.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
-#include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 #include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
@@ -22,9 +20,6 @@ namespace {
 using Poco::JSON::Object;
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
-
-/// What would mean something else in a request's path when it is not escaped.
-constexpr char MEANINGFUL_IN_PATH[] = "%?#";
 
 /// A member that must be a JSON string.
 /// @throws Poco::Exception when it is absent or something else
@@ -39,20 +34,6 @@ std::uint32_t numberArgument(const Object& info, const char* key)
     const Poco::Dynamic::Var value = info.get(key);
     // An absent value is reported as for strings.
     return value.isEmpty() ? value.extract<Poco::UInt32>() : value.convert<Poco::UInt32>();
-}
-
-/// A URL's path without its escapes, but for those that keep its meaning.
-std::string pathOf(const Poco::URI& url)
-{
-    std::string path;
-    for (const char character : url.getPath()) {
-        if (character != '\0' && std::strchr(MEANINGFUL_IN_PATH, character) != nullptr) {
-            path += '%' + Poco::NumberFormatter::formatHex(static_cast<unsigned char>(character), 2);
-        } else {
-            path += character;
-        }
-    }
-    return path;
 }
 
 /// @throws Poco::URISyntaxException when the URL names no server, or one that would break the request's Host header
@@ -113,7 +94,7 @@ bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
             static_cast<int>(m_downloadTaskParam.ServerPort), m_downloadTaskParam.ServerUri.c_str(),
             m_downloadTaskParam.ResultUri.c_str());
         // The task is busy from its making on: the next command may come before its thread runs.
-        m_pApp->startTask(new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
+        m_pTaskStarter->startTask(new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
     } catch (const std::exception& exc) {
         LOG(Error, "DownWhiteHandler Err %s ", exceptionText(exc).c_str());
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);

@@ -1,7 +1,5 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.h"
 
-#include <Poco/Net/HTTPMessage.h>
-#include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 
 #include <exception>
@@ -21,7 +19,6 @@ constexpr char RULE[] = "------------------------------";
 
 int logFailure(const std::string& text)
 {
-    // An interrupted thread fails in many ways on its way out; none of them is worth a line.
     Interruption::check();
     LOG(Error, "SendMsgAndRecvResponse err:%s", text.c_str());
     return Poco::Net::HTTPResponse::HTTP_BAD_REQUEST;
@@ -42,13 +39,10 @@ int Custom_HttpParam::SendMsgAndRecvResponse(std::string& response)
 {
     logParam();
     try {
-        Poco::Net::HTTPRequest request(m_method, m_uri, Poco::Net::HTTPMessage::HTTP_1_1);
         // The platform expects the header although the connection is not used again.
-        request.setKeepAlive(true);
-        request.setContentType(m_contentType);
-        request.setContentLength(static_cast<std::streamsize>(m_body.size()));
+        const PlatformRequest request{m_server.ServerIp, m_server.ServerPort, m_method, m_uri, m_contentType, true};
         Poco::Net::HTTPResponse httpResponse;
-        response = exchangeWithPlatform(m_server.ServerIp, m_server.ServerPort, request, m_body, httpResponse);
+        response = exchangeWithPlatform(request, m_body, httpResponse);
         LOG(Information, "Http Status $%d", static_cast<int>(httpResponse.getStatus()));
         return httpResponse.getStatus();
     } catch (const std::exception& exc) {

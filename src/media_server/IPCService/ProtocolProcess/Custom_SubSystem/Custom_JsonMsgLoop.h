@@ -13,11 +13,9 @@
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadTaskParam.h"
 #include "media_server/IPCService/Public/Interruption.h"
+#include "media_server/IPCService/Public/TaskStarter.h"
 
 namespace IPCService {
-namespace ProtocalProcess {
-class Public_SubProcess;
-}
 namespace MetaDataGW {
 
 class CustomSubSystem;
@@ -49,6 +47,10 @@ public:
     /// Binds the command socket. To be called before the loop starts.
     /// @throws Poco::IOException when the path cannot be bound
     void bind();
+
+    /// Names the application that runs the downloads. To be called before the loop starts.
+    /// @param app  not owned; must outlive the loop's run
+    void serveFor(TaskStarter& app);
 
     /// Ends the loop within its present wait, whatever it waits for. Any thread, at any time.
     void cancel() override;
@@ -87,7 +89,7 @@ public:
     /// @return 1 when it ran to its end or the peer refused it, 0 after any other failure
     int WhiteListClearHandler(Poco::JSON::Object::Ptr& info, std::uint32_t& tag);
 
-    /// Service application whose task manager runs the downloads; not owned.
+    /// Service application; not owned. Part of the contract, and read by nothing here: m_pTaskStarter is the same.
     ProtocalProcess::Public_SubProcess* m_pApp;
 
 private:
@@ -110,6 +112,7 @@ private:
     Poco::Net::DatagramSocket m_socket;
     DownloadTaskParam m_downloadTaskParam;  ///< written only while no download runs
     CustomSubSystem* m_pSubSystem;
+    TaskStarter* m_pTaskStarter = nullptr;  ///< runs the downloads; not owned
     Interruption m_interruption;
 };
 

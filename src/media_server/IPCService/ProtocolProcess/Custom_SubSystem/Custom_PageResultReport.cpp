@@ -137,17 +137,18 @@ std::string buildDocument(const DownloadPictureProcParam& page, const Array::Ptr
 
 void postDocument(const DownloadPictureProcParam& page, const std::string& document)
 {
-    using Poco::Net::HTTPRequest;
     try {
-        HTTPRequest request(HTTPRequest::HTTP_POST, page.ResultUri, HTTPRequest::HTTP_1_1);
-        request.setContentType(Custom_HttpParam::DEFAULT_CONTENT_TYPE);
-        request.setContentLength(static_cast<std::streamsize>(document.size()));
+        const PlatformRequest request{page.ServerIp,
+                                      page.ServerPort,
+                                      Poco::Net::HTTPRequest::HTTP_POST,
+                                      page.ResultUri,
+                                      Custom_HttpParam::DEFAULT_CONTENT_TYPE,
+                                      false};
         Poco::Net::HTTPResponse response;
-        const std::string answer = exchangeWithPlatform(page.ServerIp, page.ServerPort, request, document, response);
+        const std::string answer = exchangeWithPlatform(request, document, response);
         LOG_AT(Information, 217, "response status %d ,picTaskResult %s responselen %d",
                static_cast<int>(response.getStatus()), response.getReason().c_str(), static_cast<int>(answer.size()));
     } catch (const std::exception& exc) {
-        // An interrupted thread fails in many ways on its way out; none of them is worth a line.
         Interruption::check();
         LOG_AT(Information, 221, "metadata %s", exceptionText(exc).c_str());
     }

@@ -1,10 +1,12 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSession.h"
 
-#include <Poco/NumberFormatter.h>
+#include <Poco/Net/HTTPMessage.h>
+#include <Poco/Net/HTTPRequest.h>
 
 #include <sstream>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_RequestTarget.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_ResponseReader.h"
 
 namespace IPCService {
@@ -12,40 +14,33 @@ namespace MetaDataGW {
 
 namespace {
 
-/// A path as it can stand in a request line: absolute, and with blanks, line ends and whatever is not ASCII escaped.
-std::string requestTarget(const std::string& path)
+/// The request's line and headers, the headers in the order that platforms know.
+std::string headOf(const PlatformRequest& request, std::size_t bodyLength)
 {
-    std::string target;
-    if (path.compare(0, 1, "/") != 0) {
-        target += '/';
+    Poco::Net::HTTPRequest head(request.method, requestTarget(request.path), Poco::Net::HTTPMessage::HTTP_1_1);
+    if (request.offersKeepAlive) {
+        head.setKeepAlive(true);
     }
-    for (const char character : path) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte > ' ' && byte < 0x7F) {
-            target += character;
-        } else {
-            target += '%' + Poco::NumberFormatter::formatHex(byte, 2);
-        }
+    head.setContentType(request.contentType);
+    head.setContentLength(static_cast<std::streamsize>(bodyLength));
+    if (!request.offersKeepAlive) {
+        head.setKeepAlive(false);
     }
-    return target;
+    head.setHost(request.host, request.port);
+    std::ostringstream text;
+    head.write(text);
+    return text.str();
 }
 
 }  // namespace
 
-std::string exchangeWithPlatform(const std::string& host, Poco::UInt16 port, Poco::Net::HTTPRequest& request,
-                                 const std::string& body, Poco::Net::HTTPResponse& response)
+std::string exchangeWithPlatform(const PlatformRequest& request, const std::string& body,
+                                 Poco::Net::HTTPResponse& response)
 {
-    request.setURI(requestTarget(request.getURI()));
-    if (!request.has(Poco::Net::HTTPMessage::CONNECTION)) {
-        request.setKeepAlive(false);
-    }
-    request.setHost(host, port);
-    std::ostringstream head;
-    request.write(head);
-
-    PlatformSocket socket(host, port);
+    const std::string head = headOf(request, body.size());
+    PlatformSocket socket(request.host, request.port);
     // In one piece: there are servers that read a request once.
-    socket.send(head.str() + body);
+    socket.send(head + body);
     return readResponse([&socket](char* buffer, std::size_t size) { return socket.receive(buffer, size); }, response);
 }
 

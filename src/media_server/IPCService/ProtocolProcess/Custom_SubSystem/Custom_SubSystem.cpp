@@ -15,17 +15,16 @@
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HandOver.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
-#include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 #include "media_server/IPCService/Public/MsgData.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
+#include "media_server/IPCService/Public/StopSignals.h"
+#include "public/utils/alg_utils/utils_log.h"
 #include "ql_process.h"
 
 namespace IPCService {
 namespace MetaDataGW {
 
 namespace {
-
-using ProtocalProcess::Public_SubProcess;
 
 constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem";
 
@@ -107,7 +106,7 @@ void CustomSubSystem::initialize(Poco::Util::Application& app)
 {
     switchUser();
     waitForItgt();
-    auto& subProcess = dynamic_cast<Public_SubProcess&>(app);
+    auto& starter = dynamic_cast<TaskStarter&>(app);
     const int nRet = Utils_ProcessRingBufProducerInit(&m_ringBufHandle, nullptr, RING_BUFFER_KEY, RING_BUFFER_SIZE);
     if (nRet != IPC_SUCCESS) {
         LOG(Error, "%s Utils_ProcessRingBufProducerInit fail, errno[%d]", "initialize", nRet);
@@ -115,7 +114,7 @@ void CustomSubSystem::initialize(Poco::Util::Application& app)
     }
     announceToItgt();
     setUpTls();
-    startCommandLoop(subProcess);
+    startCommandLoop(starter);
 }
 
 void CustomSubSystem::uninitialize() {}
@@ -127,13 +126,13 @@ void CustomSubSystem::announceToItgt()
     m_pProtocol->send(ITGT_PATH, CMD_CUSTOM_PROTOCOL_READY, message);
 }
 
-void CustomSubSystem::startCommandLoop(Public_SubProcess& app)
+void CustomSubSystem::startCommandLoop(TaskStarter& app)
 {
     // From the bind on, whoever sees the socket may send a stop signal before the wait for it begins.
-    Public_SubProcess::holdStopSignals();
+    holdStopSignals();
     m_pLoop = new CustomJsonMsgLoop(this);
     m_pLoop->bind();
-    m_pLoop->m_pApp = &app;
+    m_pLoop->serveFor(app);
     app.startTask(m_pLoop.duplicate());
 }
 

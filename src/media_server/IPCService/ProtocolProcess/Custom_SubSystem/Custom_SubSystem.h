@@ -11,12 +11,10 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask.h"
 #include "media_server/IPCService/Public/IPCServiceOldProtocol.h"
 #include "media_server/IPCService/Public/IPCUnixTransmitter.h"
+#include "media_server/IPCService/Public/TaskStarter.h"
 #include "public/utils/alg_utils/utils_process_ringbuf.h"
 
 namespace IPCService {
-namespace ProtocalProcess {
-class Public_SubProcess;
-}
 namespace MetaDataGW {
 
 class CustomJsonMsgLoop;
@@ -35,7 +33,7 @@ public:
 
     /// Start-up, on the main thread. Waits without limit for ITGT. When the ring buffer cannot be opened it stops
     /// there: the process then runs without command loop.
-    /// @param app  a Public_SubProcess; std::bad_cast otherwise
+    /// @param app  the service's application, a TaskStarter; std::bad_cast otherwise
     /// @throws Poco::Exception when TLS or the command loop cannot be set up
     void initialize(Poco::Util::Application& app) override;
 
@@ -63,7 +61,7 @@ public:
 
 private:
     void announceToItgt();
-    void startCommandLoop(ProtocalProcess::Public_SubProcess& app);
+    void startCommandLoop(TaskStarter& app);
 
     /// The command loop, null until it is started. Kept until the subsystem goes, after all tasks have ended: a
     /// download reads the loop's record, and may begin to when the loop has ended already.

@@ -17,6 +17,7 @@
 #include "bounds_checked.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
+#include "media_server/IPCService/Public/StopSignals.h"
 
 namespace IPCService {
 namespace ProtocalProcess {
@@ -30,33 +31,6 @@ constexpr char PUBLISHER_NAME[] = "gate.saas.olv";
 constexpr int SUBSCRIPTION_ASSERTION_LINE = 91;
 constexpr std::chrono::milliseconds LONGEST_TASK_END(1000);
 constexpr long TASK_END_STEP = 2;  // milliseconds
-
-/// Holds the stop signals back from the calling thread. @return the thread's signal mask before
-sigset_t blockStopSignals()
-{
-    sigset_t stopSignals = {};
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGQUIT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigset_t before;
-    pthread_sigmask(SIG_BLOCK, &stopSignals, &before);
-    return before;
-}
-
-/// Holds the stop signals back from the threads that are started meanwhile: they are for the main thread's wait, and
-/// any other thread that took one would end the process by the signal.
-class StopSignalsBlocked
-{
-public:
-    StopSignalsBlocked() : m_before(blockStopSignals()) {}
-    ~StopSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    StopSignalsBlocked(const StopSignalsBlocked&) = delete;
-    StopSignalsBlocked& operator=(const StopSignalsBlocked&) = delete;
-
-private:
-    sigset_t m_before;
-};
 
 /// The default thread pool. Its first threads start with it.
 Poco::ThreadPool& threadPool()
@@ -177,9 +151,9 @@ void Public_SubProcess::startTask(Poco::Task* pTask)
     }
 }
 
-void Public_SubProcess::holdStopSignals()
+Public_SubProcess* Public_SubProcess::application()
 {
-    blockStopSignals();
+    return this;
 }
 
 void Public_SubProcess::rethrowStartFailure() const

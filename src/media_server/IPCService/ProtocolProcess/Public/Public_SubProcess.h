@@ -12,13 +12,14 @@
 #include <vector>
 
 #include "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask.h"
+#include "media_server/IPCService/Public/TaskStarter.h"
 #include "public/utils/alg_utils/utils_srvfs_eventcache.h"
 
 namespace IPCService {
 namespace ProtocalProcess {
 
 /// The service process: owns every task, the event-cache subscription and the subsystem.
-class Public_SubProcess : public Poco::Util::ServerApplication
+class Public_SubProcess : public Poco::Util::ServerApplication, public TaskStarter
 {
 public:
     Public_SubProcess();
@@ -28,13 +29,9 @@ public:
     /// exit code that main would have returned.
     ~Public_SubProcess() override;
 
-    /// Starts a task on the default thread pool; the task manager owns it from then on. Any thread.
-    /// @throws Poco::Exception when no thread can be had, or when the tasks have been told to end; the task is released
-    void startTask(Poco::Task* pTask);
-
-    /// Keeps the stop signals for main's wait from now on, so that they end the service in order, with its exit code.
-    /// Main thread.
-    static void holdStopSignals();
+    /// Starts a task on the default thread pool; the task manager owns it from then on.
+    void startTask(Poco::Task* pTask) override;
+    Public_SubProcess* application() override;
 
     /// Throws what initialize threw. The framework reports such a failure differently from version to version; the
     /// process entry reports it in one way.
