@@ -1,10 +1,10 @@
-#ifndef TESTS_UNIT_CUSTOM_SUBSYSTEM_ITGT_REPLIES_H
-#define TESTS_UNIT_CUSTOM_SUBSYSTEM_ITGT_REPLIES_H
+#ifndef TESTS_UNIT_SUPPORT_ITGT_REPLIES_H
+#define TESTS_UNIT_SUPPORT_ITGT_REPLIES_H
 
 #include <cstdint>
 #include <string>
 
-#include "exchange_messages.h"
+#include "support/exchange_messages.h"
 
 // What the camera's analysis process answers, byte by byte.
 

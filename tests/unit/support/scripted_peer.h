@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_CUSTOM_SUBSYSTEM_SCRIPTED_PEER_H
-#define TESTS_UNIT_CUSTOM_SUBSYSTEM_SCRIPTED_PEER_H
+#ifndef TESTS_UNIT_SUPPORT_SCRIPTED_PEER_H
+#define TESTS_UNIT_SUPPORT_SCRIPTED_PEER_H
 
 #include <sys/socket.h>
 
@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "exchange_messages.h"
+#include "support/exchange_messages.h"
 #include "support/unix_socket.h"
 #include "support/waiting.h"
 

@@ -1,4 +1,4 @@
-#include "surroundings.h"
+#include "harness.h"
 
 #include <signal.h>
 
@@ -6,17 +6,20 @@
 #include <filesystem>
 #include <utility>
 
+#include "in_process_platform.h"
 #include "oracle.h"
-#include "played_platform.h"
-#include "support/raw_bytes.h"
+#include "support/captured_log.h"
+#include "support/fake_platform.h"
+#include "support/itgt_replies.h"
+#include "support/system_calls.h"
 
 namespace {
 
 constexpr char COMMAND_PATH[] = "/tmp/HK";
 constexpr char EXCHANGE_PATH[] = "/tmp/CP";
 constexpr char PAGE_FOLDER[] = "/tmp/mmcblk0/face_basic/faceLib";
-constexpr std::size_t MESSAGE_SIZE = 21408;
 constexpr std::size_t HEAD_SIZE = 280;
+constexpr std::chrono::milliseconds NOW(0);
 
 constexpr char GOOD_STATE[] = R"({"TaskResultArry":[{"ID":"11","RESULT_TYPE_E":0},{"ID":12,"RESULT_TYPE_E":"-3"}]})";
 constexpr char GOOD_LISTS[] =
@@ -37,8 +40,10 @@ private:
 
 }  // namespace
 
-const char GOOD_PAGE_RESPONSE[] =
-    "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 14\r\n\r\n{\"records\":[]}";
+PlatformScript goodPlatform()
+{
+    return always(httpAnswer("{\"records\":[]}"));
+}
 
 void writeFile(const char* path, const std::string& text)
 {
@@ -50,41 +55,34 @@ void writeFile(const char* path, const std::string& text)
 
 std::optional<std::string> goodItgt(const std::string& message)
 {
-    std::string reply = message;
-    switch (numberAt<std::uint32_t>(message, 164)) {
-        case 7020:
-            putNumber<std::int64_t>(reply, 584, 77);
-            return reply;
-        case 7021:
-            putNumber<std::uint32_t>(reply, 312, 1);
-            putText(reply, 336, STATE_PATH);
-            return reply;
-        case 7031:
-            putText(reply, 304, "2024-05-17 08:30:00");
-            return reply;
-        default:
-            return std::nullopt;
-    }
+    const std::string reply = importAtOnce(message);
+    return reply.empty() ? std::nullopt : std::optional<std::string>(reply);
 }
 
 std::optional<std::string> goodFaceLibrary(const std::string& message)
 {
     std::string reply = message;
-    if (numberAt<std::uint32_t>(message, 164) == 7019) {
+    if (commandOf(message) == 7019) {
         putText(reply, 216, LISTS_PATH);
     }
     return reply;
 }
 
-Surroundings& Surroundings::instance()
+Harness& Harness::instance()
 {
-    static Surroundings& surroundings = *new Surroundings;
-    return surroundings;
+    static Harness& harness = *new Harness;
+    return harness;
 }
 
-Surroundings::Surroundings() : m_itgt("/tmp/II"), m_faceLibrary("/tmp/A"), m_client("/tmp/KH") {}
+Harness::Harness() : m_itgt("/tmp/II"), m_faceLibrary("/tmp/A"), m_client("/tmp/KH")
+{
+    systemCalls().poll = [this](pollfd* waited, nfds_t count, int milliseconds) {
+        return wait(waited, count, milliseconds);
+    };
+    systemCalls().usleep = [](useconds_t) {};
+}
 
-void Surroundings::startService()
+void Harness::startService()
 {
     writeFile("/tmp/intelligent_ok", "");
     std::filesystem::create_directories(PAGE_FOLDER);
@@ -93,10 +91,10 @@ void Surroundings::startService()
     require(m_tasks.size() == 1, "the start-up starts the command loop");
     m_pLoop = m_tasks[0].cast<IPCService::MetaDataGW::CustomJsonMsgLoop>();
     m_tasks.clear();
-    require(m_itgt.take().has_value(), "the service announces itself to ITGT");
+    require(m_itgt.receive(NOW).has_value(), "the service announces itself to ITGT");
 }
 
-void Surroundings::begin()
+void Harness::begin()
 {
     if (m_pLoop.isNull()) {
         startService();
@@ -105,32 +103,38 @@ void Surroundings::begin()
     faceLibrary = goodFaceLibrary;
     giveInput = nullptr;
     m_isInterrupted = false;
-    PlayedPlatform::instance().begin();
+    InProcessPlatform::instance().begin();
+    CapturedLog::clear();
     writeFile(STATE_PATH, GOOD_STATE);
     writeFile(LISTS_PATH, GOOD_LISTS);
 }
 
-void Surroundings::end()
+void Harness::end()
 {
     servePeers();
     require(m_replies.empty(), "no reply is sent that nobody waits for");
     require(m_tasks.empty(), "no download is left");
     require(!IPCService::MetaDataGW::isBusy(m_subSystem.m_bDownloading), "a download that has ended is no longer busy");
-    for (const std::string& request : PlayedPlatform::instance().requests) {
+    for (const std::string& request : InProcessPlatform::instance().requests) {
         requireRequest(request);
     }
-    PlayedPlatform::instance().begin();
+    for (const FakePlatform::Sent& sent : FakePlatform::takeSent()) {
+        require(sent.flag == 1, "a record is an ordinary one");
+        require(sent.record.find('\0') == sent.record.size() - 1, "a record has one NUL, at its end", sent.record);
+        require(isJson(sent.record.substr(0, sent.record.size() - 1)), "a record is JSON", sent.record);
+    }
+    InProcessPlatform::instance().begin();
     itgt = nullptr;
     faceLibrary = nullptr;
     giveInput = nullptr;
 }
 
-void Surroundings::sendCommand(const std::string& datagram) const
+void Harness::sendCommand(const std::string& datagram) const
 {
     require(m_client.send(COMMAND_PATH, datagram), "the command socket takes a datagram");
 }
 
-std::vector<std::uint32_t> Surroundings::takeReplies()
+std::vector<std::uint32_t> Harness::takeReplies()
 {
     servePeers();
     require(m_replies.size() % 2 == 0, "a reply has a head and a body");
@@ -150,7 +154,7 @@ std::vector<std::uint32_t> Surroundings::takeReplies()
     return tags;
 }
 
-void Surroundings::runDownloads()
+void Harness::runDownloads()
 {
     const auto tasks = std::exchange(m_tasks, {});
     for (Poco::AutoPtr<Poco::Task> pTask : tasks) {
@@ -158,41 +162,41 @@ void Surroundings::runDownloads()
     }
 }
 
-void Surroundings::start(Poco::Task* pTask)
+void Harness::start(Poco::Task* pTask)
 {
     m_tasks.emplace_back(pTask);
 }
 
-void Surroundings::servePeers()
+void Harness::servePeers()
 {
-    const std::pair<PlayedPeer*, Answer*> peers[] = {{&m_itgt, &itgt}, {&m_faceLibrary, &faceLibrary}};
+    const std::pair<UnixSocket*, Answer*> peers[] = {{&m_itgt, &itgt}, {&m_faceLibrary, &faceLibrary}};
     for (const auto& [peer, answer] : peers) {
-        while (const std::optional<std::string> message = peer->take()) {
-            require(message->size() == MESSAGE_SIZE, "a message has 21408 bytes");
+        while (const std::optional<std::string> message = peer->receive(NOW)) {
+            require(message->size() == MESSAGE_BYTES, "a message has 21408 bytes");
             const std::optional<std::string> reply = *answer ? (*answer)(*message) : std::nullopt;
             if (reply) {
                 peer->send(EXCHANGE_PATH, *reply);
             }
         }
     }
-    while (const std::optional<std::string> datagram = m_client.take()) {
+    while (const std::optional<std::string> datagram = m_client.receive(NOW)) {
         // A message comes here when a peer's reply leads the service to the client's socket.
-        if (datagram->size() != MESSAGE_SIZE) {
+        if (datagram->size() != MESSAGE_BYTES) {
             m_replies.push_back(*datagram);
         }
     }
 }
 
-bool Surroundings::isReady(pollfd& waited) const
+bool Harness::isReady(pollfd& waited) const
 {
-    if (PlayedPlatform::instance().owns(waited.fd)) {
-        return PlayedPlatform::instance().isReady(waited.events);
+    if (InProcessPlatform::instance().owns(waited.fd)) {
+        return InProcessPlatform::instance().isReady(waited.events);
     }
-    constexpr timespec NOW = {};
-    return ::ppoll(&waited, 1, &NOW, nullptr) > 0;  // the fuzzer's own signals end the call, too
+    constexpr timespec AT_ONCE = {};
+    return ::ppoll(&waited, 1, &AT_ONCE, nullptr) > 0;  // the fuzzer's own signals end the call, too
 }
 
-int Surroundings::wait(pollfd* waited, nfds_t count, int milliseconds)
+int Harness::wait(pollfd* waited, nfds_t count, int milliseconds)
 {
     require(count >= 1 && count <= 3, "the service waits for its interruption and for two descriptors at most");
     pollfd& interruption = waited[count - 1];

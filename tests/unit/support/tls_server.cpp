@@ -1,4 +1,4 @@
-#include "tls_server.h"
+#include "support/tls_server.h"
 
 #include <Poco/Version.h>
 #include <fcntl.h>
@@ -148,7 +148,7 @@ bool TlsConnection::send(const std::string& bytes)
     return bytes.empty() || SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size())) > 0;
 }
 
-void TlsConnection::waitUntilClientLeaves() const
+void TlsConnection::waitUntilClientLeaves()
 {
     std::array<char, 4096> buffer{};
     while (recv(m_descriptor, buffer.data(), buffer.size(), 0) > 0) {
@@ -195,7 +195,7 @@ void TlsConnection::hangUp()
     shutdown(m_descriptor, SHUT_RDWR);
 }
 
-void TlsConnection::reset() const
+void TlsConnection::reset()
 {
     // Closing with this option, and with nothing left to send, resets the connection.
     const linger atOnce = {1, 0};
@@ -317,16 +317,6 @@ void writeCertificate(const std::string& path)
     const Certificate certificate = makeCertificate(key.get());
     const std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file(path.c_str(), "w"), &BIO_free);
     require(file && PEM_write_bio_X509(file.get(), certificate.get()) == 1, "cannot write a certificate");
-}
-
-std::string httpAnswer(const std::string& body, const std::string& statusLine)
-{
-    return statusLine + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-TlsServer::Script always(const std::string& bytes)
-{
-    return [bytes](TlsConnection& connection, const std::string&) { connection.send(bytes); };
 }
 
 FullListener::FullListener() : m_listener(boundSocket(m_port))

@@ -1,5 +1,5 @@
-#ifndef FUZZ_SURROUNDINGS_H
-#define FUZZ_SURROUNDINGS_H
+#ifndef FUZZ_HARNESS_H
+#define FUZZ_HARNESS_H
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Task.h>
@@ -14,22 +14,23 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
-#include "played_peer.h"
+#include "support/played_platform.h"
+#include "support/unix_socket.h"
 
 /// The service after its start-up, and everything around it, on the one thread of a fuzz target.
 ///
-/// Nothing waits: where the service would, poll (linked_functions.cpp) comes here. What the service has sent is
+/// Nothing waits: where the service would, poll comes here. What the service has sent is
 /// answered then, and whether it has something to read decides what its wait ends with: with that, with the time-out,
 /// which costs no time, or, when nothing will ever come, with an interruption as at a stop of the service.
 ///
 /// To be run in a sandbox of its own (scripts/private-run): binds the camera's paths and writes its files.
-class Surroundings
+class Harness
 {
 public:
     /// Answers a message with a reply; nothing: stays silent.
     using Answer = std::function<std::optional<std::string>(const std::string& message)>;
 
-    static Surroundings& instance();
+    static Harness& instance();
 
     /// Forgets the case before: peers that answer well, a platform that answers nothing, no input.
     void begin();
@@ -61,19 +62,19 @@ public:
     void resume() { m_isInterrupted = false; }
     bool isInterrupted() const { return m_isInterrupted; }
 
-    // For the linked functions.
-    int wait(pollfd* waited, nfds_t count, int milliseconds);
+    /// For the linked function.
     void start(Poco::Task* pTask);
 
 private:
-    Surroundings();
+    Harness();
     void startService();
     void servePeers();
+    int wait(pollfd* waited, nfds_t count, int milliseconds);
     bool isReady(pollfd& waited) const;
 
-    PlayedPeer m_itgt;
-    PlayedPeer m_faceLibrary;
-    PlayedPeer m_client;
+    UnixSocket m_itgt;
+    UnixSocket m_faceLibrary;
+    UnixSocket m_client;
     std::vector<std::string> m_replies;  ///< datagrams
     std::vector<Poco::AutoPtr<Poco::Task>> m_tasks;
     bool m_isInterrupted = false;
@@ -93,7 +94,7 @@ void writeFile(const char* path, const std::string& text);
 std::optional<std::string> goodItgt(const std::string& message);
 std::optional<std::string> goodFaceLibrary(const std::string& message);
 
-/// A page of the platform, and an answer to a report.
-extern const char GOOD_PAGE_RESPONSE[];
+/// The platform's answer to every request: a page, which does as the answer to a report.
+PlatformScript goodPlatform();
 
 #endif

@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_CUSTOM_SUBSYSTEM_TLS_SERVER_H
-#define TESTS_UNIT_CUSTOM_SUBSYSTEM_TLS_SERVER_H
+#ifndef TESTS_UNIT_SUPPORT_TLS_SERVER_H
+#define TESTS_UNIT_SUPPORT_TLS_SERVER_H
 
 #include <openssl/ssl.h>
 
@@ -14,8 +14,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/played_platform.h"
+
 /** One accepted connection of a TlsServer, for the script that answers it. Used on the server's thread. */
-class TlsConnection
+class TlsConnection : public PlayedConnection
 {
 public:
     TlsConnection(SSL_CTX* context, int descriptor);
@@ -27,11 +29,10 @@ public:
         client leaves before. */
     std::string readRequest();
 
-    /** @return false when the client has left */
-    bool send(const std::string& bytes);
-
-    /** Holds the connection open, silent, until the client closes it or the server ends. */
-    void waitUntilClientLeaves() const;
+    bool send(const std::string& bytes) override;
+    void hangUp() override;
+    void reset() override;
+    void waitUntilClientLeaves() override;
 
     /** Waits until the server ends, without reading. */
     void waitUntilServerEnds() const;
@@ -53,12 +54,6 @@ public:
 
     /** Ends the connection the proper way, with the notice that it ends. */
     void close();
-
-    /** Ends the connection without the notice that it ends. */
-    void hangUp();
-
-    /** Ends the connection with a reset instead of an end. */
-    void reset() const;
 
 private:
     std::unique_ptr<SSL, decltype(&SSL_free)> m_ssl;
@@ -128,12 +123,6 @@ private:
 
 /** Writes a self-signed certificate of its own as a PEM file. */
 void writeCertificate(const std::string& path);
-
-/** An answer with the given body and its length. */
-std::string httpAnswer(const std::string& body, const std::string& statusLine = "HTTP/1.1 200 OK");
-
-/** A script that sends the same bytes to every request. */
-TlsServer::Script always(const std::string& bytes);
 
 /** A listener on a loopback port whose queue is full: whoever connects to it waits. */
 class FullListener
