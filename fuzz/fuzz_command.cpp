@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "harness.h"
+#include "in_process_platform.h"
 #include "input.h"
 #include "oracle.h"
-#include "played_platform.h"
-#include "surroundings.h"
 
 namespace {
 
@@ -44,24 +44,24 @@ std::vector<std::uint32_t> tagsOf(const std::vector<std::string>& datagrams)
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::vector<std::string> datagrams = partsOf(data, size);
-    Surroundings& surroundings = Surroundings::instance();
-    surroundings.begin();
-    PlayedPlatform::instance().responses.assign(6, GOOD_PAGE_RESPONSE);
+    Harness& harness = Harness::instance();
+    harness.begin();
+    InProcessPlatform::instance().serve(6, goodPlatform());
     std::size_t taken = 0;
-    surroundings.giveInput = [&] {
+    harness.giveInput = [&] {
         if (taken % DATAGRAMS_PER_DOWNLOAD == 0) {
-            surroundings.runDownloads();
+            harness.runDownloads();
         }
         if (taken == datagrams.size()) {
             return false;
         }
-        surroundings.sendCommand(datagrams[taken++]);
+        harness.sendCommand(datagrams[taken++]);
         return true;
     };
-    surroundings.commandLoop().runTask();
-    surroundings.resume();
-    surroundings.runDownloads();
-    require(surroundings.takeReplies() == tagsOf(datagrams), "each command has one reply, with its tag");
-    surroundings.end();
+    harness.commandLoop().runTask();
+    harness.resume();
+    harness.runDownloads();
+    require(harness.takeReplies() == tagsOf(datagrams), "each command has one reply, with its tag");
+    harness.end();
     return 0;
 }

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "harness.h"
+#include "in_process_platform.h"
 #include "input.h"
 #include "oracle.h"
-#include "played_platform.h"
 #include "support/raw_bytes.h"
-#include "surroundings.h"
 
 namespace {
 
@@ -55,25 +55,25 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     const std::string body = commandWith(urls[0], urls[1]);
     const std::vector<std::string> datagrams = {headOf(body), body};
 
-    Surroundings& surroundings = Surroundings::instance();
-    surroundings.begin();
-    PlayedPlatform& platform = PlayedPlatform::instance();
-    platform.responses.assign(2, GOOD_PAGE_RESPONSE);
+    Harness& harness = Harness::instance();
+    harness.begin();
+    InProcessPlatform& platform = InProcessPlatform::instance();
+    platform.serve(2, goodPlatform());
     std::size_t taken = 0;
-    surroundings.giveInput = [&] {
+    harness.giveInput = [&] {
         if (taken == datagrams.size()) {
             return false;
         }
-        surroundings.sendCommand(datagrams[taken++]);
+        harness.sendCommand(datagrams[taken++]);
         return true;
     };
-    surroundings.commandLoop().runTask();
-    require(surroundings.takeReplies() == std::vector<std::uint32_t>{TAG}, "the command has one reply, with its tag");
-    const bool accepted = surroundings.hasDownload();
-    surroundings.resume();
-    surroundings.runDownloads();
+    harness.commandLoop().runTask();
+    require(harness.takeReplies() == std::vector<std::uint32_t>{TAG}, "the command has one reply, with its tag");
+    const bool accepted = harness.hasDownload();
+    harness.resume();
+    harness.runDownloads();
     // Whatever the URLs are, an accepted command has its page asked for and reported; both requests are looked at.
     require(platform.requests.size() == (accepted ? 2 : 0), "an accepted command reaches the platform");
-    surroundings.end();
+    harness.end();
     return 0;
 }

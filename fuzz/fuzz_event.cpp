@@ -8,18 +8,24 @@
 #include <string>
 #include <vector>
 
+#include "harness.h"
 #include "input.h"
 #include "media_server/IPCService/ProtocolProcess/Public/MetaDataNotification.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask.h"
 #include "media_server/IPCService/Public/JsonText.h"
 #include "oracle.h"
-#include "played_event_cache.h"
-#include "surroundings.h"
+#include "support/event_cache.h"
 
 namespace {
 
 using IPCService::MetaDataGW::MetaDataNotification;
 using IPCService::ProtocalProcess::Public_MetaDataRecvTask;
+
+EventCache& playedCache()
+{
+    static EventCache& cache = *new EventCache;
+    return cache;
+}
 
 /// A consumer of the metadata, which uses every part of a record.
 class Consumer
@@ -29,7 +35,7 @@ public:
     {
         const std::string text = IPCService::JsonText::compact(*notification->m_pObject);
         require(!text.empty() && text.front() == '{' && isJson(text), "a record is a JSON object", text);
-        require(!PlayedEventCache::instance().hasMapping(), "a buffer is released before its record is posted");
+        require(!playedCache().hasMapping(), "a buffer is released before its record is posted");
     }
 };
 
@@ -38,16 +44,16 @@ public:
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::vector<std::string> parts = partsOf(data, size);
-    Surroundings& surroundings = Surroundings::instance();
-    PlayedEventCache& cache = PlayedEventCache::instance();
-    surroundings.begin();
+    Harness& harness = Harness::instance();
+    EventCache& cache = playedCache();
+    harness.begin();
     std::size_t taken = 0;
-    surroundings.giveInput = [&] {
+    harness.giveInput = [&] {
         require(!cache.hasMapping(), "a buffer is released before the next is waited for");
         if (taken >= parts.size()) {
             return false;
         }
-        cache.buffer = taken + 1 < parts.size() ? parts[taken + 1] : "";
+        cache.setBuffer(taken + 1 < parts.size() ? parts[taken + 1] : "");
         cache.notify(parts[taken]);
         taken += 2;
         return true;
@@ -58,11 +64,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     pTask->m_notificationCenter.addObserver(Poco::NObserver<Consumer, MetaDataNotification>(consumer, &Consumer::take));
     try {
         pTask->runTask();
-        require(surroundings.isInterrupted(), "the task ends by an interruption or an exception");
+        require(harness.isInterrupted(), "the task ends by an interruption or an exception");
     } catch (const Poco::Exception&) {
         // A record that is no JSON object ends the task.
     }
     require(!cache.hasMapping(), "every buffer is released");
-    surroundings.end();
+    harness.end();
     return 0;
 }

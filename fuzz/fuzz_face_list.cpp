@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "harness.h"
 #include "input.h"
 #include "oracle.h"
 #include "support/raw_bytes.h"
-#include "surroundings.h"
 
 namespace {
 
@@ -32,10 +32,10 @@ void requireListRequest(const std::string& message)
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    Surroundings& surroundings = Surroundings::instance();
-    surroundings.begin();
+    Harness& harness = Harness::instance();
+    harness.begin();
     writeFile(LISTS_PATH, std::string(reinterpret_cast<const char*>(data), size));
-    surroundings.faceLibrary = [](const std::string& message) {
+    harness.faceLibrary = [](const std::string& message) {
         if (numberAt<std::uint32_t>(message, 164) == 7018) {
             requireListRequest(message);
             return std::optional<std::string>(message);
@@ -45,8 +45,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     Poco::JSON::Object::Ptr pInfo = new Poco::JSON::Object;
     pInfo->set("cameraCode", "C1");
     std::uint32_t tag = 7;
-    surroundings.commandLoop().WhiteListClearHandler(pInfo, tag);
-    require(surroundings.takeReplies() == std::vector<std::uint32_t>{tag}, "the command has one reply, with its tag");
-    surroundings.end();
+    harness.commandLoop().WhiteListClearHandler(pInfo, tag);
+    require(harness.takeReplies() == std::vector<std::uint32_t>{tag}, "the command has one reply, with its tag");
+    harness.end();
     return 0;
 }

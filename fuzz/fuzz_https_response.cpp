@@ -1,5 +1,5 @@
 /// HTTPS responses, through to the page file and to the report. The first part of an input says how the bytes come in:
-/// its last letter how a connection ends (c closed, u without the TLS farewell, r reset, s silent), each byte before
+/// its last letter how a connection ends (c closed, u without close_notify, r reset, s silent), each byte before
 /// that how much one read gives. The other parts are the responses of the connections of a download of three pages.
 #include <cstddef>
 #include <cstdint>
@@ -9,29 +9,30 @@
 #include <string>
 #include <vector>
 
+#include "harness.h"
+#include "in_process_platform.h"
 #include "input.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 #include "oracle.h"
-#include "played_platform.h"
 #include "response_oracle.h"
-#include "support/raw_bytes.h"
-#include "surroundings.h"
+#include "support/exchange_messages.h"
 
 namespace {
 
 constexpr char PAGE_FOLDER[] = "/tmp/mmcblk0/face_basic/faceLib/";
 
-PlayedPlatform::End endOf(char letter)
+/// Ends a connection as its letter says.
+void end(PlayedConnection& connection, char letter)
 {
     switch (letter) {
         case 'u':
-            return PlayedPlatform::End::ClosedWithoutFarewell;
+            return connection.hangUp();
         case 'r':
-            return PlayedPlatform::End::Reset;
+            return connection.reset();
         case 's':
-            return PlayedPlatform::End::Silent;
+            return connection.waitUntilClientLeaves();
         default:
-            return PlayedPlatform::End::Closed;
+            return;
     }
 }
 
@@ -73,18 +74,19 @@ void requirePageFile(const std::string& message, const std::string& response, co
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     std::vector<std::string> parts = partsOf(data, size);
-    Surroundings& surroundings = Surroundings::instance();
-    surroundings.begin();
-    PlayedPlatform& platform = PlayedPlatform::instance();
-    platform.responses.assign(parts.begin() + 1, parts.end());
-    if (!parts[0].empty()) {
-        platform.end = endOf(parts[0].back());
-        platform.fragments = parts[0].substr(0, parts[0].size() - 1);
-    }
-    const bool announced = platform.end == PlayedPlatform::End::Closed;
+    Harness& harness = Harness::instance();
+    harness.begin();
+    InProcessPlatform& platform = InProcessPlatform::instance();
+    const char letter = parts[0].empty() ? 'c' : parts[0].back();
+    platform.fragments = parts[0].substr(0, parts[0].size() - (parts[0].empty() ? 0 : 1));
+    platform.serve(parts.size() - 1, [&](PlayedConnection& connection, const std::string&) {
+        connection.send(parts[platform.requests.size()]);
+        end(connection, letter);
+    });
+    const bool announced = letter != 'u' && letter != 'r' && letter != 's';
     std::size_t pages = 0;
-    surroundings.itgt = [&](const std::string& message) {
-        if (numberAt<std::uint32_t>(message, 164) == 7020) {
+    harness.itgt = [&](const std::string& message) {
+        if (commandOf(message) == 7020) {
             const std::string& response = parts[platform.requests.size()];
             requirePageFile(message, response, readResponseAtOnce(response, announced));
             ++pages;
@@ -93,9 +95,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     };
     const IPCService::MetaDataGW::DownloadTaskParam task = threePages();
     Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonPicDownloadTask> pTask(
-        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&surroundings.subSystem(), &task));
+        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&harness.subSystem(), &task));
     pTask->runTask();
-    surroundings.end();
+    harness.end();
     // Pages and reports take turns: more of the former were asked for than ITGT was told of when the last one failed.
     const std::size_t connections = platform.requests.size();
     if (connections % 2 == 1 && pages == connections / 2) {

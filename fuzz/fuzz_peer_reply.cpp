@@ -10,19 +10,18 @@
 #include <string>
 #include <vector>
 
+#include "harness.h"
+#include "in_process_platform.h"
 #include "input.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "oracle.h"
-#include "played_platform.h"
-#include "support/raw_bytes.h"
-#include "surroundings.h"
+#include "support/exchange_messages.h"
 
 namespace {
 
 constexpr std::size_t COMMAND_OFFSET = 164;
 constexpr std::size_t STATUS_OFFSET = 176;
-constexpr std::size_t MESSAGE_SIZE = 21408;
 constexpr std::size_t LONG_SIZE = 30000;
 
 std::string filled(std::string text, std::size_t size)
@@ -41,7 +40,7 @@ std::optional<std::string> replyOf(const std::string& part, const std::string& m
         case 'e':
             return reply.replace(COMMAND_OFFSET, rest.size(), rest);
         case 'f':
-            return filled(rest, MESSAGE_SIZE);
+            return filled(rest, MESSAGE_BYTES);
         case 'l':
             return filled(rest, LONG_SIZE);
         default:
@@ -52,41 +51,41 @@ std::optional<std::string> replyOf(const std::string& part, const std::string& m
 /// What the service's buffer holds after a reply.
 std::string received(const std::string& reply, std::string message)
 {
-    const std::string taken = reply.substr(0, MESSAGE_SIZE);
+    const std::string taken = reply.substr(0, MESSAGE_BYTES);
     return message.replace(0, taken.size(), taken);
 }
 
-void download(Surroundings& surroundings)
+void download(Harness& harness)
 {
-    PlayedPlatform::instance().responses.assign(6, GOOD_PAGE_RESPONSE);
+    InProcessPlatform::instance().serve(6, goodPlatform());
     IPCService::MetaDataGW::DownloadTaskParam task;
     task.ServerIp = "127.0.0.1";
     task.ServerPort = 443;
     task.totalNum = 61;
     Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonPicDownloadTask> pTask(
-        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&surroundings.subSystem(), &task));
+        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&harness.subSystem(), &task));
     pTask->runTask();
 }
 
 /// @param first  what the service's buffer held after the first reply; empty: there was none
-void clear(Surroundings& surroundings, const std::string& first)
+void clear(Harness& harness, const std::string& first)
 {
     Poco::JSON::Object::Ptr pInfo = new Poco::JSON::Object;
     pInfo->set("cameraCode", "C1");
     std::uint32_t tag = 7;
     try {
-        surroundings.commandLoop().WhiteListClearHandler(pInfo, tag);
+        harness.commandLoop().WhiteListClearHandler(pInfo, tag);
     } catch (const IPCService::Interrupted&) {
-        require(surroundings.isInterrupted(), "only a stop interrupts");
+        require(harness.isInterrupted(), "only a stop interrupts");
     }
     const bool accepted = !first.empty() && numberAt<std::uint32_t>(first, COMMAND_OFFSET) == 7019 &&
                           numberAt<std::uint32_t>(first, STATUS_OFFSET) == 0;
-    const std::size_t replies = accepted && !surroundings.isInterrupted() ? 1 : 0;
-    require(surroundings.takeReplies() == std::vector<std::uint32_t>(replies, tag),
+    const std::size_t replies = accepted && !harness.isInterrupted() ? 1 : 0;
+    require(harness.takeReplies() == std::vector<std::uint32_t>(replies, tag),
             "an accepted command has one reply, a refused one none");
     // A reply may have led a request to the service's own command socket: it is taken as a command there.
-    surroundings.commandLoop().runTask();
-    surroundings.takeReplies();
+    harness.commandLoop().runTask();
+    harness.takeReplies();
 }
 
 }  // namespace
@@ -94,24 +93,24 @@ void clear(Surroundings& surroundings, const std::string& first)
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::vector<std::string> parts = partsOf(data, size);
-    Surroundings& surroundings = Surroundings::instance();
-    surroundings.begin();
+    Harness& harness = Harness::instance();
+    harness.begin();
     std::size_t taken = 1;
     std::string first;
-    const Surroundings::Answer answer = [&](const std::string& message) {
+    const Harness::Answer answer = [&](const std::string& message) {
         auto reply = taken < parts.size() ? replyOf(parts[taken++], message) : std::nullopt;
         if (reply && taken == 2) {
             first = received(*reply, message);
         }
         return reply;
     };
-    surroundings.itgt = answer;
-    surroundings.faceLibrary = answer;
+    harness.itgt = answer;
+    harness.faceLibrary = answer;
     if (parts[0] == "c") {
-        clear(surroundings, first);
+        clear(harness, first);
     } else {
-        download(surroundings);
+        download(harness);
     }
-    surroundings.end();
+    harness.end();
     return 0;
 }

@@ -3,19 +3,19 @@
 #include <cstdint>
 #include <string>
 
+#include "harness.h"
+#include "in_process_platform.h"
 #include "input.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PageResultReport.h"
 #include "oracle.h"
-#include "played_platform.h"
-#include "surroundings.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    Surroundings& surroundings = Surroundings::instance();
-    surroundings.begin();
+    Harness& harness = Harness::instance();
+    harness.begin();
     writeFile(STATE_PATH, std::string(reinterpret_cast<const char*>(data), size));
-    PlayedPlatform& platform = PlayedPlatform::instance();
-    platform.responses.assign(2, GOOD_PAGE_RESPONSE);
+    InProcessPlatform& platform = InProcessPlatform::instance();
+    platform.serve(2, goodPlatform());
     IPCService::MetaDataGW::DownloadPictureProcParam page;
     page.ServerIp = "127.0.0.1";
     page.ServerPort = 443;
@@ -30,12 +30,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     for (const std::string& request : platform.requests) {
         const std::string document = requireRequest(request);
         const std::string end =
-            R"(],"cameraCode":"C\"1","datatime":"2024-05-17 08:30:00","offset":30,"securityCode":"S\n1",)"
+            R"(],"cameraCode":"C\"1","datatime":"2024-05-06 07:08:09","offset":30,"securityCode":"S\n1",)"
             R"("startIndex":0,"taskID":"T\\1"})";
         require(document.compare(0, 15, R"({"ImportInfo":[)") == 0, "a report begins with the pictures", document);
         require(document.size() > end.size() && document.compare(document.size() - end.size(), end.size(), end) == 0,
                 "a report ends with its page", document);
     }
-    surroundings.end();
+    harness.end();
     return 0;
 }

@@ -19,14 +19,14 @@ public:
     bool document()
     {
         const bool taken = value();
-        blanks();
+        spaces();
         return taken && m_at == m_text.size();
     }
 
 private:
     bool value()
     {
-        blanks();
+        spaces();
         switch (next()) {
             case '{':
                 return members('}', &JsonReader::member);
@@ -48,7 +48,7 @@ private:
     bool members(char end, bool (JsonReader::*one)())
     {
         ++m_at;
-        blanks();
+        spaces();
         if (take(end)) {
             return true;
         }
@@ -56,18 +56,18 @@ private:
             if (!(this->*one)()) {
                 return false;
             }
-            blanks();
+            spaces();
         } while (take(','));
         return take(end);
     }
 
     bool member()
     {
-        blanks();
+        spaces();
         if (next() != '"' || !string()) {
             return false;
         }
-        blanks();
+        spaces();
         return take(':') && value();
     }
 
@@ -135,7 +135,7 @@ private:
         return taken;
     }
 
-    void blanks()
+    void spaces()
     {
         while (next() != '\0' && std::strchr(" \t\r\n", next()) != nullptr) {
             ++m_at;
@@ -184,6 +184,7 @@ bool isControl(char character)
 
 }  // namespace
 
+/// Ends the program, and prints what is not printable escaped.
 void require(bool holds, const char* what, const std::string& detail)
 {
     if (!holds) {

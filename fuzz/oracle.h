@@ -3,11 +3,9 @@
 
 #include <string>
 
-/// What must hold whatever the input was. Independent of the code under test: its own JSON and HTTP are not used.
+#include "support/requirement.h"
 
-/// Ends the program, as a crash would, when something does not hold.
-/// @param detail  the bytes in question, printed with what is not printable escaped
-void require(bool holds, const char* what, const std::string& detail = "");
+/// What must hold whatever the input was. Independent of the code under test: its own JSON and HTTP are not used.
 
 /// True for one JSON value and nothing behind it. Bytes above 127 are not looked at: they pass through the service.
 bool isJson(const std::string& text);

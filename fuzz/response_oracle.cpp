@@ -64,7 +64,7 @@ bool readStatusLine(const std::string& line, Head& head)
     return true;
 }
 
-/// "Name: value", with one blank, and the value without any around it.
+/// "Name: value", with one space, and the value without any around it.
 bool readField(const std::string& line, Head& head)
 {
     const std::size_t colon = line.find(": ");

@@ -15,15 +15,15 @@
 #include <vector>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/ready_service.h"
-#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/scripted_peer.h"
-#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/tls_server.h"
 #include "media_server/IPCService/Public/JsonText.h"
 #include "messages_document.h"
 #include "public/utils/alg_utils/utils_srvfs_eventcache.h"
 #include "support/fake_platform.h"
 #include "support/raw_bytes.h"
+#include "support/scripted_peer.h"
 #include "support/system_calls.h"
 #include "support/temp_folder.h"
+#include "support/tls_server.h"
 #include "support/unix_socket.h"
 #include "support/waiting.h"
 

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "ql_log.h"
+#include "support/requirement.h"
 
 namespace {
 
@@ -29,7 +30,9 @@ std::string formatted(const char* format, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
-    std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, arguments)), '\0');
+    const int size = std::vsnprintf(nullptr, 0, format, arguments);
+    require(size >= 0, "a log line can be written", format);
+    std::string text(static_cast<std::size_t>(std::max(size, 0)), '\0');
     std::vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
     return text;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "ql_process.h"
 #include "srvfs_client.h"
@@ -138,6 +139,12 @@ std::vector<Opened> opened()
 std::vector<Sent> sent()
 {
     return get(&State::sent);
+}
+
+std::vector<Sent> takeSent()
+{
+    const std::lock_guard<std::mutex> lock(mutex());
+    return std::exchange(state().sent, {});
 }
 
 void reset()

@@ -38,6 +38,7 @@ std::vector<std::string> users();        ///< of each QL_ChangeProcUser
 std::vector<std::size_t> allocations();  ///< bytes of each srvfs_calloc
 std::vector<Opened> opened();            ///< of each client_open
 std::vector<Sent> sent();                ///< of each client_msgsend
+std::vector<Sent> takeSent();            ///< the same, and forgets them
 
 void reset();
 

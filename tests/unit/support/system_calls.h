@@ -28,6 +28,9 @@ struct SystemCalls
     /// Is told before each poll; milliseconds as poll takes them.
     std::function<void(const pollfd* waited, nfds_t count, int milliseconds)> polling;
 
+    /// Answers a poll, or nothing: the system answers.
+    std::function<std::optional<int>(pollfd* waited, nfds_t count, int milliseconds)> poll;
+
     /// Answers a munmap, or nothing: the system answers.
     std::function<std::optional<int>(void* address, std::size_t length)> munmap;
 

@@ -1,7 +1,6 @@
 #ifndef TESTS_UNIT_SUPPORT_UNIX_SOCKET_H
 #define TESTS_UNIT_SUPPORT_UNIX_SOCKET_H
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "support/requirement.h"
 #include "support/waiting.h"
 
 /// A unix datagram socket as the camera's other processes have one. Its file goes with it.
@@ -23,12 +23,12 @@ public:
     explicit UnixSocket(std::string path = "")
         : m_path(std::move(path)), m_descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     {
-        EXPECT_NE(m_descriptor, -1) << std::strerror(errno);
+        require(m_descriptor != -1, "there is a free descriptor", std::strerror(errno));
         if (!m_path.empty()) {
             ::unlink(m_path.c_str());
             const sockaddr_un name = address(m_path);
-            EXPECT_EQ(::bind(m_descriptor, reinterpret_cast<const sockaddr*>(&name), sizeof name), 0)
-                << m_path << ": " << std::strerror(errno);
+            require(::bind(m_descriptor, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0,
+                    "a peer can have its path", m_path + ": " + std::strerror(errno));
         }
     }
     ~UnixSocket()
@@ -54,8 +54,7 @@ public:
     /// Takes the next datagram, whole. @return nothing when none comes in time
     std::optional<std::string> receive(std::chrono::milliseconds deadline = DEADLINE)
     {
-        pollfd waited{m_descriptor, POLLIN, 0};
-        if (::poll(&waited, 1, static_cast<int>(deadline.count())) != 1) {
+        if (!comesWithin(deadline)) {
             return std::nullopt;
         }
         const ssize_t size = ::recv(m_descriptor, nullptr, 0, MSG_PEEK | MSG_TRUNC);
@@ -71,18 +70,23 @@ public:
     const std::string& sender() const { return m_sender; }
 
     /// Whether a datagram waits to be taken.
-    bool hasDatagram() const
-    {
-        pollfd waited{m_descriptor, POLLIN, 0};
-        return ::poll(&waited, 1, 0) == 1;
-    }
+    bool hasDatagram() const { return comesWithin(std::chrono::milliseconds(0)); }
 
 private:
+    /// With ppoll: the calls of poll are the service's, which tests count and fuzz targets answer.
+    bool comesWithin(std::chrono::milliseconds deadline) const
+    {
+        const std::chrono::nanoseconds parts = deadline % std::chrono::seconds(1);
+        const timespec limit = {deadline / std::chrono::seconds(1), static_cast<long>(parts.count())};
+        pollfd waited{m_descriptor, POLLIN, 0};
+        return ::ppoll(&waited, 1, &limit, nullptr) == 1;
+    }
+
     static sockaddr_un address(const std::string& path)
     {
         sockaddr_un name = {};
         name.sun_family = AF_UNIX;
-        EXPECT_LT(path.size(), sizeof name.sun_path);
+        require(path.size() < sizeof name.sun_path, "a socket path is short", path);
         std::memcpy(name.sun_path, path.data(), path.size());
         return name;
     }

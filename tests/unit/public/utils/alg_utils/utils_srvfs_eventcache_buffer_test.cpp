@@ -59,7 +59,7 @@ protected:
         EXPECT_EQ(record.format.substr(0, 5), "[%s]:");
         EXPECT_EQ(record.text.substr(0, 12), "[LogCommon]:");
         EXPECT_EQ(bytesOf(data), std::string(sizeof data, 0x5A)) << what;
-        EXPECT_EQ(cache.mappings(), 0U) << what;
+        EXPECT_FALSE(cache.hasMapping()) << what;
         CapturedLog::clear();
     }
 
@@ -212,8 +212,7 @@ TEST_F(Buffer, MissingCacheDriverShowsWithTheFirstMapping)
 
 TEST_F(Buffer, MappingWithoutAddressIsRefused)
 {
-    cache.mapsNothing = true;
-    expectFailed(get(EventCache::notification(60)), "address 0");
+    expectFailed(get(EventCache::notification(60, EventCache::WITHOUT_ADDRESS)), "address 0");
 }
 
 TEST_F(Buffer, LengthThatCannotHoldTheHeaderIsRefused)
@@ -266,6 +265,7 @@ TEST_F(Buffer, OtherDifferencesMeanANewProducer)
     for (const std::size_t more : {0U, 1U, 7U, 9U, 16U, 64U}) {
         ASSERT_EQ(getBlock(EventCache::block(5, "datas" + std::string(more, '.'))), 0) << more;
         EXPECT_EQ(data.pData, static_cast<char*>(data.stMMapAddr.pBufData) + 56) << more;
+        EXPECT_EQ(Utils_EventCacheBufRelease(&handle, &data), 0);
     }
     EXPECT_TRUE(CapturedLog::records().empty());
 }

@@ -14,8 +14,8 @@
 #include "ready_service.h"
 #include "slow_relay.h"
 #include "support/system_calls.h"
+#include "support/tls_server.h"
 #include "support/waiting.h"
-#include "tls_server.h"
 
 using IPCService::MetaDataGW::PlatformSocket;
 

@@ -23,13 +23,13 @@
 #include <typeinfo>
 #include <vector>
 
-#include "exchange_messages.h"
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+#include "support/exchange_messages.h"
 #include "support/fake_platform.h"
 #include "support/system_calls.h"
+#include "support/tls_server.h"
 #include "support/unix_socket.h"
-#include "tls_server.h"
 
 using IPCService::MetaDataGW::CustomSubSystem;
 using IPCService::ProtocalProcess::Public_SubProcess;

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "command_fixture.h"
-#include "exchange_messages.h"
-#include "scripted_peer.h"
+#include "support/exchange_messages.h"
+#include "support/scripted_peer.h"
 
 /** The face-library process's acceptance of a clear request, with the configuration it hands out. */
 inline std::string clearReply(std::uint32_t status, const std::string& configPath)

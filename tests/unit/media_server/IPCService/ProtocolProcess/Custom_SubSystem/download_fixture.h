@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "itgt_replies.h"
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadTaskParam.h"
 #include "ready_service.h"
-#include "scripted_peer.h"
-#include "tls_server.h"
+#include "support/itgt_replies.h"
+#include "support/scripted_peer.h"
+#include "support/tls_server.h"
 
 /** A download between a platform and an analysis process. Both do as they should unless a test says otherwise before
     it begins. */

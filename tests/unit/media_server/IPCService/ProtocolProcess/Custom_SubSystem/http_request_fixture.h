@@ -9,8 +9,8 @@
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.h"
 #include "ready_service.h"
+#include "support/tls_server.h"
 #include "support/waiting.h"
-#include "tls_server.h"
 
 /** A POST to a loopback port with the service's own TLS settings. */
 class HttpRequestTest : public testing::Test

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "itgt_replies.h"
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PageResultReport.h"
 #include "ready_service.h"
-#include "scripted_peer.h"
-#include "tls_server.h"
+#include "support/itgt_replies.h"
+#include "support/scripted_peer.h"
+#include "support/tls_server.h"
 
 /** The report of one page: from a state file to the platform's request. */
 class PageReportTest : public testing::Test

@@ -53,7 +53,7 @@ TEST_F(MetaDataRecvTask, BufferWithoutDataIsLoggedAndReleased)
     ASSERT_TRUE(consumer.waitForId("2"));
     EXPECT_EQ(consumer.ids(), Texts{"2"});
     EXPECT_EQ(onlyLine(SOURCE, 3, "stBufData.nDataLen zero!\n"), "stBufData.nDataLen zero!\n");
-    EXPECT_EQ(cache.mappings(), 0U);
+    EXPECT_FALSE(cache.hasMapping());
 }
 
 TEST_F(MetaDataRecvTask, AnswerWithoutBufferDoesNotPostTheLastRecordAgain)
@@ -114,7 +114,7 @@ TEST_F(MetaDataRecvTask, MalformedRecordIsLoggedReleasedAndEndsTheTask)
     EXPECT_THAT(endedBy<Poco::InvalidAccessException>(), HasSubstr("Can not convert empty value."));
     const std::string line = onlyLine(SOURCE, 3, "PUBLIC_JSON Err %s ");
     EXPECT_THAT(line, AllOf(StartsWith("PUBLIC_JSON Err "), HasSubstr("JSON"), testing::EndsWith(" ")));
-    EXPECT_EQ(cache.mappings(), 0U);
+    EXPECT_FALSE(cache.hasMapping());
     EXPECT_TRUE(consumer.ids().empty());
     EXPECT_TRUE(cache.hasUnread()) << "no further record is read";
 }

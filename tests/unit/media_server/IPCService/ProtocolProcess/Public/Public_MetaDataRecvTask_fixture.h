@@ -93,7 +93,7 @@ protected:
         if (m_thread.joinable()) {
             m_thread.join();
         }
-        EXPECT_EQ(cache.mappings(), 0U) << "a buffer was not released";
+        EXPECT_FALSE(cache.hasMapping()) << "a buffer was not released";
     }
 
     void start()

@@ -1,0 +1,60 @@
+"""The changes that make no difference: each is one that scripts/mutate makes to the source as it is."""
+
+from __future__ import annotations
+
+import importlib.machinery
+import importlib.util
+import sys
+from pathlib import Path
+from types import ModuleType
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+PATH = "src/a.cpp"
+ENTRY = """
+- reason: '{reason}'
+  changes:
+    - file: src/a.cpp
+      before: '{before}'
+      after: '{after}'
+"""
+
+
+@pytest.fixture(scope="module")
+def mutate() -> ModuleType:
+    loader = importlib.machinery.SourceFileLoader("mutate", str(ROOT / "scripts/mutate"))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("mutate", loader))
+    sys.modules["mutate"] = module  # its dataclass looks there
+    loader.exec_module(module)
+    return module
+
+
+def test_each_listed_change_is_one_of_the_source(mutate: ModuleType) -> None:
+    assert len(mutate.equivalent(mutate.chosen())) > 20
+
+
+@pytest.mark.parametrize(("change", "problem"), [
+    ({}, ""),
+    ({"before": "if (a < 1) {"}, "no change of the source any more"),
+    ({"after": "if (a > 0) {"}, "no change of the source any more"),
+    ({"reason": " "}, "without a reason")])
+def test_the_list_applies_or_is_refused(mutate: ModuleType, tmp_path: Path, change: dict[str, str],
+                                        problem: str) -> None:
+    (tmp_path / "list.yaml").write_text(ENTRY.format(**{
+        "reason": "nobody looks", "before": "if (a < 0) {", "after": "if (a <= 0) {"} | change))
+    mutants = [mutate.Mutant(PATH, 7, 3, " <= ", 40, "if (a < 0) {", "if (a <= 0) {")]
+    if problem:
+        with pytest.raises(SystemExit, match=problem):
+            mutate.equivalent(mutants, tmp_path / "list.yaml")
+    else:
+        assert mutate.equivalent(mutants, tmp_path / "list.yaml") == {mutants[0].change()}
+
+
+def test_a_listed_survivor_does_not_count(mutate: ModuleType, capsys: pytest.CaptureFixture[str]) -> None:
+    mutants = [mutate.Mutant(PATH, 7, 3, " <= ", line, f"a{line} < 0", f"a{line} <= 0") for line in range(10)]
+    results = dict.fromkeys(mutants[:8], "Some.Test") | dict.fromkeys(mutants[8:], "survived")
+    assert mutate.judge(results, {mutants[8].change()}) == 0
+    assert "10 changes, 1 of them equivalent; of the others 8 killed, 1 survived: 88.9 %" in capsys.readouterr().out
+    assert mutate.judge(results, set()) == 1
+    assert "8 killed, 2 survived: 80.0 %" in capsys.readouterr().out
