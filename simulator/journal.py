@@ -48,20 +48,39 @@ def _short(value: Any) -> str:
 
 
 class Journal:
-    """An append-only list of events. Every method may be called from any thread.
+    """An append-only list of events, in the order of causes. Every method may be called from any thread.
+
+    What a peer does is added before it is done; what a peer got, after `take` has added what the service wrote so far.
+    So what the service wrote before it sent something stands before that, whichever thread the machine lets run first.
+    What it wrote just after may stand before it, too.
 
     patience  what every wait's `timeout` is multiplied by, for a service that is slow by nature
+    take      adds what happened and is told of in no other way: what stands in the log
     """
 
     def __init__(self) -> None:
         self.patience = 1.0
+        self.take: Callable[[], None] = lambda: None
+        self._taking = False
         self._changed = threading.Condition(threading.RLock())
         self._events: list[Event] = []
         self._listeners: list[Callable[[Event], None]] = []
 
+    def catch_up(self) -> None:
+        """Calls `take`, on one thread at a time; it and the listeners find the journal as it is when they look."""
+        with self._changed:
+            if self._taking:
+                return
+            self._taking = True
+            try:
+                self.take()
+            finally:
+                self._taking = False
+
     def add(self, source: str, kind: str, **data: Any) -> Event:
         """Appends an event, wakes whoever waits and calls the listeners on the caller's thread, in order."""
         with self._changed:
+            self.catch_up()
             event = Event(time.monotonic(), source, kind, data)
             self._events.append(event)
             self._changed.notify_all()
@@ -70,22 +89,25 @@ class Journal:
         return event
 
     def locked(self) -> threading.Condition:
-        """`with journal.locked():` keeps every other thread from adding; for a source that several threads drain."""
+        """`with journal.locked():` keeps every other thread from adding and from taking."""
         return self._changed
 
     def __len__(self) -> int:
         with self._changed:
+            self.catch_up()
             return len(self._events)
 
     @property
     def events(self) -> list[Event]:
         """A copy of the list so far."""
         with self._changed:
+            self.catch_up()
             return list(self._events)
 
     def forget(self) -> None:
         """Drops the events so far, for runs so long that they would fill the memory. Positions begin anew at 0."""
         with self._changed:
+            self.catch_up()
             self._events.clear()
 
     def find(self, source: str | None = None, kind: str | None = None, **data: Any) -> list[Event]:
