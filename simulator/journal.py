@@ -54,12 +54,12 @@ class Journal:
     So what the service wrote before it sent something stands before that, whichever thread the machine lets run first.
     What it wrote just after may stand before it, too.
 
-    patience  what every wait's `timeout` is multiplied by, for a service that is slow by nature
+    patience  returns what every wait's `timeout` is multiplied by at its end, for a service or a machine that is slow
     take      adds what happened and is told of in no other way: what stands in the log
     """
 
     def __init__(self) -> None:
-        self.patience = 1.0
+        self.patience: Callable[[], float] = lambda: 1.0
         self.take: Callable[[], None] = lambda: None
         self._taking = False
         self._changed = threading.Condition(threading.RLock())
@@ -129,8 +129,7 @@ class Journal:
         `since=len(journal)` taken before an action limits the search to what the action causes.
         Raises TimeoutError after `timeout` seconds.
         """
-        timeout *= self.patience
-        deadline = time.monotonic() + timeout
+        begin = time.monotonic()
         position = since
         with self._changed:
             while True:
@@ -138,22 +137,24 @@ class Journal:
                     position += 1
                     if predicate(self._events[position - 1]):
                         return self._events[position - 1]
-                self._wait(deadline, timeout)
+                self._wait(begin, timeout)
 
     def wait_until(self, condition: Callable[[], T], timeout: float = 10.0) -> T:
         """The first true value of `condition()`, which is evaluated now and after every event.
 
         Raises TimeoutError after `timeout` seconds.
         """
-        timeout *= self.patience
-        deadline = time.monotonic() + timeout
+        begin = time.monotonic()
         with self._changed:
             while not (value := condition()):
-                self._wait(deadline, timeout)
+                self._wait(begin, timeout)
             return value
 
-    def _wait(self, deadline: float, timeout: float) -> None:
-        left = deadline - time.monotonic()
+    def _wait(self, begin: float, timeout: float) -> None:
+        left = begin + timeout - time.monotonic()
+        if left <= 0:
+            timeout *= self.patience()
+            left = begin + timeout - time.monotonic()
         if left <= 0:
             last = "\n  ".join(str(event) for event in self._events[-15:]) or "nothing at all"
             raise TimeoutError(f"not seen within {timeout:g} s; the last events were:\n  {last}")
