@@ -32,7 +32,7 @@ finish() {
     for name in "$@"; do
         while [[ ${step_pid[$name]-} ]]; do
             show_running
-            sleep 0.1
+            sleep 0.1 # pause: looked at again, to show what is running
             collect
         done
     done
