@@ -25,6 +25,8 @@ TRANSMITTER = "media_server/IPCService/Public/IPCUnixTransmitter"
 EVENT_CACHE = "public/utils/alg_utils/utils_srvfs_eventcache"
 RING_BUFFER = "public/utils/alg_utils/utils_process_ringbuf"
 
+# Seconds after which a wait for what surely comes has failed: no machine is so slow.
+DEADLINE = 120.0
 # Seconds that a stop may take: about one, and some more.
 STOP_SECONDS = 3.0
 BEGIN = "CustomJsonPicDownloadTask Begin "

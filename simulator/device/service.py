@@ -22,7 +22,7 @@ from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.messages.log import LogRecord, parse_record
 
-_START_SECONDS = 20.0
+_START_SECONDS = 60.0
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
 _CREDENTIALS = struct.Struct("iII")
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "TZ")
