@@ -67,7 +67,7 @@ class Journal:
         self._listeners: list[Callable[[Event], None]] = []
 
     def catch_up(self) -> None:
-        """Calls `take`, on one thread at a time; it and the listeners find the journal as it is when they look."""
+        """Has `take` add what happened so far; called from within it, by a listener perhaps, it does nothing."""
         with self._changed:
             if self._taking:
                 return
