@@ -45,9 +45,9 @@ def idle(binary: Path) -> Figures:
     """Once started, with nothing to do."""
     with started(binary) as camera:
         pid = camera.service.pid
-        time.sleep(1)  # what follows the socket
+        time.sleep(1)  # pause: what follows the socket
         before = process_status.wake_ups(pid)
-        time.sleep(IDLE_SECONDS)
+        time.sleep(IDLE_SECONDS)  # pause: the idleness that is measured
         return {"wake-ups when idle": (process_status.wake_ups(pid) - before) / IDLE_SECONDS,
                 "memory when idle": process_status.private_kilobytes(pid),
                 "threads when idle": process_status.threads(pid),
@@ -62,5 +62,5 @@ def started(binary: Path, preload: Sequence[Path] | None = None) -> Iterator[Cam
         while not camera.path(COMMAND_SOCKET).exists():
             if time.monotonic() > deadline:
                 raise CameraError(f"{binary} did not make {COMMAND_SOCKET}")
-            time.sleep(0.0002)
+            time.sleep(0.0002)  # pause: nothing tells of a new file
         yield camera

@@ -67,7 +67,7 @@ def wait_for_commands(one: Camera) -> None:
     while not one.path(COMMAND_SOCKET).exists():
         if time.monotonic() > deadline or one.service.exit_code is not None:
             raise CameraError(f"no {COMMAND_SOCKET}: {one.path('/tmp/log').read_text()[-2000:]}")
-        time.sleep(0.01)
+        time.sleep(0.01)  # pause: nothing tells of a new file
 
 
 def download(one: Camera, pages: int) -> None:
@@ -78,7 +78,7 @@ def download(one: Camera, pages: int) -> None:
     while (reply := one.client.command("whiteListDown", one.platform.task(pages * PAGE), PATIENCE)).status != 200:
         if time.monotonic() > deadline:
             raise CameraError(f"the download was refused: {reply.body!r}")
-        time.sleep(0.01)
+        time.sleep(0.01)  # pause: asked again until it is taken
     one.wait_until(lambda: len(one.platform.reports) == before + pages, PATIENCE)
 
 
@@ -115,5 +115,5 @@ def _counts(command: str, work: Work, settings: Mapping[str, Any]) -> str:
         while not (file.exists() and file.stat().st_size):
             if time.monotonic() > deadline:
                 raise CameraError(f"nothing was counted by: {command}\n{one.path('/tmp/log').read_text()[-2000:]}")
-            time.sleep(0.05)
+            time.sleep(0.05)  # pause: nothing tells of a new file
         return file.read_text()

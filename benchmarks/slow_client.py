@@ -40,7 +40,7 @@ class SlowClient:
                 self.heads += 1
             else:
                 self.bodies += 1
-            time.sleep(PAUSE_SECONDS)
+            time.sleep(PAUSE_SECONDS)  # pause: the slowness of this client
         sender.join()
         self._socket.close()
 

@@ -2,15 +2,11 @@
 """Counts the tests of a JUnit report.
 
 usage: count_tests.py REPORT EXIT_CODE
-       count_tests.py --again REPORT
 
-With --again it prints the tests of a pytest report that deserve a second attempt, one a line: those that failed, unless
-they are many, or the exit code of a service was wrong (a crash, or what a sanitizer found).
-
-Without, EXIT_CODE is that of the program which ran the tests. Prints "PASSED FAILED" to standard output and every test
-that did not pass, with its message, to standard error. Only tests that ran count as passed: a skipped or disabled one
-is a failed one, and so is, as one test, a run without tests or one that failed beside its tests.
-Exits with 1 when one failed.
+EXIT_CODE is that of the program which ran the tests. Prints "PASSED FAILED" to standard output and every test that did
+not pass, with its message, to standard error. Only tests that ran count as passed: a skipped or disabled one is a
+failed one, and so is, as one test, a run without tests or one that failed beside its tests. Exits with 1 when one
+failed.
 """
 
 import sys
@@ -18,7 +14,6 @@ import xml.etree.ElementTree as ET
 from pathlib import Path
 
 LINES_SHOWN = 25
-MOST_AGAIN = 5
 
 
 def problem(case: ET.Element) -> str | None:
@@ -31,17 +26,6 @@ def problem(case: ET.Element) -> str | None:
     if case.get("status", "run") != "run":
         return str(case.get("status"))
     return None
-
-
-def again(report: Path) -> list[str]:
-    """The pytest names of the tests that deserve a second attempt."""
-    failed: dict[str, str] = {}
-    for case in ET.parse(report).iter("testcase") if report.exists() else []:
-        if text := problem(case):
-            name = f"tests/{str(case.get('classname')).replace('.', '/')}.py::{case.get('name')}"
-            failed[name] = failed.get(name, "") + text + "".join(child.text or "" for child in case)
-    hopeless = len(failed) > MOST_AGAIN or any("exit code" in text for text in failed.values())
-    return [] if hopeless else list(failed)
 
 
 def failures(report: Path, exit_code: int) -> tuple[int, dict[str, str]]:
@@ -64,9 +48,6 @@ def failures(report: Path, exit_code: int) -> tuple[int, dict[str, str]]:
 
 
 def main() -> int:
-    if sys.argv[1] == "--again":
-        print("".join(f"{name}\n" for name in again(Path(sys.argv[2]))), end="")
-        return 0
     report, exit_code = Path(sys.argv[1]), int(sys.argv[2])
     passed, failed = failures(report, exit_code)
     problems = [f"{name}: {text}" if text else name for name, text in failed.items()]

@@ -74,7 +74,7 @@ with_progress() {
     child=$!
     set +m
     while kill -0 "$child" 2>/dev/null; do
-        sleep 0.1
+        sleep 0.1 # pause: looked at again, to show how far it is
         ((++ticks % 100)) || say "  $("$progress")"
     done
     failed=0

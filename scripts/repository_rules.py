@@ -22,9 +22,11 @@ UNFINISHED = re.compile(r"\b(T[O]DO|F[I]XME)\b")
 # A silenced finding names the finding, and says why in the same line.
 SILENCER = re.compile(r"N[O]LINT\w*|cppcheck[-]suppress|shellcheck[ ]disable|[#] ?noqa|[#] ?type: ?ignore|-W[n]o-")
 SILENCER_WITH_REASON = re.compile(r"(N[O]LINT\w*\([\w.,-]+\)|[=: [][\w,-]+\]?|-W[n]o-[\w-]+\W*)[ #:]+\w.{9,}")
-# Tests wait for events. What only lets time pass, under whatever name, says in the same line why nothing tells of it.
-PAUSE = re.compile(r"time\.sleep\(|Event\(\)\.wait\(|select\(\[\], \[\], \[\]|"
-                   r"sleep_(for|until)\(|[^_]usleep\(\d|nanosleep\(")
+# What only lets time pass, under whatever name, says in the same line why nothing tells of what is waited for. In the
+# service every wait can be interrupted, which its own tests see to.
+PAUSE = re.compile(r"(?<!Interruption::)\bsleep\(\s*[^)\s]|Event\(\)\.wait\(|select\(\[\], \[\], \[\]|"
+                   r"sleep_(for|until)\(|\busleep\(\d|nanosleep\(|\bsleep [\d.$\"]")
+PAUSE_FOLDERS = ("tests", "simulator", "benchmarks", "scripts", "fuzz", ".ci", "check", "demo")
 PAUSE_WITH_REASON = re.compile(r"(#|//) pause: \w.{9,}")
 BRANCHES = (ast.If, ast.For, ast.While, ast.Try, ast.match_case)
 
@@ -55,7 +57,7 @@ def line_findings(lines: list[str], columns: int | None) -> Iterator[tuple[int, 
 def pause_findings(lines: list[str]) -> Iterator[tuple[int, str]]:
     for number, line in enumerate(lines, 1):
         if PAUSE.search(line) and not PAUSE_WITH_REASON.search(line):
-            yield number, 'a pause in a test; wait for an event, or say in the same line why not: "pause: ..."'
+            yield number, 'a pause; wait for an event, or say in the same line why not: "pause: ..."'
 
 
 def python_findings(text: str) -> Iterator[tuple[int, str]]:
@@ -89,7 +91,7 @@ def findings(path: Path) -> Iterator[tuple[int, str]]:
     if len(lines) > FILE_LINES:
         yield FILE_LINES, f"the file has {len(lines)} lines, at most {FILE_LINES}"
     yield from line_findings(lines, None if kind == "c++" else COLUMNS)
-    if path.parts[0] == "tests":
+    if path.parts[0] in PAUSE_FOLDERS:
         yield from pause_findings(lines)
     if kind == "python":
         yield from python_findings(text)

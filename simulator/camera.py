@@ -92,7 +92,7 @@ class Camera:
                                preload=preload, libraries=libraries, environment=environment, filtered=filtered,
                                ports=self.platform.ports, full_port=self.platform.full_port)
         if emulator.is_foreign(binary) or sanitizer_runtimes(binary):
-            self.journal.patience = _SLOW_PATIENCE
+            self.journal.patience = lambda: _SLOW_PATIENCE
 
     def __enter__(self) -> Camera:
         try:

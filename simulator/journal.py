@@ -48,20 +48,39 @@ def _short(value: Any) -> str:
 
 
 class Journal:
-    """An append-only list of events. Every method may be called from any thread.
+    """An append-only list of events, in the order of causes. Every method may be called from any thread.
 
-    patience  what every wait's `timeout` is multiplied by, for a service that is slow by nature
+    What a peer does is added before it is done; what a peer got, after `take` has added what the service wrote so far.
+    So what the service wrote before it sent something stands before that, whichever thread the machine lets run first.
+    What it wrote just after may stand before it, too.
+
+    patience  returns what every wait's `timeout` is multiplied by at its end, for a service or a machine that is slow
+    take      adds what happened and is told of in no other way: what stands in the log
     """
 
     def __init__(self) -> None:
-        self.patience = 1.0
+        self.patience: Callable[[], float] = lambda: 1.0
+        self.take: Callable[[], None] = lambda: None
+        self._taking = False
         self._changed = threading.Condition(threading.RLock())
         self._events: list[Event] = []
         self._listeners: list[Callable[[Event], None]] = []
 
+    def catch_up(self) -> None:
+        """Has `take` add what happened so far; called from within it, by a listener perhaps, it does nothing."""
+        with self._changed:
+            if self._taking:
+                return
+            self._taking = True
+            try:
+                self.take()
+            finally:
+                self._taking = False
+
     def add(self, source: str, kind: str, **data: Any) -> Event:
         """Appends an event, wakes whoever waits and calls the listeners on the caller's thread, in order."""
         with self._changed:
+            self.catch_up()
             event = Event(time.monotonic(), source, kind, data)
             self._events.append(event)
             self._changed.notify_all()
@@ -70,22 +89,25 @@ class Journal:
         return event
 
     def locked(self) -> threading.Condition:
-        """`with journal.locked():` keeps every other thread from adding; for a source that several threads drain."""
+        """`with journal.locked():` keeps every other thread from adding and from taking."""
         return self._changed
 
     def __len__(self) -> int:
         with self._changed:
+            self.catch_up()
             return len(self._events)
 
     @property
     def events(self) -> list[Event]:
         """A copy of the list so far."""
         with self._changed:
+            self.catch_up()
             return list(self._events)
 
     def forget(self) -> None:
         """Drops the events so far, for runs so long that they would fill the memory. Positions begin anew at 0."""
         with self._changed:
+            self.catch_up()
             self._events.clear()
 
     def find(self, source: str | None = None, kind: str | None = None, **data: Any) -> list[Event]:
@@ -107,8 +129,7 @@ class Journal:
         `since=len(journal)` taken before an action limits the search to what the action causes.
         Raises TimeoutError after `timeout` seconds.
         """
-        timeout *= self.patience
-        deadline = time.monotonic() + timeout
+        begin = time.monotonic()
         position = since
         with self._changed:
             while True:
@@ -116,22 +137,24 @@ class Journal:
                     position += 1
                     if predicate(self._events[position - 1]):
                         return self._events[position - 1]
-                self._wait(deadline, timeout)
+                self._wait(begin, timeout)
 
     def wait_until(self, condition: Callable[[], T], timeout: float = 10.0) -> T:
         """The first true value of `condition()`, which is evaluated now and after every event.
 
         Raises TimeoutError after `timeout` seconds.
         """
-        timeout *= self.patience
-        deadline = time.monotonic() + timeout
+        begin = time.monotonic()
         with self._changed:
             while not (value := condition()):
-                self._wait(deadline, timeout)
+                self._wait(begin, timeout)
             return value
 
-    def _wait(self, deadline: float, timeout: float) -> None:
-        left = deadline - time.monotonic()
+    def _wait(self, begin: float, timeout: float) -> None:
+        left = begin + timeout - time.monotonic()
+        if left <= 0:
+            timeout *= self.patience()
+            left = begin + timeout - time.monotonic()
         if left <= 0:
             last = "\n  ".join(str(event) for event in self._events[-15:]) or "nothing at all"
             raise TimeoutError(f"not seen within {timeout:g} s; the last events were:\n  {last}")

@@ -13,6 +13,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT))
 
 from simulator import Camera  # noqa: E402 importable only with the path above
+from support import slowness  # noqa: E402 importable only with the path above
 
 # Pictures of this size make pages of 30 records small where their content does not matter.
 SMALL_PICTURES = (800, 1_000)
@@ -93,6 +94,8 @@ def make_camera(request: pytest.FixtureRequest) -> Iterator[Callable[..., Camera
     def make(*, ends_with: tuple[int, ...] = STOPPED_CLEANLY, records_only: bool = True, **arguments: Any) -> Camera:
         camera = Camera(**arguments)
         camera.platform.picture_sizes = SMALL_PICTURES
+        own = camera.journal.patience
+        camera.journal.patience = lambda: own() * slowness()
         cameras.append(camera)
         endings.append((ends_with, records_only))
         return camera

@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import os
 import subprocess
 import threading
 import time
 from collections.abc import Callable
+from datetime import datetime
 from pathlib import Path
 
 from simulator import Camera, Event, LogRecord, build_folder
@@ -23,7 +25,9 @@ TRANSMITTER = "media_server/IPCService/Public/IPCUnixTransmitter"
 EVENT_CACHE = "public/utils/alg_utils/utils_srvfs_eventcache"
 RING_BUFFER = "public/utils/alg_utils/utils_process_ringbuf"
 
-# Seconds that a stop may take: about one, and some for a busy machine and the sanitizers.
+# Seconds after which a wait for what surely comes has failed: no machine is so slow.
+DEADLINE = 120.0
+# Seconds that a stop may take: about one, and some more.
 STOP_SECONDS = 3.0
 BEGIN = "CustomJsonPicDownloadTask Begin "
 END = "CustomJsonPicDownloadTask End "
@@ -37,6 +41,20 @@ def sanitized() -> bool:
 def emulated() -> bool:
     """True for a service for 32-bit ARM on a machine that is none."""
     return emulator.is_foreign(build_folder() / "bin" / "protocol_process")
+
+
+def slowness() -> float:
+    """How many times longer everything takes on this machine now, at least 1: processes ready to run, a processor.
+
+    Of now and of the last minute the worse: what was slow is looked at when it is over.
+    """
+    words = Path("/proc/loadavg").read_text().split()
+    return max(1.0, max(float(words[0]), float(words[3].split("/")[0])) / (os.cpu_count() or 1))
+
+
+def at_most(seconds: float) -> float:
+    """How long may be taken, on this machine and by this build, for what takes so long on an idle one at most."""
+    return seconds * slowness() * (4.0 if sanitized() or emulated() else 1.0)
 
 
 def memory_limit(kilobytes: int, with_sanitizers: int) -> int:
@@ -86,6 +104,11 @@ def expect_working(camera: Camera) -> None:
     assert camera.client.command("faceNotHitDown", {"still": "there"}).status == 200
 
 
+def written(record: LogRecord) -> float:
+    """When the service wrote a record, in seconds: however late it was read, the time between two is the service's."""
+    return datetime.fromisoformat(record.time).timestamp()
+
+
 def received(camera: Camera, source: str, command: int, since: int = 0, timeout: float = 10.0) -> Event:
     """Waits until a peer ("itgt", "faces") has received a request with this command."""
     return camera.wait_for(lambda event: event.matches(source, "received", command=command), timeout, since)
@@ -99,9 +122,9 @@ def wait_stopped(camera: Camera, number: int, timeout: float = STOP_SECONDS) -> 
 
 def poll_until(condition: Callable[[], bool], seconds: float = 20.0) -> None:
     """Waits for what no event tells of, such as the state of a process."""
-    deadline = time.monotonic() + seconds
+    begin = time.monotonic()
     while not condition():
-        assert time.monotonic() < deadline, "not seen in time"
+        assert time.monotonic() < begin + seconds or time.monotonic() < begin + at_most(seconds), "not seen in time"
         threading.Event().wait(0.002)  # pause: nothing tells of it, so it is looked at again
 
 

@@ -85,7 +85,7 @@ def metadata(camera: Camera, show: Display) -> None:
     packet: bytes = camera.journal.find("events", "notified")[-1].data["data"]
     show.line("events", f"published {json.dumps(_METADATA)}")
     show.line("events", str(describe_notification(packet)))
-    time.sleep(_RECEIVE_TASK_PAUSE * 1.5)
+    time.sleep(_RECEIVE_TASK_PAUSE * 1.5)  # pause: long enough to see that nothing is read
     _expect("notification still unread", camera.events.unread(), True)
     show.line("demo", f"{_RECEIVE_TASK_PAUSE * 1.5:g} s later the notification waits unread, as it should: the service "
                       "takes records only while a component observes them, and none does yet.")

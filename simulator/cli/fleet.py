@@ -125,7 +125,7 @@ class Fleet:
     def _sample_until(self, moment: float) -> None:
         """Passes the time with looks at the memory of the services."""
         while (left := moment - time.monotonic()) > 0:
-            time.sleep(min(left, _SAMPLE_SECONDS))
+            time.sleep(min(left, _SAMPLE_SECONDS))  # pause: between two looks at the memory
             for number, camera in enumerate(self.cameras):
                 self._memory[number] = max(self._memory.get(number, 0),
                                            _bytes(private_kilobytes, camera.service.pid))

@@ -78,7 +78,7 @@ class Sandbox:
                 arguments += ["--ro-bind", str(path), str(path)]
         return [*arguments, *self.mounts, "--chdir", "/", "--"]
 
-    def run(self, program: Sequence[str | Path], timeout: float = 10.0) -> subprocess.CompletedProcess[bytes]:
+    def run(self, program: Sequence[str | Path], timeout: float = 60.0) -> subprocess.CompletedProcess[bytes]:
         """Runs another program of the camera to its end, for example a reader of the ring buffer."""
         binary = Path(program[0])
         words, _ = emulator.process(binary, {})

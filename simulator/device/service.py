@@ -22,7 +22,7 @@ from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.messages.log import LogRecord, parse_record
 
-_START_SECONDS = 20.0
+_START_SECONDS = 60.0
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
 _CREDENTIALS = struct.Struct("iII")
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "TZ")
@@ -52,6 +52,7 @@ class Service:
         self._filtered = filtered
         self._log: list[LogRecord] = []
         self._journal = journal
+        journal.take = self._take_stderr
         self._sandbox = sandbox
         self._binary = binary.resolve()
         self._preload = [path.resolve() for path in preload]
@@ -63,6 +64,7 @@ class Service:
         self._readers: list[threading.Thread] = []
         self._output: dict[str, list[bytes]] = {"stdout": [], "stderr": []}
         self._unfinished_line = b""
+        self._stderr_ended = True
         self._exit_code: int | None = None
 
     @property
@@ -71,12 +73,12 @@ class Service:
 
     @property
     def stderr(self) -> bytes:
-        self._take_stderr()
+        self._journal.catch_up()
         return b"".join(self._output["stderr"])
 
     @property
     def log(self) -> list[LogRecord]:
-        self._take_stderr()
+        self._journal.catch_up()
         return list(self._log)
 
     @property
@@ -170,6 +172,7 @@ class Service:
                                          stderr=subprocess.PIPE, pass_fds=[channel.fileno()], start_new_session=True)
         assert self._process.stderr is not None
         os.set_blocking(self._process.stderr.fileno(), False)
+        self._stderr_ended = False  # from here on the journal takes it
         self._readers = [threading.Thread(target=target, args=(self._process,), name=target.__name__, daemon=True)
                          for target in (self._read_stdout, self._read_stderr)]
         for reader in self._readers:
@@ -201,14 +204,14 @@ class Service:
                 self._output["stdout"].append(data)
 
     def _read_stderr(self, process: subprocess.Popen[bytes]) -> None:
-        """Reads the log to its end, which is the end of the service, and then takes its exit code."""
+        """Has the journal take the log to its end, which is the end of the service, and then takes its exit code."""
         assert process.stderr is not None
         poll = select.poll()  # select() knows no descriptors beyond 1023, which many cameras together reach
         poll.register(process.stderr, select.POLLIN)
-        while poll.poll() and self._take_stderr():
-            pass
-        with self._journal.locked():
-            process.stderr.close()
+        while not self._stderr_ended:
+            poll.poll()
+            self._journal.catch_up()
+        process.stderr.close()
         code = process.wait()
         if process.stdin is not None:
             process.stdin.close()
@@ -217,30 +220,27 @@ class Service:
             self._exit_code = code if code >= 0 else 128 - code
             self._journal.add(self.name, "ended", exit_code=self._exit_code)
 
-    def _take_stderr(self) -> bool:
-        """Takes what stands in the pipe of standard error; False once it has ended. For any thread.
+    def _take_stderr(self) -> None:
+        """Takes what stands in the pipe of standard error: for the journal, before it takes anything else.
 
-        Whoever looks at the log takes it first: a reply can be faster than the thread that reads the pipe. The
-        journal's lock keeps the lines in order.
+        A record is in the pipe when the service goes on from it. So whoever got a message of the service finds there
+        what was written before, however late the thread is that waits for the pipe.
         """
-        with self._journal.locked():
-            stream = self._process.stderr if self._process else None
-            while stream and not stream.closed:
-                try:
-                    data = os.read(stream.fileno(), 65536)
-                except BlockingIOError:
-                    return True
-                self._output["stderr"].append(data)
-                # The end finishes a line that has no line break.
-                lines = (self._unfinished_line + (data or b"\n" * bool(self._unfinished_line))).split(b"\n")
-                self._unfinished_line = lines.pop()
-                for line in lines:
-                    record = parse_record(line.decode("utf-8", "backslashreplace"))
-                    self._log.append(record)
-                    self._journal.add(self.name, "log", record=record)
-                if not data:
-                    break
-            return False
+        while not self._stderr_ended:
+            assert self._process is not None and self._process.stderr is not None
+            try:
+                data = os.read(self._process.stderr.fileno(), 65536)
+            except BlockingIOError:
+                return
+            self._stderr_ended = not data
+            self._output["stderr"].append(data)
+            # The end finishes a line that has no line break.
+            lines = (self._unfinished_line + (data or b"\n" * bool(self._unfinished_line))).split(b"\n")
+            self._unfinished_line = lines.pop()
+            for line in lines:
+                record = parse_record(line.decode("utf-8", "backslashreplace"))
+                self._log.append(record)
+                self._journal.add(self.name, "log", record=record)
 
 
 @functools.lru_cache

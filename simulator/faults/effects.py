@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import dataclasses
 import random
-import threading
 from collections.abc import Callable
 from types import SimpleNamespace
 from typing import Any
@@ -262,8 +261,8 @@ def client_claims(_client: Client, datagrams: Datagrams, values: Values) -> Data
 # What the event cache's publisher sends in place of a notification.
 
 @fault(NOTIFY, "events.late", "notifies some seconds late", _seconds(1.0))
-def event_late(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
-    threading.Event().wait(values.seconds)
+def event_late(events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
+    events.pause(values.seconds)
     return packets
 
 

@@ -71,9 +71,9 @@ class Connection:
         except Exception as error:  # a mistake in a test's hook
             self._note("hook_failed", error=repr(error))
         finally:
-            self._socket.close()
             self.closed = time.monotonic()
             self._note("closed", requests=self.requests)
+            self._socket.close()
 
     def _note(self, kind: str, **data: object) -> None:
         self._server.journal.add("platform", kind, connection=self.number, port=self.port, **data)

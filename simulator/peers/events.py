@@ -40,12 +40,14 @@ class EventPublisher:
         self._thread: threading.Thread | None = None
         self._subscribers: list[socket.socket] = []
         self._wake = -1
+        self._stopping = threading.Event()
         self._next_buffer = 1
 
     def start(self) -> None:
         """Makes both nodes available; nothing happens if they are."""
         if self._listener is not None:
             return
+        self._stopping.clear()
         self.cache_folder.mkdir(mode=0o755, parents=True, exist_ok=True)
         self._path.unlink(missing_ok=True)
         self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
@@ -60,6 +62,7 @@ class EventPublisher:
         """Takes both nodes away; subscribers see the end of their connection."""
         if self._listener is None or self._thread is None:
             return
+        self._stopping.set()
         os.eventfd_write(self._wake, 1)
         self._thread.join()
         os.close(self._wake)
@@ -95,6 +98,10 @@ class EventPublisher:
             self._journal.add(self.name, "notified", data=one)
             for subscriber in tuple(self._subscribers):
                 subscriber.send(one, socket.MSG_NOSIGNAL)
+
+    def pause(self, seconds: float) -> None:
+        """Waits on the caller's thread; the end of the publisher ends it."""
+        self._stopping.wait(seconds)
 
     def unread(self) -> bool:
         """True while notifications wait that a subscriber has not read."""

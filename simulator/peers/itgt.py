@@ -90,14 +90,15 @@ class Itgt(MessagePeer):
             if self.picture_seconds > 0 and self._stopping.wait(self.picture_seconds):
                 return
             result = wire.IMPORTED if is_jpeg(_picture(record)) else wire.BAD_PICTURE
-            page.results.append({"ID": record.get("credentialNumber"), "RESULT_TYPE_E": result})
+            # Told before it is so, because the thread that answers the service looks at the page meanwhile.
             self.journal.add(self.name, "picture", task_id=page.task_id, record_id=record.get("credentialNumber"),
-                             result=result, done=len(page.results), total=len(page.records))
+                             result=result, done=len(page.results) + 1, total=len(page.records))
+            page.results.append({"ID": record.get("credentialNumber"), "RESULT_TYPE_E": result})
         document = {"TaskResultArry": page.results}
         content = self.on_state_file(document) if self.on_state_file else json.dumps(document).encode()
         file_event(self, _state_file(page), content)
-        page.finished = True
         self.journal.add(self.name, "imported", task_id=page.task_id, page=page)
+        page.finished = True
 
     def _progress(self, message: wire.Message) -> Reply:
         page = self.imports.get(message.request["import_task_id"])

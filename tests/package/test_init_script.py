@@ -24,8 +24,9 @@ DEAD_WITH_PID_FILE, NOT_RUNNING = 1, 3
 # In the place of the system's log: keeps what it is given.
 LOGGER = "#!/bin/sh\nexec cat >>/tmp/system_log\n"
 # A program that a stop signal does not end.
+_IGNORING = 'trap "" TERM; while :; do sleep 1; done'  # pause: it does nothing
 STUBBORN = f"#!/usr/bin/python3\nimport os, sys\n" \
-           f"os.execv('/bin/sh', ['{PROGRAM}', '-c', 'trap \"\" TERM; while :; do sleep 1; done'])\n"
+           f"os.execv('/bin/sh', ['{PROGRAM}', '-c', '{_IGNORING}'])\n"
 
 
 class Machine:
@@ -114,7 +115,7 @@ def expect_serving(camera: Camera) -> None:
 
 def limited_wait(condition: str) -> str:
     """Shell text that waits, for at most ten seconds or so, until the condition is met, and fails when it is not."""
-    return f"for i in $(seq 200); do {condition} && break; sleep 0.05; done; {condition}"
+    return f"for i in $(seq 200); do {condition} && break; sleep 0.05; done; {condition}"  # pause: looked at again
 
 
 def wait_command_socket(camera: Camera, machine: Machine) -> None:

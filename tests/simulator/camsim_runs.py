@@ -16,9 +16,10 @@ import time
 from pathlib import Path
 from typing import Any
 
+from support import DEADLINE
+
 ROOT = Path(__file__).resolve().parents[2]
 CAMSIM = ROOT / "simulator" / "camsim"
-DEADLINE = 30.0
 
 
 class Camsim:
@@ -34,7 +35,7 @@ class Camsim:
     def run(self, *words: object, program: Path = CAMSIM) -> subprocess.CompletedProcess[str]:
         """Runs to the end; nothing of Python's innards may show."""
         done = subprocess.run([str(program), *map(str, words)], cwd=self.runtime, env=self.environment, text=True,
-                              stdin=subprocess.DEVNULL, capture_output=True, timeout=2 * DEADLINE, check=False)
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=DEADLINE, check=False)
         assert "Traceback" not in done.stderr + done.stdout, done.stderr
         return done
 

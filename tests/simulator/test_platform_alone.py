@@ -19,7 +19,7 @@ StartUp = Callable[..., Up]
 
 
 def post(port: int, path: str, document: dict[str, Any], context: ssl.SSLContext) -> tuple[int, bytes]:
-    connection = http.client.HTTPSConnection("127.0.0.1", port, context=context, timeout=10)
+    connection = http.client.HTTPSConnection("127.0.0.1", port, context=context, timeout=60)
     connection.request("POST", path, json.dumps(document))
     answer = connection.getresponse()
     return answer.status, answer.read()

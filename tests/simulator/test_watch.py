@@ -11,7 +11,8 @@ from collections.abc import Callable
 
 import pytest
 
-from camsim_runs import DEADLINE, ROOT, Camsim, Drawn, Up
+from camsim_runs import ROOT, Camsim, Drawn, Up
+from support import DEADLINE
 
 StartUp = Callable[..., Up]
 
@@ -104,7 +105,7 @@ def test_the_demonstration_draws_on_a_terminal() -> None:
 
 def test_the_demonstration_writes_lines_without_a_terminal() -> None:
     done = subprocess.run(["/usr/bin/python3", "-m", "simulator.cli.demo", "whiteListClear"], cwd=ROOT, text=True,
-                          stdin=subprocess.DEVNULL, capture_output=True, timeout=2 * DEADLINE, check=False)
+                          stdin=subprocess.DEVNULL, capture_output=True, timeout=DEADLINE, check=False)
     assert (done.returncode, done.stderr) == (0, "")
     assert re.search(r"\n +\d+\.\d{3} s  face library got face list 1 \"Staff\", type 1, on control 1, threshold 80\n",
                      done.stdout)

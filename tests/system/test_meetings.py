@@ -9,7 +9,7 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.peers.face_library import face_list
-from support import END, count_text, expect_working, received, texts, wait_end, wait_stopped
+from support import END, at_most, count_text, expect_working, received, texts, wait_end, wait_stopped, written
 
 CLEAR = {"cameraCode": "C1"}
 # Seconds after which an exchange whose peer is silent no longer holds the others up.
@@ -61,11 +61,11 @@ def test_download_goes_on_beside_a_clear_request_that_is_answered_after_8_second
     start_download(camera)
     received(camera, "itgt", 7021)
     tag = camera.client.send("whiteListClear", CLEAR)
-    asked = received(camera, "faces", 7019).time
+    asked = camera.wait_for_log(lambda record: record.line == 290)
     wait_end(camera, timeout=20)
     assert camera.client.wait_reply(tag).status == 200
-    second = camera.journal.find("itgt", "received", command=7021)[1].time
-    assert TURN - 0.5 <= second - asked <= TURN + 2.0
+    second = [record for record in camera.service.log if record.text.startswith("Current process is ")][1]
+    assert TURN - 0.5 <= written(second) - written(asked) <= at_most(TURN + 2.0)
     expect_all_done(camera, 1, 3)
 
 
@@ -86,10 +86,12 @@ def test_clear_gets_its_turns_between_the_requests_of_a_download_with_a_slow_itg
 def test_answer_after_7_seconds_reaches_the_download_beside_which_a_clear_has_run(camera: Camera) -> None:
     slow_once(camera, camera.itgt, 7020, 7)
     start_download(camera)
-    asked = received(camera, "itgt", 7020).time
-    reply = camera.client.command("whiteListClear", CLEAR, timeout=10)
-    assert reply.status == 200
-    assert TURN - 0.5 <= reply.time - asked < 7.0, "the clear waited for the silent exchange's turn, not for its reply"
+    asked = camera.wait_for_log("Before recive msg from itgt")
+    begin = len(camera.journal)
+    assert camera.client.command("whiteListClear", CLEAR, timeout=10).status == 200
+    replied = camera.wait_for_log("SendJsonMsg head", since=begin)
+    waited = written(replied) - written(asked)
+    assert TURN - 0.5 <= waited < at_most(7.0), "the clear waited for the silent exchange's turn, not for its reply"
     wait_end(camera)
     assert count_text(camera, "taskID is 4300000001") == 1
     expect_all_done(camera, 1, 3)

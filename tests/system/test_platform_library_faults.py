@@ -79,7 +79,7 @@ def test_user_switch_that_hangs_holds_up_the_start_and_no_stop(start_camera: Sta
 
 
 def test_slow_user_switch_is_waited_for(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, USER % "sleep(1); return 0;")
+    camera = with_library(start_camera, tmp_path, USER % "sleep(1); return 0;")  # pause: the slow library itself
     expect_working(camera)
 
 

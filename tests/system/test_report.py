@@ -10,7 +10,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, Reset, Response, wire
-from support import DOWNLOAD, TRANSMITTER, download, expect_log, texts, wait_end
+from support import DOWNLOAD, TRANSMITTER, at_most, download, expect_log, texts, wait_end, written
 
 StateFile = Callable[[dict[str, Any]], bytes]
 
@@ -242,9 +242,8 @@ def test_silent_platform_ends_the_report_after_5_seconds(camera: Camera) -> None
     camera.platform.script(camera.platform.result_path, None)
     begin = len(camera.journal)
     assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
-    posted = camera.wait_for(lambda event: event.matches("platform", "report"))
-    ended = camera.wait_for(lambda event: event.matches("service", "log") and event.record.text.startswith("metadata "),
-                            since=begin)
-    assert 4.5 <= ended.time - posted.time <= 6.5
-    assert ended.record.line == 221
+    posted = camera.wait_for_log("@@@picTaskResult Update ", since=begin)
+    ended = camera.wait_for_log(lambda record: record.text.startswith("metadata "), since=begin)
+    assert 4.5 <= written(ended) - written(posted) <= at_most(6.5)
+    assert ended.line == 221
     camera.wait_until(lambda: len(camera.platform.reports) == 2)

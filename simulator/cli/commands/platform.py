@@ -60,7 +60,7 @@ def run(arguments: argparse.Namespace) -> int:
                 _greet(platform, show, arguments)
                 (print_events if arguments.json else show.follow)(journal)
                 platform.start([listener])
-                threading.Event().wait()
+                threading.Event().wait()  # pause: a signal ends it
         except Stopped:
             platform.stop()
         return DONE

@@ -104,7 +104,7 @@ TEST(ExchangesMeet, NextOneGoesWhenTheReplyIsThereAndNotBefore)
     EXPECT_EQ(static_cast<std::uint32_t>(first.receive(message)), 7020U);
     const Stopwatch stopwatch;
     EXPECT_EQ(commandOf(faces.receive()), 7019U) << "the first exchange still lives, but has its reply";
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(3000)));
 }
 
 TEST(ExchangesMeet, RequestsTakeTurnsInTheOrderOfComing)
@@ -140,11 +140,11 @@ TEST(ExchangesMeet, WhoIsSilentForFiveSecondsHoldsUpNobodyElse)
     Exchanging other({7019, 7018}, FACES_PATH);
     EXPECT_EQ(commandOf(faces.receive()), 7019U);
     EXPECT_GE(stopwatch.elapsed(), TURN - milliseconds(200));
-    EXPECT_LT(stopwatch.elapsed(), TURN + milliseconds(3500) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(TURN + milliseconds(3500)));
     ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
     const Stopwatch next;
     EXPECT_EQ(commandOf(faces.receive()), 7018U);
-    EXPECT_LT(next.elapsed(), milliseconds(3000) + SLOWNESS) << "the silent one held it up again";
+    EXPECT_LT(next.elapsed(), atMost(milliseconds(3000))) << "the silent one held it up again";
     ASSERT_TRUE(faces.send(OWN_PATH, reply(7018, 'f')));
     EXPECT_TRUE(other.hasEnded());
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
@@ -159,7 +159,7 @@ TEST(ExchangesMeet, WhoCannotReachItsPeerHoldsUpNobody)
     const Stopwatch stopwatch;
     Exchanging other({7019}, FACES_PATH);
     EXPECT_EQ(commandOf(faces.receive()), 7019U);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(3000) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(3000)));
     ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
     EXPECT_TRUE(other.hasEnded());
     EXPECT_FALSE(unreachable.hasEnded(milliseconds(0)));
@@ -249,7 +249,7 @@ TEST(ExchangesMeet, InterruptWakesWhoStandsInLineAndTheNextGoes)
     first.interrupt();
     EXPECT_THROW(first.replies(), Interrupted);
     EXPECT_EQ(commandOf(itgt.receive()), 7003U);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(4000) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(4000)));
 }
 
 /// Answers each request to it with its own bytes and a mark, until told to end.

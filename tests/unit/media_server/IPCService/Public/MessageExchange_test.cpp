@@ -117,7 +117,7 @@ TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
     EXPECT_FALSE(exchanging.hasEnded(milliseconds(1500)));
     UnixSocket itgt(ITGT_PATH);
     EXPECT_EQ(itgt.receive(), requestBytes(7031));
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(4500) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(4500)));
     EXPECT_EQ(sendFailures(), 1) << "a repetition was logged";
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
@@ -224,7 +224,7 @@ TEST(MessageExchange, InterruptWakesASilentExchange)
     const Stopwatch stopwatch;
     exchanging.interrupt();
     EXPECT_THROW(exchanging.replies(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(1000) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(1000)));
 }
 
 TEST(MessageExchange, InterruptWakesWhoCannotReachItsPeer)
@@ -234,7 +234,7 @@ TEST(MessageExchange, InterruptWakesWhoCannotReachItsPeer)
     const Stopwatch stopwatch;
     exchanging.interrupt();
     EXPECT_THROW(exchanging.replies(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), milliseconds(900) + SLOWNESS);
+    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(900)));
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ public:
     void runTask() override
     {
         while (!isCancelled()) {
-            sleep(1);
+            sleep(1);  // pause: Poco's, which the cancelling ends
         }
     }
     void cancel() override
