@@ -28,7 +28,7 @@ namespace {
 using Poco::Dynamic::Var;
 using Poco::JSON::Object;
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop"};
 
 constexpr char TASK_NAME[] = "Json Msg Loop";
 constexpr int ATTEMPTS = 3;
