@@ -5,7 +5,8 @@ usage: log_catalogue.py [FOLDER DOCUMENT]
 
 FOLDER holds the sources and DOCUMENT the catalogue: src and docs/log.md of this repository when they are not named.
 A line of the catalogue is found by its path in the log, its level, its format, and where it stands: the source file,
-and the line number when LOG_AT fixes it. Prints what does not agree and exits with 1.
+and the line number when LOG_AT fixes it, or what is added to the line of the call when several files share a path. No
+line of a path may lead to two calls. Prints what does not agree and exits with 1.
 """
 
 from __future__ import annotations
@@ -24,26 +25,28 @@ ARGUMENTS = {"LOG": (0, None, 1), "LOG_AT": (0, 1, 2), "UTILS_LOG": (0, None, 1)
 LITERAL = r'"(?:[^"\\]|\\.)*"'
 LITERALS = re.compile(rf"\s*{LITERAL}(?:\s*{LITERAL})*\s*")
 CONSTANT = re.compile(rf"constexpr char (\w+)\[\] = ({LITERAL});")
+# A file's path in the log and what is added to the lines of its calls.
+SOURCE = re.compile(r'constexpr (?:char|LogSource) LOG_SOURCE(?:\[\] = |\{)"([^"]*)"(?:,\s+(\d+))?')
 # What the formats of utility modules begin with.
 UTILITY_PREFIX = '"[%s]:'
 # Blanks out comments and preprocessor lines; what stands in quotes is no comment.
 NO_CODE = re.compile(rf"({LITERAL})|//[^\n]*|/\*.*?\*/|^[ \t]*#(?:[^\n\\]|\\.)*", re.DOTALL | re.MULTILINE)
 
 SECTION = re.compile(r"## `([\w/]+)`")
-ROW = re.compile(rf"\| `({LITERAL})` \| (\w+) \| `(\w+\.cpp)`(?:, line (\d+))? \|(.*)\|")
+ROW = re.compile(rf"\| `({LITERAL})` \| (\w+) \| `(\w+\.cpp)`(?:, (line \d+|\d+ \+ line))? \|(.*)\|")
 
 
 class LogLine(NamedTuple):
-    """A line that can be written; its format as a C literal."""
+    """A line that can be written; its format as a C literal. Its number when that is not the line of the call."""
 
     path: str
     file: str
     level: str
-    fixed_line: str
+    number: str
     format: str
 
     def __str__(self) -> str:
-        where = f"`{self.file}`, line {self.fixed_line}" if self.fixed_line else f"`{self.file}`"
+        where = f"`{self.file}`, {self.number}" if self.number else f"`{self.file}`"
         return f"| `{self.format}` | {self.level} | {where} |"
 
 
@@ -86,22 +89,25 @@ def formats(text: str, argument: str) -> list[str]:
             if literal.startswith(UTILITY_PREFIX) and literal not in inside]
 
 
-def written_lines(folder: Path) -> Iterator[tuple[LogLine, str]]:
-    """Each line that the sources can write, with the place of its call."""
+def written_lines(folder: Path) -> Iterator[tuple[LogLine, str, int]]:
+    """Each line that the sources can write, with the place of its call and the number in its record."""
     for path in sorted([*folder.rglob("*.cpp"), *folder.rglob("*.h")]):
         text = blank_out(path.read_text(encoding="utf-8"))
-        source = dict(CONSTANT.findall(text)).get("LOG_SOURCE", '"no LOG_SOURCE"').strip('"')
+        named = SOURCE.search(text)
+        source, before = named.groups() if named else ("no LOG_SOURCE", None)
         for call in CALL.finditer(text):
-            place = f"{path.relative_to(folder.parent)}:{text.count(chr(10), 0, call.start()) + 1}"
+            own = text.count("\n", 0, call.start()) + 1
+            place = f"{path.relative_to(folder.parent)}:{own}"
             if call[1] not in ARGUMENTS:
-                yield LogLine(source, path.name, call[1], "", '"called past the macros"'), place
+                yield LogLine(source, path.name, call[1], "", '"called past the macros"'), place, own
                 continue
             level, fixed, format_position = ARGUMENTS[call[1]]
             found = arguments(text, call.end())
             name = found[level].removeprefix("UTILS_LOG_").capitalize()
-            line = found[fixed] if fixed is not None else ""
+            number = int(found[fixed]) if fixed is not None else int(before or 0) + own
+            shown = f"line {number}" if fixed is not None else f"{before} + line" if before else ""
             for literal in formats(text, found[format_position]) or [f'"{found[format_position]}"']:
-                yield LogLine(source, path.name, name, line, literal), place
+                yield LogLine(source, path.name, name, shown, literal), place, number
 
 
 def listed_lines(document: Path) -> Iterator[tuple[LogLine, str]]:
@@ -125,8 +131,11 @@ def findings(folder: Path, document: Path) -> Iterator[str]:
             yield f"{place}: the same entry as {listed[line]}; remove one"
         listed.setdefault(line, place)
     written: dict[LogLine, str] = {}
-    for line, place in written_lines(folder):
+    numbered: dict[tuple[str, int], str] = {}
+    for line, place, number in written_lines(folder):
         written.setdefault(line, place)
+        if numbered.setdefault((line.path, number), place) != place:
+            yield f"{place}: line {number} of {line.path} is also that of {numbered[line.path, number]}; move one"
     for line, place in written.items():
         if line not in listed:
             yield f"{place}: no entry in {document}; below '## `{line.path}`' add\n    {line} MEANS | CAUSES | CHECK |"

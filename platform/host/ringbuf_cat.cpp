@@ -1,5 +1,6 @@
 /* Prints and consumes the records of a ring buffer that client_open of srvfs_client.h opened. */
 #include <errno.h>
+#include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -10,7 +11,6 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <vector>
 
 #include "escaped_text.h"
 #include "ring_reader.h"
@@ -56,32 +56,48 @@ std::uint64_t parseCount(const std::string& text)
     return count;
 }
 
+/** Long options only: their numbers stand above all letters. */
+enum Option { FOLLOW = 256, COUNT, HELP };
+
+const option OPTIONS[] = {{"follow", no_argument, nullptr, FOLLOW},
+                          {"count", required_argument, nullptr, COUNT},
+                          {"help", no_argument, nullptr, HELP},
+                          {nullptr, 0, nullptr, 0}};
+
+/** The word that getopt_long has just refused. */
+std::string refusedWord(char** argv)
+{
+    const bool isLetter = optopt > 0 && optopt < FOLLOW;
+    return isLetter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
+
 Arguments parseArguments(int argc, char** argv)
 {
-    const std::string countIs = "--count=";
     Arguments arguments;
-    std::vector<std::string> names;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        if (word == "--follow") {
-            arguments.follow = true;
-        } else if (word == "--help") {
-            arguments.help = true;
-        } else if (word == "--count") {
-            ++i;
-            arguments.count = parseCount(i < argc ? argv[i] : "");
-        } else if (word.compare(0, countIs.size(), countIs) == 0) {
-            arguments.count = parseCount(word.substr(countIs.size()));
-        } else if (word.compare(0, 1, "-") == 0) {
-            throw UsageError("there is no option \"" + word + "\"");
-        } else {
-            names.push_back(word);
+    opterr = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread
+    for (int found = 0; (found = ::getopt_long(argc, argv, ":", OPTIONS, nullptr)) != -1;) {
+        switch (found) {
+            case FOLLOW:
+                arguments.follow = true;
+                break;
+            case COUNT:
+                arguments.count = parseCount(optarg);
+                break;
+            case HELP:
+                arguments.help = true;
+                break;
+            case ':':
+                parseCount("");
+                break;
+            default:
+                throw UsageError("there is no option \"" + refusedWord(argv) + "\"");
         }
     }
-    if (!arguments.help && names.size() != 1) {
-        throw UsageError(names.empty() ? "the name of the ring buffer is missing" : "more than one name was given");
+    if (!arguments.help && argc - optind != 1) {
+        throw UsageError(argc == optind ? "the name of the ring buffer is missing" : "more than one name was given");
     }
-    arguments.name = arguments.help ? "" : names.front();
+    arguments.name = arguments.help ? "" : argv[optind];
     return arguments;
 }
 

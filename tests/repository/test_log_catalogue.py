@@ -13,6 +13,8 @@ SCRIPT = ROOT / "scripts/log_catalogue.py"
 TRANSMITTER = "src/media_server/IPCService/Public/IPCUnixTransmitter.cpp"
 CLEAR = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_WhiteListClearHandler.cpp"
 EVENTS = "src/public/utils/alg_utils/utils_srvfs_eventcache.cpp"
+FACE_NOT_HIT = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_FaceNotHitHandler.cpp"
+REPORT = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PageResultReport.cpp"
 HTTP = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.cpp"
 NO_ENTRY = "no entry in"
 NO_LINE = "nothing in"
@@ -78,6 +80,7 @@ CHANGES = {
     "level": (TRANSMITTER, 'LOG(Error, "sendTo', 'LOG(Information, "sendTo'),
     "fixed line": (CLEAR, "LOG_AT(Error, 357,", "LOG_AT(Error, 358,"),
     "no fixed line": (CLEAR, "LOG_AT(Error, 357,", "LOG(Error,"),
+    "block of lines": (REPORT, "2000};", "3000};"),
     "format in a constant": (HTTP, '"------------------------------"', '"-----------------------------"'),
     "format chosen at run time": (EVENTS, '"[%s]:stMMapAddr pBufData NULL"', '"[%s]:stMMapAddr NULL"'),
 }
@@ -87,6 +90,17 @@ CHANGES = {
 def test_changed_line_is_found(copy: Path, path: str, old: str, new: str) -> None:
     replace(copy / path, old, new)
     expect(copy, NO_ENTRY, NO_LINE)
+
+
+def test_files_whose_blocks_of_lines_overlap_are_found(copy: Path) -> None:
+    replace(copy / FACE_NOT_HIT, ", 2000}", ", 1027}")
+    assert ("FaceNotHitHandler.cpp:28: line 1055 of media_server/IPCService/ProtocolProcess/Custom_SubSystem/"
+            "Custom_JsonMsgLoop is also that of") in compare(copy).stdout
+
+
+def test_fixed_line_that_is_also_that_of_a_call_is_found(copy: Path) -> None:
+    replace(copy / CLEAR, "LOG_AT(Error, 357,", "LOG_AT(Error, 1057,")
+    assert "line 1057 of" in compare(copy).stdout
 
 
 def test_line_that_moved_to_another_file_is_found(copy: Path) -> None:

@@ -27,9 +27,9 @@ EXAMPLES = (
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    completing(parser.add_argument(
-        "command", nargs="?", help="whiteListDown, whiteListClear, faceNotHitDown, or a command that does not exist"),
-        *SCHEMA["definitions"]["send"]["properties"]["send"]["enum"])
+    commands = SCHEMA["definitions"]["send"]["properties"]["send"]["enum"]
+    completing(parser.add_argument("command", nargs="?",
+                                   help=f"{', '.join(commands)}, or a command that does not exist"), *commands)
     parser.add_argument("--faces", type=int, metavar="N",
                         help="whiteListDown: faces to fetch (75, or all own pictures)")
     parser.add_argument("--info", metavar="JSON", help="the command's arguments (taskInfo) as a JSON object, or @FILE; "

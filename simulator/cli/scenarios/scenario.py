@@ -115,7 +115,8 @@ class _Reader:
     def _complaint(self, error: jsonschema.ValidationError) -> DocumentError:
         """What a violation of the schema means to who wrote the file."""
         place, value = tuple(error.absolute_path), error.instance
-        wanted = error.schema.get("title", "something else")
+        values = error.schema.get("enum")
+        wanted = error.schema.get("title", f"one of {', '.join(values)}" if values else "something else")
         if wanted == "a fault":
             self._fault(place, value)  # which says it better
         if error.validator == "anyOf" and place[:1] == ("steps",) and len(place) == 2:

@@ -244,4 +244,13 @@ TEST_F(RingbufCat, ExplainsItsUsage)
     }
 }
 
+TEST_F(RingbufCat, NamesTheOptionThatThereIsNot)
+{
+    for (const std::string option : {"--unknown", "-x", "--follow=1"}) {
+        Program program(command({"name", option}));
+        EXPECT_EQ(program.exitCode(), 2);
+        EXPECT_EQ(program.errors(), "ringbuf_cat: there is no option \"" + option + "\". See ringbuf_cat --help.\n");
+    }
+}
+
 }  // namespace

@@ -17,7 +17,7 @@ namespace IPCService {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/Public/IPCUnixTransmitter";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/Public/IPCUnixTransmitter"};
 
 }  // namespace
 

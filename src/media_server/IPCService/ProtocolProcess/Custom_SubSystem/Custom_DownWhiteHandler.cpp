@@ -19,7 +19,7 @@ namespace {
 
 using Poco::JSON::Object;
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop", 1000};
 
 /// A member that must be a JSON string.
 /// @throws Poco::Exception when it is absent or something else

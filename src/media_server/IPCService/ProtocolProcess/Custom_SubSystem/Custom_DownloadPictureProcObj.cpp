@@ -25,7 +25,8 @@ namespace MetaDataGW {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj",
+                               1000};
 
 constexpr std::uint32_t IMPORT_FILE_SUB_TYPE = 1;
 constexpr std::uint32_t IMPORT_FILE_COUNT = 3;

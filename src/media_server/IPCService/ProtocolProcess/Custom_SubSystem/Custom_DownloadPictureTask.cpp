@@ -11,7 +11,7 @@ namespace MetaDataGW {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask"};
 
 constexpr std::uint32_t PAGE_SIZE = 30;
 constexpr long PAGE_DELAY = 1000;  // milliseconds

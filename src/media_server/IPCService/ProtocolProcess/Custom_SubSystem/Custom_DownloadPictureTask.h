@@ -22,7 +22,7 @@ public:
     /// @throws Interrupted when the calling thread is interrupted
     void runTask() override;
 
-    /// Zero: pause a second between pages.
+    /// Zero: pause a second between pages. Part of the contract; nothing here sets it to that.
     std::int32_t m_bNoPageDelay;
 
     /// The download. Kept until the next one overwrites it.

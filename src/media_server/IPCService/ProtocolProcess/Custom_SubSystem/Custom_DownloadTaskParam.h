@@ -18,7 +18,7 @@ struct DownloadTaskParam
     std::string cameraCode;
     std::string taskID;
     std::uint32_t totalNum = 0;  ///< records that the platform holds
-    std::string sqbh;
+    std::string sqbh;            ///< part of the contract; nothing reads it
     std::string datatime;
 };
 

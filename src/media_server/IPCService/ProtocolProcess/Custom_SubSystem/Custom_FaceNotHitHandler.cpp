@@ -13,7 +13,7 @@ namespace MetaDataGW {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop", 2000};
 
 }  // namespace
 

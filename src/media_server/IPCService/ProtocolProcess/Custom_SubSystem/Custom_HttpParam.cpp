@@ -14,7 +14,7 @@ namespace MetaDataGW {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam"};
 constexpr char RULE[] = "------------------------------";
 
 int logFailure(const std::string& text)

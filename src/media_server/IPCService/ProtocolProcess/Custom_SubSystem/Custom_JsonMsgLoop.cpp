@@ -28,7 +28,7 @@ namespace {
 using Poco::Dynamic::Var;
 using Poco::JSON::Object;
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop"};
 
 constexpr char TASK_NAME[] = "Json Msg Loop";
 constexpr int ATTEMPTS = 3;
@@ -165,16 +165,15 @@ void CustomJsonMsgLoop::dispatch(const Var& cmd, Object::Ptr& info, std::uint32_
     const std::string name = nameOf(cmd);
     LOG(Information, "Process cmd:%s.", name.c_str());
     LOG(Information, "Process info:%s.", JsonText::compact(info).c_str());
-    if (name == "whiteListDown") {
-        DownWhiteHandler(info, tag);
-    } else if (name == "faceNotHitDown") {
-        FaceNotHitHandler(info, tag);
-    } else if (name == "whiteListClear") {
-        WhiteListClearHandler(info, tag);
-    } else {
-        SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
-        LOG(Information, "Process cmd:%s  not supported .", name.c_str());
+#define COMMAND(NAME, HANDLER, RESULT) \
+    if (name == (NAME)) {              \
+        HANDLER(info, tag);            \
+        return;                        \
     }
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_Commands.inc"
+#undef COMMAND
+    SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);
+    LOG(Information, "Process cmd:%s  not supported .", name.c_str());
 }
 
 int CustomJsonMsgLoop::receiveDatagram(void* buffer, std::size_t length, int flags)

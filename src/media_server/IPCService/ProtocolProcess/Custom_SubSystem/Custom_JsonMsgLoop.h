@@ -79,15 +79,10 @@ public:
     /// @param statusCode  STATUS_OK, STATUS_FAILED or STATUS_BUSY
     void SendJsonMsg(const std::string& destPath, const std::uint32_t& tag, int statusCode);
 
-    /// whiteListDown: starts a download. @return true when it was started
-    bool DownWhiteHandler(Poco::JSON::Object::Ptr& info, std::uint32_t& tag);
-
-    /// faceNotHitDown: puts the arguments into the metadata ring buffer. @return 1 on success, else 0
-    int FaceNotHitHandler(Poco::JSON::Object::Ptr& info, std::uint32_t& tag);
-
-    /// whiteListClear: has the face libraries cleared and sets the face lists anew.
-    /// @return 1 when it ran to its end or the peer refused it, 0 after any other failure
-    int WhiteListClearHandler(Poco::JSON::Object::Ptr& info, std::uint32_t& tag);
+    // The handlers, one for each command.
+#define COMMAND(NAME, HANDLER, RESULT) RESULT HANDLER(Poco::JSON::Object::Ptr& info, std::uint32_t& tag);
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_Commands.inc"
+#undef COMMAND
 
     /// Service application; not owned. Part of the contract, and read by nothing here: m_pTaskStarter is the same.
     ProtocalProcess::Public_SubProcess* m_pApp;

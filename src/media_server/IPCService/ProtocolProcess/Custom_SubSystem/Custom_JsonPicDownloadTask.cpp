@@ -11,7 +11,7 @@ namespace MetaDataGW {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask"};
 
 }  // namespace
 

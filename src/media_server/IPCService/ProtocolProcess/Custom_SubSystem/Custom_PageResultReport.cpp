@@ -30,8 +30,9 @@ using Poco::Dynamic::Var;
 using Poco::JSON::Array;
 using Poco::JSON::Object;
 
-// The records of the report are known under the name of the download process, with these lines.
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj";
+// The records of the report are known under the path of the download process, and most of them by their lines.
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj",
+                               2000};
 
 /// Reads the state file. @return false when it cannot be read, which is logged
 bool readStateFile(const std::string& path, std::string& text)

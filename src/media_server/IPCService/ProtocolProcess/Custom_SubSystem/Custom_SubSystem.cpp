@@ -26,7 +26,7 @@ namespace MetaDataGW {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem"};
 
 constexpr char OWN_PATH[] = "/tmp/CU";
 constexpr char ITGT_READY_MARKER[] = "/tmp/intelligent_ok";

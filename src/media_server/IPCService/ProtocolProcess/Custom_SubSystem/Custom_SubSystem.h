@@ -51,12 +51,14 @@ public:
     /// Producer of the metadata ring buffer; null until it is opened. Written before the command loop starts.
     ProcessRingBufHndl* m_ringBufHandle;
 
+    /// Part of the contract; nothing reads it.
     Poco::UUID m_uuid;
 
     /// Busy mark: a whiteListDown is refused while it is set. Its one owner is the BusyMark of the download
     /// that runs; read it with isBusy.
     bool m_bDownloading;
 
+    /// Part of the contract; nothing is started on it. Tasks run on the application's.
     Poco::TaskManager m_taskManager;
 
 private:

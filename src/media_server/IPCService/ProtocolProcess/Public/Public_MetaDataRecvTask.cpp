@@ -20,7 +20,7 @@ namespace ProtocalProcess {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Public/Public_MetaDataRecvTask"};
 
 constexpr long NO_OBSERVER_PAUSE = 1000;  // milliseconds
 /// One of so many failed gets is logged.

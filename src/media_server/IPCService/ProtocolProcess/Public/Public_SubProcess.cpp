@@ -24,7 +24,7 @@ namespace ProtocalProcess {
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess";
+constexpr LogSource LOG_SOURCE{"media_server/IPCService/ProtocolProcess/Public/Public_SubProcess"};
 
 constexpr char PUBLISHER_NAME[] = "gate.saas.olv";
 /// Line that a failed subscription is reported with, wherever the check stands.

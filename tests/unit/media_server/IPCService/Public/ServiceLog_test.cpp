@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr char LOG_SOURCE[] = "folder/file";
+constexpr IPCService::LogSource LOG_SOURCE{"folder/file"};
 
 void expectRecord(int level, int line, const std::string& text)
 {
