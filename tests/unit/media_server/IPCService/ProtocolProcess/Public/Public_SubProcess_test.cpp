@@ -17,6 +17,8 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -278,17 +280,22 @@ TEST(SubProcess, RunSubscribesStartsItsTaskAndTheSubsystemAndServes)
                   EventCache cache;
                   UnixSocket itgt("/tmp/II");
                   std::ofstream("/tmp/intelligent_ok");
-                  std::atomic<bool> idles{false};
-                  systemCalls().polling = [&idles](const pollfd*, nfds_t, int limit) {
-                      if (limit > 900 && limit <= 1000) {
-                          idles = true;
+                  std::mutex mutex;
+                  std::set<std::thread::id> waiting;
+                  systemCalls().polling = [&, self = std::this_thread::get_id()](const pollfd*, nfds_t, int) {
+                      const std::lock_guard<std::mutex> lock(mutex);
+                      if (std::this_thread::get_id() != self) {
+                          waiting.insert(std::this_thread::get_id());
                       }
                   };
                   std::thread observer = stopper(SIGTERM, [&] {
                       const std::string subscription = cache.packet();
                       EXPECT_EQ(textAt(subscription, 16 + 16), "gate.saas.olv");
                       EXPECT_EQ(textAt(subscription, 16 + 32), "1");
-                      EXPECT_TRUE(eventually([&idles] { return idles.load(); }));
+                      EXPECT_TRUE(eventually([&] {
+                          const std::lock_guard<std::mutex> lock(mutex);
+                          return waiting.size() == 2;
+                      })) << "the receive task and the command loop";
                       EXPECT_EQ(numberAt<std::uint32_t>(itgt.receive().value(), 164), 1037U);
                       EXPECT_EQ(FakePlatform::opened().size(), 1U);
                   });
