@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -170,53 +171,52 @@ TEST(MessagesJson, WritesTheReportSorted)
     }
 }
 
-TEST(MessagesJson, ChangedMemberIsFound)
+/// Makes a change to each line of the document that lists a member, one at a time, and expects that it is found.
+/// @param change  changes the lines; false: this one cannot be changed so
+/// @return how many were changed
+std::size_t changeEach(const std::function<bool(std::vector<std::string>& lines, std::size_t line)>& change)
 {
     const std::string text = MessagesDocument::read();
-    for (const auto& [line, heading] : memberLines(text)) {
-        // The key's last letter, and the type.
-        for (const std::string pattern : {"` | ", " | "}) {
-            std::vector<std::string> lines = linesOf(text);
-            lines[line].insert(lines[line].find(pattern) + (pattern.front() == '`' ? 0 : 3), "x");
-            EXPECT_THAT(problemsOf(joined(lines)), testing::SizeIs(1)) << heading << ": " << lines[line];
-        }
-    }
-}
-
-TEST(MessagesJson, MissingMemberIsFound)
-{
-    const std::string text = MessagesDocument::read();
+    std::size_t changed = 0;
     for (const auto& [line, heading] : memberLines(text)) {
         std::vector<std::string> lines = linesOf(text);
-        lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(line));
-        EXPECT_THAT(problemsOf(joined(lines)), testing::SizeIs(1)) << heading << ": " << linesOf(text)[line];
-    }
-}
-
-TEST(MessagesJson, MemberTooManyIsFound)
-{
-    const std::string text = MessagesDocument::read();
-    for (const auto& [line, heading] : memberLines(text)) {
-        std::vector<std::string> lines = linesOf(text);
-        lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(line), "| `another` | string | |");
-        EXPECT_THAT(problemsOf(joined(lines)), testing::SizeIs(1)) << heading;
-    }
-}
-
-TEST(MessagesJson, ChangedOrderIsFound)
-{
-    const std::string text = MessagesDocument::read();
-    const std::map<std::size_t, std::string> members = memberLines(text);
-    std::size_t tried = 0;
-    for (const auto& [line, heading] : members) {
-        if (members.count(line + 1) != 0) {
-            std::vector<std::string> lines = linesOf(text);
-            std::swap(lines[line], lines[line + 1]);
-            EXPECT_THAT(problemsOf(joined(lines)), testing::SizeIs(1)) << heading << ": " << lines[line];
-            ++tried;
+        const std::string before = lines[line];
+        if (change(lines, line)) {
+            EXPECT_THAT(problemsOf(joined(lines)), testing::SizeIs(1)) << heading << ": " << before;
+            ++changed;
         }
     }
-    EXPECT_EQ(tried, 25U);
+    return changed;
+}
+
+TEST(MessagesJson, EveryChangeIsFound)
+{
+    using Lines = std::vector<std::string>;
+    const std::size_t all = memberLines(MessagesDocument::read()).size();
+    // The key's last letter, and the type.
+    for (const auto& [pattern, offset] : std::map<std::string, std::size_t>{{"` | ", 0}, {" | ", 3}}) {
+        EXPECT_EQ(changeEach([&, at = offset, behind = pattern](Lines& lines, std::size_t line) {
+                      lines[line].insert(lines[line].find(behind) + at, "x");
+                      return true;
+                  }),
+                  all);
+    }
+    EXPECT_EQ(changeEach([](Lines& lines, std::size_t line) {
+                  lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(line));
+                  return true;
+              }),
+              all);
+    EXPECT_EQ(changeEach([](Lines& lines, std::size_t line) {
+                  lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(line), "| `another` | string | |");
+                  return true;
+              }),
+              all);
+    const std::map<std::size_t, std::string> members = memberLines(MessagesDocument::read());
+    EXPECT_EQ(changeEach([&members](Lines& lines, std::size_t line) {
+                  std::swap(lines[line], lines[line + 1]);
+                  return members.count(line + 1) != 0;
+              }),
+              25U);
 }
 
 }  // namespace
