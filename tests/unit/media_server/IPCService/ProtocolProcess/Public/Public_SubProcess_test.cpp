@@ -21,6 +21,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/captured_log.h"
@@ -88,6 +89,15 @@ void serve(Public_SubProcess& process, int stopSignal, const std::function<void(
 
 void nothing() {}
 
+/// Looks at a service of a child process that waits for its end. @return the child's exit code
+int whileServing(const std::function<void()>& look)
+{
+    return inChild([&look] {
+        Public_SubProcess process;
+        serve(process, SIGTERM, look);
+    });
+}
+
 bool isZombie(pid_t child)
 {
     siginfo_t info = {};
@@ -147,18 +157,15 @@ TEST(SubProcess, LogsOnceBeforeItWaits)
 
 TEST(SubProcess, ChildSignalHasAHandlerWithInformationAndAnEmptyMask)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      struct sigaction action = {};
-                      EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
-                      // The C library's own flag, which it adds to every action on some machines.
-                      constexpr int RESTORER = 0x04000000;
-                      EXPECT_EQ(action.sa_flags & ~RESTORER, SA_SIGINFO);
-                      for (int signal = 1; signal < 32; ++signal) {
-                          EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
-                      }
-                  });
+    EXPECT_EQ(whileServing([] {
+                  struct sigaction action = {};
+                  EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
+                  // The C library's own flag, which it adds to every action on some machines.
+                  constexpr int RESTORER = 0x04000000;
+                  EXPECT_EQ(action.sa_flags & ~RESTORER, SA_SIGINFO);
+                  for (int signal = 1; signal < 32; ++signal) {
+                      EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
+                  }
               }),
               0);
 }
@@ -184,73 +191,59 @@ TEST(SubProcess, OneSignalReapsOneChild)
 
 TEST(SubProcess, EachChildIsReapedByItsOwnSignal)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      for (int i = 0; i < 3; ++i) {
-                          const pid_t child = ::fork();
-                          if (child == 0) {
-                              ::_exit(0);
-                          }
-                          EXPECT_TRUE(eventually([child] { return ::kill(child, 0) == -1 && errno == ESRCH; }));
+    EXPECT_EQ(whileServing([] {
+                  for (int i = 0; i < 3; ++i) {
+                      const pid_t child = ::fork();
+                      if (child == 0) {
+                          ::_exit(0);
                       }
-                  });
+                      EXPECT_TRUE(eventually([child] { return ::kill(child, 0) == -1 && errno == ESRCH; }));
+                  }
               }),
               0);
 }
 
 TEST(SubProcess, HandlerNeitherWaitsNorChangesTheErrorNumber)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      const pid_t running = ::fork();
-                      if (running == 0) {
-                          ::pause();
-                      }
-                      const Stopwatch stopwatch;
-                      errno = 4711;
-                      ::raise(SIGCHLD);
-                      EXPECT_EQ(errno, 4711);
-                      EXPECT_LT(stopwatch.elapsed(), milliseconds(5000) + SLOWNESS);
-                      ::kill(running, SIGKILL);
-                      EXPECT_TRUE(eventually([running] { return ::kill(running, 0) == -1; }));
-                      errno = 4712;
-                      ::raise(SIGCHLD);
-                      EXPECT_EQ(errno, 4712) << "no child at all";
-                  });
-              }),
-              0);
-}
-
-TEST(SubProcess, ServesWithoutHandlerWhenTheSignalSetFails)
-{
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  systemCalls().sigemptysetFails = true;
-                  serve(process, SIGTERM, [] {
-                      struct sigaction action = {};
-                      EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
-                      EXPECT_EQ(action.sa_handler, SIG_DFL);
-                      EXPECT_EQ(onlyLine(SOURCE, 3, "sigemptyset Fail"), "sigemptyset Fail");
-                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{"sigemptyset Fail", WAITING}));
-                  });
+    EXPECT_EQ(whileServing([] {
+                  const pid_t running = ::fork();
+                  if (running == 0) {
+                      ::pause();
+                  }
+                  const Stopwatch stopwatch;
+                  errno = 4711;
+                  ::raise(SIGCHLD);
+                  EXPECT_EQ(errno, 4711);
+                  EXPECT_LT(stopwatch.elapsed(), milliseconds(5000) + SLOWNESS);
+                  ::kill(running, SIGKILL);
+                  EXPECT_TRUE(eventually([running] { return ::kill(running, 0) == -1; }));
+                  errno = 4712;
+                  ::raise(SIGCHLD);
+                  EXPECT_EQ(errno, 4712) << "no child at all";
               }),
               0);
 }
 
 TEST(SubProcess, ServesWithoutHandlerWhenItCannotBeInstalled)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  systemCalls().sigactionFails = true;
-                  const char text[] = "register capture SIGCHLD signal Fail";
-                  serve(process, SIGTERM, [&text] {
-                      EXPECT_EQ(onlyLine(SOURCE, 3, text), text);
-                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{text, WAITING}));
-                  });
-              }),
-              0);
+    const std::vector<std::pair<bool SystemCalls::*, std::string>> failures = {
+        {&SystemCalls::sigemptysetFails, "sigemptyset Fail"},
+        {&SystemCalls::sigactionFails, "register capture SIGCHLD signal Fail"}};
+    for (const auto& failure : failures) {
+        EXPECT_EQ(inChild([&failure] {
+                      Public_SubProcess process;
+                      systemCalls().*failure.first = true;
+                      serve(process, SIGTERM, [&failure] {
+                          systemCalls().*failure.first = false;
+                          struct sigaction action = {};
+                          EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
+                          EXPECT_EQ(action.sa_handler, SIG_DFL);
+                          EXPECT_EQ(onlyLine(SOURCE, 3, failure.second), failure.second);
+                          EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{failure.second, WAITING}));
+                      });
+                  }),
+                  0);
+    }
 }
 
 TEST(SubProcess, FailedSubscriptionIsAnAssertionOfLine91)
