@@ -12,7 +12,6 @@
 #include "harness.h"
 #include "in_process_platform.h"
 #include "input.h"
-#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 #include "oracle.h"
 #include "response_oracle.h"
 #include "support/exchange_messages.h"
@@ -34,17 +33,6 @@ void end(PlayedConnection& connection, char letter)
         default:
             return;
     }
-}
-
-IPCService::MetaDataGW::DownloadTaskParam threePages()
-{
-    IPCService::MetaDataGW::DownloadTaskParam task;
-    task.ServerIp = "127.0.0.1";
-    task.ServerPort = 443;
-    task.ServerUri = "/page";
-    task.ResultUri = "/result";
-    task.totalNum = 61;
-    return task;
 }
 
 bool isPage(const ResponseReading& reading)
@@ -93,10 +81,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         }
         return goodItgt(message);
     };
-    const IPCService::MetaDataGW::DownloadTaskParam task = threePages();
-    Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonPicDownloadTask> pTask(
-        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&harness.subSystem(), &task));
-    pTask->runTask();
+    harness.downloadThreePages();
     harness.end();
     // Pages and reports take turns: more of the former were asked for than ITGT was told of when the last one failed.
     const std::size_t connections = platform.requests.size();

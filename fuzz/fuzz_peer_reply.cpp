@@ -13,7 +13,6 @@
 #include "harness.h"
 #include "in_process_platform.h"
 #include "input.h"
-#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "oracle.h"
 #include "support/exchange_messages.h"
@@ -53,18 +52,6 @@ std::string received(const std::string& reply, std::string message)
 {
     const std::string taken = reply.substr(0, MESSAGE_BYTES);
     return message.replace(0, taken.size(), taken);
-}
-
-void download(Harness& harness)
-{
-    InProcessPlatform::instance().serve(6, goodPlatform());
-    IPCService::MetaDataGW::DownloadTaskParam task;
-    task.ServerIp = "127.0.0.1";
-    task.ServerPort = 443;
-    task.totalNum = 61;
-    Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonPicDownloadTask> pTask(
-        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&harness.subSystem(), &task));
-    pTask->runTask();
 }
 
 /// @param first  what the service's buffer held after the first reply; empty: there was none
@@ -109,7 +96,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     if (parts[0] == "c") {
         clear(harness, first);
     } else {
-        download(harness);
+        InProcessPlatform::instance().serve(6, goodPlatform());
+        harness.downloadThreePages();
     }
     harness.end();
     return 0;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "in_process_platform.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 #include "oracle.h"
 #include "support/captured_log.h"
 #include "support/fake_platform.h"
@@ -160,6 +161,19 @@ void Harness::runDownloads()
     for (Poco::AutoPtr<Poco::Task> pTask : tasks) {
         pTask->runTask();
     }
+}
+
+void Harness::downloadThreePages()
+{
+    IPCService::MetaDataGW::DownloadTaskParam task;
+    task.ServerIp = "127.0.0.1";
+    task.ServerPort = 443;
+    task.ServerUri = "/page";
+    task.ResultUri = "/result";
+    task.totalNum = 61;
+    Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonPicDownloadTask> pTask(
+        new IPCService::MetaDataGW::CustomJsonPicDownloadTask(&m_subSystem, &task));
+    pTask->runTask();
 }
 
 void Harness::start(Poco::Task* pTask)

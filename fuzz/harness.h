@@ -58,6 +58,9 @@ public:
     bool hasDownload() const { return !m_tasks.empty(); }
     void runDownloads();
 
+    /// Runs a download of three pages from begin to end.
+    void downloadThreePages();
+
     /// Takes an interruption back: what runs next is another task.
     void resume() { m_isInterrupted = false; }
     bool isInterrupted() const { return m_isInterrupted; }

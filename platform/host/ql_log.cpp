@@ -144,16 +144,10 @@ std::string localTime()
 {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    // Of the second before, for the records of this thread: most come many a second.
-    thread_local time_t second = -1;
-    thread_local char date[32];
-    thread_local std::size_t length = 0;
-    if (now.tv_sec != second) {
-        tm local{};
-        localtime_r(&now.tv_sec, &local);
-        length = strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
-        second = now.tv_sec;
-    }
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char date[32];
+    const std::size_t length = strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
     const std::string thousandAndMilliseconds = std::to_string(1000 + now.tv_nsec / 1000000);
     return std::string(date, length) + '.' + thousandAndMilliseconds.substr(1);
 }

@@ -9,28 +9,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 /** Any wait of these tests that takes longer has failed. */
 constexpr int DEADLINE_MILLISECONDS = 20000;
-
-/** Runs the body in a forked child, where expectations may be used. @return the child's exit code, 0 if all held */
-template <typename Body>
-int inFork(Body body)
-{
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        body();
-        std::fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 /** A program that runs beside the test, its standard output and standard error on pipes. Killed at the end of its life.
  */

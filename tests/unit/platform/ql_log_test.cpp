@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <map>
@@ -25,7 +24,6 @@
 
 #include "platform/child_process.h"
 #include "platform/recorded_output.h"
-#include "support/waiting.h"
 
 namespace {
 
@@ -124,21 +122,6 @@ TEST(WriteLog, TakesMissingPathAndFormat)
     const char* const missing = nullptr;
     EXPECT_EQ(logged(1, missing, 1, "t"), "INFO :1 t\n");
     EXPECT_EQ(logged(1, "p", 1, missing), "INFO p:1 \n");
-}
-
-TEST(WriteLog, TellsEachRecordsOwnSecond)
-{
-    const RecordedWrites writes;
-    const StandardError standardError(writes.target());
-    QL_WriteLog(4, 1, 0, 0, "p", 1, "t");
-    using Clock = std::chrono::system_clock;
-    const std::time_t before = Clock::to_time_t(Clock::now());
-    ASSERT_TRUE(eventually([before] { return Clock::to_time_t(Clock::now()) > before; }));
-    QL_WriteLog(4, 1, 0, 0, "p", 1, "t");
-    const std::size_t date = std::string("2024-05-01T12:34:56").size();
-    const std::string earlier = writes.next();
-    const std::string later = writes.next();
-    EXPECT_LT(earlier.substr(0, date), later.substr(0, date));
 }
 
 TEST(WriteLog, KeepsErrno)

@@ -9,70 +9,55 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstddef>
-#include <ostream>
+#include <set>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
-#include "platform/child_process.h"
+#include "support/child.h"
 
 namespace {
 
-/** Everything a user switch changes. */
-struct Identity
+/** Everything a user switch changes: real, effective and saved user, the same of the group, and all groups. */
+using Identity = std::pair<std::array<id_t, 6>, std::set<gid_t>>;
+
+Identity ofThisProcess()
 {
-    uid_t realUser = 0, effectiveUser = 0, savedUser = 0;
-    gid_t realGroup = 0, effectiveGroup = 0, savedGroup = 0;
-    std::vector<gid_t> groups;
+    Identity identity;
+    auto& [user, effectiveUser, savedUser, group, effectiveGroup, savedGroup] = identity.first;
+    EXPECT_EQ(getresuid(&user, &effectiveUser, &savedUser), 0);
+    EXPECT_EQ(getresgid(&group, &effectiveGroup, &savedGroup), 0);
+    std::array<gid_t, 100> groups{};
+    const int count = getgroups(groups.size(), groups.data());
+    EXPECT_GE(count, 0);
+    identity.second.insert(groups.begin(), groups.begin() + std::max(count, 0));
+    return identity;
+}
 
-    static Identity ofThisProcess()
-    {
-        Identity identity;
-        EXPECT_EQ(getresuid(&identity.realUser, &identity.effectiveUser, &identity.savedUser), 0);
-        EXPECT_EQ(getresgid(&identity.realGroup, &identity.effectiveGroup, &identity.savedGroup), 0);
-        identity.groups.resize(static_cast<std::size_t>(getgroups(0, nullptr)));
-        EXPECT_GE(getgroups(static_cast<int>(identity.groups.size()), identity.groups.data()), 0);
-        std::sort(identity.groups.begin(), identity.groups.end());
-        return identity;
-    }
-
-    static Identity ofAccount(const passwd& account)
-    {
-        Identity identity;
-        identity.realUser = identity.effectiveUser = identity.savedUser = account.pw_uid;
-        identity.realGroup = identity.effectiveGroup = identity.savedGroup = account.pw_gid;
-        int count = 100;
-        identity.groups.resize(static_cast<std::size_t>(count));
-        EXPECT_GE(getgrouplist(account.pw_name, account.pw_gid, identity.groups.data(), &count), 0);
-        identity.groups.resize(static_cast<std::size_t>(count));
-        std::sort(identity.groups.begin(), identity.groups.end());
-        return identity;
-    }
-
-    bool operator==(const Identity& other) const
-    {
-        return realUser == other.realUser && effectiveUser == other.effectiveUser && savedUser == other.savedUser &&
-               realGroup == other.realGroup && effectiveGroup == other.effectiveGroup &&
-               savedGroup == other.savedGroup && groups == other.groups;
-    }
-};
-
-std::ostream& operator<<(std::ostream& out, const Identity& identity)
+Identity ofAccount(const passwd& account)
 {
-    out << "users " << identity.realUser << ' ' << identity.effectiveUser << ' ' << identity.savedUser << " groups "
-        << identity.realGroup << ' ' << identity.effectiveGroup << ' ' << identity.savedGroup << " and";
-    for (const gid_t group : identity.groups) {
-        out << ' ' << group;
-    }
-    return out;
+    const uid_t user = account.pw_uid;
+    const gid_t group = account.pw_gid;
+    std::array<gid_t, 100> groups{};
+    int count = groups.size();
+    EXPECT_GE(getgrouplist(account.pw_name, group, groups.data(), &count), 0);
+    return {{user, user, user, group, group, group}, {groups.begin(), groups.begin() + count}};
+}
+
+passwd accountOfNobody()
+{
+    const passwd* const found = getpwnam("nobody");
+    EXPECT_NE(found, nullptr);
+    return found != nullptr ? *found : passwd();
 }
 
 /** Whether the kernel lets this process become that account, tried in a child without the function under test. */
 bool maySwitchTo(const passwd& account)
 {
-    const int code = inFork([&account] {
+    const int code = inChild([&account] {
         const bool done = setgroups(0, nullptr) == 0 && setgid(account.pw_gid) == 0 && setuid(account.pw_uid) == 0;
         _exit(done ? 0 : 1);
     });
@@ -98,11 +83,11 @@ namespace {
 
 TEST(ChangeProcUser, RefusesAnUnknownAccountAndChangesNothing)
 {
-    const Identity before = Identity::ofThisProcess();
+    const Identity before = ofThisProcess();
     EXPECT_NE(QL_ChangeProcUser("camgate-no-such-account"), 0);
     EXPECT_NE(QL_ChangeProcUser(""), 0);
     EXPECT_NE(QL_ChangeProcUser(nullptr), 0);
-    EXPECT_EQ(Identity::ofThisProcess(), before);
+    EXPECT_EQ(ofThisProcess(), before);
 }
 
 /** A user id without an account has no name to ask for; then nothing may succeed. */
@@ -110,29 +95,27 @@ TEST(ChangeProcUser, CountsBeingTheAccountAlreadyAsSuccess)
 {
     const passwd* const account = getpwuid(getuid());
     const std::string name = account == nullptr ? "root" : account->pw_name;
-    const Identity before = Identity::ofThisProcess();
+    const Identity before = ofThisProcess();
     EXPECT_EQ(QL_ChangeProcUser(name.c_str()) == 0, account != nullptr);
-    EXPECT_EQ(Identity::ofThisProcess(), before);
+    EXPECT_EQ(ofThisProcess(), before);
 }
 
 /** Where the kernel does not let the process switch at all, the failure and what it leaves behind are what counts. */
 TEST(ChangeProcUser, SwitchesUserGroupAndGroupsForGoodWhereTheProcessMay)
 {
-    const passwd* const found = getpwnam("nobody");
-    ASSERT_NE(found, nullptr);
-    const passwd account = *found;
+    const passwd account = accountOfNobody();
     const bool may = maySwitchTo(account);
     const bool already = account.pw_uid == getuid();
-    const int code = inFork([&account, may, already] {
-        const Identity before = Identity::ofThisProcess();
+    const int code = inChild([&account, may, already] {
+        const Identity before = ofThisProcess();
         const int result = QL_ChangeProcUser("nobody");
         EXPECT_EQ(result == 0, may || already) << result;
-        EXPECT_EQ(Identity::ofThisProcess(), may ? Identity::ofAccount(account) : before);
+        EXPECT_EQ(ofThisProcess(), may ? ofAccount(account) : before);
         if (may) {
             EXPECT_EQ(setuid(0), -1);
             EXPECT_EQ(QL_ChangeProcUser("root"), EPERM);
             EXPECT_EQ(QL_ChangeProcUser("nobody"), 0);
-            EXPECT_EQ(Identity::ofThisProcess(), Identity::ofAccount(account));
+            EXPECT_EQ(ofThisProcess(), ofAccount(account));
         }
     });
     EXPECT_EQ(code, 0);
@@ -140,11 +123,9 @@ TEST(ChangeProcUser, SwitchesUserGroupAndGroupsForGoodWhereTheProcessMay)
 
 TEST(ChangeProcUser, SwitchesThreadsThatRunAlready)
 {
-    const passwd* const found = getpwnam("nobody");
-    ASSERT_NE(found, nullptr);
-    const passwd account = *found;
+    const passwd account = accountOfNobody();
     const uid_t expected = maySwitchTo(account) ? account.pw_uid : getuid();
-    const int code = inFork([expected] {
+    const int code = inChild([expected] {
         std::atomic<bool> switched{false};
         std::atomic<long> userOfThread{-1};
         std::atomic<bool> started{false};
@@ -168,18 +149,16 @@ TEST(ChangeProcUser, SwitchesThreadsThatRunAlready)
 
 TEST(ChangeProcUser, TakesTheGroupsBackWhenTheUserCannotBeSwitched)
 {
-    const passwd* const found = getpwnam("nobody");
-    ASSERT_NE(found, nullptr);
-    const passwd account = *found;
+    const passwd account = accountOfNobody();
     const bool may = maySwitchTo(account) && account.pw_uid != getuid();
-    const int code = inFork([may] {
-        const Identity before = Identity::ofThisProcess();
+    const int code = inChild([may] {
+        const Identity before = ofThisProcess();
         refuseUserSwitch = true;
         const int result = QL_ChangeProcUser("nobody");
         if (may) {
             EXPECT_EQ(result, EAGAIN);
         }
-        EXPECT_EQ(Identity::ofThisProcess(), before);
+        EXPECT_EQ(ofThisProcess(), before);
     });
     EXPECT_EQ(code, 0);
 }

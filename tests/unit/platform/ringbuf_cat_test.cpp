@@ -28,47 +28,57 @@ class RingbufCat : public testing::Test
 protected:
     void SetUp() override { ASSERT_EQ(handle.open(ring, 4096), 0); }
 
+    void put(const std::vector<std::string>& records)
+    {
+        for (const std::string& record : records) {
+            ASSERT_EQ(handle.put(record), 0);
+        }
+    }
+
+    /** What the program prints that ends well. */
+    static std::string printed(const std::vector<std::string>& arguments)
+    {
+        Program program(command(arguments));
+        const std::string output = program.output();
+        EXPECT_EQ(program.exitCode(), 0);
+        return output;
+    }
+
+    /** What the program complains of that ends with 1. */
+    static std::string complaint(const std::vector<std::string>& arguments)
+    {
+        Program program(command(arguments));
+        EXPECT_EQ(program.exitCode(), 1);
+        return program.errors();
+    }
+
     RingName ring;
     Handle handle;
 };
 
 TEST_F(RingbufCat, PrintsEachRecordOfAnotherProcessOnceOnALineOfItsOwn)
 {
-    ASSERT_EQ(handle.put("{\"first\":1}"), 0);
-    ASSERT_EQ(handle.put(""), 0);
-    ASSERT_EQ(handle.put("third"), 0);
-    Program first(command({ring.name()}));
-    EXPECT_EQ(first.output(), "{\"first\":1}\n\nthird\n");
-    EXPECT_EQ(first.exitCode(), 0);
-
-    ASSERT_EQ(handle.put("fourth"), 0);
-    Program second(command({ring.name()}));
-    EXPECT_EQ(second.output(), "fourth\n");
-    EXPECT_EQ(second.exitCode(), 0);
+    put({"{\"first\":1}", "", "third"});
+    EXPECT_EQ(printed({ring.name()}), "{\"first\":1}\n\nthird\n");
+    put({"fourth"});
+    EXPECT_EQ(printed({ring.name()}), "fourth\n");
 }
 
 TEST_F(RingbufCat, LeavesOutOneNulAtTheEndAndEscapesControlCharacters)
 {
-    ASSERT_EQ(handle.put(std::string("ends\0", 5)), 0);
-    ASSERT_EQ(handle.put(std::string("in\0side\0\0", 9)), 0);
-    ASSERT_EQ(handle.put("a\nb\rc\td\x1b[31m\x7f\xc2\x9b\xff \xc3\xa4\xe6\xb1\x89"), 0);
-    Program program(command({ring.name()}));
-    EXPECT_EQ(program.line(), "ends");
-    EXPECT_EQ(program.line(), "in\\x00side\\x00");
-    EXPECT_EQ(program.line(), "a\\nb\\rc\\td\\x1b[31m\\x7f\\xc2\\x9b\\xff \xc3\xa4\xe6\xb1\x89");
-    EXPECT_EQ(program.exitCode(), 0);
+    put({std::string("ends\0", 5), std::string("in\0side\0\0", 9),
+         "a\nb\rc\td\x1b[31m\x7f\xc2\x9b\xff \xc3\xa4\xe6\xb1\x89"});
+    EXPECT_EQ(printed({ring.name()}),
+              "ends\n"
+              "in\\x00side\\x00\n"
+              "a\\nb\\rc\\td\\x1b[31m\\x7f\\xc2\\x9b\\xff \xc3\xa4\xe6\xb1\x89\n");
 }
 
 TEST_F(RingbufCat, StopsAfterTheCountAndLeavesTheRestUnread)
 {
-    for (const char* record : {"one", "two", "three"}) {
-        ASSERT_EQ(handle.put(record), 0);
-    }
-    Program first(command({"--count", "2", ring.name()}));
-    EXPECT_EQ(first.output(), "one\ntwo\n");
-    Program rest(command({ring.name(), "--count=5"}));
-    EXPECT_EQ(rest.output(), "three\n");
-    EXPECT_EQ(rest.exitCode(), 0);
+    put({"one", "two", "three"});
+    EXPECT_EQ(printed({"--count", "2", ring.name()}), "one\ntwo\n");
+    EXPECT_EQ(printed({ring.name(), "--count=5"}), "three\n");
 }
 
 TEST_F(RingbufCat, PrintsALongRecordWhole)
@@ -76,9 +86,8 @@ TEST_F(RingbufCat, PrintsALongRecordWhole)
     const RingName large;
     ASSERT_EQ(handle.open(large, 4194304), 0);
     const std::string record(204800, 'x');
-    ASSERT_EQ(handle.put(record), 0);
-    Program program(command({large.name()}));
-    EXPECT_EQ(program.output(), record + "\n");
+    put({record});
+    EXPECT_EQ(printed({large.name()}), record + "\n");
 }
 
 TEST_F(RingbufCat, FollowsUntilInterrupted)
@@ -164,12 +173,9 @@ TEST_F(RingbufCat, SkipsADamagedRecordAndGoesOn)
     const std::uint32_t length = 5000;
     const RawRing raw(ring);
     std::memcpy(raw.bytes() + 64, &length, sizeof length);
-    Program first(command({ring.name()}));
-    EXPECT_EQ(first.output(), "");
-    EXPECT_EQ(first.exitCode(), 0);
-    ASSERT_EQ(handle.put("sound"), 0);
-    Program second(command({ring.name()}));
-    EXPECT_EQ(second.output(), "sound\n");
+    EXPECT_EQ(printed({ring.name()}), "");
+    put({"sound"});
+    EXPECT_EQ(printed({ring.name()}), "sound\n");
 }
 
 TEST_F(RingbufCat, NeverCrashesOverWrongPositions)
@@ -193,8 +199,7 @@ TEST_F(RingbufCat, LeavesARecordUnreadThatItCannotPrint)
     Program failing(command({ring.name()}), "/dev/full");
     EXPECT_EQ(failing.exitCode(), 1);
     EXPECT_THAT(failing.errors(), HasSubstr("No space left on device"));
-    Program program(command({ring.name()}));
-    EXPECT_EQ(program.output(), "record\n");
+    EXPECT_EQ(printed({ring.name()}), "record\n");
 }
 
 TEST_F(RingbufCat, RefusesASecondReader)
@@ -202,33 +207,26 @@ TEST_F(RingbufCat, RefusesASecondReader)
     Program reader(command({"--follow", ring.name()}));
     ASSERT_EQ(handle.put("record"), 0);
     ASSERT_EQ(reader.line(), "record");
-    Program second(command({ring.name()}));
-    EXPECT_EQ(second.exitCode(), 1);
-    EXPECT_THAT(second.errors(), HasSubstr("has a reader already"));
+    EXPECT_THAT(complaint({ring.name()}), HasSubstr("has a reader already"));
 }
 
 TEST_F(RingbufCat, SaysWhatToDoAboutAMissingRing)
 {
-    Program program(command({"camgate_test_no_such_ring"}));
-    EXPECT_EQ(program.exitCode(), 1);
-    EXPECT_THAT(program.errors(), HasSubstr("\"camgate_test_no_such_ring\": No such file or directory. Nobody has "
-                                            "opened it yet: start the process that fills it first."));
+    EXPECT_THAT(complaint({"camgate_test_no_such_ring"}),
+                HasSubstr("\"camgate_test_no_such_ring\": No such file or directory. Nobody has "
+                          "opened it yet: start the process that fills it first."));
 }
 
 TEST_F(RingbufCat, RefusesSharedMemoryThatIsNoRing)
 {
     const RawRing raw(ring);
     std::memcpy(raw.bytes(), "SOMETHIN", 8);
-    Program program(command({ring.name()}));
-    EXPECT_EQ(program.exitCode(), 1);
-    EXPECT_THAT(program.errors(), HasSubstr("is no ring buffer that this program knows"));
+    EXPECT_THAT(complaint({ring.name()}), HasSubstr("is no ring buffer that this program knows"));
 }
 
 TEST_F(RingbufCat, ExplainsItsUsage)
 {
-    Program help(command({"--help"}));
-    EXPECT_THAT(help.output(), HasSubstr("Usage: ringbuf_cat"));
-    EXPECT_EQ(help.exitCode(), 0);
+    EXPECT_THAT(printed({"--help"}), HasSubstr("Usage: ringbuf_cat"));
     const std::vector<std::vector<std::string>> wrong = {{},
                                                          {"--unknown", "name"},
                                                          {"--count", "0", "name"},

@@ -31,31 +31,34 @@ TEST(SrvfsCalloc, RefusesASizeThatOverflows)
     EXPECT_EQ(srvfs_calloc(SIZE_MAX, SIZE_MAX), nullptr);
 }
 
-TEST(SrvfsClient, RefusesAHandleThatWasNeverOpened)
+/** A ring, and a producer that opens it. */
+class SrvfsClient : public testing::Test
 {
+protected:
+    RingName ring;
     Handle handle;
+};
+
+TEST_F(SrvfsClient, RefusesAHandleThatWasNeverOpened)
+{
     EXPECT_NE(handle.put("record"), 0);
     EXPECT_NE(client_msgsend(nullptr, "record", 6, 1), 0);
     EXPECT_NE(client_open(nullptr, "name", 64), 0);
 }
 
-TEST(SrvfsClient, LeavesAHandleUnopenedWhenOpeningFails)
+TEST_F(SrvfsClient, LeavesAHandleUnopenedWhenOpeningFails)
 {
-    Handle handle;
     EXPECT_NE(client_open(handle.state(), nullptr, 64), 0);
     EXPECT_NE(client_open(handle.state(), "", 64), 0);
     EXPECT_NE(client_open(handle.state(), "camgate_test/with_slash", 64), 0);
     EXPECT_NE(client_open(handle.state(), std::string(300, 'n').c_str(), 64), 0);
-    const RingName ring;
     EXPECT_NE(handle.open(ring, 0), 0);
     EXPECT_NE(handle.open(ring, UINT32_MAX), 0);
     EXPECT_NE(handle.put("record"), 0);
 }
 
-TEST(SrvfsClient, CreatesSharedMemoryForOwnerAndGroupWhateverTheUmask)
+TEST_F(SrvfsClient, CreatesSharedMemoryForOwnerAndGroupWhateverTheUmask)
 {
-    const RingName ring;
-    Handle handle;
     const mode_t before = umask(0777);
     const int result = handle.open(ring, 4194304);
     umask(before);
@@ -69,10 +72,8 @@ TEST(SrvfsClient, CreatesSharedMemoryForOwnerAndGroupWhateverTheUmask)
     EXPECT_EQ(raw.end(), 0U);
 }
 
-TEST(SrvfsClient, PutsARecordWithLengthFlagAndPadding)
+TEST_F(SrvfsClient, PutsARecordWithLengthFlagAndPadding)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 64), 0);
     ASSERT_EQ(handle.put("hello", 7), 0);
     const RawRing raw(ring);
@@ -84,10 +85,8 @@ TEST(SrvfsClient, PutsARecordWithLengthFlagAndPadding)
     EXPECT_EQ(std::string(reinterpret_cast<char*>(raw.bytes()) + 72, 5), "hello");
 }
 
-TEST(SrvfsClient, KeepsALongRecordWhole)
+TEST_F(SrvfsClient, KeepsALongRecordWhole)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 4194304), 0);
     std::string record(204800, '\0');
     std::minstd_rand random(1);
@@ -96,20 +95,16 @@ TEST(SrvfsClient, KeepsALongRecordWhole)
     EXPECT_THAT(RawRing(ring).records(), ElementsAre(record));
 }
 
-TEST(SrvfsClient, TakesAnEmptyRecordButNoMissingData)
+TEST_F(SrvfsClient, TakesAnEmptyRecordButNoMissingData)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 64), 0);
     EXPECT_EQ(client_msgsend(handle.state(), nullptr, 0, 1), 0);
     EXPECT_NE(client_msgsend(handle.state(), nullptr, 1, 1), 0);
     EXPECT_THAT(RawRing(ring).records(), ElementsAre(""));
 }
 
-TEST(SrvfsClient, RefusesARecordLargerThanTheRingAndKeepsWhatIsThere)
+TEST_F(SrvfsClient, RefusesARecordLargerThanTheRingAndKeepsWhatIsThere)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 64), 0);
     ASSERT_EQ(handle.put("kept"), 0);
     EXPECT_NE(handle.put(std::string(57, 'x')), 0);
@@ -119,10 +114,8 @@ TEST(SrvfsClient, RefusesARecordLargerThanTheRingAndKeepsWhatIsThere)
     EXPECT_THAT(RawRing(ring).records(), ElementsAre(std::string(56, 'y')));
 }
 
-TEST(SrvfsClient, DropsTheOldestWholeRecordsToMakeRoom)
+TEST_F(SrvfsClient, DropsTheOldestWholeRecordsToMakeRoom)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 64), 0);
     for (const char* record : {"one", "two", "three", "four"}) {
         ASSERT_EQ(handle.put(record), 0);
@@ -132,10 +125,8 @@ TEST(SrvfsClient, DropsTheOldestWholeRecordsToMakeRoom)
     EXPECT_THAT(RawRing(ring).records(), ElementsAre("three", "four", "more than eight bytes"));
 }
 
-TEST(SrvfsClient, KeepsEveryRecordWholeOverManyTurnsOfTheRing)
+TEST_F(SrvfsClient, KeepsEveryRecordWholeOverManyTurnsOfTheRing)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 1000), 0);
     const RawRing raw(ring);
     std::vector<std::string> put;
@@ -150,45 +141,39 @@ TEST(SrvfsClient, KeepsEveryRecordWholeOverManyTurnsOfTheRing)
     }
 }
 
-TEST(SrvfsClient, CarriesOnInTheRingOfAnEarlierProducer)
+TEST_F(SrvfsClient, CarriesOnInTheRingOfAnEarlierProducer)
 {
-    const RingName ring;
-    Handle earlier;
-    ASSERT_EQ(earlier.open(ring, 128), 0);
-    ASSERT_EQ(earlier.put("earlier"), 0);
+    ASSERT_EQ(handle.open(ring, 128), 0);
+    ASSERT_EQ(handle.put("earlier"), 0);
     Handle later;
     ASSERT_EQ(later.open(ring, 128), 0);
     ASSERT_EQ(later.put("later"), 0);
     EXPECT_THAT(RawRing(ring).records(), ElementsAre("earlier", "later"));
 }
 
-TEST(SrvfsClient, OpensAHandleAgain)
+TEST_F(SrvfsClient, OpensAHandleAgain)
 {
-    const RingName first;
     const RingName second;
-    Handle handle;
-    ASSERT_EQ(handle.open(first, 128), 0);
+    ASSERT_EQ(handle.open(ring, 128), 0);
     ASSERT_EQ(handle.open(second, 128), 0);
     ASSERT_EQ(handle.put("record"), 0);
-    EXPECT_THAT(RawRing(first).records(), IsEmpty());
+    EXPECT_THAT(RawRing(ring).records(), IsEmpty());
     EXPECT_THAT(RawRing(second).records(), ElementsAre("record"));
 }
 
-TEST(SrvfsClient, ReplacesARingOfAnotherCapacity)
+TEST_F(SrvfsClient, ReplacesARingOfAnotherCapacity)
 {
-    const RingName ring;
-    Handle small;
-    ASSERT_EQ(small.open(ring, 64), 0);
-    ASSERT_EQ(small.put("small"), 0);
+    ASSERT_EQ(handle.open(ring, 64), 0);
+    ASSERT_EQ(handle.put("small"), 0);
     Handle large;
     ASSERT_EQ(large.open(ring, 4096), 0);
     ASSERT_EQ(large.put("large"), 0);
-    EXPECT_EQ(small.put("unseen"), 0);
+    EXPECT_EQ(handle.put("unseen"), 0);
     EXPECT_EQ(RawRing(ring).size(), 64U + 4096U);
     EXPECT_THAT(RawRing(ring).records(), ElementsAre("large"));
 }
 
-TEST(SrvfsClient, EmptiesARingWithADamagedHeader)
+TEST_F(SrvfsClient, EmptiesARingWithADamagedHeader)
 {
     struct Damage
     {
@@ -197,22 +182,20 @@ TEST(SrvfsClient, EmptiesARingWithADamagedHeader)
     };
     for (const Damage& damage : {Damage{0, 1}, Damage{8, 2}, Damage{16, 8}, Damage{16, UINT64_MAX - 7},
                                  Damage{24, UINT64_MAX}, Damage{24, 136}, Damage{24, 12}}) {
-        const RingName ring;
+        const RingName damaged;
         Handle earlier;
-        ASSERT_EQ(earlier.open(ring, 128), 0);
-        const RawRing raw(ring);
+        ASSERT_EQ(earlier.open(damaged, 128), 0);
+        const RawRing raw(damaged);
         std::memcpy(raw.bytes() + damage.offset, &damage.value, sizeof damage.value);
         Handle later;
-        ASSERT_EQ(later.open(ring, 128), 0);
+        ASSERT_EQ(later.open(damaged, 128), 0);
         ASSERT_EQ(later.put("record"), 0);
         EXPECT_THAT(raw.records(), ElementsAre("record")) << damage.offset << ' ' << damage.value;
     }
 }
 
-TEST(SrvfsClient, SurvivesAnotherProcessThatWritesOverEverything)
+TEST_F(SrvfsClient, SurvivesAnotherProcessThatWritesOverEverything)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 512), 0);
     const RawRing raw(ring);
     std::minstd_rand random(3);
@@ -226,10 +209,8 @@ TEST(SrvfsClient, SurvivesAnotherProcessThatWritesOverEverything)
     EXPECT_THAT(raw.records(), ElementsAre(std::string(504, 'y')));
 }
 
-TEST(SrvfsClient, RefusesRecordsWhenTheSharedMemoryShrank)
+TEST_F(SrvfsClient, RefusesRecordsWhenTheSharedMemoryShrank)
 {
-    const RingName ring;
-    Handle handle;
     ASSERT_EQ(handle.open(ring, 65536), 0);
     const int descriptor = shm_open(ring.path().c_str(), O_RDWR, 0);
     ASSERT_EQ(ftruncate(descriptor, 0), 0);

@@ -1,12 +1,12 @@
 #include "support/system_calls.h"
 
-#include <Poco/Net/SocketImpl.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <features.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -203,6 +203,16 @@ ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags)
     return next(descriptor, buffer, length, flags);
 }
 
+/// Comes before the C library's for shared libraries, too: the network library's sockets wait here.
+int epoll_wait(int descriptor, epoll_event* events, int count, int milliseconds)
+{
+    if (systemCalls().socketPoll) {
+        systemCalls().socketPoll();
+    }
+    static const auto next = reinterpret_cast<decltype(&::epoll_wait)>(::dlsym(RTLD_NEXT, "epoll_wait"));
+    return next(descriptor, events, count, milliseconds);
+}
+
 /// Comes before the TLS library's for shared libraries, too.
 int SSL_get_error(const SSL* connection, int result)
 {
@@ -230,16 +240,4 @@ void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-}
-
-/// Comes before the library's own, whose sockets reach it through their table of virtual functions.
-bool Poco::Net::SocketImpl::poll(const Poco::Timespan& timeout, int mode)
-{
-    if (systemCalls().socketPoll) {
-        systemCalls().socketPoll();
-    }
-    using Poll = bool (*)(Poco::Net::SocketImpl*, const Poco::Timespan&, int);
-    static const auto next =
-        reinterpret_cast<Poll>(::dlsym(RTLD_NEXT, "_ZN4Poco3Net10SocketImpl4pollERKNS_8TimespanEi"));
-    return next(this, timeout, mode);
 }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +10,7 @@
 #include <thread>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/captured_log.h"
@@ -48,7 +48,7 @@ static_assert(std::is_same<decltype(&Utils_ProcessRingBufPut),
                            std::int64_t (*)(ProcessRingBufHndl*, const PutRecord*, int)>::value,
               "64-bit result");
 
-TEST_F(RingBuf, InitOpensTheNamedBufferOfThatSize)
+TEST_F(RingBuf, InitOpensTheNamedBufferOfThatSizeAndLogsItsNameAsAnError)
 {
     opened();
 
@@ -59,11 +59,6 @@ TEST_F(RingBuf, InitOpensTheNamedBufferOfThatSize)
     ASSERT_EQ(FakePlatform::allocations().size(), 1U);
     EXPECT_GE(FakePlatform::allocations()[0], 512 + sizeof(pthread_mutex_t)) << "room for the framework's state";
     EXPECT_LE(FakePlatform::allocations()[0], 512 + sizeof(pthread_mutex_t) + alignof(std::max_align_t));
-}
-
-TEST_F(RingBuf, InitLogsTheNameAsAnError)
-{
-    opened();
     EXPECT_EQ(CapturedLog::records().size(), 1U);
     EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:client open name %s\n"),
               "[LogCommon]:client open name metadata_servfile26214\n");
@@ -88,13 +83,6 @@ TEST_F(RingBuf, SizeIsPassedWith32Bits)
     EXPECT_EQ(FakePlatform::opened()[0].size, 0xFFFFFFFFU);
 }
 
-TEST_F(RingBuf, ReservedParameterIsNotUsed)
-{
-    char reserved[4] = "abc";
-    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, reserved, 1, 1), 0);
-    EXPECT_STREQ(reserved, "abc");
-}
-
 TEST_F(RingBuf, InitWithoutMemoryFailsSilently)
 {
     FakePlatform::setAllocationFails(true);
@@ -104,24 +92,20 @@ TEST_F(RingBuf, InitWithoutMemoryFailsSilently)
     EXPECT_TRUE(CapturedLog::records().empty());
 }
 
-TEST_F(RingBuf, HandleIsKeptWhenTheNameCannotBeCleared)
+TEST_F(RingBuf, HandleIsKeptWhenTheNameCannotBeMade)
 {
-    systemCalls().memsetFails = true;
-    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
-    EXPECT_NE(handle, nullptr);
-    EXPECT_TRUE(FakePlatform::opened().empty());
-    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:Failed to memset buf"), "[LogCommon]:Failed to memset buf");
-    EXPECT_EQ(CapturedLog::records().size(), 1U);
-}
-
-TEST_F(RingBuf, HandleIsKeptWhenTheNameCannotBeFormatted)
-{
-    systemCalls().sprintfFails = true;
-    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
-    EXPECT_NE(handle, nullptr);
-    EXPECT_TRUE(FakePlatform::opened().empty());
-    EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:Failed to sprintf_s"), "[LogCommon]:Failed to sprintf_s");
-    EXPECT_EQ(CapturedLog::records().size(), 1U);
+    const std::vector<std::tuple<bool SystemCalls::*, std::string>> failures = {
+        {&SystemCalls::memsetFails, "Failed to memset buf"}, {&SystemCalls::sprintfFails, "Failed to sprintf_s"}};
+    for (const auto& [failing, text] : failures) {
+        systemCalls().*failing = true;
+        EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
+        EXPECT_NE(std::exchange(handle, nullptr), nullptr);
+        EXPECT_TRUE(FakePlatform::opened().empty());
+        EXPECT_EQ(onlyLine(SOURCE, 3, "[%s]:" + text), "[LogCommon]:" + text);
+        EXPECT_EQ(CapturedLog::records().size(), 1U);
+        CapturedLog::clear();
+        systemCalls().*failing = false;
+    }
 }
 
 TEST_F(RingBuf, FailedOpenShowsWithTheFirstPut)
@@ -186,32 +170,6 @@ TEST_F(RingBuf, PutHoldsTheHandlesMutexWhileItSends)
     EXPECT_EQ(locked, EBUSY);
     EXPECT_EQ(pthread_mutex_trylock(&handle->m_mutex), 0) << "free again afterwards";
     pthread_mutex_unlock(&handle->m_mutex);
-}
-
-TEST_F(RingBuf, PutsOfSeveralThreadsDoNotOverlap)
-{
-    opened();
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    FakePlatform::onSend([&inside, &overlaps] {
-        overlaps += inside++ == 0 ? 0 : 1;
-        std::this_thread::yield();
-        --inside;
-        return 0;
-    });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([this] {
-            for (int record = 0; record < 100; ++record) {
-                put(handle, "x");
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(overlaps, 0);
-    EXPECT_EQ(FakePlatform::sent().size(), 400U);
 }
 
 }  // namespace

@@ -17,8 +17,11 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/captured_log.h"
@@ -86,6 +89,15 @@ void serve(Public_SubProcess& process, int stopSignal, const std::function<void(
 
 void nothing() {}
 
+/// Looks at a service of a child process that waits for its end. @return the child's exit code
+int whileServing(const std::function<void()>& look)
+{
+    return inChild([&look] {
+        Public_SubProcess process;
+        serve(process, SIGTERM, look);
+    });
+}
+
 bool isZombie(pid_t child)
 {
     siginfo_t info = {};
@@ -145,18 +157,15 @@ TEST(SubProcess, LogsOnceBeforeItWaits)
 
 TEST(SubProcess, ChildSignalHasAHandlerWithInformationAndAnEmptyMask)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      struct sigaction action = {};
-                      EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
-                      // The C library's own flag, which it adds to every action on some machines.
-                      constexpr int RESTORER = 0x04000000;
-                      EXPECT_EQ(action.sa_flags & ~RESTORER, SA_SIGINFO);
-                      for (int signal = 1; signal < 32; ++signal) {
-                          EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
-                      }
-                  });
+    EXPECT_EQ(whileServing([] {
+                  struct sigaction action = {};
+                  EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
+                  // The C library's own flag, which it adds to every action on some machines.
+                  constexpr int RESTORER = 0x04000000;
+                  EXPECT_EQ(action.sa_flags & ~RESTORER, SA_SIGINFO);
+                  for (int signal = 1; signal < 32; ++signal) {
+                      EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
+                  }
               }),
               0);
 }
@@ -182,73 +191,59 @@ TEST(SubProcess, OneSignalReapsOneChild)
 
 TEST(SubProcess, EachChildIsReapedByItsOwnSignal)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      for (int i = 0; i < 3; ++i) {
-                          const pid_t child = ::fork();
-                          if (child == 0) {
-                              ::_exit(0);
-                          }
-                          EXPECT_TRUE(eventually([child] { return ::kill(child, 0) == -1 && errno == ESRCH; }));
+    EXPECT_EQ(whileServing([] {
+                  for (int i = 0; i < 3; ++i) {
+                      const pid_t child = ::fork();
+                      if (child == 0) {
+                          ::_exit(0);
                       }
-                  });
+                      EXPECT_TRUE(eventually([child] { return ::kill(child, 0) == -1 && errno == ESRCH; }));
+                  }
               }),
               0);
 }
 
 TEST(SubProcess, HandlerNeitherWaitsNorChangesTheErrorNumber)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      const pid_t running = ::fork();
-                      if (running == 0) {
-                          ::pause();
-                      }
-                      const Stopwatch stopwatch;
-                      errno = 4711;
-                      ::raise(SIGCHLD);
-                      EXPECT_EQ(errno, 4711);
-                      EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(5000)));
-                      ::kill(running, SIGKILL);
-                      EXPECT_TRUE(eventually([running] { return ::kill(running, 0) == -1; }));
-                      errno = 4712;
-                      ::raise(SIGCHLD);
-                      EXPECT_EQ(errno, 4712) << "no child at all";
-                  });
-              }),
-              0);
-}
-
-TEST(SubProcess, ServesWithoutHandlerWhenTheSignalSetFails)
-{
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  systemCalls().sigemptysetFails = true;
-                  serve(process, SIGTERM, [] {
-                      struct sigaction action = {};
-                      EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
-                      EXPECT_EQ(action.sa_handler, SIG_DFL);
-                      EXPECT_EQ(onlyLine(SOURCE, 3, "sigemptyset Fail"), "sigemptyset Fail");
-                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{"sigemptyset Fail", WAITING}));
-                  });
+    EXPECT_EQ(whileServing([] {
+                  const pid_t running = ::fork();
+                  if (running == 0) {
+                      ::pause();
+                  }
+                  const Stopwatch stopwatch;
+                  errno = 4711;
+                  ::raise(SIGCHLD);
+                  EXPECT_EQ(errno, 4711);
+                  EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(5000)));
+                  ::kill(running, SIGKILL);
+                  EXPECT_TRUE(eventually([running] { return ::kill(running, 0) == -1; }));
+                  errno = 4712;
+                  ::raise(SIGCHLD);
+                  EXPECT_EQ(errno, 4712) << "no child at all";
               }),
               0);
 }
 
 TEST(SubProcess, ServesWithoutHandlerWhenItCannotBeInstalled)
 {
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  systemCalls().sigactionFails = true;
-                  const char text[] = "register capture SIGCHLD signal Fail";
-                  serve(process, SIGTERM, [&text] {
-                      EXPECT_EQ(onlyLine(SOURCE, 3, text), text);
-                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{text, WAITING}));
-                  });
-              }),
-              0);
+    const std::vector<std::pair<bool SystemCalls::*, std::string>> failures = {
+        {&SystemCalls::sigemptysetFails, "sigemptyset Fail"},
+        {&SystemCalls::sigactionFails, "register capture SIGCHLD signal Fail"}};
+    for (const auto& failure : failures) {
+        EXPECT_EQ(inChild([&failure] {
+                      Public_SubProcess process;
+                      systemCalls().*failure.first = true;
+                      serve(process, SIGTERM, [&failure] {
+                          systemCalls().*failure.first = false;
+                          struct sigaction action = {};
+                          EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
+                          EXPECT_EQ(action.sa_handler, SIG_DFL);
+                          EXPECT_EQ(onlyLine(SOURCE, 3, failure.second), failure.second);
+                          EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{failure.second, WAITING}));
+                      });
+                  }),
+                  0);
+    }
 }
 
 TEST(SubProcess, FailedSubscriptionIsAnAssertionOfLine91)
@@ -278,17 +273,22 @@ TEST(SubProcess, RunSubscribesStartsItsTaskAndTheSubsystemAndServes)
                   EventCache cache;
                   UnixSocket itgt("/tmp/II");
                   std::ofstream("/tmp/intelligent_ok");
-                  std::atomic<bool> idles{false};
-                  systemCalls().polling = [&idles](const pollfd*, nfds_t, int limit) {
-                      if (limit > 900 && limit <= 1000) {
-                          idles = true;
+                  std::mutex mutex;
+                  std::set<std::thread::id> waiting;
+                  systemCalls().polling = [&, self = std::this_thread::get_id()](const pollfd*, nfds_t, int) {
+                      const std::lock_guard<std::mutex> lock(mutex);
+                      if (std::this_thread::get_id() != self) {
+                          waiting.insert(std::this_thread::get_id());
                       }
                   };
                   std::thread observer = stopper(SIGTERM, [&] {
                       const std::string subscription = cache.packet();
                       EXPECT_EQ(textAt(subscription, 16 + 16), "gate.saas.olv");
                       EXPECT_EQ(textAt(subscription, 16 + 32), "1");
-                      EXPECT_TRUE(eventually([&idles] { return idles.load(); }));
+                      EXPECT_TRUE(eventually([&] {
+                          const std::lock_guard<std::mutex> lock(mutex);
+                          return waiting.size() == 2;
+                      })) << "the receive task and the command loop";
                       EXPECT_EQ(numberAt<std::uint32_t>(itgt.receive().value(), 164), 1037U);
                       EXPECT_EQ(FakePlatform::opened().size(), 1U);
                   });
