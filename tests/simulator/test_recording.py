@@ -8,10 +8,11 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+import jsonschema
 import pytest
 
 from simulator import Camera, CameraError, Journal, Reset, Response, Send, Wait, wire
-from simulator.trace.recording import Entry, Recorder, read
+from simulator.trace.recording import SCHEMA, Entry, Recorder, read
 from support import wait_end
 
 HEAD = b'{"format": "camgate-recording", "version": 1, "began": "2026-01-01T00:00:00+00:00", "about": {"build": "x"}}\n'
@@ -37,6 +38,9 @@ def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
     camera.wait_until(lambda: camera.events.subscriptions)
     camera.events.publish(b"record")
     camera.close()
+    validator = jsonschema.Draft4Validator(SCHEMA)
+    for line in path.read_text().splitlines():
+        validator.validate(json.loads(line))
     recording = read(path)
     assert not recording.cut
     of = {kind: [entry for entry in recording.entries if entry.type == kind] for kind in
@@ -140,7 +144,9 @@ def test_recording_that_cannot_begin(tmp_path: Path) -> None:
     (HEAD + b'{"time": 0, "type": "datagram", "from": "a", "to": "b", "socket": "c", "data": "x"}\n',
      r'line 2: a datagram has "data", bytes as \{"base64": ...\}'),
     (HEAD + b'{"time": 0, "type": "buffer", "buffer_id": 1, "data": {"base64": "?"}}\n',
-     r'line 2: a buffer has "data", bytes as \{"base64": ...\}'),
+     r'line 2: a buffer has bytes as \{"base64": ...\}: '),
+    (HEAD + b'{"time": 0, "type": "step", "connection": 1, "step": "jump"}\n',
+     'line 2: a step has "step", one of send, wait, close, reset'),
 ])
 def test_damaged_file_names_the_line(tmp_path: Path, content: bytes, message: str) -> None:
     path = tmp_path / "run"

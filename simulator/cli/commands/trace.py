@@ -13,10 +13,10 @@ from rich.text import Text
 from simulator.errors import CameraError
 from simulator.trace.chapters import Chapter, chapters_of
 from simulator.trace.comparison import NOT_COMPARED, compare, counts
-from simulator.trace.display import NAMES, STYLES
+from simulator.trace.diagram import STYLES
 from simulator.trace.recording import Recording, read
 from simulator.trace.web_page import page
-from simulator.trace.words import Item
+from simulator.trace.words import NAMES, Item
 
 HELP = "explain a recorded run: as text, as JSON, or as a page to look at"
 EXAMPLES = ("camsim trace gate.run", "camsim trace gate.run --html gate.html",
