@@ -23,8 +23,22 @@ TRANSMITTER = "media_server/IPCService/Public/IPCUnixTransmitter"
 EVENT_CACHE = "public/utils/alg_utils/utils_srvfs_eventcache"
 RING_BUFFER = "public/utils/alg_utils/utils_process_ringbuf"
 
+# What every small program in C begins with.
+_PRELUDE = "#define _GNU_SOURCE\n" + "".join(f"#include <{name}.h>\n" for name in (
+    "arpa/inet", "dlfcn", "errno", "fcntl", "netdb", "netinet/in", "netinet/tcp", "pthread", "signal", "stdarg",
+    "stddef", "stdio", "stdlib", "string", "sys/mman", "sys/resource", "sys/socket", "sys/syscall", "sys/un",
+    "unistd")) + """
+// The function that this one stands before.
+#define NEXT(name) ((__typeof__(name)*)dlsym(RTLD_NEXT, #name))
+"""
+# The fixtures start_camera and with_library.
+StartCamera = Callable[..., Camera]
+
 # Seconds that a stop may take: about one, and some for a busy machine and the sanitizers.
 STOP_SECONDS = 3.0
+# Where pages are written, and the first one's file.
+FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
+PAGE = f"{FOLDER}/white0"
 BEGIN = "CustomJsonPicDownloadTask Begin "
 END = "CustomJsonPicDownloadTask End "
 
@@ -124,18 +138,15 @@ def threads(camera: Camera) -> int:
 
 
 def compiled(folder: Path, source: str) -> Path:
-    """A shared library made of C source, to preload into the service or to put in a library's place."""
+    """A shared library made of C source, to preload into the service or to put in a library's place.
+
+    The source needs no #include; NEXT(name) in a function of that name is the one that it stands before.
+    """
     path = folder / "lib.c"
-    path.write_text("#define _GNU_SOURCE\n" + source)
+    path.write_text(_PRELUDE + source)
     library = folder / "libtest.so"
     compiler = emulator.compiler(build_folder() / "bin" / "protocol_process")
     made = subprocess.run([compiler, "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", str(library), str(path)],
                           capture_output=True, text=True, check=False)
     assert made.returncode == 0, made.stderr
     return library
-
-
-def with_library(start_camera: Callable[..., Camera], folder: Path, source: str, **arguments: object) -> Camera:
-    """A camera whose service has functions replaced by those of a C source."""
-    devices = build_folder() / "lib" / "libcamera_devices.so"
-    return start_camera(preload=[devices, compiled(folder, source)], **arguments)

@@ -20,7 +20,6 @@ from simulator.journal import Journal
 from simulator.peers.platform import Platform
 from simulator.peers.relay import Relay
 
-FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"
 BEGIN, END = "<!-- servers -->\n", "<!-- end of servers -->\n"
 PAGES = {0: 30, 30: 30, 60: 1}
@@ -66,7 +65,6 @@ def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platf
     answers = [record.text for record in camera.service.log if record.line == 217]
     assert len(answers) == len(PAGES)
     assert all(text.startswith("response status 200 ") and text.endswith(" responselen 15") for text in answers)
-
 
 
 CASES = [(name, path) for name, kind in SERVERS.items() for path in ("/length", "/chunked", "/interim")

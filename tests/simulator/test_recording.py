@@ -11,9 +11,9 @@ from typing import Any
 import jsonschema
 import pytest
 
-from simulator import Camera, CameraError, Journal, Reset, Response, Send, Wait, wire
+from simulator import CameraError, Journal, Reset, Response, Send, Wait, wire
 from simulator.trace.recording import SCHEMA, Entry, Recorder, read
-from support import wait_end
+from support import PAGE, StartCamera, wait_end
 
 HEAD = b'{"format": "camgate-recording", "version": 1, "began": "2026-01-01T00:00:00+00:00", "about": {"build": "x"}}\n'
 LOG = b'{"time": 0.5, "type": "log", "level": "INFO", "path": "a", "line": 3, "text": "t", "written": ""}\n'
@@ -27,7 +27,7 @@ def recorded(folder: Path, act: Callable[[Journal], Any], **arguments: Any) -> l
     return read(path).entries
 
 
-def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
+def test_whole_run(start_camera: StartCamera, tmp_path: Path) -> None:
     path = tmp_path / "run"
     camera = start_camera(recording=path)
     camera.platform.script(camera.platform.task_path, camera.platform.default, Response(503, b"\xff<b>"))
@@ -57,7 +57,7 @@ def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
     assert [entry.body for entry in of["response"]] == [page, b'{"result":"ok"}', b"\xff<b>"]
     assert of["response"][2].head.startswith(b"HTTP/1.1 503 Service Unavailable\r\n")
     assert [(entry.process, entry.path, entry.data == page) for entry in of["file"]] == [
-        ("service", "/tmp/mmcblk0/face_basic/faceLib/white0", True),
+        ("service", PAGE, True),
         ("itgt", "/tmp/mmcblk0/face_basic/white0.state.json", False),
         ("faces", "/tmp/mmcblk0/face_basic/facelists.json", False)]
     assert [entry.data for entry in of["buffer"]] == [wire.encode_block(b"record")]
@@ -68,7 +68,7 @@ def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
     assert [entry.time for entry in recording.entries] == sorted(entry.time for entry in recording.entries)
 
 
-def test_steps_of_a_broken_answer(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
+def test_steps_of_a_broken_answer(start_camera: StartCamera, tmp_path: Path) -> None:
     path = tmp_path / "run"
     camera = start_camera(recording=path)
     camera.platform.script(camera.platform.task_path, [Send(b"HTTP/1.1 \0"), Wait(0.01), Reset()])

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera, wire
-from support import DOWNLOAD, TRANSMITTER, count_text, download, emulated, expect_log, received, texts, wait_end
+from support import DOWNLOAD, PAGE, TRANSMITTER, count_text, download, emulated, expect_log, received, texts, wait_end
 
 FOLDER = b"/tmp/mmcblk0/face_basic/faceLib/"
 FIRST_ID = 4_300_000_001
@@ -232,7 +232,7 @@ def test_absent_itgt_is_logged_once_and_everything_else_goes_on(camera: Camera) 
     record = camera.wait_for_log("sendTo fail:")
     assert (record.level, record.path, record.text[-1]) == ("ERROR", TRANSMITTER, ".")
     expect_log(camera, "INFO", DOWNLOAD, "Before recive msg from itgt")
-    assert Path(camera.path("/tmp/mmcblk0/face_basic/faceLib/white0")).exists()
+    assert Path(camera.path(PAGE)).exists()
     assert camera.client.command("faceNotHitDown", {}).status == 200
     assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 409
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200

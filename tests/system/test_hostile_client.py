@@ -6,15 +6,12 @@ import json
 import random
 import socket
 import struct
-from collections.abc import Callable
 from typing import Any
 
 import pytest
 
 from simulator import Camera, wire
 from support import LOOP, TASK, count_text, expect_log, expect_working, kilobytes, memory_limit, received, wait_end
-
-StartCamera = Callable[..., Camera]
 
 GOOD = b'{"taskName":"faceNotHitDown","taskInfo":{}}'
 # A datagram and its command's information text, JSON values and log text may take some memory; a claim must not.

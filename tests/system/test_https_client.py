@@ -2,15 +2,11 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 
 from simulator import Camera, Close, Response, Send, trickle
-from support import DOWNLOAD, HTTP, count_text, download, expect_log, texts, wait_end, with_library
-
-PAGE = "/tmp/mmcblk0/face_basic/faceLib/white0"
+from support import DOWNLOAD, HTTP, PAGE, StartCamera, count_text, download, expect_log, texts, wait_end
 
 
 def test_page_request_byte_for_byte(camera: Camera) -> None:
@@ -96,7 +92,7 @@ def test_server_name_is_sent_for_names_only(camera: Camera, host: str, name: str
     assert {request.header("Host") for request in camera.platform.requests} == {f"{host}:{camera.platform.port}"}
 
 
-def test_dot_behind_a_whole_name_is_no_part_of_the_server_name(start_camera: Callable[..., Camera]) -> None:
+def test_dot_behind_a_whole_name_is_no_part_of_the_server_name(start_camera: StartCamera) -> None:
     camera = start_camera(start=False)
     (camera.sandbox.folder / "etc/hosts").write_text("127.0.0.1 localhost platform.test.\n")
     camera.start_service()
@@ -106,13 +102,7 @@ def test_dot_behind_a_whole_name_is_no_part_of_the_server_name(start_camera: Cal
 
 # Notes for each write to a TCP connection whether the connection sends small pieces at once.
 NO_DELAY = r"""
-#include <dlfcn.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <stdio.h>
-#include <sys/socket.h>
 ssize_t write(int file, const void* data, size_t size) {
-    ssize_t (*next)(int, const void*, size_t) = (ssize_t (*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write");
     int set = 0;
     socklen_t length = sizeof set;
     if (getsockopt(file, IPPROTO_TCP, TCP_NODELAY, &set, &length) == 0) {
@@ -120,14 +110,13 @@ ssize_t write(int file, const void* data, size_t size) {
         fputs(set ? "at once\n" : "delayed\n", notes);
         fclose(notes);
     }
-    return next(file, data, size);
+    return NEXT(write)(file, data, size);
 }
 """
 
 
-def test_no_piece_of_a_request_waits_for_an_acknowledgement(start_camera: Callable[..., Camera],
-                                                            tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, NO_DELAY)
+def test_no_piece_of_a_request_waits_for_an_acknowledgement(with_library: StartCamera) -> None:
+    camera = with_library(NO_DELAY)
     download(camera, 1)
     assert set(camera.path("/tmp/no_delay").read_text().splitlines()) == {"at once"}
 

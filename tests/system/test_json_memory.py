@@ -10,8 +10,7 @@ import pytest
 from simulator import Camera
 from simulator.device import process_status
 from simulator.peers.face_library import face_list
-from support import (DOWNLOAD, LOOP, download, expect_log, expect_working, kilobytes, memory_limit, poll_until,
-                     sanitized)
+from support import DOWNLOAD, LOOP, download, expect_log, expect_working, kilobytes, memory_limit, poll_until, sanitized
 
 MOST_KILOBYTES = 24 * 1024
 KEPT_KILOBYTES = 1024

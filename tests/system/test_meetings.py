@@ -9,7 +9,7 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.peers.face_library import face_list
-from support import END, count_text, expect_working, received, texts, wait_end, wait_stopped
+from support import END, PAGE, count_text, expect_working, received, texts, wait_end, wait_stopped
 
 CLEAR = {"cameraCode": "C1"}
 # Seconds after which an exchange whose peer is silent no longer holds the others up.
@@ -136,7 +136,7 @@ def test_page_is_imported_when_itgt_comes_after_it_was_written(camera: Camera) -
     camera.itgt.stop()
     start_download(camera, 31)
     camera.wait_for_log("sendTo fail:")
-    assert camera.path("/tmp/mmcblk0/face_basic/faceLib/white0").exists()
+    assert camera.path(PAGE).exists()
     assert not camera.path("/tmp/mmcblk0/face_basic/faceLib/white30").exists()
     expect_working(camera)
     camera.itgt.start()

@@ -9,11 +9,8 @@ from collections.abc import Callable
 import pytest
 
 from simulator import Camera, Response, wire
-from support import DOWNLOAD, HTTP, LOOP, TASK, count_text, download, expect_log, status_field, texts
+from support import DOWNLOAD, FOLDER, HTTP, LOOP, PAGE, TASK, count_text, download, expect_log, status_field, texts
 
-StartCamera = Callable[..., Camera]
-
-FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 PICTURE_TASK = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask"
 
 BODY = """{
@@ -51,20 +48,20 @@ def test_page_file_holds_the_answer_as_it_came(camera: Camera) -> None:
     answers = [b"no json, \xff\xfe bytes\r\n" * 1000, b"second"]
     camera.platform.script(camera.platform.task_path, *[Response(body=answer) for answer in answers])
     download(camera, 31)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == answers[0]
+    assert camera.path(PAGE).read_bytes() == answers[0]
     assert camera.path(f"{FOLDER}/white30").read_bytes() == answers[1]
 
 
 def test_page_file_ends_before_the_first_nul_of_the_answer(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, Response(body=b"before\0after"))
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == b"before"
+    assert camera.path(PAGE).read_bytes() == b"before"
 
 
 def test_empty_answer_gives_an_empty_file_that_itgt_is_told_of(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, Response(body=b""))
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == b""
+    assert camera.path(PAGE).read_bytes() == b""
     assert [message.request["file_name"] for message in camera.itgt.requests(7020)] == ["white0"]
 
 
@@ -78,20 +75,20 @@ def test_large_pages_arrive_whole(camera: Camera) -> None:
 
 def test_later_task_overwrites_its_page_files_and_leaves_the_others(camera: Camera) -> None:
     download(camera, 31)
-    first = camera.path(f"{FOLDER}/white0").read_bytes()
+    first = camera.path(PAGE).read_bytes()
     second = camera.path(f"{FOLDER}/white30").read_bytes()
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == camera.platform.page(0, 1) != first
+    assert camera.path(PAGE).read_bytes() == camera.platform.page(0, 1) != first
     assert camera.path(f"{FOLDER}/white30").read_bytes() == second
 
 
 def test_longer_file_of_an_earlier_run_is_cut(camera: Camera) -> None:
     camera.path(FOLDER).mkdir()
     camera.path(FOLDER).chmod(0o777)
-    camera.path(f"{FOLDER}/white0").write_bytes(b"x" * 100_000)
-    camera.path(f"{FOLDER}/white0").chmod(0o666)
+    camera.path(PAGE).write_bytes(b"x" * 100_000)
+    camera.path(PAGE).chmod(0o666)
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == camera.platform.page(0, 1)
+    assert camera.path(PAGE).read_bytes() == camera.platform.page(0, 1)
 
 
 def test_missing_folder_is_made(camera: Camera) -> None:
@@ -130,7 +127,7 @@ def test_folder_that_cannot_be_written_fails_the_page(camera: Camera) -> None:
 
 
 def test_folder_in_the_place_of_the_page_file_fails_the_page(camera: Camera) -> None:
-    camera.path(f"{FOLDER}/white0").mkdir(parents=True)
+    camera.path(PAGE).mkdir(parents=True)
     expect_open_failure(camera)
 
 
@@ -196,7 +193,7 @@ def test_page_file_can_be_read_by_itgt(camera: Camera) -> None:
 
     def look(message: wire.Message, default: Callable[[], object]) -> object:
         if message.command == 7020:
-            seen.append(camera.path(f"{FOLDER}/white0").read_bytes())
+            seen.append(camera.path(PAGE).read_bytes())
         return default()
 
     camera.itgt.on_message = look

@@ -5,16 +5,14 @@ from __future__ import annotations
 import contextlib
 import signal
 import socket
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
 from simulator import Camera
-from support import (LOOP, TRANSMITTER, download, expect_log, expect_working, received, wait_end, wait_stopped,
-                     with_library)
-
-StartCamera = Callable[..., Camera]
+from support import (LOOP, TRANSMITTER, StartCamera, download, expect_log, expect_working, received, wait_end,
+                     wait_stopped)
 
 
 @contextlib.contextmanager
@@ -193,21 +191,14 @@ def test_face_library_that_answers_late_is_waited_for_and_waiting_commands_are_s
 
 # The socket of the n-th exchange, counted from the start, cannot be bound.
 UNBOUND = r"""
-#include <dlfcn.h>
-#include <errno.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 int bind(int file, const struct sockaddr* address, socklen_t length) {
     static int exchanges;
-    int (*next)(int, const struct sockaddr*, socklen_t) =
-        (int (*)(int, const struct sockaddr*, socklen_t))dlsym(RTLD_NEXT, "bind");
     const char* path = ((const struct sockaddr_un*)address)->sun_path;
     if (address->sa_family == AF_UNIX && strncmp(path, "/tmp/CP", 7) == 0 && ++exchanges == %d) {
         errno = %s;
         return -1;
     }
-    return next(file, address, length);
+    return NEXT(bind)(file, address, length);
 }
 """
 EXCHANGES = {"7020": (1, "SendSysObj err ", 0), "7021": (2, "CustomJsonPicDownloadTask Err ", 0),
@@ -216,10 +207,10 @@ EXCHANGES = {"7020": (1, "SendSysObj err ", 0), "7021": (2, "CustomJsonPicDownlo
 
 @pytest.mark.parametrize("cause", ["ENOSPC", "EACCES"])
 @pytest.mark.parametrize("number, logged, reports", EXCHANGES.values(), ids=EXCHANGES.keys())
-def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(start_camera: StartCamera, tmp_path: Path, number: int,
-                                                               logged: str, reports: int, cause: str) -> None:
+def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(with_library: StartCamera, number: int, logged: str,
+                                                               reports: int, cause: str) -> None:
     """No inode for the name on a full file system, or no right to make it."""
-    camera = with_library(start_camera, tmp_path, UNBOUND % (number, cause))
+    camera = with_library(UNBOUND % (number, cause))
     assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
     camera.wait_for_log(logged)
     if logged != "CustomJsonPicDownloadTask Err ":
@@ -230,8 +221,8 @@ def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(start_camera: Sta
 
 
 @pytest.mark.parametrize("cause", ["ENOSPC", "EACCES"])
-def test_clear_that_gets_no_socket_is_answered_400(start_camera: StartCamera, tmp_path: Path, cause: str) -> None:
-    camera = with_library(start_camera, tmp_path, UNBOUND % (1, cause))
+def test_clear_that_gets_no_socket_is_answered_400(with_library: StartCamera, cause: str) -> None:
+    camera = with_library(UNBOUND % (1, cause))
     assert camera.client.command("whiteListClear", {"cameraCode": "C"}).status == 400
     expect = camera.wait_for_log("PUBLIC_JSON Err ")
     assert (expect.level, expect.path) == ("ERROR", LOOP)

@@ -12,8 +12,6 @@ import pytest
 from simulator import Camera, Reset, Response, wire
 from support import DOWNLOAD, TRANSMITTER, download, expect_log, texts, wait_end
 
-StateFile = Callable[[dict[str, Any]], bytes]
-
 
 def with_state(camera: Camera, content: bytes | Any, faces: int = 1) -> None:
     """A download whose state file holds these bytes, or this JSON value."""

@@ -6,16 +6,13 @@ import os
 import signal
 import stat
 import struct
-from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
 from simulator import Camera, build_folder
-from support import (EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, count_text, expect_log, expect_working, poll_until,
-                     received, status_field, texts, wait_end, wait_stopped, with_library)
-
-StartCamera = Callable[..., Camera]
+from support import (EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, StartCamera, count_text, expect_log, expect_working,
+                     poll_until, received, status_field, texts, wait_end, wait_stopped)
 
 WAITING = "CustomSubSystem Wait itgt fail!\\n"
 READY = "CustomSubSystem Wait itgt ok!\\n"
@@ -114,14 +111,6 @@ def test_itgt_is_told_once_with_message_1037_and_every_other_byte_zero(camera: C
 
 
 TRACER = r"""
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <stddef.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 static void note(const char* what) {
     int file = open("/tmp/trace", O_WRONLY | O_CREAT | O_APPEND, 0666);
     if (file >= 0) { if (write(file, what, strlen(what)) < 0) _exit(9); close(file); }
@@ -134,38 +123,32 @@ static void note_path(const char* call, const struct sockaddr* address, socklen_
     note(text);
 }
 int bind(int socket, const struct sockaddr* address, socklen_t length) {
-    int (*real)(int, const struct sockaddr*, socklen_t) = dlsym(RTLD_NEXT, "bind");
     note_path("bind", address, length);
-    return real(socket, address, length);
+    return NEXT(bind)(socket, address, length);
 }
 ssize_t sendto(int socket, const void* data, size_t size, int flags, const struct sockaddr* address, socklen_t length) {
-    ssize_t (*real)(int, const void*, size_t, int, const struct sockaddr*, socklen_t) = dlsym(RTLD_NEXT, "sendto");
     note_path("sendto", address, length);
-    return real(socket, data, size, flags, address, length);
+    return NEXT(sendto)(socket, data, size, flags, address, length);
 }
 void* SSL_CTX_new(const void* method) {
-    void* (*real)(const void*) = dlsym(RTLD_NEXT, "SSL_CTX_new");
     note("tls\n");
-    return real(method);
+    return NEXT(SSL_CTX_new)(method);
 }
 int client_open(void* handle, const char* name, unsigned int size) {
-    int (*real)(void*, const char*, unsigned int) = dlsym(RTLD_NEXT, "client_open");
     char text[160];
     snprintf(text, sizeof text, "ring %s %u\n", name, size);
     note(text);
-    return real(handle, name, size);
+    return NEXT(client_open)(handle, name, size);
 }
 int QL_ChangeProcUser(const char* user) {
-    int (*real)(const char*) = dlsym(RTLD_NEXT, "QL_ChangeProcUser");
     note("user "); note(user); note("\n");
-    return real(user);
+    return NEXT(QL_ChangeProcUser)(user);
 }
 """
 
 
-def test_ring_buffer_then_notice_to_itgt_then_tls_then_command_socket(start_camera: StartCamera,
-                                                                      tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, TRACER, start=False)
+def test_ring_buffer_then_notice_to_itgt_then_tls_then_command_socket(with_library: StartCamera) -> None:
+    camera = with_library(TRACER, start=False)
     camera.path("/tmp/trace").touch()
     camera.path("/tmp/trace").chmod(0o666)
     camera.start_service()
@@ -223,10 +206,9 @@ def test_failed_user_switch_is_logged_and_start_goes_on(start_camera: StartCamer
     expect_working(camera)
 
 
-def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_socket(start_camera: StartCamera,
-                                                                                       tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path,
-                          "#include <stddef.h>\nvoid* srvfs_calloc(size_t n, size_t s) { return NULL; }\n")
+def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_socket(
+        with_library: StartCamera) -> None:
+    camera = with_library("void* srvfs_calloc(size_t n, size_t s) { return NULL; }\n")
     expect_log(camera, "ERROR", SUBSYSTEM, "initialize Utils_ProcessRingBufProducerInit fail, errno[-1]")
     assert not camera.path("/tmp/HK").exists()
     assert camera.path("/tmp/CU").exists()
@@ -236,9 +218,6 @@ def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_
 
 
 OWN_PLATFORM = r"""
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
 void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
                  ...) {
     char text[4096];
@@ -260,8 +239,8 @@ int client_msgsend(void* handle, const void* data, unsigned int length, int flag
 
 
 def test_another_platform_library_takes_the_stand_ins_place_and_sees_module_4_in_every_line(
-        start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, OWN_PLATFORM, records_only=False)
+        with_library: StartCamera) -> None:
+    camera = with_library(OWN_PLATFORM, records_only=False)
     camera.client.command("whiteListDown", camera.platform.task(31))
     camera.wait_for_log("CustomJsonPicDownloadTask End ")
     assert camera.client.command("faceNotHitDown", {}).status == 200
@@ -289,7 +268,6 @@ def test_child_signals_are_captured_and_do_not_disturb(camera: Camera) -> None:
 
 
 TWO_CHILDREN = r"""
-#include <unistd.h>
 __attribute__((constructor)) static void make_children(void) {
     for (int i = 0; i < 2; ++i) if (fork() == 0) for (;;) pause();
 }
@@ -309,8 +287,8 @@ def children(camera: Camera) -> dict[int, str]:
     return found
 
 
-def test_one_child_is_reaped_for_each_signal_delivered(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, TWO_CHILDREN)
+def test_one_child_is_reaped_for_each_signal_delivered(with_library: StartCamera) -> None:
+    camera = with_library(TWO_CHILDREN)
     both = children(camera)
     assert len(both) == 2
     camera.service.send_signal(signal.SIGSTOP)

@@ -12,10 +12,8 @@ from pathlib import Path
 import pytest
 
 from simulator import NEVER, Camera, Event, Response, trickle, wire
-from support import (BEGIN, STOP_SECONDS, TASK, expect_log, expect_working, poll_until, received, wait_stopped,
-                     with_library)
-
-StartCamera = Callable[..., Camera]
+from support import (BEGIN, PAGE, STOP_SECONDS, TASK, StartCamera, expect_log, expect_working, poll_until, received,
+                     wait_stopped)
 
 SIGNALS = [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT]
 
@@ -206,7 +204,7 @@ def test_stop_after_the_event_publisher_went_away(camera: Camera) -> None:
 def test_stop_in_the_middle_of_an_import_leaves_the_page_file(camera: Camera) -> None:
     silent_itgt_at_progress(camera)
     assert wait_stopped(camera, signal.SIGTERM) == 0
-    page = camera.path("/tmp/mmcblk0/face_basic/faceLib/white0").read_bytes()
+    page = camera.path(PAGE).read_bytes()
     assert len(json.loads(page)["records"]) == 30
     assert camera.platform.reports == []
 
@@ -251,22 +249,14 @@ def test_stop_as_soon_as_the_command_socket_is_there(start_camera: StartCamera) 
 
 # The signal comes while the command is being served: from there to its end the tasks have half a second to be told.
 STOPPED_IN_A_COMMAND = r"""
-#include <dlfcn.h>
-#include <signal.h>
-#include <stdarg.h>
-#include <string.h>
-#include <unistd.h>
-#include <stdio.h>
 void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
                  ...) {
-    void (*next)(int, int, int, int, const char*, int, const char*, ...) =
-        (void (*)(int, int, int, int, const char*, int, const char*, ...))dlsym(RTLD_NEXT, "QL_WriteLog");
     char text[4096];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    next(module, level, debugFlag, reserved, path, line, "%s", text);
+    NEXT(QL_WriteLog)(module, level, debugFlag, reserved, path, line, "%s", text);
     if (strncmp(format, "taskResultURL", 13) == 0) {
         kill(getpid(), SIGTERM);
         usleep(500000);  // pause: the command goes on when the tasks were told
@@ -275,9 +265,8 @@ void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char*
 """
 
 
-def test_download_whose_command_is_served_when_the_stop_comes_does_not_start(start_camera: StartCamera,
-                                                                             tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, STOPPED_IN_A_COMMAND)
+def test_download_whose_command_is_served_when_the_stop_comes_does_not_start(with_library: StartCamera) -> None:
+    camera = with_library(STOPPED_IN_A_COMMAND)
     tag = camera.client.send("whiteListDown", camera.platform.task(31))
     assert camera.service.wait(STOP_SECONDS) == 0
     assert camera.client.wait_reply(tag).status == 400
