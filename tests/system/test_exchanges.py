@@ -5,12 +5,11 @@ from __future__ import annotations
 import stat
 import struct
 from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 
 from simulator import Camera, wire
-from support import DOWNLOAD, PAGE, TRANSMITTER, count_text, download, emulated, expect_log, received, texts, wait_end
+from support import DOWNLOAD, count_text, download, emulated, expect_log, received, texts, wait_end
 
 FOLDER = b"/tmp/mmcblk0/face_basic/faceLib/"
 FIRST_ID = 4_300_000_001
@@ -186,13 +185,6 @@ def test_what_an_answer_left_in_the_message_goes_out_with_the_next_try(camera: C
     assert again[1000:1011] == b"left behind"
 
 
-def test_late_answers_are_waited_for(camera: Camera) -> None:
-    camera.itgt.delay = 0.5
-    download(camera, 1)
-    assert len(camera.platform.reports) == 1
-    assert [len(camera.itgt.requests(command)) for command in (7020, 7021, 7031)] == [1, 1, 1]
-
-
 @pytest.mark.seconds(6)
 def test_answer_after_6_seconds_is_waited_for(camera: Camera) -> None:
     """No time-out of the other exchanges applies: a page can take ITGT long."""
@@ -224,16 +216,3 @@ def test_exchanges_of_download_and_clear_do_not_overlap(camera: Camera) -> None:
             assert 0 <= open_exchanges <= 1
     assert len(camera.faces.applied) == 3
     assert len(camera.platform.reports) == 1
-
-
-def test_absent_itgt_is_logged_once_and_everything_else_goes_on(camera: Camera) -> None:
-    camera.itgt.stop()
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    record = camera.wait_for_log("sendTo fail:")
-    assert (record.level, record.path, record.text[-1]) == ("ERROR", TRANSMITTER, ".")
-    expect_log(camera, "INFO", DOWNLOAD, "Before recive msg from itgt")
-    assert Path(camera.path(PAGE)).exists()
-    assert camera.client.command("faceNotHitDown", {}).status == 200
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 409
-    assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
-    assert count_text(camera, "after recive msg from itgt") == 0

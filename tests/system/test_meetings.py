@@ -95,15 +95,20 @@ def test_answer_after_7_seconds_reaches_the_download_beside_which_a_clear_has_ru
     expect_all_done(camera, 1, 3)
 
 
+def both_asked(camera: Camera, command: int = 7020) -> tuple[wire.Message, int, wire.Message]:
+    """Neither peer answers: the request of a download to ITGT, the tag of a clear, and its request."""
+    camera.itgt.script(command, None)
+    camera.faces.script(7019, None)
+    start_download(camera)
+    page = received(camera, "itgt", command).message
+    tag = camera.client.send("whiteListClear", CLEAR)
+    return page, tag, received(camera, "faces", 7019).message
+
+
 @pytest.mark.seconds(6)
 @pytest.mark.parametrize("first", ["itgt", "faces"])
 def test_late_replies_of_both_reach_the_one_who_asked_in_either_order(camera: Camera, first: str) -> None:
-    camera.itgt.script(7020, None)
-    camera.faces.script(7019, None)
-    start_download(camera)
-    page = received(camera, "itgt", 7020).message
-    tag = camera.client.send("whiteListClear", CLEAR)
-    clear = received(camera, "faces", 7019).message
+    page, tag, clear = both_asked(camera)
     replies = {"itgt": lambda: camera.itgt.send(camera.itgt.default(page)),
                "faces": lambda: camera.faces.send(camera.faces.default(clear))}
     replies.pop(first)()
@@ -115,12 +120,7 @@ def test_late_replies_of_both_reach_the_one_who_asked_in_either_order(camera: Ca
 
 @pytest.mark.seconds(6)
 def test_other_command_counts_for_who_waits_alone_and_for_nobody_when_two_wait(camera: Camera) -> None:
-    camera.itgt.script(7021, None)
-    camera.faces.script(7019, None)
-    start_download(camera)
-    received(camera, "itgt", 7021)
-    tag = camera.client.send("whiteListClear", CLEAR)
-    clear = received(camera, "faces", 7019).message
+    _, tag, clear = both_asked(camera, 7021)
     camera.itgt.send(wire.encode_reply(clear, command=7777), "/tmp/CP")
     camera.faces.send(camera.faces.default(clear))
     assert camera.client.wait_reply(tag).status == 200
@@ -139,6 +139,8 @@ def test_page_is_imported_when_itgt_comes_after_it_was_written(camera: Camera) -
     assert camera.path(PAGE).exists()
     assert not camera.path("/tmp/mmcblk0/face_basic/faceLib/white30").exists()
     expect_working(camera)
+    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 409
+    assert camera.client.command("whiteListClear", CLEAR).status == 200
     camera.itgt.start()
     wait_end(camera)
     lines = texts(camera)
@@ -168,11 +170,6 @@ def test_request_that_leads_back_to_the_service_is_no_reply(camera: Camera, path
 
 @pytest.mark.seconds(6)
 def test_stop_ends_both_waits(camera: Camera) -> None:
-    camera.itgt.script(7020, None)
-    camera.faces.script(7019, None)
-    start_download(camera)
-    received(camera, "itgt", 7020)
-    camera.client.send("whiteListClear", CLEAR)
-    received(camera, "faces", 7019)
+    both_asked(camera)
     assert count_text(camera, END) == 0
     assert wait_stopped(camera, signal.SIGTERM) == 0

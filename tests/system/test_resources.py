@@ -138,19 +138,13 @@ def test_descriptors_that_run_out_between_exchanges_are_a_failure_like_any_other
     camera.wait_for_log("Not Ready, try ")
     with limited(camera, "nofile", 3):
         begin = len(camera.journal)
-        wait_end_in_any_way(camera, begin)
+        camera.wait_download(20, begin)
         camera.wait_for_log(lambda record: record.level == "ERROR", since=begin)
         expect_working(camera)
     camera.itgt.not_ready_answers = 0
     before = len(camera.platform.reports)
     download(camera, 1)
     assert len(camera.platform.reports) == before + 1
-
-
-def wait_end_in_any_way(camera: Camera, since: int) -> None:
-    """A download ends with its End record, or with the record of an exception."""
-    camera.wait_for_log(lambda record: record.text == END or record.text.startswith("CustomJsonPicDownloadTask Err "),
-                        20, since)
 
 
 @pytest.mark.parametrize("spare", range(1, 5))
@@ -163,7 +157,7 @@ def test_few_descriptors_fail_somewhere_and_nothing_is_kept(camera: Camera, spar
         begin = len(camera.journal)
         reply = camera.client.command("whiteListDown", camera.platform.task(2))
         if reply.status == 200:
-            wait_end_in_any_way(camera, begin)
+            camera.wait_download(20, begin)
     download(camera, 3)
     assert camera.platform.reports[-1].json()["offset"] == 3
     settles(camera, descriptors, before)

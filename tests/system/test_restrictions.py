@@ -8,7 +8,6 @@ import signal
 import subprocess
 from pathlib import Path
 
-import pytest
 
 from simulator import Camera, build_folder
 from simulator.device import emulator
@@ -174,11 +173,6 @@ def test_a_forbidden_call_ends_the_service_and_is_seen(with_library: StartCamera
     killed = 128 + signal.SIGSYS
     camera = with_library(FORBIDDEN_CALL, wait=False, ends_with=(killed,))
     assert camera.service.wait() == killed
-
-
-@pytest.mark.parametrize("path", ["/tmp/CU", "/tmp/HK"])
-def test_sockets_keep_their_mode_under_the_umask(camera: Camera, path: str) -> None:
-    assert camera.path(path).stat().st_mode & 0o777 == 0o660
 
 
 def test_page_files_can_be_read_by_itgt_whoever_it_is(camera: Camera) -> None:
