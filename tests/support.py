@@ -43,6 +43,11 @@ BEGIN = "CustomJsonPicDownloadTask Begin "
 END = "CustomJsonPicDownloadTask End "
 
 
+def page_starts(faces: int) -> list[int]:
+    """The first record of each page of a download: a page has 30 at most."""
+    return list(range(0, faces, 30))
+
+
 def sanitized() -> bool:
     """True for a service built with a sanitizer, whose memory says nothing about the service's own."""
     return bool(sanitizer_runtimes(build_folder() / "bin" / "protocol_process"))

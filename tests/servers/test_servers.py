@@ -19,6 +19,7 @@ from simulator import Camera, wire
 from simulator.journal import Journal
 from simulator.peers.platform import Platform
 from simulator.peers.relay import Relay
+from support import FOLDER, wait_end
 
 DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"
 BEGIN, END = "<!-- servers -->\n", "<!-- end of servers -->\n"
@@ -57,7 +58,7 @@ def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platf
 
     camera.itgt.on_message = hook
     assert camera.client.command("whiteListDown", camera.platform.task(61)).status == 200
-    camera.wait_for_log("CustomJsonPicDownloadTask End ", timeout=90)
+    wait_end(camera, timeout=90)
     for start, count in PAGES.items():
         came = camera.path(f"{FOLDER}/white{start}").read_bytes()
         assert hashlib.sha256(came).digest() == hashlib.sha256(platform.page(start, count)).digest()

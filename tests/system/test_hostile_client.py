@@ -11,7 +11,8 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import LOOP, TASK, count_text, expect_log, expect_working, kilobytes, memory_limit, received, wait_end
+from support import (BEGIN, LOOP, TASK, count_text, expect_log, expect_working, kilobytes, memory_limit, received,
+                     wait_end)
 
 GOOD = b'{"taskName":"faceNotHitDown","taskInfo":{}}'
 # A datagram and its command's information text, JSON values and log text may take some memory; a claim must not.
@@ -177,7 +178,7 @@ def expect_refused_download(camera: Camera, **changes: Any) -> str:
     assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
     wait_end(camera, begin)
     assert len(camera.platform.reports) == 1
-    assert count_text(camera, "CustomJsonPicDownloadTask Begin ") == 1
+    assert count_text(camera, BEGIN) == 1
     return record.text
 
 

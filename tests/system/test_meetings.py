@@ -9,7 +9,7 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.peers.face_library import face_list
-from support import END, PAGE, count_text, expect_working, received, texts, wait_end, wait_stopped
+from support import END, PAGE, count_text, expect_working, page_starts, received, texts, wait_end, wait_stopped
 
 CLEAR = {"cameraCode": "C1"}
 # Seconds after which an exchange whose peer is silent no longer holds the others up.
@@ -30,9 +30,9 @@ def slow_once(camera: Camera, peer: Any, command: int, seconds: float) -> None:
 
 def expect_all_done(camera: Camera, faces: int, lists: int) -> None:
     """Every page imported and reported, every list set once and in order, every later command answered."""
-    pages = -(-faces // 30)
-    assert [len(camera.itgt.requests(command)) for command in (7020, 7031)] == [pages, pages]
-    assert [report.json()["startIndex"] for report in camera.platform.reports] == [30 * page for page in range(pages)]
+    starts = page_starts(faces)
+    assert [len(camera.itgt.requests(command)) for command in (7020, 7031)] == [len(starts)] * 2
+    assert [report.json()["startIndex"] for report in camera.platform.reports] == starts
     assert all(report.json()["datatime"] for report in camera.platform.reports)
     assert [face["list_name"] for face in camera.faces.applied] == [face["FaceListName"] for face in camera.faces.lists]
     assert len(camera.faces.applied) == lists

@@ -11,7 +11,7 @@ from pathlib import Path
 
 from simulator import Camera, build_folder
 from simulator.device import emulator
-from support import PAGE, StartCamera, expect_working, status_field
+from support import PAGE, StartCamera, expect_working, status_field, wait_end
 
 CAP_CHOWN_SETGID_AND_SETUID = 1 << 0 | 1 << 6 | 1 << 7
 
@@ -177,7 +177,7 @@ def test_a_forbidden_call_ends_the_service_and_is_seen(with_library: StartCamera
 
 def test_page_files_can_be_read_by_itgt_whoever_it_is(camera: Camera) -> None:
     camera.client.command("whiteListDown", camera.platform.task(1))
-    camera.wait_for_log("CustomJsonPicDownloadTask End ")
+    wait_end(camera)
     page = camera.path(PAGE)
     assert page.stat().st_mode & 0o777 == 0o644
     assert page.parent.stat().st_mode & 0o777 == 0o755

@@ -11,8 +11,8 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera, build_folder
-from support import (EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, StartCamera, count_text, expect_log, expect_working,
-                     poll_until, received, status_field, texts, wait_end, wait_stopped)
+from support import (END, EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, StartCamera, count_text, expect_log,
+                     expect_working, poll_until, received, status_field, texts, wait_end, wait_stopped)
 
 WAITING = "CustomSubSystem Wait itgt fail!\\n"
 READY = "CustomSubSystem Wait itgt ok!\\n"
@@ -229,7 +229,7 @@ def test_another_platform_library_takes_the_stand_ins_place_and_sees_module_4_in
         with_library: StartCamera) -> None:
     camera = with_library(OWN_PLATFORM, records_only=False)
     camera.client.command("whiteListDown", camera.platform.task(31))
-    camera.wait_for_log("CustomJsonPicDownloadTask End ")
+    camera.wait_for_log(END)
     assert camera.client.command("faceNotHitDown", {}).status == 200
     assert camera.client.command("whiteListClear", {"cameraCode": "C"}).status == 200
     assert camera.client.send_body(b"{") and camera.wait_for_log("GetJsonMsgInfo err:.")
@@ -250,7 +250,7 @@ def test_child_signals_are_captured_and_do_not_disturb(camera: Camera) -> None:
     while not camera.journal.find("platform", "report"):
         camera.service.send_signal(signal.SIGCHLD)
         camera.wait_for(lambda event: event.source != "client", since=len(camera.journal) - 1)
-    camera.wait_for_log("CustomJsonPicDownloadTask End ")
+    wait_end(camera)
     assert camera.platform.reports
 
 
