@@ -81,7 +81,7 @@ def twice(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Valu
 @fault(ANSWER, "itgt.refuses", "refuses every page: names an import that does not exist",
        Parameter("task", 0, "the number of that import"), command=wire.IMPORT_FILE)
 def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, values: Values) -> Reply:
-    """No import begins, and the number that is told belongs to none."""
+    """No import begins, and no import has the number in the reply."""
     return wire.encode_reply(message, import_task_id=values.task)
 
 

@@ -249,7 +249,7 @@ def read(path: Path) -> Recording:
     last = lines.pop()  # empty, unless the run was killed while it wrote
     head = _parsed(path, 1, lines[0] if lines else last)
     if head.get("format") != FORMAT:
-        raise CameraError(f"{path}, line 1: this is no recording: it does not begin with "
+        raise CameraError(f"{path}, line 1: this is not a recording: it does not begin with "
                           f'{{"format": "{FORMAT}", "version": {VERSION}, ...}}')
     if head.get("version") != VERSION:
         raise CameraError(f"{path}, line 1: the recording has version {head.get('version')!r}; "
@@ -290,7 +290,7 @@ def _parsed(path: Path, number: int, line: bytes) -> dict[str, Any]:
     except (ValueError, RecursionError) as error:
         raise CameraError(f"{path}, line {number}: the recording is damaged: {error}") from error
     if not isinstance(document, dict):
-        raise CameraError(f"{path}, line {number}: the recording is damaged: the line is no JSON object")
+        raise CameraError(f"{path}, line {number}: the recording is damaged: the line is not a JSON object")
     return document
 
 

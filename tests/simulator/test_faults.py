@@ -72,8 +72,8 @@ def test_the_list_marks_what_is_on(camsim: Camsim, up: StartUp) -> None:
 
 
 @pytest.mark.parametrize("words, text", [
-    (["itgt.slent", "on"], "did you mean 'silent'?"), (["itgt.silent", "onn"], "comes on"),
-    (["all", "on"], "switched off only"), (["list", "igt"], "did you mean 'itgt'?"),
+    (["itgt.slent", "on"], "did you mean 'silent'?"), (["itgt.silent", "onn"], "write on"),
+    (["all", "on"], "can only be switched off"), (["list", "igt"], "did you mean 'itgt'?"),
     (["itgt.late", "on", "second=3"], "did you mean 'seconds'?")])
 def test_wrong_words_are_explained(camsim: Camsim, words: list[str], text: str) -> None:
     done = camsim.run("fault", *words)

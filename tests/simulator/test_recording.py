@@ -131,8 +131,8 @@ def test_recording_that_cannot_begin(tmp_path: Path) -> None:
 @pytest.mark.parametrize("content, message", [
     (b"", "line 1: the recording is damaged"),
     (b"\x7fELF\n", "line 1: the recording is damaged"),
-    (b'{"format": "other"}\n', "line 1: this is no recording"),
-    (b"[]\n", "line 1: the recording is damaged: the line is no JSON object"),
+    (b'{"format": "other"}\n', "line 1: this is not a recording"),
+    (b"[]\n", "line 1: the recording is damaged: the line is not a JSON object"),
     (HEAD.replace(b'"version": 1', b'"version": 2'), "line 1: the recording has version 2; .* reads version 1"),
     (HEAD + LOG + b"{\n" + LOG, "line 3: the recording is damaged"),
     (HEAD + LOG + b"\n" + LOG, "line 3: the recording is damaged"),

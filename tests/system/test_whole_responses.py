@@ -98,7 +98,7 @@ def test_chunk_of_another_length_than_its_size_fails_the_page(camera: Camera, da
 ENDS = {"folded trailer": b"0\r\nA: b\r\n c\r\n\td\r\n\r\n",
         "bytes behind the end": b"0\r\n\r\nHTTP/1.1 500 No\r\n\r\n",
         "trailer without a colon": b"0\r\nabc\r\n\r\n", "extension": b"0;a=b\r\n\r\n", "zeros": b"0000\r\n\r\n",
-        "blank behind the size": b"0 \r\n\r\n", "line ends of LF": b"0\n\n"}
+        "space after the size": b"0 \r\n\r\n", "line ends of LF": b"0\n\n"}
 
 
 @pytest.mark.parametrize("end", ENDS.values(), ids=ENDS.keys())
@@ -126,7 +126,7 @@ def test_switched_protocols_are_no_page(camera: Camera) -> None:
 
 ENDLESS = {"interim answers": (b"", b"HTTP/1.1 100 Continue\r\n\r\n" * 1000), "head": (OK, b"A: b\r\n" * 1000),
            "empty lines": (b"", b"\r\n" * 10_000), "chunk extension": (CHUNKED + b"4;", b"x" * 10_000),
-           "blanks before a chunk size": (CHUNKED, b" " * 10_000), "trailers": (CHUNKED + b"0\r\n", b"A: b\r\n" * 1000),
+           "spaces before a chunk size": (CHUNKED, b" " * 10_000), "trailers": (CHUNKED + b"0\r\n", b"A: b\r\n" * 1000),
            "zeros of a chunk size": (CHUNKED, b"0" * 10_000),
            "lines before a chunk size": (CHUNKED + b"4\r\nbody", b"\r\n" * 10_000)}
 
