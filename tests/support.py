@@ -7,8 +7,9 @@ import threading
 import time
 from collections.abc import Callable
 from pathlib import Path
+from typing import Any
 
-from simulator import Camera, Event, LogRecord, build_folder
+from simulator import Camera, Event, LogRecord, build_folder, wire
 from simulator.device import emulator, process_status
 from simulator.device.service import sanitizer_runtimes
 
@@ -108,6 +109,22 @@ def expect_working(camera: Camera) -> None:
 def received(camera: Camera, source: str, command: int, since: int = 0, timeout: float = 10.0) -> Event:
     """Waits until a peer ("itgt", "faces") has received a request with this command."""
     return camera.wait_for(lambda event: event.matches(source, "received", command=command), timeout, since)
+
+
+def at_request(peer: Any, command: int, action: Callable[[wire.Message], object]) -> None:
+    """Has the action done with each request of this command, before the peer replies."""
+    def hook(message: wire.Message, default: Callable[[], object]) -> object:
+        if message.command == command:
+            action(message)
+        return default()
+    peer.on_message = hook
+
+
+def expect_unsent(camera: Camera) -> None:
+    """A request that could not be sent is logged, and only the first time."""
+    record = camera.wait_for_log("sendTo fail:")
+    assert (record.level, record.path, record.text[-1]) == ("ERROR", TRANSMITTER, ".")
+    assert sum(text.startswith("sendTo fail:") for text in texts(camera)) == 1
 
 
 def wait_stopped(camera: Camera, number: int, timeout: float = STOP_SECONDS) -> int:

@@ -15,11 +15,11 @@ import pytest
 from behind import Behind
 from web_servers import SERVERS, Running, version
 
-from simulator import Camera, wire
+from simulator import Camera
 from simulator.journal import Journal
 from simulator.peers.platform import Platform
 from simulator.peers.relay import Relay
-from support import FOLDER, wait_end
+from support import FOLDER, at_request, wait_end
 
 DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"
 BEGIN, END = "<!-- servers -->\n", "<!-- end of servers -->\n"
@@ -50,13 +50,7 @@ def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platf
     camera = make_camera(platform=lambda journal: Relay(journal, f"https://localhost:{server.port}{path}"))
     camera.__enter__()
     restarts = [server.restart] if restart else []
-
-    def hook(message: wire.Message, default: Callable[[], bytes]) -> bytes:
-        if message.command == 7020 and restarts:
-            restarts.pop()()
-        return default()
-
-    camera.itgt.on_message = hook
+    at_request(camera.itgt, 7020, lambda _: restarts.pop()() if restarts else None)
     assert camera.client.command("whiteListDown", camera.platform.task(61)).status == 200
     wait_end(camera, timeout=90)
     for start, count in PAGES.items():

@@ -5,13 +5,12 @@ from __future__ import annotations
 import errno
 import os
 import signal
-from collections.abc import Callable
 
 import pytest
 
 from simulator import Camera, Response, wire
-from support import (DOWNLOAD, FOLDER, PAGE, StartCamera, count_text, download, expect_log, expect_working, poll_until,
-                     texts, wait_end, wait_stopped)
+from support import (DOWNLOAD, FOLDER, PAGE, StartCamera, at_request, count_text, download, expect_log, expect_working,
+                     poll_until, texts, wait_end, wait_stopped)
 
 LARGE = b"x" * 500_000
 
@@ -100,12 +99,7 @@ def test_name_of_a_page_file_is_on_the_disk_before_itgt_is_told(with_library: St
     camera = with_library(SYNC)
     synced: list[list[str]] = []
 
-    def look(message: wire.Message, default: Callable[[], bytes]) -> bytes:
-        if message.command == 7020:
-            synced.append(camera.path("/tmp/synced").read_text().splitlines())
-        return default()
-
-    camera.itgt.on_message = look
+    at_request(camera.itgt, 7020, lambda _: synced.append(camera.path("/tmp/synced").read_text().splitlines()))
     download(camera, 31)
     parent = FOLDER.rpartition("/")[0]
     assert synced == [[FOLDER, parent], [FOLDER, parent, FOLDER]]

@@ -6,12 +6,11 @@ import random
 import signal
 import threading
 import time
-from collections.abc import Callable
 
 import pytest
 
 from simulator import Camera, wire
-from support import FOLDER, PAGE, StartCamera, download
+from support import FOLDER, PAGE, StartCamera, at_request, download
 
 KILLED = 128 + signal.SIGKILL
 FACES = 75
@@ -25,13 +24,11 @@ class Watch:
     def __init__(self, camera: Camera) -> None:
         self.told: list[tuple[str, bytes]] = []
         self._camera = camera
-        camera.itgt.on_message = self._look
+        at_request(camera.itgt, 7020, self._look)
 
-    def _look(self, message: wire.Message, default: Callable[[], object]) -> object:
-        if message.command == 7020:
-            name = message.request["file_name"]
-            self.told.append((name, self._camera.path(f"{FOLDER}/{name}").read_bytes()))
-        return default()
+    def _look(self, message: wire.Message) -> None:
+        name = message.request["file_name"]
+        self.told.append((name, self._camera.path(f"{FOLDER}/{name}").read_bytes()))
 
 
 def whole_pages(camera: Camera) -> list[tuple[str, bytes]]:
