@@ -35,6 +35,17 @@ _PRELUDE = "#define _GNU_SOURCE\n" + "".join(f"#include <{name}.h>\n" for name i
 # The fixtures start_camera and with_library.
 StartCamera = Callable[..., Camera]
 
+# A platform library's function for log records begins so; it has the record's text in `text`.
+WRITE_LOG = r"""
+void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
+                 ...) {
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+"""
+
 # Seconds that a stop may take: about one, and some for a busy machine and the sanitizers.
 STOP_SECONDS = 3.0
 # Where pages are written, and the first one's file.
@@ -89,10 +100,21 @@ def count_text(camera: Camera, text: str) -> int:
     return texts(camera).count(text)
 
 
+def start_download(camera: Camera, faces: int = 1, **changes: object) -> None:
+    assert camera.client.command("whiteListDown", camera.platform.task(faces, **changes)).status == 200
+
+
+def start_polling(camera: Camera, faces: int = 1) -> None:
+    """A download that has asked once how far its import is; the second answer will be that it is done."""
+    camera.itgt.not_ready_answers = 1
+    start_download(camera, faces)
+    camera.wait_for_log("Not Ready, try ")
+
+
 def download(camera: Camera, faces: int = 1, timeout: float = 15.0, **changes: object) -> None:
     """Runs one whiteListDown from the command to the end of its task."""
     begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(faces, **changes)).status == 200
+    start_download(camera, faces, **changes)
     wait_end(camera, begin, timeout)
 
 

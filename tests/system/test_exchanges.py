@@ -9,7 +9,7 @@ from collections.abc import Callable
 import pytest
 
 from simulator import Camera, wire
-from support import DOWNLOAD, count_text, download, emulated, expect_log, received, texts, wait_end
+from support import DOWNLOAD, count_text, download, emulated, expect_log, received, start_download, texts, wait_end
 
 FOLDER = b"/tmp/mmcblk0/face_basic/faceLib/"
 FIRST_ID = 4_300_000_001
@@ -129,7 +129,7 @@ def test_ten_answers_not_ready_give_up_and_other_answers_do_not_count(camera: Ca
     camera.itgt.script(7021, *other, *[lambda request: wire.encode_reply(
         request, status=0, total=30, current=7, state_file="/tmp/mmcblk0/face_basic/white0.state.json")] * 10)
     begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     camera.wait_for_log("Tried ", timeout=30)
     expect_log(camera, "INFO", DOWNLOAD, "Tried 10 times, Fail!", since=begin)
     wait_end(camera, begin)
@@ -205,7 +205,7 @@ def test_answer_after_6_seconds_is_waited_for(camera: Camera) -> None:
 
 def test_exchanges_of_download_and_clear_do_not_overlap(camera: Camera) -> None:
     camera.itgt.delay = 0.4
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     received(camera, "itgt", 7020)
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
     wait_end(camera)

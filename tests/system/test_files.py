@@ -10,7 +10,7 @@ import pytest
 
 from simulator import Camera, Response, wire
 from support import (DOWNLOAD, FOLDER, PAGE, StartCamera, at_request, count_text, download, expect_log, expect_working,
-                     poll_until, texts, wait_end, wait_stopped)
+                     poll_until, start_download, start_polling, texts, wait_end, wait_stopped)
 
 LARGE = b"x" * 500_000
 
@@ -158,7 +158,7 @@ def wait_hung(camera: Camera) -> None:
 def test_disk_that_hangs_holds_up_the_download_only_and_no_stop(with_library: StartCamera, call: str,
                                                                 path: str) -> None:
     camera = hanging(with_library, call, path)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     wait_hung(camera)
     expect_working(camera)
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
@@ -169,9 +169,7 @@ def test_disk_that_hangs_holds_up_the_download_only_and_no_stop(with_library: St
 def test_disk_that_hangs_at_the_configuration_holds_up_commands_but_no_download_and_no_stop(
         with_library: StartCamera) -> None:
     camera = hanging(with_library, "fread", CONFIGURATION)
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+    start_polling(camera)
     camera.client.send("whiteListClear", {"cameraCode": "C1"})
     wait_hung(camera)
     wait_end(camera, timeout=30)
@@ -181,15 +179,13 @@ def test_disk_that_hangs_at_the_configuration_holds_up_commands_but_no_download_
 
 def test_page_whose_writing_was_cut_by_a_kill_is_never_handed_on(with_library: StartCamera) -> None:
     camera = hanging(with_library, "fwrite", PAGE)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     wait_hung(camera)
     assert camera.path(PAGE).read_bytes() == b""
     camera.service.send_signal(signal.SIGKILL)
     camera.service.wait()
     assert camera.itgt.requests(7020) == []
     camera.start_service()
-    begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    wait_end(camera, begin)
+    download(camera)
     assert camera.path(PAGE).read_bytes() == camera.platform.page(0, 1)
     assert count_text(camera, " DownLoad Picture Success.") == 1

@@ -11,8 +11,8 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import (BEGIN, LOOP, TASK, count_text, expect_log, expect_working, kilobytes, memory_limit, received,
-                     wait_end)
+from support import (BEGIN, LOOP, TASK, count_text, download, expect_log, expect_working, kilobytes, memory_limit,
+                     received, start_download, wait_end)
 
 GOOD = b'{"taskName":"faceNotHitDown","taskInfo":{}}'
 # A datagram and its command's information text, JSON values and log text may take some memory; a claim must not.
@@ -174,9 +174,7 @@ def expect_refused_download(camera: Camera, **changes: Any) -> str:
     record = camera.wait_for_log("DownWhiteHandler Err ", since=begin)
     assert (record.level, record.path, record.text[-1]) == ("ERROR", LOOP, " ")
     assert camera.platform.requests == []
-    begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    wait_end(camera, begin)
+    download(camera)
     assert len(camera.platform.reports) == 1
     assert count_text(camera, BEGIN) == 1
     return record.text
@@ -205,7 +203,7 @@ def test_number_of_records_that_is_no_unsigned_number_is_refused(camera: Camera,
 
 @pytest.mark.parametrize("name", STRINGS[:5])
 def test_empty_text_argument_is_taken(camera: Camera, name: str) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: ""})).status == 200
+    start_download(camera, 1, **{name: ""})
     camera.wait_until(lambda: camera.platform.reports)
     if name in ("cameraCode", "taskID", "securityCode"):
         assert [request.json()[name] for request in camera.platform.requests] == ["", ""]
@@ -214,7 +212,7 @@ def test_empty_text_argument_is_taken(camera: Camera, name: str) -> None:
 @pytest.mark.parametrize("name", STRINGS[:5])
 def test_text_argument_of_100_kilobytes_is_carried_whole(camera: Camera, name: str) -> None:
     text = "0123456789" * 10_240
-    assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: text})).status == 200
+    start_download(camera, 1, **{name: text})
     expect_log(camera, "INFO", LOOP, f"{name}:{text}")
     camera.wait_until(lambda: camera.platform.reports)
     if name in ("cameraCode", "taskID", "securityCode"):
@@ -226,7 +224,7 @@ def test_text_argument_of_100_kilobytes_is_carried_whole(camera: Camera, name: s
 @pytest.mark.parametrize("name", ["taskURL", "taskResultURL"])
 def test_url_of_100_kilobytes_does_no_harm(camera: Camera, name: str) -> None:
     url = f"https://127.0.0.1:{camera.platform.port}/" + "a" * 102_400
-    assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: url})).status == 200
+    start_download(camera, 1, **{name: url})
     wait_end(camera)
     target = camera.platform.requests[-1].target
     assert target == url.partition(str(camera.platform.port))[2]
@@ -296,7 +294,7 @@ def test_numbers_beyond_64_bits_do_no_harm(camera: Camera) -> None:
 
 def test_garbage_while_a_download_runs_does_not_disturb_it(camera: Camera) -> None:
     camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     received(camera, "itgt", 7021)
     for head in GARBAGE_HEADS.values():
         camera.client.send_raw(head)

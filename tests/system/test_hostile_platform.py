@@ -9,7 +9,8 @@ from typing import Any
 import pytest
 
 from simulator import NEVER, Camera, Close, Reset, Response, Send, Wait, trickle
-from support import DOWNLOAD, HTTP, PAGE, count_text, download, expect_log, kilobytes, sanitized, texts, wait_end
+from support import (DOWNLOAD, HTTP, PAGE, count_text, download, expect_log, kilobytes, sanitized, start_download,
+                     texts, wait_end)
 
 
 def expect_failed_page(camera: Camera, total: int = 31, timeout: float = 15.0, **changes: Any) -> None:
@@ -115,7 +116,7 @@ def test_platform_that_does_not_read_a_large_request_ends_after_5_seconds(camera
 
     camera.platform.on_connect = second_is_silent
     begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     camera.wait_for(lambda event: event.matches("platform", "accepted", connection=2), 30)
     failed = camera.wait_for_log(lambda record: record.text.startswith("metadata "), 30, begin)
     assert (failed.level, failed.path, failed.line) == ("INFO", DOWNLOAD, 221)

@@ -6,7 +6,7 @@ from __future__ import annotations
 import pytest
 
 from simulator import Camera, Response, trickle
-from support import DOWNLOAD, HTTP, PAGE, StartCamera, download, expect_log, wait_end
+from support import DOWNLOAD, HTTP, PAGE, StartCamera, download, expect_log, start_download, wait_end
 
 
 def test_page_request_byte_for_byte(camera: Camera) -> None:
@@ -178,7 +178,7 @@ def test_slow_answer_is_taken_as_long_as_something_comes(camera: Camera) -> None
 @pytest.mark.seconds(6)
 def test_answer_after_6_seconds_is_too_late(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, Response(body=b"{}", delay=6))
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     asked = camera.wait_for(lambda event: event.matches("platform", "request")).time
     failed = camera.wait_for(lambda event: event.matches("service", "log")
                              and event.record.text.startswith("SendMsgAndRecvResponse err:"))

@@ -9,16 +9,12 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.peers.face_library import face_list
-from support import (END, PAGE, count_text, expect_unsent, expect_working, page_starts, received, texts, wait_end,
-                     wait_stopped)
+from support import (END, PAGE, count_text, expect_unsent, expect_working, page_starts, received, start_download, texts,
+                     wait_end, wait_stopped)
 
 CLEAR = {"cameraCode": "C1"}
 # Seconds after which an exchange whose peer is silent no longer holds the others up.
 TURN = 5.0
-
-
-def start_download(camera: Camera, faces: int = 1) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(faces)).status == 200
 
 
 def slow_once(camera: Camera, peer: Any, command: int, seconds: float) -> None:

@@ -11,8 +11,8 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera
-from support import (LOOP, StartCamera, download, expect_log, expect_unsent, expect_working, received, wait_end,
-                     wait_stopped)
+from support import (LOOP, StartCamera, download, expect_log, expect_unsent, expect_working, received, start_download,
+                     start_polling, wait_end, wait_stopped)
 
 
 @contextlib.contextmanager
@@ -84,7 +84,7 @@ def test_useless_face_library_is_waited_for_and_gets_its_lists_when_it_comes_bac
 def test_useless_itgt_is_waited_for_and_imports_the_page_when_it_comes_back(camera: Camera, kind: str) -> None:
     camera.itgt.stop()
     with at(camera, "/tmp/II", kind):
-        assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+        start_download(camera, 31)
         expect_unsent(camera)
         expect_working(camera)
     camera.itgt.start()
@@ -121,7 +121,7 @@ def test_half_a_command_is_waited_for_and_completed_late(camera: Camera) -> None
     """Without limit; a download goes on meanwhile, and a stop is as quick as ever."""
     body = b'{"taskName":"faceNotHitDown","taskInfo":{}}'
     camera.itgt.delay = 0.2
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     head = (7).to_bytes(4, "little").rjust(244, b"\0").ljust(256, b"\0") + len(body).to_bytes(4, "little")
     camera.client.send_raw(head.ljust(280, b"\0"))
     wait_end(camera)
@@ -138,7 +138,7 @@ def test_half_a_command_is_waited_for_and_completed_late(camera: Camera) -> None
 def test_itgt_that_never_answers_holds_up_its_download_only(camera: Camera, command: int, then: str) -> None:
     """The download waits without limit and stays the one that runs; a stop ends it."""
     camera.itgt.script(command, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     received(camera, "itgt", command)
     if then != "is silent":
         camera.itgt.stop()
@@ -153,9 +153,7 @@ def test_itgt_that_never_answers_holds_up_its_download_only(camera: Camera, comm
     assert wait_stopped(camera, signal.SIGTERM) == 0
     camera.itgt.start()
     camera.start_service()
-    begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    wait_end(camera, begin)
+    download(camera)
 
 
 @pytest.mark.seconds(6)
@@ -164,9 +162,7 @@ def test_itgt_that_never_answers_holds_up_its_download_only(camera: Camera, comm
 def test_face_library_that_never_answers_holds_up_commands_and_no_download(camera: Camera, command: int,
                                                                            then: str) -> None:
     """The command loop waits without limit; the download beside it goes on, and a stop is as quick as ever."""
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+    start_polling(camera)
     camera.faces.script(command, None)
     camera.client.send("whiteListClear", {"cameraCode": "C"})
     received(camera, "faces", command)
@@ -212,7 +208,7 @@ def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(with_library: Sta
                                                                reports: int, cause: str) -> None:
     """No inode for the name on a full file system, or no right to make it."""
     camera = with_library(UNBOUND % (number, cause))
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     camera.wait_for_log(logged)
     if logged != "CustomJsonPicDownloadTask Err ":
         wait_end(camera)

@@ -8,8 +8,8 @@ import signal
 import pytest
 
 from simulator import Camera
-from support import (LOOP, SUBSYSTEM, StartCamera, count_text, download, expect_log, expect_working, wait_end,
-                     wait_stopped)
+from support import (LOOP, SUBSYSTEM, StartCamera, count_text, download, expect_log, expect_working, start_polling,
+                     wait_end, wait_stopped)
 
 # A stop signal before the service begins to wait for one may end it by the signal.
 STOPPED_EARLY = (0, 128 + signal.SIGTERM)
@@ -22,9 +22,7 @@ int client_msgsend(void* handle, const void* data, unsigned int length, int flag
 
 def test_ring_buffer_that_hangs_holds_up_commands_but_no_download_and_no_stop(with_library: StartCamera) -> None:
     camera = with_library(RING % "for (;;) pause();")
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+    start_polling(camera)
     camera.client.send("faceNotHitDown", {})
     expect_log(camera, "INFO", LOOP, "Process cmd:faceNotHitDown.")
     wait_end(camera)

@@ -9,7 +9,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, Response, wire
-from support import DOWNLOAD, at_request, download, expect_log, expect_unsent, texts, wait_end
+from support import DOWNLOAD, at_request, download, expect_log, expect_unsent, start_download, texts, wait_end
 
 
 def with_state(camera: Camera, content: bytes | Any, faces: int = 1) -> None:
@@ -72,7 +72,7 @@ def test_another_answer_leaves_the_time_out_and_the_report_is_still_posted(camer
 def test_itgt_that_is_away_for_the_time_is_asked_again_until_the_report_has_it(camera: Camera) -> None:
     """Played by its socket, which nobody may write to while the time is asked."""
     at_request(camera.itgt, 7021, lambda _: camera.path("/tmp/II").chmod(0))
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     expect_unsent(camera)
     assert camera.platform.reports == []
     camera.path("/tmp/II").chmod(0o666)
@@ -216,7 +216,7 @@ def test_report_answer_is_not_looked_into(camera: Camera) -> None:
 def test_silent_platform_ends_the_report_after_5_seconds(camera: Camera) -> None:
     camera.platform.script(camera.platform.result_path, None)
     begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     posted = camera.wait_for(lambda event: event.matches("platform", "report"))
     ended = camera.wait_for(lambda event: event.matches("service", "log") and event.record.text.startswith("metadata "),
                             since=begin)

@@ -11,8 +11,8 @@ from pathlib import Path
 import pytest
 
 from simulator import Camera, build_folder
-from support import (END, EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, StartCamera, count_text, expect_log,
-                     expect_working, poll_until, received, status_field, texts, wait_end, wait_stopped)
+from support import (END, EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, WRITE_LOG, StartCamera, count_text, expect_log,
+                     expect_working, poll_until, received, start_download, status_field, texts, wait_end, wait_stopped)
 
 WAITING = "CustomSubSystem Wait itgt fail!\\n"
 READY = "CustomSubSystem Wait itgt ok!\\n"
@@ -204,14 +204,7 @@ def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_
     assert camera.service.exit_code is None
 
 
-OWN_PLATFORM = r"""
-void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
-                 ...) {
-    char text[4096];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
+OWN_PLATFORM = WRITE_LOG + r"""
     for (char* c = text; *c; ++c) if (*c == '\n') *c = '|';
     dprintf(2, "%d,%d,%d,%d,%s,%d,%s\n", module, level, debugFlag, reserved, path, line, text);
 }
@@ -246,7 +239,7 @@ def test_child_signals_are_captured_and_do_not_disturb(camera: Camera) -> None:
     for _ in range(50):
         camera.service.send_signal(signal.SIGCHLD)
     expect_working(camera)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     while not camera.journal.find("platform", "report"):
         camera.service.send_signal(signal.SIGCHLD)
         camera.wait_for(lambda event: event.source != "client", since=len(camera.journal) - 1)
@@ -295,7 +288,7 @@ def test_one_child_is_reaped_for_each_signal_delivered(with_library: StartCamera
 def test_two_cameras_work_side_by_side(start_camera: StartCamera) -> None:
     cameras = [start_camera(), start_camera()]
     for number, camera in enumerate(cameras):
-        assert camera.client.command("whiteListDown", camera.platform.task(2, taskID=f"T{number}")).status == 200
+        start_download(camera, 2, taskID=f"T{number}")
     for number, camera in enumerate(cameras):
         camera.wait_until(lambda: camera.platform.reports)
         assert [request.json()["taskID"] for request in camera.platform.requests] == [f"T{number}"] * 2
@@ -310,7 +303,7 @@ def test_the_binary_needs_the_platform_library_at_run_time() -> None:
 def expect_every_command_carried_out(camera: Camera) -> None:
     begin = len(camera.journal)
     camera.faces.applied.clear()
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
     assert camera.client.command("faceNotHitDown", {"a": 1}).status == 200
     wait_end(camera, begin)

@@ -12,14 +12,10 @@ from pathlib import Path
 import pytest
 
 from simulator import NEVER, Camera, Event, trickle, wire
-from support import (BEGIN, PAGE, STOP_SECONDS, TASK, StartCamera, expect_log, expect_working, poll_until, received,
-                     wait_stopped)
+from support import (BEGIN, PAGE, STOP_SECONDS, TASK, WRITE_LOG, StartCamera, expect_log, expect_working, poll_until,
+                     received, start_download, wait_stopped)
 
 SIGNALS = [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT]
-
-
-def start_download(camera: Camera, **changes: object) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(31, **changes)).status == 200
 
 
 def idle(camera: Camera) -> None:
@@ -37,12 +33,12 @@ def page_coming_slowly(camera: Camera) -> None:
     camera.platform.picture_sizes = (20_000, 200_000)
     camera.platform.script(camera.platform.task_path,
                            lambda request: trickle(camera.platform.default(request).encode(), 10_000, 0.05))
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for(lambda event: event.matches("platform", "request"))
 
 
 def between_many_pages(camera: Camera) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(30_000)).status == 200
+    start_download(camera, 30_000)
     camera.wait_until(lambda: len(camera.platform.reports) >= 3)
 
 
@@ -51,7 +47,7 @@ def silent(peer: str, command: int) -> Callable[[Camera], None]:
     def bring_about(camera: Camera) -> None:
         getattr(camera, peer).script(command, None)
         if peer == "itgt":
-            start_download(camera)
+            start_download(camera, 31)
         else:
             camera.client.send("whiteListClear", {"cameraCode": "C1"})
         received(camera, peer, command)
@@ -60,7 +56,7 @@ def silent(peer: str, command: int) -> Callable[[Camera], None]:
 
 def absent_itgt(camera: Camera) -> None:
     camera.itgt.stop()
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for_log("sendTo fail:")
 
 
@@ -72,36 +68,36 @@ def absent_faces(camera: Camera) -> None:
 
 def pause_between_tries(camera: Camera) -> None:
     camera.itgt.not_ready_answers = 5
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for_log("Not Ready, try ")
 
 
 def pause_after_another_answer(camera: Camera) -> None:
     camera.itgt.script(7021, lambda request: wire.encode_reply(request, command=7777))
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for(lambda event: event.matches("itgt", "sent") and event.message.command == 7777)
 
 
 def hanging_connect(camera: Camera) -> None:
-    start_download(camera, taskURL=f"https://127.0.0.1:{camera.platform.full_port}/x")
+    start_download(camera, 31, taskURL=f"https://127.0.0.1:{camera.platform.full_port}/x")
     camera.wait_for_log("Http URI:/x ")
 
 
 def hanging_handshake(camera: Camera) -> None:
     camera.platform.on_connect = lambda connection: NEVER
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for(lambda event: event.matches("platform", "accepted"))
 
 
 def silent_platform_at_page(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, None)
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for(lambda event: event.matches("platform", "request"))
 
 
 def silent_platform_at_report(camera: Camera) -> None:
     camera.platform.script(camera.platform.result_path, None)
-    start_download(camera)
+    start_download(camera, 31)
     camera.wait_for(lambda event: event.matches("platform", "report"))
 
 
@@ -211,7 +207,7 @@ def test_it_serves_again_after_a_stop_in_the_middle_of_a_download(camera: Camera
     assert wait_stopped(camera, signal.SIGTERM) == 0
     camera.start_service()
     begin = len(camera.journal)
-    start_download(camera)
+    start_download(camera, 31)
     expect_log(camera, "INFO", TASK, BEGIN, since=begin)
     camera.wait_until(lambda: len(camera.platform.reports) == 2)
 
@@ -231,14 +227,7 @@ def test_stop_as_soon_as_the_command_socket_is_there(start_camera: StartCamera) 
 
 
 # The signal comes while the command is being served: from there to its end the tasks have half a second to be told.
-STOPPED_IN_A_COMMAND = r"""
-void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
-                 ...) {
-    char text[4096];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
+STOPPED_IN_A_COMMAND = WRITE_LOG + r"""
     NEXT(QL_WriteLog)(module, level, debugFlag, reserved, path, line, "%s", text);
     if (strncmp(format, "taskResultURL", 13) == 0) {
         kill(getpid(), SIGTERM);

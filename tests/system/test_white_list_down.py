@@ -5,8 +5,8 @@ from __future__ import annotations
 import pytest
 
 from simulator import Camera
-from support import (BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records, texts,
-                     wait_end)
+from support import (BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records,
+                     start_download, texts, wait_end)
 
 ADDRESS = "ServerIp:{}  ServerPort:{} ServerUri:{} ResultUri:{}"
 
@@ -122,14 +122,14 @@ def test_second_download_is_answered_409_while_one_runs_and_disturbs_nothing(cam
 
 def test_busy_rule_comes_before_the_arguments(camera: Camera) -> None:
     camera.itgt.script(7020, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     assert camera.client.command("whiteListDown", {}).status == 409
     assert count_text(camera, "DownWhiteHandler Err ") == count_text(camera, END) == 0
 
 
 def test_other_commands_are_answered_while_a_download_runs(camera: Camera) -> None:
     camera.itgt.delay = 0.3
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     received(camera, "itgt", 7020)
     assert camera.client.command("faceNotHitDown", {"a": 1}).status == 200
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
