@@ -3,16 +3,13 @@
 from __future__ import annotations
 
 from collections import Counter
-from collections.abc import Callable
 from typing import Any
 
 import pytest
 
-from camsim_runs import Camsim, Up
+from camsim_runs import Camsim, StartUp
 from simulator import faults
 from simulator.faults import FaultError
-
-StartUp = Callable[..., Up]
 
 
 def test_every_peer_has_at_least_five() -> None:

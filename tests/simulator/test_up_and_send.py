@@ -3,14 +3,11 @@
 from __future__ import annotations
 
 import signal
-from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
-from camsim_runs import CAMSIM, Camsim, Up
-
-StartUp = Callable[..., Up]
+from camsim_runs import CAMSIM, Camsim, StartUp
 
 
 def test_every_command_gets_its_reply(camsim: Camsim, up: StartUp) -> None:

@@ -7,13 +7,10 @@ import os
 import re
 import signal
 import subprocess
-from collections.abc import Callable
 
 import pytest
 
-from camsim_runs import DEADLINE, ROOT, Camsim, Drawn, Up
-
-StartUp = Callable[..., Up]
+from camsim_runs import DEADLINE, ROOT, Camsim, Drawn, StartUp
 
 ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
 
