@@ -310,9 +310,9 @@ def restarted(part: Any, on: bool, _values: Values) -> None:
         part.start()
 
 
-@fault(STATE, "itgt.no-marker", "never becomes ready: /tmp/intelligent_ok is missing")
+@fault(STATE, "itgt.no-marker", f"never becomes ready: {wire.MARKER} is missing")
 def no_marker(itgt: Itgt, on: bool, _values: Values) -> None:
-    marker = itgt.outside("/tmp/intelligent_ok")
+    marker = itgt.outside(wire.MARKER)
     if on:
         marker.unlink(missing_ok=True)
     else:

@@ -26,6 +26,9 @@ CLIENT_SOCKET = "/tmp/KH"
 EXCHANGE_SOCKET = "/tmp/CP"
 ITGT_SOCKET = "/tmp/II"
 FACE_LIBRARY_SOCKET = "/tmp/A"
+EVENT_NODE = "/mnt/srvfs/event.paas.olv"
+# What ITGT makes when it is ready.
+MARKER = "/tmp/intelligent_ok"
 
 _INTEGERS = {"u8": "<B", "u16": "<H", "u32": "<I", "i32": "<i", "u64": "<Q", "i64": "<q"}
 

@@ -29,7 +29,6 @@ from simulator.messages.http import Close, Reset, Send, Wait
 
 FORMAT = "camgate-recording"
 VERSION = 1
-EVENT_NODE = "/mnt/srvfs/event.paas.olv"
 # The form of every line.
 SCHEMA = json.loads(Path(__file__).with_name("recording.schema.json").read_text(encoding="utf-8"))
 TYPES = tuple(line["$ref"].rpartition("/")[2] for line in SCHEMA["anyOf"])[1:]  # the first is the head
@@ -161,7 +160,7 @@ def _datagram(event: Event) -> tuple[str, dict[str, Any]]:
         sender, receiver = "service", event.source
         socket = {"itgt": wire.ITGT_SOCKET, "faces": wire.FACE_LIBRARY_SOCKET}.get(event.source, wire.CLIENT_SOCKET)
     return "datagram", {"from": sender, "to": receiver,
-                        "socket": EVENT_NODE if event.source == "events" else socket, "data": bytes(data)}
+                        "socket": wire.EVENT_NODE if event.source == "events" else socket, "data": bytes(data)}
 
 
 def _request(event: Event) -> tuple[str, dict[str, Any]]:
