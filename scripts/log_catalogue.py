@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Compares the log lines that the service can write with their catalogue, both ways.
+"""Compares the log lines that the service can write with their catalogue, in both directions.
 
 usage: log_catalogue.py [FOLDER DOCUMENT]
 
@@ -29,7 +29,7 @@ CONSTANT = re.compile(rf"constexpr char (\w+)\[\] = ({LITERAL});")
 SOURCE = re.compile(r'constexpr (?:char|LogSource) LOG_SOURCE(?:\[\] = |\{)"([^"]*)"(?:,\s+(\d+))?')
 # What the formats of utility modules begin with.
 UTILITY_PREFIX = '"[%s]:'
-# Blanks out comments and preprocessor lines; what stands in quotes is no comment.
+# Matches comments and preprocessor lines to blank out; what is in quotes is not a comment.
 NO_CODE = re.compile(rf"({LITERAL})|//[^\n]*|/\*.*?\*/|^[ \t]*#(?:[^\n\\]|\\.)*", re.DOTALL | re.MULTILINE)
 
 SECTION = re.compile(r"## `([\w/]+)`")

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Holds the code of the repository against the rules that no other tool looks after.
+"""Checks the code of the repository against the rules that no other tool enforces.
 
 usage: repository_rules.py < LIST
 
-LIST names the files, one a line. Prints one line a finding and exits with 1 when there is one.
-clang-tidy looks after the functions in C++, clang-format after its lines.
+LIST names the files, one a line. Prints one line a finding and exits with 1 if there are any.
+Functions in C++ are left to clang-tidy, lines in C++ to clang-format.
 """
 
 import ast
@@ -40,13 +40,15 @@ def language(path: Path, lines: list[str]) -> str | None:
         return "python"
     if path.suffix == ".sh" or re.match(r"#!.*sh$", first):
         return "shell"
+    if path.suffix == ".js":
+        return "javascript"
     return "cmake" if path.name == "CMakeLists.txt" or path.suffix == ".cmake" else None
 
 
 def line_findings(lines: list[str], columns: int | None) -> Iterator[tuple[int, str]]:
     for number, line in enumerate(lines, 1):
         if UNFINISHED.search(line):
-            yield number, "unfinished work; finish it or open an issue"
+            yield number, "unfinished work; finish it"
         silencer = SILENCER.search(line)
         if silencer and not SILENCER_WITH_REASON.search(line, silencer.start()):
             yield number, "a silenced finding without its name and reason in the same line"
@@ -71,10 +73,14 @@ def python_findings(text: str) -> Iterator[tuple[int, str]]:
                 yield node.lineno, f"{node.name} has {branches} branches, at most {FUNCTION_BRANCHES}"
 
 
-def shell_findings(lines: list[str]) -> Iterator[tuple[int, str]]:
+# How a function begins that ends with a bracket at the beginning of a line.
+FUNCTION = {"shell": re.compile(r"\w+\(\) [{(]$"), "javascript": re.compile(r"(async )?function \w+\(.*\{$")}
+
+
+def function_findings(lines: list[str], begins: re.Pattern[str]) -> Iterator[tuple[int, str]]:
     begin = 0
     for number, line in enumerate(lines, 1):
-        if re.match(r"\w+\(\) [{(]$", line):
+        if begins.match(line):
             begin = number
         elif line in ("}", ")") and begin:
             if number - begin + 1 > FUNCTION_LINES:
@@ -90,13 +96,13 @@ def findings(path: Path) -> Iterator[tuple[int, str]]:
         return
     if len(lines) > FILE_LINES:
         yield FILE_LINES, f"the file has {len(lines)} lines, at most {FILE_LINES}"
-    yield from line_findings(lines, None if kind == "c++" else COLUMNS)
+    yield from line_findings(lines, None if kind in ("c++", "javascript") else COLUMNS)
     if path.parts[0] in PAUSE_FOLDERS:
         yield from pause_findings(lines)
     if kind == "python":
         yield from python_findings(text)
-    elif kind == "shell":
-        yield from shell_findings(lines)
+    elif kind in FUNCTION:
+        yield from function_findings(lines, FUNCTION[kind])
 
 
 def main() -> int:

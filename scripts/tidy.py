@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Runs clang-tidy over C++ sources, side by side.
+"""Runs clang-tidy on C++ sources, in parallel.
 
 usage: tidy.py BUILD SOURCE...
 
-BUILD is a configured build folder. A source that was clean is not looked at again until its text, one of its headers,
-its compile options or the settings change: BUILD/tidy holds a file for each such state.
-Prints the findings and exits with 1 when there is one.
+BUILD is a configured build folder. A clean source is not checked again until its text, one of its headers, its compile
+options or the settings change: BUILD/tidy has a file for each such state. Prints the findings and exits with 1 if there
+are any.
 """
 
 import hashlib

@@ -15,6 +15,7 @@ from simulator.device.sandbox import Sandbox
 from simulator.device.service import Service, sanitizer_runtimes
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
+from simulator.messages import wire
 from simulator.messages.log import LogRecord, ends_download
 from simulator.peers.client import Client
 from simulator.peers.events import EventPublisher
@@ -25,7 +26,6 @@ from simulator.trace.recording import Recorder
 
 T = TypeVar("T")
 
-MARKER = "/tmp/intelligent_ok"
 RING_BUFFER = "metadata_servfile26214"
 # The last thing that the service logs when it starts.
 _SERVING = "waitForTerminationRequest sucess!"
@@ -150,7 +150,7 @@ class Camera:
 
     def make_ready(self) -> None:
         """Creates ITGT's readiness marker."""
-        self.path(MARKER).touch()
+        self.path(wire.MARKER).touch()
 
     def path(self, path: str) -> Path:
         """Where a path of the camera below /tmp, /mnt or /dev/shm lies on this machine."""

@@ -12,8 +12,8 @@ import pytest
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT))
 
-from simulator import Camera  # noqa: E402 importable only with the path above
-from support import slowness  # noqa: E402 importable only with the path above
+from simulator import Camera, build_folder  # noqa: E402 importable only with the path above
+from support import compiled, slowness  # noqa: E402 importable only with the path above
 
 # Pictures of this size make pages of 30 records small where their content does not matter.
 SMALL_PICTURES = (800, 1_000)
@@ -117,3 +117,13 @@ def start_camera(make_camera: Callable[..., Camera]) -> Callable[..., Camera]:
 def camera(start_camera: Callable[..., Camera]) -> Camera:
     """A camera with all its processes, whose service takes commands."""
     return start_camera()
+
+
+@pytest.fixture
+def with_library(start_camera: Callable[..., Camera], tmp_path: Path) -> Callable[..., Camera]:
+    """Starts a camera whose service has functions replaced by those of a C source (see support.compiled).
+
+    with_library(source, **arguments of make_camera)
+    """
+    devices = build_folder() / "lib" / "libcamera_devices.so"
+    return lambda source, **arguments: start_camera(preload=[devices, compiled(tmp_path, source)], **arguments)

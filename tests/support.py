@@ -9,8 +9,9 @@ import time
 from collections.abc import Callable
 from datetime import datetime
 from pathlib import Path
+from typing import Any
 
-from simulator import Camera, Event, LogRecord, build_folder
+from simulator import Camera, Event, LogRecord, build_folder, wire
 from simulator.device import emulator, process_status
 from simulator.device.service import sanitizer_runtimes
 
@@ -27,10 +28,40 @@ RING_BUFFER = "public/utils/alg_utils/utils_process_ringbuf"
 
 # Seconds after which a wait for what surely comes has failed: no machine is so slow.
 DEADLINE = 120.0
+# What every small program in C begins with.
+_PRELUDE = "#define _GNU_SOURCE\n" + "".join(f"#include <{name}.h>\n" for name in (
+    "arpa/inet", "dlfcn", "errno", "fcntl", "netdb", "netinet/in", "netinet/tcp", "pthread", "signal", "stdarg",
+    "stddef", "stdio", "stdlib", "string", "sys/mman", "sys/resource", "sys/socket", "sys/syscall", "sys/un",
+    "unistd")) + """
+// The function that this one stands before.
+#define NEXT(name) ((__typeof__(name)*)dlsym(RTLD_NEXT, #name))
+"""
+# The fixtures start_camera and with_library.
+StartCamera = Callable[..., Camera]
+
+# A platform library's function for log records begins so; it has the record's text in `text`.
+WRITE_LOG = r"""
+void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
+                 ...) {
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+"""
+
 # Seconds that a stop may take: about one, and some more.
 STOP_SECONDS = 3.0
+# Where pages are written, and the first one's file.
+FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
+PAGE = f"{FOLDER}/white0"
 BEGIN = "CustomJsonPicDownloadTask Begin "
 END = "CustomJsonPicDownloadTask End "
+
+
+def page_starts(faces: int) -> list[int]:
+    """The first record of each page of a download: a page has 30 at most."""
+    return list(range(0, faces, 30))
 
 
 def sanitized() -> bool:
@@ -87,10 +118,21 @@ def count_text(camera: Camera, text: str) -> int:
     return texts(camera).count(text)
 
 
+def start_download(camera: Camera, faces: int = 1, **changes: object) -> None:
+    assert camera.client.command("whiteListDown", camera.platform.task(faces, **changes)).status == 200
+
+
+def start_polling(camera: Camera, faces: int = 1) -> None:
+    """A download that has asked once how far its import is; the second answer will be that it is done."""
+    camera.itgt.not_ready_answers = 1
+    start_download(camera, faces)
+    camera.wait_for_log("Not Ready, try ")
+
+
 def download(camera: Camera, faces: int = 1, timeout: float = 15.0, **changes: object) -> None:
     """Runs one whiteListDown from the command to the end of its task."""
     begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(faces, **changes)).status == 200
+    start_download(camera, faces, **changes)
     wait_end(camera, begin, timeout)
 
 
@@ -112,6 +154,22 @@ def written(record: LogRecord) -> float:
 def received(camera: Camera, source: str, command: int, since: int = 0, timeout: float = 10.0) -> Event:
     """Waits until a peer ("itgt", "faces") has received a request with this command."""
     return camera.wait_for(lambda event: event.matches(source, "received", command=command), timeout, since)
+
+
+def at_request(peer: Any, command: int, action: Callable[[wire.Message], object]) -> None:
+    """Has the action done with each request of this command, before the peer replies."""
+    def hook(message: wire.Message, default: Callable[[], object]) -> object:
+        if message.command == command:
+            action(message)
+        return default()
+    peer.on_message = hook
+
+
+def expect_unsent(camera: Camera) -> None:
+    """A request that could not be sent is logged, and only the first time."""
+    record = camera.wait_for_log("sendTo fail:")
+    assert (record.level, record.path, record.text[-1]) == ("ERROR", TRANSMITTER, ".")
+    assert sum(text.startswith("sendTo fail:") for text in texts(camera)) == 1
 
 
 def wait_stopped(camera: Camera, number: int, timeout: float = STOP_SECONDS) -> int:
@@ -147,18 +205,15 @@ def threads(camera: Camera) -> int:
 
 
 def compiled(folder: Path, source: str) -> Path:
-    """A shared library made of C source, to preload into the service or to put in a library's place."""
+    """A shared library made of C source, to preload into the service or to put in a library's place.
+
+    The source needs no #include; NEXT(name) in a function of that name is the one that it stands before.
+    """
     path = folder / "lib.c"
-    path.write_text("#define _GNU_SOURCE\n" + source)
+    path.write_text(_PRELUDE + source)
     library = folder / "libtest.so"
     compiler = emulator.compiler(build_folder() / "bin" / "protocol_process")
     made = subprocess.run([compiler, "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", str(library), str(path)],
                           capture_output=True, text=True, check=False)
     assert made.returncode == 0, made.stderr
     return library
-
-
-def with_library(start_camera: Callable[..., Camera], folder: Path, source: str, **arguments: object) -> Camera:
-    """A camera whose service has functions replaced by those of a C source."""
-    devices = build_folder() / "lib" / "libcamera_devices.so"
-    return start_camera(preload=[devices, compiled(folder, source)], **arguments)

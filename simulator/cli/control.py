@@ -45,7 +45,7 @@ def runtime_folder() -> Path:
 
 def _socket_path(name: str) -> Path:
     if not re.fullmatch(r"[A-Za-z0-9_.-]{1,40}", name):
-        raise CodedError(f"{name!r} is no name of a camera; use letters, digits, - and _", WRONG_ARGUMENTS)
+        raise CodedError(f"{name!r} is not a valid camera name; use letters, digits, - and _", WRONG_ARGUMENTS)
     path = runtime_folder() / f"{name}{_ENDING}"
     if len(str(path)) > _LONGEST_PATH:
         raise CameraError(f"{path} is too long for a socket; set XDG_RUNTIME_DIR to a shorter folder")
@@ -77,7 +77,7 @@ def asking(name: str, request: dict[str, Any]) -> Iterator[dict[str, Any]]:
         except OSError as error:
             others = running()
             there = f"there is {', '.join(others)}; choose with --name" if others else "start one with: camsim up"
-            raise CodedError(f"no camera {name!r} runs; {there}", NO_CAMERA) from error
+            raise CodedError(f"no camera {name!r} is running; {there}", NO_CAMERA) from error
         connection.sendall(json.dumps(request).encode() + b"\n")
         with connection.makefile("rb") as lines:
             for line in lines:
@@ -95,7 +95,7 @@ class Control:
         self._journal = journal
         self._handlers = handlers
         if _listens(self.path):
-            raise CameraError(f"a camera {name!r} runs already; end it, or choose another name with --name")
+            raise CameraError(f"a camera {name!r} is already running; stop it, or choose another name with --name")
         self.path.unlink(missing_ok=True)  # left by one that was killed
         self._listener = socket.socket(socket.AF_UNIX)
         self._listener.bind(str(self.path))

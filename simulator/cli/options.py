@@ -25,7 +25,7 @@ def add_json(parser: argparse.ArgumentParser, text: str = "print JSON instead, o
 
 def add_name(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--name", default=os.environ.get("CAMSIM_NAME", "camera"),
-                        help="which camera, when several run (camera, or $CAMSIM_NAME)")
+                        help="which camera, if several are running (camera, or $CAMSIM_NAME)")
 
 
 def add_service(parser: argparse.ArgumentParser) -> None:
@@ -41,21 +41,21 @@ def add_record(parser: argparse.ArgumentParser) -> None:
 def add_faults(parser: argparse.ArgumentParser) -> None:
     completing(parser.add_argument(
         "--fault", action="append", default=[], metavar="FAULT",
-        help="a fault to begin with, as often as wanted: itgt.silent, platform.status=503, itgt.late=3,command=7021; "
+        help="a fault to start with; may be repeated: itgt.silent, platform.status=503, itgt.late=3,command=7021; "
              "`camsim fault list` names all"), *faults.FAULTS)
 
 
 def add_pictures(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--pictures", metavar="FOLDER",
-                        help="serve the .jpg files of FOLDER as pages, in the order of their names")
+                        help="serve the .jpg files of FOLDER as pages, ordered by name")
     parser.add_argument("--picture-bytes", type=int, nargs=2, metavar=("MIN", "MAX"),
-                        help="smallest and largest made-up picture (20000 200000)")
+                        help="size of the smallest and largest generated picture (20000 200000)")
 
 
 def add_itgt(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--picture-seconds", type=float, metavar="S",
                         help="time that ITGT takes to import a picture (0)")
-    parser.add_argument("--time-text", metavar="TEXT", help="the time that ITGT tells (2024-05-17 08:30:00)")
+    parser.add_argument("--time-text", metavar="TEXT", help="the time that ITGT reports (2024-05-17 08:30:00)")
 
 
 def add_platform(parser: argparse.ArgumentParser) -> None:
@@ -63,7 +63,7 @@ def add_platform(parser: argparse.ArgumentParser) -> None:
                         "the address of its pages, https://HOST:PORT/PATH. It is reached from this machine, with TLS "
                         "end to end")
     parser.add_argument("--result-path", metavar="PATH", help="where that platform takes results (the path of URL with "
-                        "Result behind it)")
+                        "Result appended)")
 
 
 def make_camera(arguments: argparse.Namespace) -> Camera:

@@ -50,7 +50,7 @@ class RunningCamera:
         try:
             result["tag"] = camera.client.send(name, information, request["tag"])
         except (OSError, RuntimeError) as error:
-            return {**result, "text": f"nobody takes the command: {error}", "code": NO_REPLY}
+            return {**result, "text": f"nobody accepts the command: {error}", "code": NO_REPLY}
         reply = self._reply(since, request["seconds"], result["tag"])
         if reply is None:
             return {**result, "text": f"no reply within {request['seconds']:g} s", "code": NO_REPLY}
@@ -65,7 +65,7 @@ class RunningCamera:
             for data in request["datagrams"]:
                 self._camera.client.send_raw(bytes.fromhex(data))
         except (OSError, RuntimeError) as error:
-            return {"status": None, "text": f"nobody takes the datagram: {error}", "code": NO_REPLY}
+            return {"status": None, "text": f"nobody accepts the datagram: {error}", "code": NO_REPLY}
         reply = self._reply(since, request["seconds"], None)
         if reply is None:
             return {"status": None, "text": f"no reply within {request['seconds']:g} s", "code": NO_REPLY}
@@ -99,7 +99,7 @@ class RunningCamera:
 def _outcome(status: int | None) -> dict[str, Any]:
     known = {200: (DONE, "taken"), 400: (REFUSED, "refused: not a command, or an argument is missing or wrong"),
              409: (BUSY, "refused: a download runs already")}
-    code, text = known.get(status or 0, (REFUSED, "a status that there should not be"))
+    code, text = known.get(status or 0, (REFUSED, "an unexpected status"))
     return {"status": status, "text": text, "code": code}
 
 
@@ -142,5 +142,5 @@ def information(text: str) -> dict[str, Any]:
     """The "taskInfo" that a user wrote. Raises ValueError."""
     value = json.loads(text)
     if not isinstance(value, dict):
-        raise ValueError("it is no object: {...}")
+        raise ValueError("it is not an object: {...}")
     return value

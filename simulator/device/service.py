@@ -88,7 +88,7 @@ class Service:
     def start(self) -> list[socket.socket]:
         """Starts the binary. Returns the listening sockets of `ports`, then the two that keep `full_port` full."""
         if self._process is not None and self._exit_code is None:
-            raise CameraError("the service runs already")
+            raise CameraError("the service is already running")
         for path in (self._binary, *self._preload):
             if not path.exists():
                 raise CameraError(f"{path} is missing; build it with: cmake --build --preset host")

@@ -89,7 +89,7 @@ def address_family_filter(names: Iterable[str]) -> seccomp.SyscallFilter:
 
 def namespace_filter() -> seccomp.SyscallFilter:
     made = _allowing([("clone", [_bit(0, flag)]) for flag in _NAMESPACES] + [("unshare", []), ("setns", [])])
-    # Its flags lie in memory, out of a filter's sight; the C library then takes the older call.
+    # Its flags are in memory, where a filter cannot see them; the C library then takes the older call.
     made.add_rule(seccomp.ERRNO(errno.ENOSYS), "clone3")
     return made
 

@@ -80,7 +80,7 @@ def twice(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Valu
 @fault(ANSWER, "itgt.refuses", "refuses every page: names an import that does not exist",
        Parameter("task", 0, "the number of that import"), command=wire.IMPORT_FILE)
 def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, values: Values) -> Reply:
-    """No import begins, and the number that is told belongs to none."""
+    """No import begins, and no import has the number in the reply."""
     return wire.encode_reply(message, import_task_id=values.task)
 
 
@@ -309,9 +309,9 @@ def restarted(part: Any, on: bool, _values: Values) -> None:
         part.start()
 
 
-@fault(STATE, "itgt.no-marker", "never becomes ready: /tmp/intelligent_ok is missing")
+@fault(STATE, "itgt.no-marker", f"never becomes ready: {wire.MARKER} is missing")
 def no_marker(itgt: Itgt, on: bool, _values: Values) -> None:
-    marker = itgt.outside("/tmp/intelligent_ok")
+    marker = itgt.outside(wire.MARKER)
     if on:
         marker.unlink(missing_ok=True)
     else:

@@ -110,10 +110,6 @@ class Request:
         return self.head.split(b"\r\n", 1)[0].decode("latin-1")
 
     @property
-    def method(self) -> str:
-        return self.request_line.split(" ")[0]
-
-    @property
     def target(self) -> str:
         """The request line between method and version."""
         return self.request_line.partition(" ")[2].rpartition(" ")[0]

@@ -12,7 +12,6 @@ from typing import Any
 MESSAGE_SIZE = 21408
 HEAD_SIZE = 280
 SUBSCRIPTION_SIZE = 16 + 288
-NOTIFICATION_LIMIT = 256
 DESCRIPTOR_SIZE = 16
 BLOCK_HEADER_SIZE = 56
 
@@ -24,10 +23,12 @@ IMPORTED, BAD_PICTURE = 0, 1
 
 COMMAND_SOCKET = "/tmp/HK"
 CLIENT_SOCKET = "/tmp/KH"
-SERVICE_SOCKET = "/tmp/CU"
 EXCHANGE_SOCKET = "/tmp/CP"
 ITGT_SOCKET = "/tmp/II"
 FACE_LIBRARY_SOCKET = "/tmp/A"
+EVENT_NODE = "/mnt/srvfs/event.paas.olv"
+# What ITGT makes when it is ready.
+MARKER = "/tmp/intelligent_ok"
 
 _INTEGERS = {"u8": "<B", "u16": "<H", "u32": "<I", "i32": "<i", "u64": "<Q", "i64": "<q"}
 

@@ -34,7 +34,7 @@ class Itgt(MessagePeer):
 
     not_ready_answers   progress queries per page that are answered "not ready" whatever the import does
     picture_seconds     time to import one picture; 0: the page is imported before the 7020 request is answered
-    time_text           the time that ITGT tells
+    time_text           the time that ITGT reports
     next_task_id        the import task id of the next page, beyond 32 bits so that a cut shows
     on_state_file       called with the state document before it is written; returns the bytes to write instead
     imports             what was or is being imported, by task id

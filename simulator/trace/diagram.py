@@ -6,8 +6,10 @@ import textwrap
 
 from rich.text import Text
 
-LANES = {"client": "client", "platform": "platform", "service": "service", "itgt": "ITGT", "faces": "faces",
-         "events": "events"}
+from simulator.trace.words import SHORT_NAMES
+
+# The columns from left to right: who calls the service first, then whom it calls.
+LANES = ("client", "platform", "service", "itgt", "faces", "events")
 STYLES = {"client": "cyan", "itgt": "green", "faces": "magenta", "platform": "blue", "events": "yellow",
           "service": ""}
 # Below this width there is no room for the words beside the columns.
@@ -28,8 +30,8 @@ class Diagram:
     def head(self) -> Text:
         """The names above or below the columns."""
         return Text.assemble(" " * _TIME_WIDTH,
-                             *((f"{label:^{self._lane + 1}}"[:self._lane], f"bold {STYLES[name]}".strip())
-                               for name, label in LANES.items()))
+                             *((f"{SHORT_NAMES[name]:^{self._lane + 1}}"[:self._lane],
+                                f"bold {STYLES[name]}".strip()) for name in LANES))
 
     def rows(self, seconds: float | None, source: str, target: str, text: str, style: str = "",
              most: int = 2) -> list[Text]:

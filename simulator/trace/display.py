@@ -16,9 +16,8 @@ from rich.text import Text
 from simulator.journal import Journal
 from simulator.trace.diagram import LANES, NARROWEST, STYLES, Diagram
 from simulator.trace.explanation import LiveItem, LiveTrace
+from simulator.trace.words import NAMES
 
-NAMES = {"client": "client", "itgt": "ITGT", "faces": "face library", "platform": "platform", "events": "event cache",
-         "service": "service", "demo": ""}
 _LEVELS = {"ERROR": "red", "DEBUG": "dim"}
 _MOST_ROWS = 8  # of one message with all its details
 
@@ -102,7 +101,7 @@ class Display:
 
     def _line(self, seconds: float, source: str, text: str, style: str) -> None:
         self.console.print(Text.assemble((f"{seconds:7.3f} s  ", "dim"),
-                                         (f"{NAMES[source]:<13}", STYLES.get(source) or "dim"), (text, style)))
+                                         (f"{NAMES.get(source, ''):<13}", STYLES.get(source) or "dim"), (text, style)))
 
     def _bottom(self) -> RenderableType:
         return Group(self._diagram.head(), self._bars.bars) if self._bars.shown else self._diagram.head()

@@ -9,8 +9,8 @@ The file is JSON lines: a head, then one entry a line, written as it happens. RE
 from __future__ import annotations
 
 import base64
-import binascii
 import dataclasses
+import functools
 import json
 import math
 import threading
@@ -29,24 +29,13 @@ from simulator.messages.http import Close, Reset, Send, Wait
 
 FORMAT = "camgate-recording"
 VERSION = 1
-EVENT_NODE = "/mnt/srvfs/event.paas.olv"
-# What each type of entry has at least; further fields are possible.
-TYPES: dict[str, dict[str, type]] = {
-    "datagram": {"from": str, "to": str, "socket": str, "data": bytes},
-    "request": {"connection": int, "port": int, "tls_version": str, "cipher": str, "head": bytes, "body": bytes},
-    "response": {"connection": int, "delay": float, "head": bytes, "body": bytes},
-    "step": {"connection": int, "step": str},
-    "connection": {"connection": int, "port": int, "event": str},
-    "file": {"process": str, "path": str, "data": bytes},
-    "buffer": {"buffer_id": int, "data": bytes},
-    "ring_record": {"text": str},
-    "log": {"level": str, "path": str, "line": int, "text": str, "written": str},
-    "fault": {"source": str, "name": str},
-    "note": {"source": str, "kind": str, "data": dict},
-}
+# The form of every line.
+SCHEMA = json.loads(Path(__file__).with_name("recording.schema.json").read_text(encoding="utf-8"))
+TYPES = tuple(line["$ref"].rpartition("/")[2] for line in SCHEMA["anyOf"])[1:]  # the first is the head
 
-_KINDS = {str: "a text", int: "a whole number", float: "a number", dict: "an object", bytes: 'bytes as {"base64": ...}'}
-_CONNECTION_EVENTS = ("accepted", "handshake", "incomplete", "broken", "closed")
+_KINDS = {"string": "a text", "integer": "a whole number", "number": "a number", "object": "an object"}
+_BYTES = 'bytes as {"base64": ...}'
+_CONNECTION_EVENTS = SCHEMA["definitions"]["connection"]["properties"]["event"]["enum"]
 
 
 @dataclass(frozen=True)
@@ -171,7 +160,7 @@ def _datagram(event: Event) -> tuple[str, dict[str, Any]]:
         sender, receiver = "service", event.source
         socket = {"itgt": wire.ITGT_SOCKET, "faces": wire.FACE_LIBRARY_SOCKET}.get(event.source, wire.CLIENT_SOCKET)
     return "datagram", {"from": sender, "to": receiver,
-                        "socket": EVENT_NODE if event.source == "events" else socket, "data": bytes(data)}
+                        "socket": wire.EVENT_NODE if event.source == "events" else socket, "data": bytes(data)}
 
 
 def _request(event: Event) -> tuple[str, dict[str, Any]]:
@@ -259,7 +248,7 @@ def read(path: Path) -> Recording:
     last = lines.pop()  # empty, unless the run was killed while it wrote
     head = _parsed(path, 1, lines[0] if lines else last)
     if head.get("format") != FORMAT:
-        raise CameraError(f"{path}, line 1: this is no recording: it does not begin with "
+        raise CameraError(f"{path}, line 1: this is not a recording: it does not begin with "
                           f'{{"format": "{FORMAT}", "version": {VERSION}, ...}}')
     if head.get("version") != VERSION:
         raise CameraError(f"{path}, line 1: the recording has version {head.get('version')!r}; "
@@ -270,15 +259,28 @@ def read(path: Path) -> Recording:
 
 def _entry(path: Path, number: int, line: bytes) -> Entry:
     document = _parsed(path, number, line)
-    seconds, kind = document.pop("time", None), document.pop("type", None)
+    seconds, kind = document.get("time"), document.get("type")
     if not isinstance(seconds, (int, float)) or not math.isfinite(seconds) or kind not in TYPES:
         raise CameraError(f'{path}, line {number}: an entry has a number "time" and a "type", one of '
                           + ", ".join(TYPES))
-    document = {name: _decoded(value) for name, value in document.items()}
-    for name, needed in TYPES[kind].items():
-        if not isinstance(document.get(name), (int, float) if needed is float else needed):
-            raise CameraError(f'{path}, line {number}: a {kind} has "{name}", {_KINDS[needed]}')
-    return Entry(number, float(seconds), kind, document)
+    form = SCHEMA["definitions"][kind]["properties"]
+    for error in _validator(kind).iter_errors(document):
+        name = error.path[0] if error.path else next(name for name in error.validator_value if name not in document)
+        wanted = "one of " + ", ".join(form[name]["enum"]) if "enum" in form[name] \
+            else _KINDS.get(form[name].get("type"), _BYTES)
+        raise CameraError(f'{path}, line {number}: a {kind} has "{name}", {wanted}')
+    try:
+        fields = {name: _decoded(value) for name, value in document.items() if name not in ("time", "type")}
+    except (TypeError, ValueError) as error:
+        raise CameraError(f"{path}, line {number}: a {kind} has {_BYTES}: {error}") from error
+    return Entry(number, float(seconds), kind, fields)
+
+
+@functools.lru_cache(maxsize=None)
+def _validator(kind: str) -> Any:
+    import jsonschema  # late: it takes longer to load than all else, and recording needs none
+
+    return jsonschema.Draft4Validator({**SCHEMA["definitions"][kind], "definitions": SCHEMA["definitions"]})
 
 
 def _parsed(path: Path, number: int, line: bytes) -> dict[str, Any]:
@@ -287,7 +289,7 @@ def _parsed(path: Path, number: int, line: bytes) -> dict[str, Any]:
     except (ValueError, RecursionError) as error:
         raise CameraError(f"{path}, line {number}: the recording is damaged: {error}") from error
     if not isinstance(document, dict):
-        raise CameraError(f"{path}, line {number}: the recording is damaged: the line is no JSON object")
+        raise CameraError(f"{path}, line {number}: the recording is damaged: the line is not a JSON object")
     return document
 
 
@@ -295,7 +297,4 @@ def _decoded(value: Any) -> Any:
     """A field of an entry. What stands deeper, in the data of a note, is left as a peer wrote it."""
     if not isinstance(value, dict) or set(value) != {"base64"}:
         return value
-    try:
-        return base64.b64decode(value["base64"], validate=True)
-    except (binascii.Error, TypeError, ValueError):
-        return value
+    return base64.b64decode(value["base64"], validate=True)

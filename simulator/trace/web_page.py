@@ -12,7 +12,7 @@ from typing import Any
 
 from simulator.trace.chapters import Chapter
 from simulator.trace.recording import Recording
-from simulator.trace.words import Item
+from simulator.trace.words import NAMES, SHORT_NAMES, Item
 
 _FOLDER = Path(__file__).parent / "page"
 _BYTES_LIMIT = 2048  # of one message; the first and the last of a longer one are shown
@@ -39,7 +39,8 @@ def _hash(text: str) -> str:
 
 
 def _run(recording: Recording, chapters: list[Chapter]) -> dict[str, Any]:
-    return {"began": recording.began, "about": recording.about, "cut": recording.cut,
+    return {"names": NAMES, "short_names": SHORT_NAMES,
+            "began": recording.began, "about": recording.about, "cut": recording.cut,
             "seconds": recording.entries[-1].time if recording.entries else 0.0,
             "chapters": [{"title": chapter.title, "begin": chapter.begin, "end": chapter.end,
                           "phases": chapter.phases, "pictures": chapter.pictures,

@@ -12,6 +12,11 @@ from simulator.messages.log import ends_download
 from simulator.messages.text import VALUE_LIMIT, as_text, compact, document_of, one_line, printable, size, visible
 from simulator.trace.recording import Entry
 
+# What the processes are called, from left to right as the page draws them.
+NAMES = {"events": "event cache", "client": "client", "service": "service", "itgt": "ITGT", "faces": "face library",
+         "platform": "platform"}
+# Where there is little room.
+SHORT_NAMES = {**NAMES, "events": "events", "faces": "faces"}
 # Faults that only say that something in the place of a peer answered.
 HOOKS = {"on_message": "a hook changed the answer", "on_request": "a hook changed the answer",
          "on_connect": "a hook takes the connection"}

@@ -76,7 +76,7 @@ def test_commented_line_is_no_line(copy: Path) -> None:
 
 CHANGES = {
     "format": (TRANSMITTER, '"sendTo fail:%s."', '"sendTo fail: %s."'),
-    "blank at its end": (CLEAR, '"parser Err %s "', '"parser Err %s"'),
+    "space at its end": (CLEAR, '"parser Err %s "', '"parser Err %s"'),
     "level": (TRANSMITTER, 'LOG(Error, "sendTo', 'LOG(Information, "sendTo'),
     "fixed line": (CLEAR, "LOG_AT(Error, 357,", "LOG_AT(Error, 358,"),
     "no fixed line": (CLEAR, "LOG_AT(Error, 357,", "LOG(Error,"),

@@ -15,12 +15,12 @@ import pytest
 from behind import Behind
 from web_servers import SERVERS, Running, version
 
-from simulator import Camera, wire
+from simulator import Camera
 from simulator.journal import Journal
 from simulator.peers.platform import Platform
 from simulator.peers.relay import Relay
+from support import FOLDER, at_request, wait_end
 
-FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"
 BEGIN, END = "<!-- servers -->\n", "<!-- end of servers -->\n"
 PAGES = {0: 30, 30: 30, 60: 1}
@@ -50,15 +50,9 @@ def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platf
     camera = make_camera(platform=lambda journal: Relay(journal, f"https://localhost:{server.port}{path}"))
     camera.__enter__()
     restarts = [server.restart] if restart else []
-
-    def hook(message: wire.Message, default: Callable[[], bytes]) -> bytes:
-        if message.command == 7020 and restarts:
-            restarts.pop()()
-        return default()
-
-    camera.itgt.on_message = hook
+    at_request(camera.itgt, 7020, lambda _: restarts.pop()() if restarts else None)
     assert camera.client.command("whiteListDown", camera.platform.task(61)).status == 200
-    camera.wait_for_log("CustomJsonPicDownloadTask End ", timeout=90)
+    wait_end(camera, timeout=90)
     for start, count in PAGES.items():
         came = camera.path(f"{FOLDER}/white{start}").read_bytes()
         assert hashlib.sha256(came).digest() == hashlib.sha256(platform.page(start, count)).digest()
@@ -66,7 +60,6 @@ def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platf
     answers = [record.text for record in camera.service.log if record.line == 217]
     assert len(answers) == len(PAGES)
     assert all(text.startswith("response status 200 ") and text.endswith(" responselen 15") for text in answers)
-
 
 
 CASES = [(name, path) for name, kind in SERVERS.items() for path in ("/length", "/chunked", "/interim")

@@ -13,6 +13,7 @@ import subprocess
 import termios
 import threading
 import time
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
@@ -125,3 +126,7 @@ class Up:
                 self.first = self.lines[-1]
                 self._is_up.set()
         self._is_up.set()
+
+
+# The fixture up.
+StartUp = Callable[..., Up]

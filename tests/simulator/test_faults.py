@@ -3,16 +3,13 @@
 from __future__ import annotations
 
 from collections import Counter
-from collections.abc import Callable
 from typing import Any
 
 import pytest
 
-from camsim_runs import Camsim, Up
+from camsim_runs import Camsim, StartUp
 from simulator import faults
 from simulator.faults import FaultError
-
-StartUp = Callable[..., Up]
 
 
 def test_every_peer_has_at_least_five() -> None:
@@ -72,8 +69,8 @@ def test_the_list_marks_what_is_on(camsim: Camsim, up: StartUp) -> None:
 
 
 @pytest.mark.parametrize("words, text", [
-    (["itgt.slent", "on"], "did you mean 'silent'?"), (["itgt.silent", "onn"], "comes on"),
-    (["all", "on"], "switched off only"), (["list", "igt"], "did you mean 'itgt'?"),
+    (["itgt.slent", "on"], "did you mean 'silent'?"), (["itgt.silent", "onn"], "write on"),
+    (["all", "on"], "can only be switched off"), (["list", "igt"], "did you mean 'itgt'?"),
     (["itgt.late", "on", "second=3"], "did you mean 'seconds'?")])
 def test_wrong_words_are_explained(camsim: Camsim, words: list[str], text: str) -> None:
     done = camsim.run("fault", *words)

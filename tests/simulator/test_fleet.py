@@ -2,11 +2,10 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
 
 import pytest
 
-from camsim_runs import Camsim, Up
+from camsim_runs import Camsim, StartUp
 from simulator.cli.fleet import platform_view, spread_of
 from simulator.journal import Event
 
@@ -33,7 +32,7 @@ def test_the_summary_is_drawn(camsim: Camsim) -> None:
     assert "at once, by second" in done.stdout and "█" in done.stdout
 
 
-def test_two_cameras_against_a_platform_outside(camsim: Camsim, up: Callable[..., Up]) -> None:
+def test_two_cameras_against_a_platform_outside(camsim: Camsim, up: StartUp) -> None:
     platform = up("--port", 0, "--picture-bytes", 800, 900, subcommand="platform")
     result = camsim.json("fleet", 2, "--faces", 31, "--spread", 0, "--platform", platform.first["taskURL"])[0]
     assert (result["complete"], result["platform"]["connections"]) == (2, 8)

@@ -6,16 +6,13 @@ import http.client
 import json
 import socket
 import ssl
-from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
 import pytest
 
-from camsim_runs import Camsim, Up
+from camsim_runs import Camsim, StartUp
 from simulator.messages.certificate import KINDS, certificate
-
-StartUp = Callable[..., Up]
 
 
 def post(port: int, path: str, document: dict[str, Any], context: ssl.SSLContext) -> tuple[int, bytes]:

@@ -8,11 +8,12 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+import jsonschema
 import pytest
 
-from simulator import Camera, CameraError, Journal, Reset, Response, Send, Wait, wire
-from simulator.trace.recording import Entry, Recorder, read
-from support import wait_end
+from simulator import CameraError, Journal, Reset, Response, Send, Wait, wire
+from simulator.trace.recording import SCHEMA, Entry, Recorder, read
+from support import PAGE, StartCamera, wait_end
 
 HEAD = b'{"format": "camgate-recording", "version": 1, "began": "2026-01-01T00:00:00+00:00", "about": {"build": "x"}}\n'
 LOG = b'{"time": 0.5, "type": "log", "level": "INFO", "path": "a", "line": 3, "text": "t", "written": ""}\n'
@@ -26,7 +27,7 @@ def recorded(folder: Path, act: Callable[[Journal], Any], **arguments: Any) -> l
     return read(path).entries
 
 
-def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
+def test_whole_run(start_camera: StartCamera, tmp_path: Path) -> None:
     path = tmp_path / "run"
     camera = start_camera(recording=path)
     camera.platform.script(camera.platform.task_path, camera.platform.default, Response(503, b"\xff<b>"))
@@ -37,6 +38,9 @@ def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
     camera.wait_until(lambda: camera.events.subscriptions)
     camera.events.publish(b"record")
     camera.close()
+    validator = jsonschema.Draft4Validator(SCHEMA)
+    for line in path.read_text().splitlines():
+        validator.validate(json.loads(line))
     recording = read(path)
     assert not recording.cut
     of = {kind: [entry for entry in recording.entries if entry.type == kind] for kind in
@@ -53,7 +57,7 @@ def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
     assert [entry.body for entry in of["response"]] == [page, b'{"result":"ok"}', b"\xff<b>"]
     assert of["response"][2].head.startswith(b"HTTP/1.1 503 Service Unavailable\r\n")
     assert [(entry.process, entry.path, entry.data == page) for entry in of["file"]] == [
-        ("service", "/tmp/mmcblk0/face_basic/faceLib/white0", True),
+        ("service", PAGE, True),
         ("itgt", "/tmp/mmcblk0/face_basic/white0.state.json", False),
         ("faces", "/tmp/mmcblk0/face_basic/facelists.json", False)]
     assert [entry.data for entry in of["buffer"]] == [wire.encode_block(b"record")]
@@ -64,7 +68,7 @@ def test_whole_run(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
     assert [entry.time for entry in recording.entries] == sorted(entry.time for entry in recording.entries)
 
 
-def test_steps_of_a_broken_answer(start_camera: Callable[..., Camera], tmp_path: Path) -> None:
+def test_steps_of_a_broken_answer(start_camera: StartCamera, tmp_path: Path) -> None:
     path = tmp_path / "run"
     camera = start_camera(recording=path)
     camera.platform.script(camera.platform.task_path, [Send(b"HTTP/1.1 \0"), Wait(0.01), Reset()])
@@ -127,8 +131,8 @@ def test_recording_that_cannot_begin(tmp_path: Path) -> None:
 @pytest.mark.parametrize("content, message", [
     (b"", "line 1: the recording is damaged"),
     (b"\x7fELF\n", "line 1: the recording is damaged"),
-    (b'{"format": "other"}\n', "line 1: this is no recording"),
-    (b"[]\n", "line 1: the recording is damaged: the line is no JSON object"),
+    (b'{"format": "other"}\n', "line 1: this is not a recording"),
+    (b"[]\n", "line 1: the recording is damaged: the line is not a JSON object"),
     (HEAD.replace(b'"version": 1', b'"version": 2'), "line 1: the recording has version 2; .* reads version 1"),
     (HEAD + LOG + b"{\n" + LOG, "line 3: the recording is damaged"),
     (HEAD + LOG + b"\n" + LOG, "line 3: the recording is damaged"),
@@ -140,7 +144,9 @@ def test_recording_that_cannot_begin(tmp_path: Path) -> None:
     (HEAD + b'{"time": 0, "type": "datagram", "from": "a", "to": "b", "socket": "c", "data": "x"}\n',
      r'line 2: a datagram has "data", bytes as \{"base64": ...\}'),
     (HEAD + b'{"time": 0, "type": "buffer", "buffer_id": 1, "data": {"base64": "?"}}\n',
-     r'line 2: a buffer has "data", bytes as \{"base64": ...\}'),
+     r'line 2: a buffer has bytes as \{"base64": ...\}: '),
+    (HEAD + b'{"time": 0, "type": "step", "connection": 1, "step": "jump"}\n',
+     'line 2: a step has "step", one of send, wait, close, reset'),
 ])
 def test_damaged_file_names_the_line(tmp_path: Path, content: bytes, message: str) -> None:
     path = tmp_path / "run"

@@ -29,22 +29,22 @@ GOOD = """{
 
 # Text to put in the place of another, the line that is to be named, and words of the complaint.
 WRONG = [
-    ('"about": "a scenario",', '"about": "a scenario"', 3, "this is no JSON: Expecting ',' delimiter"),
+    ('"about": "a scenario",', '"about": "a scenario"', 3, "this is not JSON: Expecting ',' delimiter"),
     ('"about"', '"abuot"', 2, "abuot: there is no 'abuot' here; there are about"),
     ('"about"', '"abuot"', 2, "did you mean 'about'?"),
     ('"about": "a scenario",', "", 1, "'about' is missing"),
-    ('"a scenario"', "7", 2, "about: this is to be a text, not 7"),
-    ('"settings": {', '"steps": [], "settings": {', 5, "'steps' stands here twice"),
+    ('"a scenario"', "7", 2, "about: this must be a text, not 7"),
+    ('"settings": {', '"steps": [], "settings": {', 5, "'steps' is here twice"),
     ("picture_seconds", "picture_second", 3, "did you mean 'picture_seconds'?"),
-    ("0.01", '"x"', 3, "settings.picture_seconds: this is to be a number of seconds"),
+    ("0.01", '"x"', 3, "settings.picture_seconds: this must be a number of seconds"),
     ("itgt.late=1", "itgt.lat=1", 4, "faults[0]: itgt has no fault 'lat'"),
     ("itgt.late=1", "igt.late=1", 4, "did you mean 'itgt'?"),
     ("itgt.late=1", "itgt.late=x", 4, "seconds is a number, not 'x'"),
     ('["itgt.late=1"]', "[7]", 4, "faults[0]: a fault is a text"),
     ('"whiteListDown"', '"whiteListDwn"', 6, "did you mean 'whiteListDown'?"),
-    ('"faces": 3', '"faces": -3', 6, "steps[0].faces: this is to be a whole number from 0, not -3"),
+    ('"faces": 3', '"faces": -3', 6, "steps[0].faces: this must be a whole number from 0, not -3"),
     ('"faces": 3', '"face": 3', 6, "did you mean 'faces'?"),
-    ('"faces": 3', '"wait": 1', 6, "this is to be true or false"),
+    ('"faces": 3', '"wait": 1', 6, "this must be true or false"),
     ('"whiteListDown"', '"whiteListClear"', 6, 'only whiteListDown has "faces"'),
     ('"send"', '"snd"', 6, "did you mean 'send'?"),
     ('"faces": 3', '"end": true', 6, "a step has exactly one of"),
@@ -53,7 +53,7 @@ WRONG = [
     ('"code": 500', '"code": "x"', 7, "steps[1].on.code: code is a whole number"),
     ('"off": "platform.status"', '"off": "platform.stats"', 8, "did you mean 'status'?"),
     ('"reports": 1', '"report": 1', 10, "did you mean 'reports'?"),
-    ('{"reports": 1}', "[]", 10, "expect: this is to be an object")]
+    ('{"reports": 1}', "[]", 10, "expect: this must be an object")]
 
 
 @pytest.mark.parametrize("old, new, line, complaint", WRONG)
@@ -120,5 +120,5 @@ def test_a_wrong_file_is_no_failed_scenario(camsim: Camsim, tmp_path: Path) -> N
     (tmp_path / "s.json").write_text("{\n]")
     done = camsim.run("run", tmp_path / "s.json")
     assert (done.returncode, done.stdout) == (2, "")
-    assert done.stderr.startswith(f"camsim run: {tmp_path}/s.json, line 2: this is no JSON: ")
+    assert done.stderr.startswith(f"camsim run: {tmp_path}/s.json, line 2: this is not JSON: ")
     assert camsim.run("run", tmp_path / "missing.json").returncode == 2

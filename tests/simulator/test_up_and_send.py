@@ -3,14 +3,11 @@
 from __future__ import annotations
 
 import signal
-from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
-from camsim_runs import CAMSIM, Camsim, Up
-
-StartUp = Callable[..., Up]
+from camsim_runs import CAMSIM, Camsim, StartUp
 
 
 def test_every_command_gets_its_reply(camsim: Camsim, up: StartUp) -> None:
@@ -75,7 +72,7 @@ def test_several_cameras_have_names(camsim: Camsim, up: StartUp) -> None:
     assert camsim.run("send", "faceNotHitDown", "--name", "a").returncode == 0
     assert camsim.run("send", "faceNotHitDown", "--name", "b").returncode == 3
     done = camsim.run("up", "--name", "a")
-    assert (done.returncode, "a camera 'a' runs already" in done.stderr) == (1, True)
+    assert (done.returncode, "a camera 'a' is already running" in done.stderr) == (1, True)
     done = camsim.run("send", "faceNotHitDown", "--name", "c")
     assert (done.returncode, "there is a, b; choose with --name" in done.stderr) == (6, True)
 
@@ -104,11 +101,11 @@ def test_it_works_through_a_link_from_anywhere(camsim: Camsim, up: StartUp, tmp_
     (["up", "--picture-bytes", "9", "8"], "--picture-bytes takes two whole numbers", 2),
     (["up", "--platform", "http://x/"], "write https://HOST:PORT/PATH", 1),
     (["up", "--result-path", "/x"], "without --platform", 2),
-    (["up", "--name", "a/b"], "is no name of a camera", 2),
+    (["up", "--name", "a/b"], "is not a valid camera name", 2),
     (["send", "whiteListDown"], "start one with: camsim up", 6),
     (["send"], "name a command, or bytes with --raw", 2),
     (["send", "whiteListClear", "--faces", "3"], "--faces is for whiteListDown", 2),
-    (["send", "whiteListDown", "--info", "[1]"], "it is no object", 2),
+    (["send", "whiteListDown", "--info", "[1]"], "it is not an object", 2),
     (["send", "whiteListDown", "--set", "x"], "--set takes NAME=VALUE", 2),
     (["send", "--raw", "xyz"], "hexadecimal digits", 2),
     (["watch"], "start one with: camsim up", 6)])
@@ -130,7 +127,7 @@ def test_a_service_that_ends_by_itself_is_an_error(camsim: Camsim) -> None:
 def test_camera_that_is_not_ready_takes_no_command_until_it_is(camsim: Camsim, up: StartUp) -> None:
     up("--fault", "itgt.no-marker")
     done = camsim.run("send", "whiteListClear")
-    assert (done.returncode, "nobody takes the command" in done.stdout) == (5, True)
+    assert (done.returncode, "nobody accepts the command" in done.stdout) == (5, True)
     assert camsim.run("fault", "itgt.no-marker", "off").returncode == 0
 
 

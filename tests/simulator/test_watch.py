@@ -7,14 +7,11 @@ import os
 import re
 import signal
 import subprocess
-from collections.abc import Callable
 
 import pytest
 
-from camsim_runs import ROOT, Camsim, Drawn, Up
+from camsim_runs import ROOT, Camsim, Drawn, StartUp
 from support import DEADLINE
-
-StartUp = Callable[..., Up]
 
 ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
 

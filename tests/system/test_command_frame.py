@@ -4,15 +4,12 @@ from __future__ import annotations
 
 import json
 import struct
-from collections.abc import Callable
 from typing import Any
 
 import pytest
 
 from simulator import Camera, wire
 from support import LOOP, expect_log, expect_working, records, texts
-
-StartCamera = Callable[..., Camera]
 
 
 def as_body(task_name: Any, task_info: Any) -> bytes:

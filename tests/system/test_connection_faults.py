@@ -5,53 +5,43 @@ from __future__ import annotations
 import signal
 import threading
 from collections.abc import Callable, Sequence
-from pathlib import Path
 from typing import Any
 
 import pytest
 
 from simulator import NEVER, Camera, Close, Reset, Response, Send
-from support import (DOWNLOAD, HTTP, count_text, download, expect_log, expect_working, wait_stopped, with_library)
-
-StartCamera = Callable[..., Camera]
+from support import DOWNLOAD, HTTP, StartCamera, count_text, download, expect_log, expect_working, wait_stopped
 
 # The n-th call of the process for a connection over IPv4 fails: pages and reports take turns. Sockets of other kinds do
 # not count: the library asks one for the machine's address where /sys has no eth0.
 FAILING = r"""
-#include <arpa/inet.h>
-#include <dlfcn.h>
-#include <errno.h>
-#include <sys/socket.h>
 static int connections, sockets;
 int connect(int file, const struct sockaddr* address, socklen_t length) {
-    int (*next)(int, const struct sockaddr*, socklen_t) =
-        (int (*)(int, const struct sockaddr*, socklen_t))dlsym(RTLD_NEXT, "connect");
     if (address->sa_family == AF_INET && ++connections == %(connection)d) {
         if (%(cause)s == 0) {
             struct sockaddr_in other = *(const struct sockaddr_in*)address;
             other.sin_port = htons(%(port)d);
-            return next(file, (const struct sockaddr*)&other, sizeof other);
+            return NEXT(connect)(file, (const struct sockaddr*)&other, sizeof other);
         }
         errno = %(cause)s;
         return -1;
     }
-    return next(file, address, length);
+    return NEXT(connect)(file, address, length);
 }
 int socket(int family, int type, int protocol) {
-    int (*next)(int, int, int) = (int (*)(int, int, int))dlsym(RTLD_NEXT, "socket");
     if (family == AF_INET && (type & SOCK_STREAM) && ++sockets == %(socket)d) {
         errno = EMFILE;
         return -1;
     }
-    return next(family, type, protocol);
+    return NEXT(socket)(family, type, protocol);
 }
 """
 
 
-def failing(start_camera: StartCamera, folder: Path, connection: int = 0, cause: str = "0", port: int = 9,
+def failing(with_library: StartCamera, connection: int = 0, cause: str = "0", port: int = 9,
             without_descriptor: int = 0) -> Camera:
     source = FAILING % {"connection": connection, "cause": cause, "port": port, "socket": without_descriptor}
-    return with_library(start_camera, folder, source)
+    return with_library(source)
 
 
 def expect_failed_page(camera: Camera) -> None:
@@ -76,35 +66,31 @@ def expect_failed_report(camera: Camera) -> None:
 CAUSES = ["ECONNREFUSED", "ENETUNREACH", "EPERM", "EADDRNOTAVAIL", "ENOBUFS"]
 
 
+# The connection of each, and what comes of it when that fails.
+page_and_report = pytest.mark.parametrize(
+    "number, expect_failure", [(1, expect_failed_page), (2, expect_failed_report)], ids=["page", "report"])
+
+
+@page_and_report
 @pytest.mark.parametrize("cause", CAUSES)
-def test_page_connection_that_the_system_refuses(start_camera: StartCamera, tmp_path: Path, cause: str) -> None:
-    camera = failing(start_camera, tmp_path, 1, cause)
+def test_connection_that_the_system_refuses(with_library: StartCamera, cause: str, number: int,
+                                            expect_failure: Callable[[Camera], None]) -> None:
+    camera = failing(with_library, number, cause)
     download(camera, 31)
-    expect_failed_page(camera)
+    expect_failure(camera)
 
 
-@pytest.mark.parametrize("cause", CAUSES)
-def test_report_connection_that_the_system_refuses(start_camera: StartCamera, tmp_path: Path, cause: str) -> None:
-    camera = failing(start_camera, tmp_path, 2, cause)
+@page_and_report
+def test_connection_without_a_free_descriptor(with_library: StartCamera, number: int,
+                                              expect_failure: Callable[[Camera], None]) -> None:
+    camera = failing(with_library, without_descriptor=number)
     download(camera, 31)
-    expect_failed_report(camera)
-
-
-def test_page_connection_without_a_free_descriptor(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = failing(start_camera, tmp_path, without_descriptor=1)
-    download(camera, 31)
-    expect_failed_page(camera)
-
-
-def test_report_connection_without_a_free_descriptor(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = failing(start_camera, tmp_path, without_descriptor=2)
-    download(camera, 31)
-    expect_failed_report(camera)
+    expect_failure(camera)
 
 
 @pytest.mark.seconds(6)
-def test_report_connection_that_hangs_ends_after_5_seconds(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = failing(start_camera, tmp_path, 2, port=8445)
+def test_report_connection_that_hangs_ends_after_5_seconds(with_library: StartCamera) -> None:
+    camera = failing(with_library, 2, port=8445)
     download(camera, 31)
     expect_failed_report(camera)
 
@@ -119,16 +105,19 @@ HANDSHAKES: dict[str, Sequence[Any]] = {
     "refused": [Send(b"\x15\x03\x03\0\x02\x02\x28"), Close()]}
 
 
+@page_and_report
 @pytest.mark.parametrize("steps", HANDSHAKES.values(), ids=HANDSHAKES.keys())
-def test_broken_handshake_of_a_report(camera: Camera, steps: Sequence[Any]) -> None:
-    at_connection(camera, 2, steps)
+def test_broken_handshake(camera: Camera, steps: Sequence[Any], number: int,
+                          expect_failure: Callable[[Camera], None]) -> None:
+    at_connection(camera, number, steps)
     download(camera, 31)
-    expect_failed_report(camera)
+    assert camera.platform.connections[number - 1].requests == 0
+    expect_failure(camera)
 
 
 @pytest.mark.seconds(6)
 def test_hanging_handshake_of_a_report_ends_after_5_seconds(camera: Camera) -> None:
-    camera.platform.on_connect = lambda connection: NEVER if connection.number == 2 else None
+    at_connection(camera, 2, NEVER)
     download(camera, 31)
     expect_failed_report(camera)
 
@@ -147,6 +136,7 @@ OK = b"HTTP/1.1 200 OK\r\n"
 ANSWERS: dict[str, Sequence[Any]] = {
     "nothing": [Close()], "reset": [Reset()], "no http": [Send(b"hello\r\n\r\n"), Close()],
     "head cut off": [Send(OK + b"Content-"), Close()],
+    "head cut off without close_notify": [Send(OK + b"A: b\r\n\r"), Close(alert=False)],
     "body cut off": [Send(OK + b"Content-Length: 10\r\n\r\n{}"), Close()],
     "body then reset": [Send(OK + b"Content-Length: 10\r\n\r\n{}"), Reset()],
     "last chunk missing": [Send(Response(body=b"x" * 5000, chunk_size=1000).encode()[:-5]), Close()],
@@ -175,22 +165,15 @@ def test_large_answer_to_a_report_is_taken(camera: Camera) -> None:
 
 # The lookup of this one name never ends, as with a resolver that is configured without limits.
 LOOKUP = r"""
-#include <dlfcn.h>
-#include <netdb.h>
-#include <string.h>
-#include <unistd.h>
 int getaddrinfo(const char* node, const char* service, const struct addrinfo* hints, struct addrinfo** result) {
-    int (*next)(const char*, const char*, const struct addrinfo*, struct addrinfo**) =
-        (int (*)(const char*, const char*, const struct addrinfo*, struct addrinfo**))dlsym(RTLD_NEXT, "getaddrinfo");
     while (node != NULL && strcmp(node, "hanging.invalid") == 0) pause();
-    return next(node, service, hints, result);
+    return NEXT(getaddrinfo)(node, service, hints, result);
 }
 """
 
 
-def test_name_lookup_that_hangs_holds_up_its_download_only_and_no_stop(start_camera: StartCamera,
-                                                                       tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, LOOKUP)
+def test_name_lookup_that_hangs_holds_up_its_download_only_and_no_stop(with_library: StartCamera) -> None:
+    camera = with_library(LOOKUP)
     reply = camera.client.command("whiteListDown", camera.platform.task(1, taskURL="https://hanging.invalid/x"))
     assert reply.status == 200
     camera.wait_for_log("Http URI:/x ")

@@ -5,12 +5,11 @@ from __future__ import annotations
 import stat
 import struct
 from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 
 from simulator import Camera, wire
-from support import (DOWNLOAD, TRANSMITTER, at_most, count_text, download, emulated, expect_log, received, texts,
+from support import (DOWNLOAD, at_most, count_text, download, emulated, expect_log, received, start_download, texts,
                      wait_end, written)
 
 FOLDER = b"/tmp/mmcblk0/face_basic/faceLib/"
@@ -131,7 +130,7 @@ def test_ten_answers_not_ready_give_up_and_other_answers_do_not_count(camera: Ca
     camera.itgt.script(7021, *other, *[lambda request: wire.encode_reply(
         request, status=0, total=30, current=7, state_file="/tmp/mmcblk0/face_basic/white0.state.json")] * 10)
     begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     camera.wait_for_log("Tried ", timeout=30)
     expect_log(camera, "INFO", DOWNLOAD, "Tried 10 times, Fail!", since=begin)
     wait_end(camera, begin)
@@ -187,13 +186,6 @@ def test_what_an_answer_left_in_the_message_goes_out_with_the_next_try(camera: C
     assert again[1000:1011] == b"left behind"
 
 
-def test_late_answers_are_waited_for(camera: Camera) -> None:
-    camera.itgt.delay = 0.5
-    download(camera, 1)
-    assert len(camera.platform.reports) == 1
-    assert [len(camera.itgt.requests(command)) for command in (7020, 7021, 7031)] == [1, 1, 1]
-
-
 @pytest.mark.seconds(6)
 def test_answer_after_6_seconds_is_waited_for(camera: Camera) -> None:
     """No time-out of the other exchanges applies: a page can take ITGT long."""
@@ -214,7 +206,7 @@ def test_answer_after_6_seconds_is_waited_for(camera: Camera) -> None:
 
 def test_exchanges_of_download_and_clear_do_not_overlap(camera: Camera) -> None:
     camera.itgt.delay = 0.4
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     received(camera, "itgt", 7020)
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
     wait_end(camera)
@@ -225,16 +217,3 @@ def test_exchanges_of_download_and_clear_do_not_overlap(camera: Camera) -> None:
             assert 0 <= open_exchanges <= 1
     assert len(camera.faces.applied) == 3
     assert len(camera.platform.reports) == 1
-
-
-def test_absent_itgt_is_logged_once_and_everything_else_goes_on(camera: Camera) -> None:
-    camera.itgt.stop()
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    record = camera.wait_for_log("sendTo fail:")
-    assert (record.level, record.path, record.text[-1]) == ("ERROR", TRANSMITTER, ".")
-    expect_log(camera, "INFO", DOWNLOAD, "Before recive msg from itgt")
-    assert Path(camera.path("/tmp/mmcblk0/face_basic/faceLib/white0")).exists()
-    assert camera.client.command("faceNotHitDown", {}).status == 200
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 409
-    assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
-    assert count_text(camera, "after recive msg from itgt") == 0

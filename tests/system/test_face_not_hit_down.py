@@ -4,16 +4,12 @@ from __future__ import annotations
 
 import json
 import re
-from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import pytest
 
 from simulator import Camera, build_folder
-from support import LOOP, count_text, expect_log, with_library
-
-StartCamera = Callable[..., Camera]
+from support import LOOP, StartCamera, count_text, expect_log
 
 RING = "metadata_servfile26214"
 
@@ -77,7 +73,6 @@ def test_more_than_the_ring_holds_leaves_the_newest(camera: Camera) -> None:
 
 
 SHOWN = r"""
-#include <stdio.h>
 int client_open(void* handle, const char* name, unsigned int size) { return 0; }
 int client_msgsend(void* handle, const void* data, unsigned int length, int flag) {
     const char* text = data;
@@ -89,9 +84,8 @@ int client_msgsend(void* handle, const void* data, unsigned int length, int flag
 
 
 @pytest.mark.parametrize("information", [{}, {"a": "x" * 100}])
-def test_record_is_nul_terminated_and_put_with_flag_1(start_camera: StartCamera, tmp_path: Path,
-                                                      information: dict[str, Any]) -> None:
-    camera = with_library(start_camera, tmp_path, SHOWN)
+def test_record_is_nul_terminated_and_put_with_flag_1(with_library: StartCamera, information: dict[str, Any]) -> None:
+    camera = with_library(SHOWN)
     assert camera.client.command("faceNotHitDown", information).status == 200
     text = json.dumps(information, separators=(",", ":"))
     assert camera.wait_for_log("flag").text == f"length {len(text) + 1} flag 1 last 0 text {text}"
@@ -105,9 +99,8 @@ int client_msgsend(void* handle, const void* data, unsigned int length, int flag
 
 
 @pytest.mark.parametrize("code", [-1, 1, -2147483648])
-def test_refused_record_is_logged_and_answered_400_and_the_next_is_taken(start_camera: StartCamera, tmp_path: Path,
-                                                                         code: int) -> None:
-    camera = with_library(start_camera, tmp_path, REFUSING % code)
+def test_refused_record_is_logged_and_answered_400_and_the_next_is_taken(with_library: StartCamera, code: int) -> None:
+    camera = with_library(REFUSING % code)
     assert camera.client.command("faceNotHitDown", {"a": 1}).status == 400
     error = expect_log(camera, "ERROR", LOOP, "metadata put ring buf fail.")
     reply = camera.wait_for_log("SendJsonMsg head: 280 body :24.")

@@ -5,19 +5,13 @@ from __future__ import annotations
 import errno
 import os
 import signal
-from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 
 from simulator import Camera, Response, wire
-from support import (DOWNLOAD, count_text, download, expect_log, expect_working, poll_until, texts, wait_end,
-                     wait_stopped, with_library)
+from support import (DOWNLOAD, FOLDER, PAGE, StartCamera, at_request, count_text, download, expect_log, expect_working,
+                     poll_until, start_download, start_polling, texts, wait_end, wait_stopped)
 
-StartCamera = Callable[..., Camera]
-
-FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
-PAGE = f"{FOLDER}/white0"
 LARGE = b"x" * 500_000
 
 
@@ -83,10 +77,6 @@ def test_link_in_the_place_of_the_page_file_is_not_followed(camera: Camera, targ
 
 # Notes what is written to the disk, and fails as /tmp/cause says.
 SYNC = r"""
-#include <errno.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
 int fsync(int file) {
     char link[64], path[256] = "";
     snprintf(link, sizeof link, "/proc/self/fd/%d", file);
@@ -104,17 +94,12 @@ int fsync(int file) {
 """
 
 
-def test_name_of_a_page_file_is_on_the_disk_before_itgt_is_told(start_camera: StartCamera, tmp_path: Path) -> None:
+def test_name_of_a_page_file_is_on_the_disk_before_itgt_is_told(with_library: StartCamera) -> None:
     """And so is that of the folder, when it was not there."""
-    camera = with_library(start_camera, tmp_path, SYNC)
+    camera = with_library(SYNC)
     synced: list[list[str]] = []
 
-    def look(message: wire.Message, default: Callable[[], bytes]) -> bytes:
-        if message.command == 7020:
-            synced.append(camera.path("/tmp/synced").read_text().splitlines())
-        return default()
-
-    camera.itgt.on_message = look
+    at_request(camera.itgt, 7020, lambda _: synced.append(camera.path("/tmp/synced").read_text().splitlines()))
     download(camera, 31)
     parent = FOLDER.rpartition("/")[0]
     assert synced == [[FOLDER, parent], [FOLDER, parent, FOLDER]]
@@ -122,20 +107,19 @@ def test_name_of_a_page_file_is_on_the_disk_before_itgt_is_told(start_camera: St
 
 @pytest.mark.parametrize("cause, told", [(errno.EIO, False), (errno.ENOSPC, False), (errno.EINVAL, True)],
                          ids=["EIO", "ENOSPC", "EINVAL"])
-def test_page_whose_name_does_not_get_on_the_disk_is_not_handed_on(start_camera: StartCamera, tmp_path: Path,
-                                                                   cause: int, told: bool) -> None:
+def test_page_whose_name_does_not_get_on_the_disk_is_not_handed_on(with_library: StartCamera, cause: int,
+                                                                   told: bool) -> None:
     """EINVAL: the file system does not know such a thing."""
-    camera = with_library(start_camera, tmp_path, SYNC)
+    camera = with_library(SYNC)
     camera.path("/tmp/cause").write_text(str(cause))
     download(camera, 1)
     assert len(camera.itgt.requests(7020)) == told
     assert (f" [Custom] download picture, write file {PAGE} error." in texts(camera)) != told
 
 
-def test_new_folder_whose_name_does_not_get_on_the_disk_fails_the_page(start_camera: StartCamera,
-                                                                       tmp_path: Path) -> None:
+def test_new_folder_whose_name_does_not_get_on_the_disk_fails_the_page(with_library: StartCamera) -> None:
     of_parent_only = SYNC.replace("if (cause == NULL)", 'if (cause == NULL || strstr(path, "/faceLib") != NULL)')
-    camera = with_library(start_camera, tmp_path, "#include <string.h>\n" + of_parent_only)
+    camera = with_library(of_parent_only)
     camera.path("/tmp/cause").write_text(str(errno.EIO))
     download(camera, 1)
     assert camera.itgt.requests(7020) == []
@@ -144,11 +128,6 @@ def test_new_folder_whose_name_does_not_get_on_the_disk_fails_the_page(start_cam
 
 # The first reading or writing of a file whose path begins so hangs, as on a disk that does not answer.
 HANGING_STREAM = r"""
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <stdio.h>
-#include <string.h>
-#include <unistd.h>
 static void hang_once(FILE* file) {
     char link[64], path[256] = "";
     snprintf(link, sizeof link, "/proc/self/fd/%%d", fileno(file));
@@ -158,19 +137,17 @@ static void hang_once(FILE* file) {
     for (;;) pause();
 }
 size_t %(call)s(%(kind)s void* data, size_t size, size_t count, FILE* file) {
-    size_t (*next)(%(kind)s void*, size_t, size_t, FILE*) =
-        (size_t (*)(%(kind)s void*, size_t, size_t, FILE*))dlsym(RTLD_NEXT, "%(call)s");
     hang_once(file);
-    return next(data, size, count, file);
+    return NEXT(%(call)s)(data, size, count, file);
 }
 """
 STATE = "/tmp/mmcblk0/face_basic/white0.state"
 CONFIGURATION = "/tmp/mmcblk0/face_basic/facelists"
 
 
-def hanging(start_camera: StartCamera, folder: Path, call: str, path: str) -> Camera:
+def hanging(with_library: StartCamera, call: str, path: str) -> Camera:
     kind = "const" if call == "fwrite" else ""
-    return with_library(start_camera, folder, HANGING_STREAM % {"call": call, "kind": kind, "path": path})
+    return with_library(HANGING_STREAM % {"call": call, "kind": kind, "path": path})
 
 
 def wait_hung(camera: Camera) -> None:
@@ -178,10 +155,10 @@ def wait_hung(camera: Camera) -> None:
 
 
 @pytest.mark.parametrize("call, path", [("fwrite", PAGE), ("fread", STATE)], ids=["page file", "state file"])
-def test_disk_that_hangs_holds_up_the_download_only_and_no_stop(start_camera: StartCamera, tmp_path: Path, call: str,
+def test_disk_that_hangs_holds_up_the_download_only_and_no_stop(with_library: StartCamera, call: str,
                                                                 path: str) -> None:
-    camera = hanging(start_camera, tmp_path, call, path)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    camera = hanging(with_library, call, path)
+    start_download(camera)
     wait_hung(camera)
     expect_working(camera)
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
@@ -190,11 +167,9 @@ def test_disk_that_hangs_holds_up_the_download_only_and_no_stop(start_camera: St
 
 
 def test_disk_that_hangs_at_the_configuration_holds_up_commands_but_no_download_and_no_stop(
-        start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = hanging(start_camera, tmp_path, "fread", CONFIGURATION)
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+        with_library: StartCamera) -> None:
+    camera = hanging(with_library, "fread", CONFIGURATION)
+    start_polling(camera)
     camera.client.send("whiteListClear", {"cameraCode": "C1"})
     wait_hung(camera)
     wait_end(camera, timeout=30)
@@ -202,17 +177,15 @@ def test_disk_that_hangs_at_the_configuration_holds_up_commands_but_no_download_
     assert wait_stopped(camera, signal.SIGTERM) == 0
 
 
-def test_page_whose_writing_was_cut_by_a_kill_is_never_handed_on(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = hanging(start_camera, tmp_path, "fwrite", PAGE)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+def test_page_whose_writing_was_cut_by_a_kill_is_never_handed_on(with_library: StartCamera) -> None:
+    camera = hanging(with_library, "fwrite", PAGE)
+    start_download(camera)
     wait_hung(camera)
     assert camera.path(PAGE).read_bytes() == b""
     camera.service.send_signal(signal.SIGKILL)
     camera.service.wait()
     assert camera.itgt.requests(7020) == []
     camera.start_service()
-    begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    wait_end(camera, begin)
+    download(camera)
     assert camera.path(PAGE).read_bytes() == camera.platform.page(0, 1)
     assert count_text(camera, " DownLoad Picture Success.") == 1

@@ -6,15 +6,13 @@ import json
 import random
 import socket
 import struct
-from collections.abc import Callable
 from typing import Any
 
 import pytest
 
 from simulator import Camera, wire
-from support import LOOP, TASK, count_text, expect_log, expect_working, kilobytes, memory_limit, received, wait_end
-
-StartCamera = Callable[..., Camera]
+from support import (BEGIN, LOOP, TASK, count_text, download, expect_log, expect_working, kilobytes, memory_limit,
+                     received, start_download, wait_end)
 
 GOOD = b'{"taskName":"faceNotHitDown","taskInfo":{}}'
 # A datagram and its command's information text, JSON values and log text may take some memory; a claim must not.
@@ -29,7 +27,7 @@ def refused(camera: Camera, body: bytes, **frame: Any) -> None:
     expect_working(camera)
 
 
-@pytest.mark.parametrize("claim", [2**16, 2**20, 2**31 - 1, 2**31, 2**32 - 2, 2**32 - 1])
+@pytest.mark.parametrize("claim", [len(GOOD) + 1000, 2**16, 2**20, 2**31 - 1, 2**31, 2**32 - 2, 2**32 - 1])
 def test_claimed_length_takes_no_memory_and_the_body_counts(camera: Camera, claim: int) -> None:
     expect_working(camera)
     before = kilobytes(camera, "VmHWM")
@@ -39,18 +37,10 @@ def test_claimed_length_takes_no_memory_and_the_body_counts(camera: Camera, clai
     assert kilobytes(camera, "VmHWM") - before < ROOM_KILOBYTES
 
 
-@pytest.mark.parametrize("body", [GOOD, b"", b"x" * 1000])
-def test_claimed_length_0_is_an_empty_body_and_its_datagram_is_consumed(camera: Camera, body: bytes) -> None:
-    refused(camera, body, claimed_length=0)
-
-
-def test_claimed_length_1(camera: Camera) -> None:
-    refused(camera, GOOD, claimed_length=1)
-
-
-def test_claim_larger_than_the_datagram_that_comes(camera: Camera) -> None:
-    tag = camera.client.send_body(GOOD, claimed_length=len(GOOD) + 1000)
-    assert camera.client.wait_reply(tag).status == 200
+@pytest.mark.parametrize("body, claim", [(GOOD, 0), (b"", 0), (b"x" * 1000, 0), (GOOD, 1)])
+def test_claim_that_is_too_short_cuts_the_body_and_its_datagram_is_consumed(camera: Camera, body: bytes,
+                                                                            claim: int) -> None:
+    refused(camera, body, claimed_length=claim)
 
 
 GARBAGE_HEADS = {
@@ -184,11 +174,9 @@ def expect_refused_download(camera: Camera, **changes: Any) -> str:
     record = camera.wait_for_log("DownWhiteHandler Err ", since=begin)
     assert (record.level, record.path, record.text[-1]) == ("ERROR", LOOP, " ")
     assert camera.platform.requests == []
-    begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    wait_end(camera, begin)
+    download(camera)
     assert len(camera.platform.reports) == 1
-    assert count_text(camera, "CustomJsonPicDownloadTask Begin ") == 1
+    assert count_text(camera, BEGIN) == 1
     return record.text
 
 
@@ -215,7 +203,7 @@ def test_number_of_records_that_is_no_unsigned_number_is_refused(camera: Camera,
 
 @pytest.mark.parametrize("name", STRINGS[:5])
 def test_empty_text_argument_is_taken(camera: Camera, name: str) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: ""})).status == 200
+    start_download(camera, 1, **{name: ""})
     camera.wait_until(lambda: camera.platform.reports)
     if name in ("cameraCode", "taskID", "securityCode"):
         assert [request.json()[name] for request in camera.platform.requests] == ["", ""]
@@ -224,7 +212,7 @@ def test_empty_text_argument_is_taken(camera: Camera, name: str) -> None:
 @pytest.mark.parametrize("name", STRINGS[:5])
 def test_text_argument_of_100_kilobytes_is_carried_whole(camera: Camera, name: str) -> None:
     text = "0123456789" * 10_240
-    assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: text})).status == 200
+    start_download(camera, 1, **{name: text})
     expect_log(camera, "INFO", LOOP, f"{name}:{text}")
     camera.wait_until(lambda: camera.platform.reports)
     if name in ("cameraCode", "taskID", "securityCode"):
@@ -236,7 +224,7 @@ def test_text_argument_of_100_kilobytes_is_carried_whole(camera: Camera, name: s
 @pytest.mark.parametrize("name", ["taskURL", "taskResultURL"])
 def test_url_of_100_kilobytes_does_no_harm(camera: Camera, name: str) -> None:
     url = f"https://127.0.0.1:{camera.platform.port}/" + "a" * 102_400
-    assert camera.client.command("whiteListDown", camera.platform.task(1, **{name: url})).status == 200
+    start_download(camera, 1, **{name: url})
     wait_end(camera)
     target = camera.platform.requests[-1].target
     assert target == url.partition(str(camera.platform.port))[2]
@@ -306,7 +294,7 @@ def test_numbers_beyond_64_bits_do_no_harm(camera: Camera) -> None:
 
 def test_garbage_while_a_download_runs_does_not_disturb_it(camera: Camera) -> None:
     camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     received(camera, "itgt", 7021)
     for head in GARBAGE_HEADS.values():
         camera.client.send_raw(head)

@@ -10,8 +10,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import (DOWNLOAD, count_text, download, expect_log, expect_working, kilobytes, memory_limit, received,
-                     wait_end)
+from support import DOWNLOAD, count_text, download, expect_log, expect_working, kilobytes, memory_limit
 
 FIRST_ID = 4_300_000_001
 
@@ -141,26 +140,6 @@ def test_datagrams_to_the_notice_socket_do_no_harm(camera: Camera) -> None:
 def _send_at_once(camera: Camera, path: str) -> None:
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK) as sender:
         sender.sendto(b"x" * 1000, str(camera.path(path)))
-
-
-def test_stray_message_that_takes_an_answers_place_is_treated_as_the_answer(camera: Camera) -> None:
-    camera.itgt.script(7021, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    request = received(camera, "itgt", 7021).message
-    camera.itgt.send(wire.encode_reply(request, command=7018))
-    wait_end(camera)
-    assert len(camera.itgt.requests(7021)) == 2
-    assert len(camera.platform.reports) == 1
-
-
-def test_itgt_that_restarts_between_exchanges(camera: Camera) -> None:
-    camera.itgt.not_ready_answers = 2
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
-    camera.itgt.stop()
-    camera.itgt.start()
-    wait_end(camera)
-    assert len(camera.platform.reports) == 1
 
 
 def test_flood_during_an_import_is_survived(camera: Camera) -> None:

@@ -10,8 +10,7 @@ import pytest
 from simulator import Camera
 from simulator.device import process_status
 from simulator.peers.face_library import face_list
-from support import (DOWNLOAD, LOOP, download, expect_log, expect_working, kilobytes, memory_limit, poll_until,
-                     sanitized)
+from support import DOWNLOAD, LOOP, download, expect_log, expect_working, kilobytes, memory_limit, poll_until, sanitized
 
 MOST_KILOBYTES = 24 * 1024
 KEPT_KILOBYTES = 1024
@@ -59,7 +58,7 @@ def test_body_of_a_command_takes_at_most_24_megabytes(camera: Camera, name: str,
 
 MEGABYTE = 1_000_000
 CONFIGURATIONS = {"1 MB of objects": filled(b"{}", MEGABYTE), "10 MB of objects": filled(b"{}", 10 * MEGABYTE),
-                  "10 MB of numbers": filled(b"1", 10 * MEGABYTE), "10 MB of blanks": b" " * 10 * MEGABYTE + b"[]",
+                  "10 MB of numbers": filled(b"1", 10 * MEGABYTE), "10 MB of spaces": b" " * 10 * MEGABYTE + b"[]",
                   "10 MB of a string": b'"' + b"x" * 10 * MEGABYTE + b'"',
                   "100 MB of a string": b'"' + b"x" * 100 * MEGABYTE + b'"',
                   "as many deep objects as may be": counted(DEEP),

@@ -6,17 +6,12 @@ import random
 import signal
 import threading
 import time
-from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 
 from simulator import Camera, wire
-from support import download, with_library
+from support import FOLDER, PAGE, StartCamera, at_request, download
 
-StartCamera = Callable[..., Camera]
-
-FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 KILLED = 128 + signal.SIGKILL
 FACES = 75
 PAGES = [(0, 30), (30, 30), (60, 15)]
@@ -29,13 +24,11 @@ class Watch:
     def __init__(self, camera: Camera) -> None:
         self.told: list[tuple[str, bytes]] = []
         self._camera = camera
-        camera.itgt.on_message = self._look
+        at_request(camera.itgt, 7020, self._look)
 
-    def _look(self, message: wire.Message, default: Callable[[], object]) -> object:
-        if message.command == 7020:
-            name = message.request["file_name"]
-            self.told.append((name, self._camera.path(f"{FOLDER}/{name}").read_bytes()))
-        return default()
+    def _look(self, message: wire.Message) -> None:
+        name = message.request["file_name"]
+        self.told.append((name, self._camera.path(f"{FOLDER}/{name}").read_bytes()))
 
 
 def whole_pages(camera: Camera) -> list[tuple[str, bytes]]:
@@ -84,25 +77,20 @@ def test_next_download_is_whole_after_a_kill_at_a_random_moment(start_camera: St
 
 # With the file /tmp/die, the service is killed when half of a page is in its file.
 DIES_HALFWAY = """
-#include <dlfcn.h>
-#include <signal.h>
-#include <stdio.h>
-#include <unistd.h>
 size_t fwrite(const void* data, size_t size, size_t count, FILE* file) {
-    size_t (*real)(const void*, size_t, size_t, FILE*) = dlsym(RTLD_NEXT, "fwrite");
     if (access("/tmp/die", F_OK) == 0 && count > 1000) {
-        real(data, size, count / 2, file);
+        NEXT(fwrite)(data, size, count / 2, file);
         fflush(file);
         kill(getpid(), SIGKILL);
     }
-    return real(data, size, count, file);
+    return NEXT(fwrite)(data, size, count, file);
 }
 """
 
 
 @pytest.mark.parametrize("earlier", [False, True], ids=["new file", "file of an earlier download"])
-def test_half_a_page_file_is_named_to_nobody(start_camera: StartCamera, tmp_path: Path, earlier: bool) -> None:
-    camera = with_library(start_camera, tmp_path, DIES_HALFWAY, ends_with=(KILLED,))
+def test_half_a_page_file_is_named_to_nobody(with_library: StartCamera, earlier: bool) -> None:
+    camera = with_library(DIES_HALFWAY, ends_with=(KILLED,))
     watch = Watch(camera)
     if earlier:
         expect_whole_download(camera, watch)
@@ -111,7 +99,7 @@ def test_half_a_page_file_is_named_to_nobody(start_camera: StartCamera, tmp_path
     camera.client.send("whiteListDown", camera.platform.task(FACES))
     assert camera.service.wait() == KILLED
     page = camera.platform.page(0, 30)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == page[:len(page) // 2]
+    assert camera.path(PAGE).read_bytes() == page[:len(page) // 2]
     camera.path("/tmp/die").unlink()
     camera.start_service()
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200

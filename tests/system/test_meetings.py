@@ -9,15 +9,12 @@ import pytest
 
 from simulator import Camera, wire
 from simulator.peers.face_library import face_list
-from support import END, at_most, count_text, expect_working, received, texts, wait_end, wait_stopped, written
+from support import (END, PAGE, at_most, count_text, expect_unsent, expect_working, page_starts, received,
+                     start_download, texts, wait_end, wait_stopped, written)
 
 CLEAR = {"cameraCode": "C1"}
 # Seconds after which an exchange whose peer is silent no longer holds the others up.
 TURN = 5.0
-
-
-def start_download(camera: Camera, faces: int = 1) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(faces)).status == 200
 
 
 def slow_once(camera: Camera, peer: Any, command: int, seconds: float) -> None:
@@ -30,9 +27,9 @@ def slow_once(camera: Camera, peer: Any, command: int, seconds: float) -> None:
 
 def expect_all_done(camera: Camera, faces: int, lists: int) -> None:
     """Every page imported and reported, every list set once and in order, every later command answered."""
-    pages = -(-faces // 30)
-    assert [len(camera.itgt.requests(command)) for command in (7020, 7031)] == [pages, pages]
-    assert [report.json()["startIndex"] for report in camera.platform.reports] == [30 * page for page in range(pages)]
+    starts = page_starts(faces)
+    assert [len(camera.itgt.requests(command)) for command in (7020, 7031)] == [len(starts)] * 2
+    assert [report.json()["startIndex"] for report in camera.platform.reports] == starts
     assert all(report.json()["datatime"] for report in camera.platform.reports)
     assert [face["list_name"] for face in camera.faces.applied] == [face["FaceListName"] for face in camera.faces.lists]
     assert len(camera.faces.applied) == lists
@@ -97,15 +94,20 @@ def test_answer_after_7_seconds_reaches_the_download_beside_which_a_clear_has_ru
     expect_all_done(camera, 1, 3)
 
 
+def both_asked(camera: Camera, command: int = 7020) -> tuple[wire.Message, int, wire.Message]:
+    """Neither peer answers: the request of a download to ITGT, the tag of a clear, and its request."""
+    camera.itgt.script(command, None)
+    camera.faces.script(7019, None)
+    start_download(camera)
+    page = received(camera, "itgt", command).message
+    tag = camera.client.send("whiteListClear", CLEAR)
+    return page, tag, received(camera, "faces", 7019).message
+
+
 @pytest.mark.seconds(6)
 @pytest.mark.parametrize("first", ["itgt", "faces"])
 def test_late_replies_of_both_reach_the_one_who_asked_in_either_order(camera: Camera, first: str) -> None:
-    camera.itgt.script(7020, None)
-    camera.faces.script(7019, None)
-    start_download(camera)
-    page = received(camera, "itgt", 7020).message
-    tag = camera.client.send("whiteListClear", CLEAR)
-    clear = received(camera, "faces", 7019).message
+    page, tag, clear = both_asked(camera)
     replies = {"itgt": lambda: camera.itgt.send(camera.itgt.default(page)),
                "faces": lambda: camera.faces.send(camera.faces.default(clear))}
     replies.pop(first)()
@@ -117,12 +119,7 @@ def test_late_replies_of_both_reach_the_one_who_asked_in_either_order(camera: Ca
 
 @pytest.mark.seconds(6)
 def test_other_command_counts_for_who_waits_alone_and_for_nobody_when_two_wait(camera: Camera) -> None:
-    camera.itgt.script(7021, None)
-    camera.faces.script(7019, None)
-    start_download(camera)
-    received(camera, "itgt", 7021)
-    tag = camera.client.send("whiteListClear", CLEAR)
-    clear = received(camera, "faces", 7019).message
+    _, tag, clear = both_asked(camera, 7021)
     camera.itgt.send(wire.encode_reply(clear, command=7777), "/tmp/CP")
     camera.faces.send(camera.faces.default(clear))
     assert camera.client.wait_reply(tag).status == 200
@@ -138,15 +135,17 @@ def test_page_is_imported_when_itgt_comes_after_it_was_written(camera: Camera) -
     camera.itgt.stop()
     start_download(camera, 31)
     camera.wait_for_log("sendTo fail:")
-    assert camera.path("/tmp/mmcblk0/face_basic/faceLib/white0").exists()
+    assert camera.path(PAGE).exists()
     assert not camera.path("/tmp/mmcblk0/face_basic/faceLib/white30").exists()
     expect_working(camera)
+    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 409
+    assert camera.client.command("whiteListClear", CLEAR).status == 200
     camera.itgt.start()
     wait_end(camera)
     lines = texts(camera)
     assert "taskID is 0" not in lines
     assert lines.index(" DownLoad Picture Success.") > lines.index("after recive msg from itgt")
-    assert sum(line.startswith("sendTo fail:") for line in lines) == 1
+    expect_unsent(camera)
     assert camera.itgt.imports and len(camera.platform.reports) == 2
 
 
@@ -170,11 +169,6 @@ def test_request_that_leads_back_to_the_service_is_no_reply(camera: Camera, path
 
 @pytest.mark.seconds(6)
 def test_stop_ends_both_waits(camera: Camera) -> None:
-    camera.itgt.script(7020, None)
-    camera.faces.script(7019, None)
-    start_download(camera)
-    received(camera, "itgt", 7020)
-    camera.client.send("whiteListClear", CLEAR)
-    received(camera, "faces", 7019)
+    both_asked(camera)
     assert count_text(camera, END) == 0
     assert wait_stopped(camera, signal.SIGTERM) == 0

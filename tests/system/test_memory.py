@@ -5,24 +5,16 @@ from __future__ import annotations
 import mmap
 import signal
 import struct
-from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
 from simulator import Camera, Response
-from support import expect_working, poll_until, sanitized, wait_stopped, with_library
-
-StartCamera = Callable[..., Camera]
+from support import PAGE, StartCamera, expect_working, poll_until, sanitized, wait_stopped
 
 CONTROL = "/tmp/allocations"
 # Fails allocations of one thread, or of all others, as /tmp/allocations says: see Allocations.
 FAILING = r"""
-#include <errno.h>
-#include <fcntl.h>
-#include <stdlib.h>
-#include <sys/mman.h>
-#include <unistd.h>
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
@@ -56,8 +48,8 @@ class Allocations:
     through is tested.
     """
 
-    def __init__(self, start_camera: StartCamera, folder: Path, others: bool) -> None:
-        self.camera = with_library(start_camera, folder, FAILING, start=False)
+    def __init__(self, with_library: StartCamera, others: bool) -> None:
+        self.camera = with_library(FAILING, start=False)
         path = self.camera.path(CONTROL)
         path.write_bytes(bytes(20))
         path.chmod(0o666)
@@ -94,9 +86,8 @@ COMMANDS = {"faceNotHitDown": {"a": [1, {"b": "c" * 100}]}, "whiteListClear": {"
 
 
 @pytest.mark.parametrize("name", COMMANDS)
-def test_no_single_allocation_of_a_command_costs_its_reply(start_camera: StartCamera, tmp_path: Path,
-                                                           name: str) -> None:
-    allocations = Allocations(start_camera, tmp_path, others=False)
+def test_no_single_allocation_of_a_command_costs_its_reply(with_library: StartCamera, name: str) -> None:
+    allocations = Allocations(with_library, others=False)
     camera, good, failed = allocations.camera, 0, 1
     while failed:
         allocations.fail(good)
@@ -109,9 +100,9 @@ def test_no_single_allocation_of_a_command_costs_its_reply(start_camera: StartCa
     assert sanitized() or good > 50
 
 
-def test_time_without_any_memory_harms_no_later_command(start_camera: StartCamera, tmp_path: Path) -> None:
+def test_time_without_any_memory_harms_no_later_command(with_library: StartCamera) -> None:
     """What comes meanwhile is lost, and so are its log records."""
-    allocations = Allocations(start_camera, tmp_path, others=False)
+    allocations = Allocations(with_library, others=False)
     camera = allocations.camera
     for name, information in COMMANDS.items():
         allocations.fail(0, 1_000_000)
@@ -128,10 +119,9 @@ def begin(camera: Camera, total: int) -> None:
 
 @pytest.mark.seconds(20)
 @pytest.mark.parametrize("first", range(4))
-def test_no_single_allocation_of_a_download_leaves_the_service_busy(start_camera: StartCamera, tmp_path: Path,
-                                                                    first: int) -> None:
+def test_no_single_allocation_of_a_download_leaves_the_service_busy(with_library: StartCamera, first: int) -> None:
     """Every 60th, from different ones on: a page makes thousands."""
-    allocations = Allocations(start_camera, tmp_path, others=True)
+    allocations = Allocations(with_library, others=True)
     camera, good, failed = allocations.camera, first * 15, 1
     camera.platform.script(camera.platform.task_path, *[Response(body=b'{"records":[]}')] * 1000)
     while failed:
@@ -148,9 +138,9 @@ def test_no_single_allocation_of_a_download_leaves_the_service_busy(start_camera
 
 @pytest.mark.parametrize("failing", [1, 2, 3, 1000])
 @pytest.mark.parametrize("good", range(4))
-def test_download_whose_thread_has_no_memory_to_begin_leaves_the_service_free(
-        start_camera: StartCamera, tmp_path: Path, good: int, failing: int) -> None:
-    allocations = Allocations(start_camera, tmp_path, others=True)
+def test_download_whose_thread_has_no_memory_to_begin_leaves_the_service_free(with_library: StartCamera, good: int,
+                                                                              failing: int) -> None:
+    allocations = Allocations(with_library, others=True)
     camera = allocations.camera
     allocations.fail(good, failing)
     begin(camera, 0)
@@ -163,8 +153,6 @@ def test_download_whose_thread_has_no_memory_to_begin_leaves_the_service_free(
 
 
 NO_LARGE_BLOCKS = """
-#include <errno.h>
-#include <stdlib.h>
 void* __libc_malloc(size_t);
 void* malloc(size_t size) {
     if (size > 32 << 20) { errno = ENOMEM; return NULL; }
@@ -173,11 +161,11 @@ void* malloc(size_t size) {
 """
 
 
-def test_page_of_unknown_length_needs_no_room_for_the_longest(start_camera: StartCamera, tmp_path: Path) -> None:
+def test_page_of_unknown_length_needs_no_room_for_the_longest(with_library: StartCamera) -> None:
     """Where there is no block of 64 MB the text of a page in chunks grows with what comes."""
-    camera = with_library(start_camera, tmp_path, NO_LARGE_BLOCKS)
+    camera = with_library(NO_LARGE_BLOCKS)
     body = b'{"records":[]}' + b" " * 3_000_000
     camera.platform.script(camera.platform.task_path, Response(body=body, chunk_size=4096))
     begin(camera, 1)
     camera.wait_until(lambda: camera.platform.reports)
-    assert camera.path("/tmp/mmcblk0/face_basic/faceLib/white0").read_bytes() == body
+    assert camera.path(PAGE).read_bytes() == body

@@ -2,18 +2,14 @@
 
 from __future__ import annotations
 
-import os
 import stat
-from collections.abc import Callable
 
 import pytest
 
-from simulator import Camera, Response, wire
-from support import DOWNLOAD, HTTP, LOOP, TASK, count_text, download, expect_log, status_field, texts
+from simulator import Camera, Response
+from support import (DOWNLOAD, END, FOLDER, HTTP, LOOP, PAGE, TASK, count_text, download, expect_log, page_starts,
+                     status_field, texts)
 
-StartCamera = Callable[..., Camera]
-
-FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 PICTURE_TASK = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask"
 
 BODY = """{
@@ -51,20 +47,20 @@ def test_page_file_holds_the_answer_as_it_came(camera: Camera) -> None:
     answers = [b"no json, \xff\xfe bytes\r\n" * 1000, b"second"]
     camera.platform.script(camera.platform.task_path, *[Response(body=answer) for answer in answers])
     download(camera, 31)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == answers[0]
+    assert camera.path(PAGE).read_bytes() == answers[0]
     assert camera.path(f"{FOLDER}/white30").read_bytes() == answers[1]
 
 
 def test_page_file_ends_before_the_first_nul_of_the_answer(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, Response(body=b"before\0after"))
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == b"before"
+    assert camera.path(PAGE).read_bytes() == b"before"
 
 
 def test_empty_answer_gives_an_empty_file_that_itgt_is_told_of(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, Response(body=b""))
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == b""
+    assert camera.path(PAGE).read_bytes() == b""
     assert [message.request["file_name"] for message in camera.itgt.requests(7020)] == ["white0"]
 
 
@@ -78,20 +74,20 @@ def test_large_pages_arrive_whole(camera: Camera) -> None:
 
 def test_later_task_overwrites_its_page_files_and_leaves_the_others(camera: Camera) -> None:
     download(camera, 31)
-    first = camera.path(f"{FOLDER}/white0").read_bytes()
+    first = camera.path(PAGE).read_bytes()
     second = camera.path(f"{FOLDER}/white30").read_bytes()
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == camera.platform.page(0, 1) != first
+    assert camera.path(PAGE).read_bytes() == camera.platform.page(0, 1) != first
     assert camera.path(f"{FOLDER}/white30").read_bytes() == second
 
 
 def test_longer_file_of_an_earlier_run_is_cut(camera: Camera) -> None:
     camera.path(FOLDER).mkdir()
     camera.path(FOLDER).chmod(0o777)
-    camera.path(f"{FOLDER}/white0").write_bytes(b"x" * 100_000)
-    camera.path(f"{FOLDER}/white0").chmod(0o666)
+    camera.path(PAGE).write_bytes(b"x" * 100_000)
+    camera.path(PAGE).chmod(0o666)
     download(camera, 1)
-    assert camera.path(f"{FOLDER}/white0").read_bytes() == camera.platform.page(0, 1)
+    assert camera.path(PAGE).read_bytes() == camera.platform.page(0, 1)
 
 
 def test_missing_folder_is_made(camera: Camera) -> None:
@@ -130,7 +126,7 @@ def test_folder_that_cannot_be_written_fails_the_page(camera: Camera) -> None:
 
 
 def test_folder_in_the_place_of_the_page_file_fails_the_page(camera: Camera) -> None:
-    camera.path(f"{FOLDER}/white0").mkdir(parents=True)
+    camera.path(PAGE).mkdir(parents=True)
     expect_open_failure(camera)
 
 
@@ -139,7 +135,7 @@ def test_file_in_the_place_of_the_folder_fails_the_page(camera: Camera) -> None:
     expect_open_failure(camera)
 
 
-@pytest.mark.parametrize("status", [400, 403, 404, 500, 503, 201, 204, 302])
+@pytest.mark.parametrize("status", [400, 403, 404, 418, 500, 503, 599, 201, 204, 302])
 def test_page_that_is_not_answered_200_ends_the_task_after_the_pages_before_it(camera: Camera, status: int) -> None:
     platform = camera.platform
     platform.on_request = lambda request, default: (
@@ -147,7 +143,9 @@ def test_page_that_is_not_answered_200_ends_the_task_after_the_pages_before_it(c
     download(camera, 75)
     assert [request.json()["startIndex"] for request in platform.requests] == [0, 0, 30]
     assert [request.json()["startIndex"] for request in platform.reports] == [0]
+    expect_log(camera, "INFO", HTTP, f"Http Status ${status}")
     expect_log(camera, "INFO", DOWNLOAD, f"DownloadPictureProcess Status:{status}")
+    assert not [text for text in texts(camera) if text.startswith("SendMsgAndRecvResponse err")]
     expect_log(camera, "INFO", DOWNLOAD, "[Custom] download picture, response error.")
     expect_log(camera, "INFO", DOWNLOAD, " DownLoad Picture Fail.")
     expect_log(camera, "ERROR", PICTURE_TASK, "DownloadPictureProcess fail.")
@@ -190,27 +188,12 @@ def test_one_page_is_logged_in_this_order(camera: Camera) -> None:
     assert {record.level for record in lines} == {"INFO"}
 
 
-def test_page_file_can_be_read_by_itgt(camera: Camera) -> None:
-    """It is there, whole, when ITGT is told of it."""
-    seen: list[bytes] = []
-
-    def look(message: wire.Message, default: Callable[[], object]) -> object:
-        if message.command == 7020:
-            seen.append(camera.path(f"{FOLDER}/white0").read_bytes())
-        return default()
-
-    camera.itgt.on_message = look
-    download(camera, 1)
-    assert seen == [camera.platform.page(0, 1)]
-    assert os.listdir(camera.path(FOLDER)) == ["white0"]
-
-
 def test_hundred_pages(camera: Camera) -> None:
     camera.platform.script(camera.platform.task_path, *[Response(body=b'{"records":[]}')] * 100)
     download(camera, 2999, timeout=60)
-    assert [request.json()["startIndex"] for request in camera.platform.reports] == list(range(0, 3000, 30))
+    assert [request.json()["startIndex"] for request in camera.platform.reports] == page_starts(2999)
     assert camera.platform.reports[-1].json()["offset"] == 29
     assert count_text(camera, " DownLoad Picture Success.") == 100
-    assert texts(camera, TASK)[-1] == "CustomJsonPicDownloadTask End "
+    assert texts(camera, TASK)[-1] == END
     assert count_text(camera, "GetJsonMsgInfo err:.") == 0
     assert len(texts(camera, LOOP)) < 20

@@ -5,47 +5,46 @@ from __future__ import annotations
 import contextlib
 import signal
 import socket
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
 from simulator import Camera
-from support import (LOOP, TRANSMITTER, download, expect_log, expect_working, received, wait_end, wait_stopped,
-                     with_library)
-
-StartCamera = Callable[..., Camera]
+from support import (LOOP, StartCamera, download, expect_log, expect_unsent, expect_working, received, start_download,
+                     start_polling, wait_end, wait_stopped)
 
 
 @contextlib.contextmanager
 def at(camera: Camera, path: str, kind: str) -> Iterator[socket.socket]:
-    """A socket of a peer that is of no use: left behind by a process, forbidden to others, or with a full queue."""
+    """A peer's socket that is of no use: left behind by a process, forbidden to others, with a full queue, absent."""
     camera.path(path).unlink(missing_ok=True)
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as peer:
         peer.bind(str(camera.path(path)))
         camera.path(path).chmod(0 if kind == "forbidden" else 0o666)
-        if kind == "left behind":
+        if kind in ("left behind", "absent"):
             peer.close()
+        if kind == "absent":
+            camera.path(path).unlink()
         if kind == "full":
             with contextlib.suppress(BlockingIOError), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
                 sender.setblocking(False)
                 while True:
                     sender.sendto(b"", str(camera.path(path)))
         yield peer
-    camera.path(path).unlink()
+    camera.path(path).unlink(missing_ok=True)
 
 
-USELESS = ["left behind", "forbidden", "full"]
+USELESS = ["left behind", "forbidden", "full", "absent"]
 
 
-@pytest.mark.parametrize("kind", [*USELESS, "absent"])
+@pytest.mark.parametrize("kind", USELESS)
 def test_useless_itgt_at_the_start_is_logged_and_commands_are_served(start_camera: StartCamera, kind: str) -> None:
     """The notice 1037 is not repeated: ITGT does without it, however late it comes."""
     camera = start_camera(itgt=False, start=False)
-    with contextlib.nullcontext() if kind == "absent" else at(camera, "/tmp/II", kind):
+    with at(camera, "/tmp/II", kind):
         camera.start_service()
-        record = camera.wait_for_log("sendTo fail:")
-        assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+        expect_unsent(camera)
         expect_working(camera)
     camera.itgt.start()
     download(camera, 1)
@@ -73,24 +72,24 @@ def test_useless_face_library_is_waited_for_and_gets_its_lists_when_it_comes_bac
     camera.faces.stop()
     with at(camera, "/tmp/A", kind):
         tag = camera.client.send("whiteListClear", {"cameraCode": "C"})
-        record = camera.wait_for_log("sendTo fail:")
-        assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+        expect_unsent(camera)
         assert camera.client.replies == []
     camera.faces.start()
     assert camera.client.wait_reply(tag).status == 200
     assert len(camera.faces.applied) == 3
+    expect_unsent(camera)
 
 
 @pytest.mark.parametrize("kind", USELESS)
 def test_useless_itgt_is_waited_for_and_imports_the_page_when_it_comes_back(camera: Camera, kind: str) -> None:
     camera.itgt.stop()
     with at(camera, "/tmp/II", kind):
-        assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
-        record = camera.wait_for_log("sendTo fail:")
-        assert (record.level, record.path) == ("ERROR", TRANSMITTER)
+        start_download(camera, 31)
+        expect_unsent(camera)
         expect_working(camera)
     camera.itgt.start()
     wait_end(camera)
+    expect_unsent(camera)
     assert [len(camera.itgt.requests(command)) for command in (7020, 7021, 7031)] == [2, 2, 2]
     assert [request.json()["startIndex"] for request in camera.platform.reports] == [0, 30]
 
@@ -122,7 +121,7 @@ def test_half_a_command_is_waited_for_and_completed_late(camera: Camera) -> None
     """Without limit; a download goes on meanwhile, and a stop is as quick as ever."""
     body = b'{"taskName":"faceNotHitDown","taskInfo":{}}'
     camera.itgt.delay = 0.2
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     head = (7).to_bytes(4, "little").rjust(244, b"\0").ljust(256, b"\0") + len(body).to_bytes(4, "little")
     camera.client.send_raw(head.ljust(280, b"\0"))
     wait_end(camera)
@@ -139,7 +138,7 @@ def test_half_a_command_is_waited_for_and_completed_late(camera: Camera) -> None
 def test_itgt_that_never_answers_holds_up_its_download_only(camera: Camera, command: int, then: str) -> None:
     """The download waits without limit and stays the one that runs; a stop ends it."""
     camera.itgt.script(command, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     received(camera, "itgt", command)
     if then != "is silent":
         camera.itgt.stop()
@@ -154,9 +153,7 @@ def test_itgt_that_never_answers_holds_up_its_download_only(camera: Camera, comm
     assert wait_stopped(camera, signal.SIGTERM) == 0
     camera.itgt.start()
     camera.start_service()
-    begin = len(camera.journal)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    wait_end(camera, begin)
+    download(camera)
 
 
 @pytest.mark.seconds(6)
@@ -165,9 +162,7 @@ def test_itgt_that_never_answers_holds_up_its_download_only(camera: Camera, comm
 def test_face_library_that_never_answers_holds_up_commands_and_no_download(camera: Camera, command: int,
                                                                            then: str) -> None:
     """The command loop waits without limit; the download beside it goes on, and a stop is as quick as ever."""
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+    start_polling(camera)
     camera.faces.script(command, None)
     camera.client.send("whiteListClear", {"cameraCode": "C"})
     received(camera, "faces", command)
@@ -193,21 +188,14 @@ def test_face_library_that_answers_late_is_waited_for_and_waiting_commands_are_s
 
 # The socket of the n-th exchange, counted from the start, cannot be bound.
 UNBOUND = r"""
-#include <dlfcn.h>
-#include <errno.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 int bind(int file, const struct sockaddr* address, socklen_t length) {
     static int exchanges;
-    int (*next)(int, const struct sockaddr*, socklen_t) =
-        (int (*)(int, const struct sockaddr*, socklen_t))dlsym(RTLD_NEXT, "bind");
     const char* path = ((const struct sockaddr_un*)address)->sun_path;
     if (address->sa_family == AF_UNIX && strncmp(path, "/tmp/CP", 7) == 0 && ++exchanges == %d) {
         errno = %s;
         return -1;
     }
-    return next(file, address, length);
+    return NEXT(bind)(file, address, length);
 }
 """
 EXCHANGES = {"7020": (1, "SendSysObj err ", 0), "7021": (2, "CustomJsonPicDownloadTask Err ", 0),
@@ -216,11 +204,11 @@ EXCHANGES = {"7020": (1, "SendSysObj err ", 0), "7021": (2, "CustomJsonPicDownlo
 
 @pytest.mark.parametrize("cause", ["ENOSPC", "EACCES"])
 @pytest.mark.parametrize("number, logged, reports", EXCHANGES.values(), ids=EXCHANGES.keys())
-def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(start_camera: StartCamera, tmp_path: Path, number: int,
-                                                               logged: str, reports: int, cause: str) -> None:
+def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(with_library: StartCamera, number: int, logged: str,
+                                                               reports: int, cause: str) -> None:
     """No inode for the name on a full file system, or no right to make it."""
-    camera = with_library(start_camera, tmp_path, UNBOUND % (number, cause))
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    camera = with_library(UNBOUND % (number, cause))
+    start_download(camera, 31)
     camera.wait_for_log(logged)
     if logged != "CustomJsonPicDownloadTask Err ":
         wait_end(camera)
@@ -230,8 +218,8 @@ def test_exchange_with_itgt_that_gets_no_socket_ends_as_logged(start_camera: Sta
 
 
 @pytest.mark.parametrize("cause", ["ENOSPC", "EACCES"])
-def test_clear_that_gets_no_socket_is_answered_400(start_camera: StartCamera, tmp_path: Path, cause: str) -> None:
-    camera = with_library(start_camera, tmp_path, UNBOUND % (1, cause))
+def test_clear_that_gets_no_socket_is_answered_400(with_library: StartCamera, cause: str) -> None:
+    camera = with_library(UNBOUND % (1, cause))
     assert camera.client.command("whiteListClear", {"cameraCode": "C"}).status == 400
     expect = camera.wait_for_log("PUBLIC_JSON Err ")
     assert (expect.level, expect.path) == ("ERROR", LOOP)

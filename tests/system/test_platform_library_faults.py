@@ -4,33 +4,25 @@ from __future__ import annotations
 
 import os
 import signal
-from collections.abc import Callable
-from pathlib import Path
 
 import pytest
 
 from simulator import Camera
-from support import (LOOP, SUBSYSTEM, count_text, download, expect_log, expect_working, wait_end, wait_stopped,
-                     with_library)
-
-StartCamera = Callable[..., Camera]
+from support import (LOOP, SUBSYSTEM, StartCamera, count_text, download, expect_log, expect_working, start_polling,
+                     wait_end, wait_stopped)
 
 # A stop signal before the service begins to wait for one may end it by the signal.
 STOPPED_EARLY = (0, 128 + signal.SIGTERM)
 
 RING = r"""
-#include <unistd.h>
 int client_open(void* handle, const char* name, unsigned int size) { return 0; }
 int client_msgsend(void* handle, const void* data, unsigned int length, int flag) { %s return 0; }
 """
 
 
-def test_ring_buffer_that_hangs_holds_up_commands_but_no_download_and_no_stop(start_camera: StartCamera,
-                                                                              tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, RING % "for (;;) pause();")
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+def test_ring_buffer_that_hangs_holds_up_commands_but_no_download_and_no_stop(with_library: StartCamera) -> None:
+    camera = with_library(RING % "for (;;) pause();")
+    start_polling(camera)
     camera.client.send("faceNotHitDown", {})
     expect_log(camera, "INFO", LOOP, "Process cmd:faceNotHitDown.")
     wait_end(camera)
@@ -39,8 +31,8 @@ def test_ring_buffer_that_hangs_holds_up_commands_but_no_download_and_no_stop(st
     assert wait_stopped(camera, signal.SIGTERM) == 0
 
 
-def test_slow_ring_buffer_is_waited_for(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, RING % "usleep(700000);")  # pause: the slow library itself
+def test_slow_ring_buffer_is_waited_for(with_library: StartCamera) -> None:
+    camera = with_library(RING % "usleep(700000);")  # pause: the slow library itself
     tags = [camera.client.send(name, {}) for name in ("faceNotHitDown", "nothing")]
     assert camera.client.wait_reply(tags[1]).status == 400
     assert [reply.status for reply in camera.client.replies] == [200, 400]
@@ -68,28 +60,26 @@ def test_ring_buffer_that_another_user_owns_refuses_each_record_and_nothing_else
     download(camera, 1)
 
 
-USER = "#include <unistd.h>\nint QL_ChangeProcUser(const char* user) { %s }\n"
+USER = "int QL_ChangeProcUser(const char* user) { %s }\n"
 
 
-def test_user_switch_that_hangs_holds_up_the_start_and_no_stop(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, USER % "for (;;) pause();", wait=False, ends_with=STOPPED_EARLY)
+def test_user_switch_that_hangs_holds_up_the_start_and_no_stop(with_library: StartCamera) -> None:
+    camera = with_library(USER % "for (;;) pause();", wait=False, ends_with=STOPPED_EARLY)
     expect_log(camera, "INFO", SUBSYSTEM, "CustomSubSystem ...")
     assert wait_stopped(camera, signal.SIGTERM) in STOPPED_EARLY
     assert not camera.path("/tmp/HK").exists()
 
 
-def test_slow_user_switch_is_waited_for(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, USER % "sleep(1); return 0;")  # pause: the slow library itself
+def test_slow_user_switch_is_waited_for(with_library: StartCamera) -> None:
+    camera = with_library(USER % "sleep(1); return 0;")  # pause: the slow library itself
     expect_working(camera)
 
 
 @pytest.mark.parametrize("result", [-1, 1, 13, -2147483648, 2147483647])
-def test_any_result_of_the_user_switch_but_0_is_a_failure(start_camera: StartCamera, tmp_path: Path,
-                                                          result: int) -> None:
-    camera = with_library(start_camera, tmp_path, USER % f"return (int){result}L;")
+def test_any_result_of_the_user_switch_but_0_is_a_failure(with_library: StartCamera, result: int) -> None:
+    camera = with_library(USER % f"return (int){result}L;")
     expect_log(camera, "ERROR", SUBSYSTEM, "Fail to run ChangeProcUser")
     expect_working(camera)
-
 
 
 def without_leak_check() -> dict[str, str]:
@@ -100,7 +90,6 @@ def without_leak_check() -> dict[str, str]:
 
 # The libraries are loaded by then; what the service opens itself is limited.
 FEW_DESCRIPTORS = r"""
-#include <sys/resource.h>
 __attribute__((constructor)) static void limit(void) {
     struct rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -111,9 +100,8 @@ __attribute__((constructor)) static void limit(void) {
 
 
 @pytest.mark.parametrize("limit", range(3, 14))
-def test_start_with_few_descriptors_serves_or_ends_with_a_reason(start_camera: StartCamera, tmp_path: Path,
-                                                                 limit: int) -> None:
-    camera = with_library(start_camera, tmp_path, FEW_DESCRIPTORS % limit, wait=False, ends_with=(0, 70),
+def test_start_with_few_descriptors_serves_or_ends_with_a_reason(with_library: StartCamera, limit: int) -> None:
+    camera = with_library(FEW_DESCRIPTORS % limit, wait=False, ends_with=(0, 70),
                           environment=without_leak_check())
     started = camera.wait_for(lambda event: event.matches("service", "ended") or event.matches("service", "log")
                               and "waitForTerminationRequest" in event.record.text, 20)
@@ -127,21 +115,14 @@ def test_start_with_few_descriptors_serves_or_ends_with_a_reason(start_camera: S
 
 
 NO_THREAD = r"""
-#include <dlfcn.h>
-#include <errno.h>
-#include <pthread.h>
-#include <unistd.h>
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument) {
-    int (*next)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) =
-        (int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))dlsym(RTLD_NEXT, "pthread_create");
-    return access("/tmp/no threads", F_OK) == 0 ? EAGAIN : next(thread, attributes, run, argument);
+    return access("/tmp/no threads", F_OK) == 0 ? EAGAIN : NEXT(pthread_create)(thread, attributes, run, argument);
 }
 """
 
 
-def test_threads_that_cannot_be_started_refuse_downloads_until_they_can(start_camera: StartCamera,
-                                                                        tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, NO_THREAD)
+def test_threads_that_cannot_be_started_refuse_downloads_until_they_can(with_library: StartCamera) -> None:
+    camera = with_library(NO_THREAD)
     camera.path("/tmp/no threads").touch()
     begin = len(camera.journal)
     assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 400
@@ -152,8 +133,8 @@ def test_threads_that_cannot_be_started_refuse_downloads_until_they_can(start_ca
     download(camera, 1)
 
 
-def test_no_thread_at_the_start_ends_the_process_with_a_reason(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, NO_THREAD, start=False, ends_with=(70,),
+def test_no_thread_at_the_start_ends_the_process_with_a_reason(with_library: StartCamera) -> None:
+    camera = with_library(NO_THREAD, start=False, ends_with=(70,),
                           environment=without_leak_check())
     camera.path("/tmp/no threads").touch()
     camera.start_service(wait=False)

@@ -15,7 +15,7 @@ from typing import Any
 import pytest
 
 from simulator import Camera, wire
-from support import expect_working
+from support import expect_working, page_starts
 
 SEEDS = range(int(os.environ.get("CAMGATE_MEETINGS", "3")))
 SECONDS = 30
@@ -80,7 +80,7 @@ class Meetings:
                     if name == "whiteListDown" and statuses[tag] == 200]
         assert all(statuses[tag] in ((200, 409) if name == "whiteListDown" else (200,))
                    for tag, (name, _) in self._tags.items()), statuses
-        starts = [start for faces in accepted for start in range(0, faces, 30)]
+        starts = [start for faces in accepted for start in page_starts(faces)]
         camera.wait_until(lambda: len(camera.platform.reports) >= len(starts), REST_SECONDS)
         reports = [report.json() for report in camera.platform.reports]
         assert [report["startIndex"] for report in reports] == starts

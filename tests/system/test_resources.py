@@ -13,7 +13,8 @@ import pytest
 
 from simulator import Camera, Close, Response, Send
 from support import (DOWNLOAD, END, count_text, descriptors, download, expect_log, expect_working, kilobytes,
-                     memory_limit, poll_until, received, status_field, texts, threads, wait_end)
+                     memory_limit, poll_until, received, start_download, start_polling, status_field, texts, threads,
+                     wait_end)
 
 # Seconds for an answer that waits for nothing.
 PROMPT = 4.0
@@ -100,7 +101,7 @@ def test_page_is_not_kept_while_itgt_takes_its_time(camera: Camera) -> None:
     camera.platform.on_request = lambda request, default: (
         Response(body=b"x" * 20_000_000) if request.target == camera.platform.task_path else default())
     camera.itgt.script(7020, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     camera.wait_until(lambda: len(camera.itgt.requests(7020)) == 2)
     assert kilobytes(camera, "VmRSS") - before < memory_limit(3_000, with_sanitizers=400_000)
 
@@ -133,24 +134,16 @@ def test_without_descriptors_the_other_commands_are_answered_as_well(camera: Cam
 
 def test_descriptors_that_run_out_between_exchanges_are_a_failure_like_any_other(camera: Camera) -> None:
     """During the pause after the first try; from then on no exchange gets its socket."""
-    camera.itgt.not_ready_answers = 1
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
-    camera.wait_for_log("Not Ready, try ")
+    start_polling(camera, 31)
     with limited(camera, "nofile", 3):
         begin = len(camera.journal)
-        wait_end_in_any_way(camera, begin)
+        camera.wait_download(20, begin)
         camera.wait_for_log(lambda record: record.level == "ERROR", since=begin)
         expect_working(camera)
     camera.itgt.not_ready_answers = 0
     before = len(camera.platform.reports)
     download(camera, 1)
     assert len(camera.platform.reports) == before + 1
-
-
-def wait_end_in_any_way(camera: Camera, since: int) -> None:
-    """A download ends with its End record, or with the record of an exception."""
-    camera.wait_for_log(lambda record: record.text == END or record.text.startswith("CustomJsonPicDownloadTask Err "),
-                        20, since)
 
 
 @pytest.mark.parametrize("spare", range(1, 5))
@@ -163,7 +156,7 @@ def test_few_descriptors_fail_somewhere_and_nothing_is_kept(camera: Camera, spar
         begin = len(camera.journal)
         reply = camera.client.command("whiteListDown", camera.platform.task(2))
         if reply.status == 200:
-            wait_end_in_any_way(camera, begin)
+            camera.wait_download(20, begin)
     download(camera, 3)
     assert camera.platform.reports[-1].json()["offset"] == 3
     settles(camera, descriptors, before)
@@ -172,7 +165,7 @@ def test_few_descriptors_fail_somewhere_and_nothing_is_kept(camera: Camera, spar
 def test_page_that_cannot_be_written_whole_is_not_handed_on(camera: Camera) -> None:
     """A limit on the size of files, whose signal would end the process, is like a full disk."""
     with limited(camera, "fsize", 100):
-        assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+        start_download(camera, 31)
         wait_end(camera)
     assert camera.itgt.requests(7020) == []
     assert len(camera.platform.requests) == 1
@@ -192,7 +185,7 @@ def test_a_download_takes_one_thread(camera: Camera) -> None:
     download(camera, 1)
     before = threads(camera)
     camera.itgt.script(7020, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     received(camera, "itgt", 7020)
     assert threads(camera) <= before + 1
     assert count_text(camera, END) == 1

@@ -6,16 +6,12 @@ import errno
 import os
 import signal
 import subprocess
-from collections.abc import Callable
 from pathlib import Path
 
-import pytest
 
 from simulator import Camera, build_folder
 from simulator.device import emulator
-from support import expect_working, status_field, with_library
-
-StartCamera = Callable[..., Camera]
+from support import PAGE, StartCamera, expect_working, status_field, wait_end
 
 CAP_CHOWN_SETGID_AND_SETUID = 1 << 0 | 1 << 6 | 1 << 7
 
@@ -162,9 +158,6 @@ def test_the_serving_process_is_restricted_in_all_its_threads(camera: Camera) ->
 
 
 FORBIDDEN_CALL = r"""
-#include <stddef.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 void* srvfs_calloc(size_t count, size_t size) {
     syscall(SYS_bpf, 0, NULL, 0);
     return NULL;
@@ -172,24 +165,19 @@ void* srvfs_calloc(size_t count, size_t size) {
 """
 
 
-def test_a_forbidden_call_ends_the_service_and_is_seen(start_camera: StartCamera, tmp_path: Path) -> None:
+def test_a_forbidden_call_ends_the_service_and_is_seen(with_library: StartCamera) -> None:
     """Of the process that serves, not of a program in its place. Below an emulator the kernel gets to refuse it."""
     if foreign():
-        with_library(start_camera, tmp_path, FORBIDDEN_CALL).wait_for_log("RingBufProducerInit fail")
+        with_library(FORBIDDEN_CALL).wait_for_log("RingBufProducerInit fail")
         return
     killed = 128 + signal.SIGSYS
-    camera = with_library(start_camera, tmp_path, FORBIDDEN_CALL, wait=False, ends_with=(killed,))
+    camera = with_library(FORBIDDEN_CALL, wait=False, ends_with=(killed,))
     assert camera.service.wait() == killed
-
-
-@pytest.mark.parametrize("path", ["/tmp/CU", "/tmp/HK"])
-def test_sockets_keep_their_mode_under_the_umask(camera: Camera, path: str) -> None:
-    assert camera.path(path).stat().st_mode & 0o777 == 0o660
 
 
 def test_page_files_can_be_read_by_itgt_whoever_it_is(camera: Camera) -> None:
     camera.client.command("whiteListDown", camera.platform.task(1))
-    camera.wait_for_log("CustomJsonPicDownloadTask End ")
-    page = camera.path("/tmp/mmcblk0/face_basic/faceLib/white0")
+    wait_end(camera)
+    page = camera.path(PAGE)
     assert page.stat().st_mode & 0o777 == 0o644
     assert page.parent.stat().st_mode & 0o777 == 0o755

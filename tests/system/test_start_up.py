@@ -6,16 +6,14 @@ import os
 import signal
 import stat
 import struct
-from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
 from simulator import Camera, build_folder
-from support import (EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, at_most, count_text, expect_log, expect_working,
-                     poll_until, received, status_field, texts, wait_end, wait_stopped, with_library, written)
-
-StartCamera = Callable[..., Camera]
+from support import (END, EVENT_CACHE, PROCESS, RING_BUFFER, SUBSYSTEM, WRITE_LOG, StartCamera, at_most, count_text,
+                     expect_log, expect_working, poll_until, received, start_download, status_field, texts, wait_end,
+                     wait_stopped, written)
 
 WAITING = "CustomSubSystem Wait itgt fail!\\n"
 READY = "CustomSubSystem Wait itgt ok!\\n"
@@ -95,13 +93,8 @@ def test_without_marker_it_waits_with_one_line_a_second_and_goes_on_when_the_mar
 def test_stop_signal_ends_the_wait_for_the_marker(start_camera: StartCamera) -> None:
     camera = start_camera(marker=False, ends_with=STOPPED_EARLY)
     expect_log(camera, "INFO", SUBSYSTEM, WAITING)
+    assert stat.S_ISSOCK(camera.path("/tmp/CU").stat().st_mode), "the service's own message socket is there by then"
     assert wait_stopped(camera, signal.SIGTERM) in STOPPED_EARLY
-
-
-def test_own_message_socket_is_there_before_the_marker(start_camera: StartCamera) -> None:
-    camera = start_camera(marker=False, ends_with=STOPPED_EARLY)
-    expect_log(camera, "INFO", SUBSYSTEM, WAITING)
-    assert stat.S_ISSOCK(camera.path("/tmp/CU").stat().st_mode)
 
 
 def test_itgt_is_told_once_with_message_1037_and_every_other_byte_zero(camera: Camera) -> None:
@@ -112,14 +105,6 @@ def test_itgt_is_told_once_with_message_1037_and_every_other_byte_zero(camera: C
 
 
 TRACER = r"""
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <stddef.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 static void note(const char* what) {
     int file = open("/tmp/trace", O_WRONLY | O_CREAT | O_APPEND, 0666);
     if (file >= 0) { if (write(file, what, strlen(what)) < 0) _exit(9); close(file); }
@@ -132,38 +117,32 @@ static void note_path(const char* call, const struct sockaddr* address, socklen_
     note(text);
 }
 int bind(int socket, const struct sockaddr* address, socklen_t length) {
-    int (*real)(int, const struct sockaddr*, socklen_t) = dlsym(RTLD_NEXT, "bind");
     note_path("bind", address, length);
-    return real(socket, address, length);
+    return NEXT(bind)(socket, address, length);
 }
 ssize_t sendto(int socket, const void* data, size_t size, int flags, const struct sockaddr* address, socklen_t length) {
-    ssize_t (*real)(int, const void*, size_t, int, const struct sockaddr*, socklen_t) = dlsym(RTLD_NEXT, "sendto");
     note_path("sendto", address, length);
-    return real(socket, data, size, flags, address, length);
+    return NEXT(sendto)(socket, data, size, flags, address, length);
 }
 void* SSL_CTX_new(const void* method) {
-    void* (*real)(const void*) = dlsym(RTLD_NEXT, "SSL_CTX_new");
     note("tls\n");
-    return real(method);
+    return NEXT(SSL_CTX_new)(method);
 }
 int client_open(void* handle, const char* name, unsigned int size) {
-    int (*real)(void*, const char*, unsigned int) = dlsym(RTLD_NEXT, "client_open");
     char text[160];
     snprintf(text, sizeof text, "ring %s %u\n", name, size);
     note(text);
-    return real(handle, name, size);
+    return NEXT(client_open)(handle, name, size);
 }
 int QL_ChangeProcUser(const char* user) {
-    int (*real)(const char*) = dlsym(RTLD_NEXT, "QL_ChangeProcUser");
     note("user "); note(user); note("\n");
-    return real(user);
+    return NEXT(QL_ChangeProcUser)(user);
 }
 """
 
 
-def test_ring_buffer_then_notice_to_itgt_then_tls_then_command_socket(start_camera: StartCamera,
-                                                                      tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, TRACER, start=False)
+def test_ring_buffer_then_notice_to_itgt_then_tls_then_command_socket(with_library: StartCamera) -> None:
+    camera = with_library(TRACER, start=False)
     camera.path("/tmp/trace").touch()
     camera.path("/tmp/trace").chmod(0o666)
     camera.start_service()
@@ -213,18 +192,9 @@ def test_user_is_switched_to_sshd(camera: Camera) -> None:
     assert status_field(camera, "Gid").split() == [str(gid)] * 4
 
 
-def test_failed_user_switch_is_logged_and_start_goes_on(start_camera: StartCamera) -> None:
-    camera = start_camera(start=False)
-    (camera.sandbox.folder / "etc" / "passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
-    camera.start_service()
-    expect_log(camera, "ERROR", SUBSYSTEM, "Fail to run ChangeProcUser")
-    expect_working(camera)
-
-
-def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_socket(start_camera: StartCamera,
-                                                                                       tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path,
-                          "#include <stddef.h>\nvoid* srvfs_calloc(size_t n, size_t s) { return NULL; }\n")
+def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_socket(
+        with_library: StartCamera) -> None:
+    camera = with_library("void* srvfs_calloc(size_t n, size_t s) { return NULL; }\n")
     expect_log(camera, "ERROR", SUBSYSTEM, "initialize Utils_ProcessRingBufProducerInit fail, errno[-1]")
     assert not camera.path("/tmp/HK").exists()
     assert camera.path("/tmp/CU").exists()
@@ -233,17 +203,7 @@ def test_failed_ring_buffer_leaves_a_running_process_without_notice_and_command_
     assert camera.service.exit_code is None
 
 
-OWN_PLATFORM = r"""
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-void QL_WriteLog(int module, int level, int debugFlag, int reserved, const char* path, int line, const char* format,
-                 ...) {
-    char text[4096];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
+OWN_PLATFORM = WRITE_LOG + r"""
     for (char* c = text; *c; ++c) if (*c == '\n') *c = '|';
     dprintf(2, "%d,%d,%d,%d,%s,%d,%s\n", module, level, debugFlag, reserved, path, line, text);
 }
@@ -258,10 +218,10 @@ int client_msgsend(void* handle, const void* data, unsigned int length, int flag
 
 
 def test_another_platform_library_takes_the_stand_ins_place_and_sees_module_4_in_every_line(
-        start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, OWN_PLATFORM, records_only=False)
+        with_library: StartCamera) -> None:
+    camera = with_library(OWN_PLATFORM, records_only=False)
     camera.client.command("whiteListDown", camera.platform.task(31))
-    camera.wait_for_log("CustomJsonPicDownloadTask End ")
+    camera.wait_for_log(END)
     assert camera.client.command("faceNotHitDown", {}).status == 200
     assert camera.client.command("whiteListClear", {"cameraCode": "C"}).status == 200
     assert camera.client.send_body(b"{") and camera.wait_for_log("GetJsonMsgInfo err:.")
@@ -278,16 +238,15 @@ def test_child_signals_are_captured_and_do_not_disturb(camera: Camera) -> None:
     for _ in range(50):
         camera.service.send_signal(signal.SIGCHLD)
     expect_working(camera)
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     while not camera.journal.find("platform", "report"):
         camera.service.send_signal(signal.SIGCHLD)
         camera.wait_for(lambda event: event.source != "client", since=len(camera.journal) - 1)
-    camera.wait_for_log("CustomJsonPicDownloadTask End ")
+    wait_end(camera)
     assert camera.platform.reports
 
 
 TWO_CHILDREN = r"""
-#include <unistd.h>
 __attribute__((constructor)) static void make_children(void) {
     for (int i = 0; i < 2; ++i) if (fork() == 0) for (;;) pause();
 }
@@ -307,8 +266,8 @@ def children(camera: Camera) -> dict[int, str]:
     return found
 
 
-def test_one_child_is_reaped_for_each_signal_delivered(start_camera: StartCamera, tmp_path: Path) -> None:
-    camera = with_library(start_camera, tmp_path, TWO_CHILDREN)
+def test_one_child_is_reaped_for_each_signal_delivered(with_library: StartCamera) -> None:
+    camera = with_library(TWO_CHILDREN)
     both = children(camera)
     assert len(both) == 2
     camera.service.send_signal(signal.SIGSTOP)
@@ -328,7 +287,7 @@ def test_one_child_is_reaped_for_each_signal_delivered(start_camera: StartCamera
 def test_two_cameras_work_side_by_side(start_camera: StartCamera) -> None:
     cameras = [start_camera(), start_camera()]
     for number, camera in enumerate(cameras):
-        assert camera.client.command("whiteListDown", camera.platform.task(2, taskID=f"T{number}")).status == 200
+        start_download(camera, 2, taskID=f"T{number}")
     for number, camera in enumerate(cameras):
         camera.wait_until(lambda: camera.platform.reports)
         assert [request.json()["taskID"] for request in camera.platform.requests] == [f"T{number}"] * 2
@@ -343,7 +302,7 @@ def test_the_binary_needs_the_platform_library_at_run_time() -> None:
 def expect_every_command_carried_out(camera: Camera) -> None:
     begin = len(camera.journal)
     camera.faces.applied.clear()
-    assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+    start_download(camera, 31)
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
     assert camera.client.command("faceNotHitDown", {"a": 1}).status == 200
     wait_end(camera, begin)

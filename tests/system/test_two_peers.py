@@ -10,7 +10,7 @@ from typing import Any
 import pytest
 
 from simulator import NEVER, Camera, Reset, Send, Wait, wire
-from support import TASK, download, expect_log, expect_working, received
+from support import download, expect_working, received, start_download, wait_end
 
 PEERS = ["itgt", "faces", "client", "platform", "events"]
 STATES = ["slow", "silent", "away", "restarts"]
@@ -31,7 +31,7 @@ class Business:
     def start(self, peer: str) -> None:
         camera = self.camera
         if peer in DOWNLOAD and not self._downloads:
-            assert camera.client.command("whiteListDown", camera.platform.task(31)).status == 200
+            start_download(camera, 31)
             self._downloads = True
         elif peer == "faces":
             self._tag = camera.client.send("whiteListClear", {"cameraCode": "C1"})
@@ -49,7 +49,7 @@ class Business:
     def end(self, peer: str) -> None:
         camera = self.camera
         if peer in DOWNLOAD:
-            expect_log(camera, "INFO", TASK, "CustomJsonPicDownloadTask End ", timeout=20)
+            wait_end(camera, timeout=20)
             assert len(camera.platform.reports) >= self._reports
         elif peer == "faces":
             camera.wait_until(lambda: len(camera.faces.applied) == 3, 20)

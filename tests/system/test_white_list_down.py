@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import pytest
 
-from simulator import Camera, Response
-from support import (BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records, texts,
-                     wait_end)
+from simulator import Camera
+from support import (BEGIN, DOWNLOAD, END, LOOP, TASK, count_text, download, expect_log, received, records,
+                     start_download, texts, wait_end)
 
 ADDRESS = "ServerIp:{}  ServerPort:{} ServerUri:{} ResultUri:{}"
 
@@ -75,12 +75,6 @@ def test_number_of_records_as_text_of_digits_is_taken(camera: Camera) -> None:
             if request.target == camera.platform.task_path] == [30, 1]
 
 
-def test_task_id_as_a_number_is_refused(camera: Camera) -> None:
-    assert camera.client.command("whiteListDown", camera.platform.task(1, taskID=1)).status == 400
-    assert "Can not convert " in camera.wait_for_log("DownWhiteHandler Err ").text
-    assert "totalNum:1" not in texts(camera)
-
-
 def test_arguments_before_the_missing_one_are_logged_and_none_after_it(camera: Camera) -> None:
     assert camera.client.command("whiteListDown", camera.platform.task(1, sqbh=...)).status == 400
     camera.wait_for_log("DownWhiteHandler Err ")
@@ -103,13 +97,6 @@ def test_total_of_0_runs_the_task_and_sends_nothing(camera: Camera) -> None:
     received(camera, "itgt", 1037)
     assert [message.command for message in camera.itgt.received] == [1037]
     assert not camera.path("/tmp/mmcblk0/face_basic/faceLib").exists()
-
-
-def test_reply_comes_before_the_download_is_done(camera: Camera) -> None:
-    camera.itgt.script(7020, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
-    received(camera, "itgt", 7020)
-    assert count_text(camera, END) == 0
 
 
 def test_second_download_is_answered_409_while_one_runs_and_disturbs_nothing(camera: Camera) -> None:
@@ -135,14 +122,14 @@ def test_second_download_is_answered_409_while_one_runs_and_disturbs_nothing(cam
 
 def test_busy_rule_comes_before_the_arguments(camera: Camera) -> None:
     camera.itgt.script(7020, None)
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     assert camera.client.command("whiteListDown", {}).status == 409
-    assert count_text(camera, "DownWhiteHandler Err ") == 0
+    assert count_text(camera, "DownWhiteHandler Err ") == count_text(camera, END) == 0
 
 
 def test_other_commands_are_answered_while_a_download_runs(camera: Camera) -> None:
     camera.itgt.delay = 0.3
-    assert camera.client.command("whiteListDown", camera.platform.task(1)).status == 200
+    start_download(camera)
     received(camera, "itgt", 7020)
     assert camera.client.command("faceNotHitDown", {"a": 1}).status == 200
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}).status == 200
@@ -150,28 +137,6 @@ def test_other_commands_are_answered_while_a_download_runs(camera: Camera) -> No
     wait_end(camera)
     assert len(camera.platform.reports) == 1
     assert len(camera.faces.applied) == 3
-
-
-def test_next_download_is_accepted_after_one_that_worked(camera: Camera) -> None:
-    for number in range(3):
-        download(camera, 1, taskID=f"T{number}")
-    assert [request.json()["taskID"] for request in camera.platform.reports] == ["T0", "T1", "T2"]
-
-
-def test_next_download_is_accepted_after_one_that_failed(camera: Camera) -> None:
-    camera.platform.script(camera.platform.task_path, Response(500))
-    download(camera, 1)
-    assert camera.platform.reports == []
-    expect_log(camera, "ERROR", "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureTask",
-               "DownloadPictureProcess fail.")
-    download(camera, 1)
-    assert len(camera.platform.reports) == 1
-
-
-def test_refused_command_leaves_the_busy_mark_clear(camera: Camera) -> None:
-    assert camera.client.command("whiteListDown", {}).status == 400
-    download(camera, 1)
-    assert count_text(camera, BEGIN) == 1
 
 
 def test_failed_command_does_not_change_what_the_next_one_asks_for(camera: Camera) -> None:

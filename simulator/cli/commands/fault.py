@@ -43,10 +43,10 @@ def run(arguments: argparse.Namespace) -> int:
         name = f"{name}.{words.pop(0)}"
     switch = words.pop(0) if words and "=" not in words[0] else "on"
     if switch not in ("on", "off") or (switch == "off" and words):
-        raise CodedError(f"after the fault comes on, with NAME=VALUE, or off; not {' '.join([switch, *words])!r}",
+        raise CodedError(f"after the fault write on, with NAME=VALUE, or off; not {' '.join([switch, *words])!r}",
                          WRONG_ARGUMENTS)
     if (name, switch) == ("all", "on"):
-        raise CodedError("all can be switched off only", WRONG_ARGUMENTS)
+        raise CodedError("all can only be switched off", WRONG_ARGUMENTS)
     text = f"{name}={','.join(words)}" if words else name
     try:
         if name != "all":

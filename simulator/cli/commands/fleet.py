@@ -17,7 +17,7 @@ HELP = "run many cameras against one platform and report what the platform sees"
 DESCRIPTION = """\
 Runs N cameras, each in its own sandbox, has each of them fetch faces from one platform, and reports what
 that platform sees: requests, bytes, connections, how long downloads take, and how much memory a camera
-uses. docs/fleet.md works with the numbers."""
+uses. docs/fleet.md evaluates the numbers."""
 EXAMPLES = ("camsim fleet 50 --spread 30", "camsim fleet 3 --faces 31 --json",
             "camsim fleet 10 --platform https://localhost:9443/platform/whiteList")
 _BLOCKS = " ▁▂▃▄▅▆▇█"

@@ -34,13 +34,13 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--address", default="127.0.0.1",
                         help="where to listen; 0.0.0.0 for the whole network (127.0.0.1)")
     parser.add_argument("--port", type=int, default=Platform.port, metavar="N",
-                        help=f"the port; 0 for any that is free ({Platform.port})")
+                        help=f"the port; 0 for any free one ({Platform.port})")
     parser.add_argument("--name", default="platform",
-                        help="under which camsim fault and camsim watch know it (platform)")
+                        help="its name for camsim fault and camsim watch (platform)")
     options.add_pictures(parser)
     options.add_faults(parser)
     options.add_record(parser)
-    parser.add_argument("--verbose", action="store_true", help="show every request and answer whole")
+    parser.add_argument("--verbose", action="store_true", help="show every request and response in full")
     options.add_json(parser)
 
 
@@ -87,4 +87,4 @@ def _greet(platform: Platform, show: Display, arguments: argparse.Namespace) -> 
     for name, value in document.items():
         show.console.print(f"  {name}: {value}")
     if not platform.pictures:
-        show.console.print("  (as many faces as you like: they are made up; --pictures FOLDER serves your own)")
+        show.console.print("  (as many faces as you like: they are generated; --pictures FOLDER serves your own)")

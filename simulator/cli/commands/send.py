@@ -17,7 +17,7 @@ from simulator.cli.scenarios.settings import SCHEMA
 HELP = "send a command, or raw bytes, to a running camera and print the reply"
 DESCRIPTION = """\
 Sends a command through the simulated client on /tmp/KH of a running camera, and prints the reply. The exit
-code tells the status: 0 for 200, 3 for 400, 4 for 409, 5 for no reply."""
+code gives the status: 0 for 200, 3 for 400, 4 for 409, 5 for no reply."""
 EXAMPLES = (
     "camsim send whiteListDown --faces 75 --wait",
     "camsim send whiteListDown --set taskID=T7 --set totalNum=31",
@@ -33,9 +33,9 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--faces", type=int, metavar="N",
                         help="whiteListDown: faces to fetch (75, or all own pictures)")
     parser.add_argument("--info", metavar="JSON", help="the command's arguments (taskInfo) as a JSON object, or @FILE; "
-                        "for whiteListDown and whiteListClear what is to differ from the usual ones")
+                        "for whiteListDown and whiteListClear only what differs from the defaults")
     parser.add_argument("--set", action="append", default=[], metavar="NAME=VALUE",
-                        help="one argument, as often as wanted; VALUE is JSON, or else a text")
+                        help="one argument; may be repeated; VALUE is JSON, or else text")
     parser.add_argument("--raw", action="append", default=[], metavar="HEX|FILE",
                         help="in place of a command: one datagram, as hexadecimal digits or the content of a file; "
                              "a command is two, its head and its body")

@@ -13,10 +13,10 @@ from rich.text import Text
 from simulator.errors import CameraError
 from simulator.trace.chapters import Chapter, chapters_of
 from simulator.trace.comparison import NOT_COMPARED, compare, counts
-from simulator.trace.display import NAMES, STYLES
+from simulator.trace.diagram import STYLES
 from simulator.trace.recording import Recording, read
 from simulator.trace.web_page import page
-from simulator.trace.words import Item
+from simulator.trace.words import NAMES, Item
 
 HELP = "explain a recorded run: as text, as JSON, or as a page to look at"
 EXAMPLES = ("camsim trace gate.run", "camsim trace gate.run --html gate.html",
@@ -26,10 +26,10 @@ EXAMPLES = ("camsim trace gate.run", "camsim trace gate.run --html gate.html",
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("file", type=Path, metavar="FILE", help="a recorded run")
     form = parser.add_mutually_exclusive_group()
-    form.add_argument("--json", action="store_true", help="print it machine-readable")
+    form.add_argument("--json", action="store_true", help="print it as JSON")
     form.add_argument("--html", type=Path, metavar="OUT", help="write it as one page for a browser")
-    form.add_argument("--compare", type=Path, metavar="OTHER", help="say where another recorded run of the same story "
-                      "differs in a byte; exit code 1 if it does")
+    form.add_argument("--compare", type=Path, metavar="OTHER", help="show the first byte in which another recording of "
+                      "the same scenario differs; exit code 1 if it does")
 
 
 def run(arguments: argparse.Namespace) -> int:

@@ -17,7 +17,7 @@ from simulator.trace.display import Display
 HELP = "run a whole camera until Ctrl-C: the service and everything around it"
 DESCRIPTION = """\
 Runs the unchanged service in a sandbox of its own, with every process around it simulated, until Ctrl-C or
-SIGTERM, and shows what passes between them. Meanwhile, in another terminal: camsim send, watch, fault."""
+SIGTERM, and shows what passes between them. In another terminal, use camsim send, watch and fault meanwhile."""
 EXAMPLES = (
     "camsim up",
     "camsim up --name gate --quiet --record gate.run",
@@ -34,9 +34,9 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     options.add_itgt(parser)
     options.add_faults(parser)
     options.add_record(parser)
-    parser.add_argument("--quiet", action="store_true", help="show only that it is up, and its end")
+    parser.add_argument("--quiet", action="store_true", help="show only when it is up and when it has ended")
     parser.add_argument("--verbose", action="store_true",
-                        help="show also the service's log and every message whole, decoded")
+                        help="also show the service's log and every message in full, decoded")
     options.add_json(parser, "print JSON: a line for the camera when it is up, then one for everything that happens")
 
 
@@ -58,7 +58,7 @@ def run(arguments: argparse.Namespace) -> int:
                 camera.start_service(wait="itgt.no-marker" not in waiting)
                 _greet(running, show, arguments)
                 code = camera.wait_for(lambda event: event.matches("service", "ended"), _FOREVER).exit_code
-                raise CameraError(f"the service ended by itself, with code {code}; its last words:\n"
+                raise CameraError(f"the service ended by itself, with code {code}; its last output:\n"
                                   + "\n".join(record.text for record in camera.service.log[-10:]))
         except Stopped:
             if not arguments.json:

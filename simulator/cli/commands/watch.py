@@ -19,7 +19,7 @@ EXAMPLES = ("camsim watch", "camsim watch --verbose", "camsim watch --json | gre
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--verbose", action="store_true",
-                        help="show also the service's log and every message whole, decoded")
+                        help="also show the service's log and every message in full, decoded")
     options.add_name(parser)
     options.add_json(parser)
 

@@ -74,7 +74,7 @@ class _Reader:
         try:
             self._value = json.loads(text)
         except json.JSONDecodeError as error:
-            raise DocumentError(f"{path}, line {error.lineno}: this is no JSON: {error.msg}") from error
+            raise DocumentError(f"{path}, line {error.lineno}: this is not JSON: {error.msg}") from error
         except RecursionError as error:
             raise DocumentError(f"{path}, line 1: this is nested too deeply") from error
         # JSON is YAML, but for tabs, and that reader tells lines.
@@ -101,7 +101,7 @@ class _Reader:
             for name, value in node.value:
                 if (*place, name.value) in self._lines:
                     line = name.start_mark.line + 1
-                    raise DocumentError(f"{self._path}, line {line}: {name.value!r} stands here twice")
+                    raise DocumentError(f"{self._path}, line {line}: {name.value!r} is here twice")
                 self._note_lines((*place, name.value), value)
 
     def _error(self, place: Place, text: str) -> DocumentError:
@@ -131,7 +131,7 @@ class _Reader:
             return self._error(place, f"{missing!r} is missing here")
         near = faults.suggestion(value, wanted.replace(",", "").split()) if isinstance(value, str) else ""
         shown = json.dumps(value, ensure_ascii=False)[:80]
-        return self._error(place, f"this is to be {wanted}, not {shown}{near}")
+        return self._error(place, f"this must be {wanted}, not {shown}{near}")
 
     def _wrong_step(self, place: Place, error: jsonschema.ValidationError) -> DocumentError:
         step = error.instance

@@ -51,7 +51,7 @@ def _set_pictures(camera: Camera, value: str) -> None:
 
 SETTINGS = {setting.name: setting for setting in (
     Setting("picture_seconds", "seconds that ITGT takes to import a picture", "0.02", _set_picture_seconds),
-    Setting("time_text", "the time that ITGT tells", '"2024-05-17 08:30:00"', _set_time_text),
-    Setting("picture_bytes", "smallest and largest made-up picture", "[800, 1000]", _set_picture_bytes),
+    Setting("time_text", "the time that ITGT reports", '"2024-05-17 08:30:00"', _set_time_text),
+    Setting("picture_bytes", "size of the smallest and largest generated picture", "[800, 1000]", _set_picture_bytes),
     Setting("pictures", "folder of your own .jpg files to serve as pages, seen from the scenario's folder",
             '"my-faces"', _set_pictures))}

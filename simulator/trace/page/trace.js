@@ -8,17 +8,14 @@ async function unpacked(text) {
 }
 
 const run = await unpacked(document.getElementById("run").textContent);
-const NAMES = { client: "client", service: "service", itgt: "ITGT", faces: "face library", platform: "platform",
-                events: "event cache" };
-const SHORT = { faces: "faces", events: "events" };
-const ORDER = ["events", "client", "service", "itgt", "faces", "platform"];
+const NAMES = run.names, SHORT_NAMES = run.short_names;
 const LONG_GAP = 0.4;       // seconds without a message that are shown as a gap
 const ROWS_AT_ONCE = 400;   // chapters are open from the start as long as they have no more rows together
 const LOGS_SHOWN = 3;
 const narrow = matchMedia("(max-width: 760px)");
 const SVG = "http://www.w3.org/2000/svg";
 
-const lanes = ORDER.filter((name) => name === "service" || run.chapters.some((chapter) =>
+const lanes = Object.keys(NAMES).filter((name) => name === "service" || run.chapters.some((chapter) =>
   chapter.items.some((item) => item.from === name || item.to === name)));
 const at = (name) => `${(100 * (Math.max(lanes.indexOf(name), 0) + 0.5)) / lanes.length}%`;
 
@@ -325,7 +322,7 @@ function showOverview() {
 
 function showTools() {
   document.getElementById("processes").append(make("div", "lanes", ...lanes.map((name) =>
-    make("span", `of-${name}`, narrow.matches ? SHORT[name] ?? NAMES[name] : NAMES[name]))));
+    make("span", `of-${name}`, (narrow.matches ? SHORT_NAMES : NAMES)[name]))));
   for (const name of ["log", "connections", "notes"]) {
     const button = make("button", "", name);
     button.type = "button";
