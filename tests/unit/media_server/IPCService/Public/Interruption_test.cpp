@@ -88,6 +88,22 @@ TEST(Interruption, WaitEndsWithTheTimeOutAndNotBefore)
     EXPECT_GE(stopwatch.elapsed(), milliseconds(50));
 }
 
+TEST(Interruption, WhatNeedNotWaitTakesNoTime)
+{
+    constexpr int TIMES = 5000;  // with one millisecond each they would take longer than this test may
+    const Pipe pipe;
+    const std::function<void()> immediate[] = {[] { Interruption::check(); },
+                                               [&] { Interruption::wait(pipe.reader(), POLLIN, 0); },
+                                               [] { Interruption::wait(-1, POLLIN, -1); }};
+    for (const auto& call : immediate) {
+        const Stopwatch stopwatch;
+        for (int i = 0; i < TIMES; ++i) {
+            call();
+        }
+        EXPECT_LT(stopwatch.elapsed(), milliseconds(TIMES));
+    }
+}
+
 TEST(Interruption, WaitEndsWhenTheDescriptorBecomesReady)
 {
     const Pipe pipe;
