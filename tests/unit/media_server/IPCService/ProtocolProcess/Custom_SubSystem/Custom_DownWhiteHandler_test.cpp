@@ -107,6 +107,15 @@ TEST_F(DownWhiteTest, LogsItsArgumentsInOrderRepliesAndFillsTheRecordOfTheDownlo
     EXPECT_EQ(record.datatime, "D1");
 }
 
+TEST_F(DownWhiteTest, IsRefusedWhileADownloadRuns)
+{
+    m_subSystem.m_bDownloading = true;
+    m_arguments = {};
+    EXPECT_FALSE(handle());
+    expectReply(77, 409);
+    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{info("not allowed,is downloading  white now"), replied()}));
+}
+
 /** While it lives, this process gets no new descriptor. */
 class NoFreeDescriptor
 {

@@ -49,6 +49,15 @@ TEST_F(FaceNotHitTest, PutsItsArgumentsAsOneRecordWithANulAndReplies)
     EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{replied()});
 }
 
+TEST_F(FaceNotHitTest, RefusedRecordIsLoggedAndThenAnswered)
+{
+    FakePlatform::setSendResult(7);
+    EXPECT_EQ(handle("{}"), 0);
+    expectReply(55, 400);
+    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{error("metadata put ring buf fail."), replied()}));
+    EXPECT_EQ(FakePlatform::sent().size(), 1U) << "nothing is tried twice";
+}
+
 TEST_F(FaceNotHitTest, WithoutARingBufferIsAnsweredAllTheSame)
 {
     m_subSystem.m_ringBufHandle = nullptr;
