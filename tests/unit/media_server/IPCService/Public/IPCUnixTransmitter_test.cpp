@@ -180,14 +180,6 @@ TEST_F(UnixTransmitter, FullQueueOfThePeerFailsAtOnceAndIsOverWhenItEmpties)
     EXPECT_EQ(sendText(transmitter, message, "peer"), 21408);
 }
 
-TEST_F(UnixTransmitter, TooLongDatagramFails)
-{
-    const UnixSocket peer(folder.file("peer"));
-    IPCUnixTransmitter transmitter(folder.file("own"));
-    EXPECT_EQ(sendText(transmitter, std::string(8U << 20U, 'x'), "peer"), -1);
-    EXPECT_THAT(onlyLine(SOURCE, 3, "sendTo fail:%s."), StartsWith("sendTo fail:"));
-}
-
 TEST_F(UnixTransmitter, ReceiveTakesOneDatagramEach)
 {
     IPCUnixTransmitter transmitter(folder.file("own"));

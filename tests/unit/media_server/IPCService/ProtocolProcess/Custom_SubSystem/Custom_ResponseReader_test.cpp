@@ -283,18 +283,19 @@ INSTANTIATE_TEST_SUITE_P(Length, OutcomeTest,
 
 INSTANTIATE_TEST_SUITE_P(
     Coding, OutcomeTest,
-    testing::Values(Outcome{OK + "transfer-encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
-                    Outcome{OK + "Transfer-Encoding:\r\n chunked\r\n\r\n" + ANY_BODY, "\"body\""},
-                    Outcome{OK + "Content-Length: 2\r\nTransfer-Encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
-                    Outcome{OK + "Transfer-Encoding: gzip, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
-                    Outcome{OK + "Transfer-Encoding: chunked, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
-                    Outcome{OK + "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY,
-                            NO_CODING},
-                    Outcome{OK + "Transfer-Encoding: gzip\r\n\r\n" + ANY_BODY, NO_CODING},
-                    Outcome{OK + "Transfer-Encoding: chunked;q=1\r\n\r\n" + ANY_BODY, NO_CODING},
-                    Outcome{OK + "Transfer-Encoding: gzip, chunked\r\nContent-Length: 6\r\n\r\n" + ANY_BODY, NO_CODING},
-                    Outcome{OK + "Transfer-Encoding: \"chunked\"\r\n\r\n" + ANY_BODY, NO_CODING},
-                    Outcome{OK + "Transfer-Encoding : chunked\r\n\r\n" + ANY_BODY, NO_FIELD}));
+    testing::Values(
+        Outcome{OK + "transfer-encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
+        Outcome{OK + "Transfer-Encoding:\r\n chunked\r\n\r\n" + ANY_BODY, "\"body\""},
+        Outcome{OK + "Content-Length: 2\r\nTransfer-Encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
+        Outcome{OK + "Transfer-Encoding: gzip, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: chunked, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: gzip\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: chunked;q=1\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: gzip, chunked\r\nContent-Length: 6\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding: \"chunked\"\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{OK + "Transfer-Encoding : chunked\r\n\r\n" + ANY_BODY, NO_FIELD}));
 
 // Whether a response of that status has the body that it announces, which does not come here.
 INSTANTIATE_TEST_SUITE_P(Status, OutcomeTest,
