@@ -19,6 +19,9 @@ public:
     /// The application itself, for whoever has to keep a pointer of that type.
     virtual ProtocalProcess::Public_SubProcess* application() = 0;
 
+    /// The way back from such a pointer. The application defines it, beside its type.
+    static TaskStarter& of(ProtocalProcess::Public_SubProcess& application);
+
 protected:
     ~TaskStarter() = default;
 };

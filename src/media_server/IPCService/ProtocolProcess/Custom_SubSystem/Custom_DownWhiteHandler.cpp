@@ -11,6 +11,7 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 #include "media_server/IPCService/Public/ExceptionText.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
+#include "media_server/IPCService/Public/TaskStarter.h"
 
 namespace IPCService {
 namespace MetaDataGW {
@@ -94,7 +95,7 @@ bool CustomJsonMsgLoop::DownWhiteHandler(Object::Ptr& info, std::uint32_t& tag)
             static_cast<int>(m_downloadTaskParam.ServerPort), m_downloadTaskParam.ServerUri.c_str(),
             m_downloadTaskParam.ResultUri.c_str());
         // The task is busy from its making on: the next command may come before its thread runs.
-        m_pTaskStarter->startTask(new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
+        TaskStarter::of(*m_pApp).startTask(new CustomJsonPicDownloadTask(m_pSubSystem, &m_downloadTaskParam));
     } catch (const std::exception& exc) {
         LOG(Error, "DownWhiteHandler Err %s ", exceptionText(exc).c_str());
         SendJsonMsg(COMMAND_CLIENT_PATH, tag, STATUS_FAILED);

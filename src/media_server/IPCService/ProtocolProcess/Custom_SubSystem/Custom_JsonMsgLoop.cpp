@@ -113,12 +113,6 @@ void CustomJsonMsgLoop::bind()
     bindToPath(m_socket, m_address);
 }
 
-void CustomJsonMsgLoop::serveFor(TaskStarter& app)
-{
-    m_pTaskStarter = &app;
-    m_pApp = app.application();
-}
-
 void CustomJsonMsgLoop::cancel()
 {
     Poco::Task::cancel();

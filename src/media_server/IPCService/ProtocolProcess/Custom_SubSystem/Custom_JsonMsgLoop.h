@@ -13,9 +13,11 @@
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadTaskParam.h"
 #include "media_server/IPCService/Public/Interruption.h"
-#include "media_server/IPCService/Public/TaskStarter.h"
 
 namespace IPCService {
+namespace ProtocalProcess {
+class Public_SubProcess;
+}
 namespace MetaDataGW {
 
 class CustomSubSystem;
@@ -47,10 +49,6 @@ public:
     /// Binds the command socket. To be called before the loop starts.
     /// @throws Poco::IOException when the path cannot be bound
     void bind();
-
-    /// Names the application that runs the downloads. To be called before the loop starts.
-    /// @param app  not owned; must outlive the loop's run
-    void serveFor(TaskStarter& app);
 
     /// Ends the loop within its present wait, whatever it waits for. Any thread, at any time.
     void cancel() override;
@@ -84,7 +82,7 @@ public:
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_Commands.inc"
 #undef COMMAND
 
-    /// Service application; not owned. Part of the contract, and read by nothing here: m_pTaskStarter is the same.
+    /// The application, which runs the downloads; not owned. Set before the loop starts, must outlive its run.
     ProtocalProcess::Public_SubProcess* m_pApp;
 
 private:
@@ -107,7 +105,6 @@ private:
     Poco::Net::DatagramSocket m_socket;
     DownloadTaskParam m_downloadTaskParam;  ///< written only while no download runs
     CustomSubSystem* m_pSubSystem;
-    TaskStarter* m_pTaskStarter = nullptr;  ///< runs the downloads; not owned
     Interruption m_interruption;
 };
 

@@ -132,7 +132,7 @@ void CustomSubSystem::startCommandLoop(TaskStarter& app)
     holdStopSignals();
     m_pLoop = new CustomJsonMsgLoop(this);
     m_pLoop->bind();
-    m_pLoop->serveFor(app);
+    m_pLoop->m_pApp = app.application();
     app.startTask(m_pLoop.duplicate());
 }
 

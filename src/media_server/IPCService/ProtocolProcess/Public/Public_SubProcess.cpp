@@ -233,4 +233,10 @@ bool Public_SubProcess::endTasks() noexcept
 }
 
 }  // namespace ProtocalProcess
+
+TaskStarter& TaskStarter::of(ProtocalProcess::Public_SubProcess& application)
+{
+    return application;
+}
+
 }  // namespace IPCService

@@ -82,27 +82,10 @@ TEST_F(OldProtocol, SendCarriesTheWholeMessage)
     for (std::size_t i = 0; i < wire.size(); ++i) {
         wire[i] = static_cast<char>(i % 251);
     }
+    // Neither the command nor the destination in the message counts.
     EXPECT_EQ(protocol.send(folder.file("peer"), command(1), messageOf(wire)), 21408);
     EXPECT_EQ(peer.receive(), wire);
     EXPECT_EQ(peer.sender(), folder.file("own"));
-}
-
-TEST_F(OldProtocol, SendIgnoresItsCommand)
-{
-    EXPECT_EQ(protocol.send(folder.file("peer"), command(7020), message), 21408);
-    EXPECT_EQ(numberAt<std::uint32_t>(peer.receive().value(), 164), 0U);
-}
-
-TEST_F(OldProtocol, SendDoesNotReadTheDestinationInTheMessage)
-{
-    std::memcpy(&message, "/none", 6);
-    EXPECT_EQ(protocol.send(folder.file("peer"), command(1), message), 21408);
-}
-
-TEST_F(OldProtocol, SendToNobodyFails)
-{
-    EXPECT_EQ(protocol.send(folder.file("nobody"), command(1), message), -1);
-    EXPECT_EQ(CapturedLog::records().size(), 1U) << "the transmitter's, and none of its own";
 }
 
 TEST_F(OldProtocol, ReceiveTakesTheWholeMessageAndItsCommand)
@@ -117,44 +100,27 @@ TEST_F(OldProtocol, ReceiveTakesTheWholeMessageAndItsCommand)
     EXPECT_EQ(bytesOf(message), wire);
 }
 
+TEST_F(OldProtocol, ShortReplyYieldsTheCommandThatTheBufferHeld)
+{
+    std::string before(21408, '\0');
+    putNumber<std::uint32_t>(before, 164, 7021);
+    for (const std::size_t size : {0U, 1U, 164U, 168U}) {
+        message = messageOf(before);
+        ASSERT_TRUE(peer.send(folder.file("own"), std::string(size, 's')));
+        QL_CMD_TYPE received = command(1);
+
+        EXPECT_EQ(protocol.receive(received, message), static_cast<int>(size));
+        EXPECT_EQ(static_cast<std::uint32_t>(received), size < 168 ? 7021U : 0x73737373U);
+        EXPECT_EQ(bytesOf(message), std::string(size, 's') + before.substr(size));
+    }
+}
+
 TEST_F(OldProtocol, ReceiveCutsWhatIsTooLong)
 {
     ASSERT_TRUE(peer.send(folder.file("own"), std::string(30000, 'x')));
     QL_CMD_TYPE received = command(1);
     EXPECT_EQ(protocol.receive(received, message), 21408);
     EXPECT_EQ(bytesOf(message), std::string(21408, 'x'));
-}
-
-TEST_F(OldProtocol, ShortReplyYieldsTheCommandThatTheBufferHeld)
-{
-    for (const std::size_t size : {0U, 1U, 164U}) {
-        std::string before(21408, '\0');
-        putNumber<std::uint32_t>(before, 164, 7021);
-        message = messageOf(before);
-        ASSERT_TRUE(peer.send(folder.file("own"), std::string(size, 's')));
-        QL_CMD_TYPE received = command(1);
-
-        EXPECT_EQ(protocol.receive(received, message), static_cast<int>(size));
-        EXPECT_EQ(static_cast<std::uint32_t>(received), 7021U);
-        EXPECT_EQ(bytesOf(message), std::string(size, 's') + before.substr(size));
-    }
-}
-
-TEST_F(OldProtocol, ReplyOf168BytesYieldsItsOwnCommand)
-{
-    std::string wire(168, '\0');
-    putNumber<std::uint32_t>(wire, 164, 7031);
-    ASSERT_TRUE(peer.send(folder.file("own"), wire));
-    QL_CMD_TYPE received = command(1);
-    EXPECT_EQ(protocol.receive(received, message), 168);
-    EXPECT_EQ(static_cast<std::uint32_t>(received), 7031U);
-}
-
-TEST_F(OldProtocol, PollTellsWhetherAReplyWaits)
-{
-    EXPECT_EQ(protocol.poll(0, 1000), 0);
-    ASSERT_TRUE(peer.send(folder.file("own"), "x"));
-    EXPECT_NE(protocol.poll(20, 0), 0);
 }
 
 TEST(OldProtocolTransmitter, ResultsAndArgumentsPassThrough)

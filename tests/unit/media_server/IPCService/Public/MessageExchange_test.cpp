@@ -113,11 +113,9 @@ TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
 {
     Exchanging exchanging({7031});
     ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
-    const Stopwatch stopwatch;
     EXPECT_FALSE(exchanging.hasEnded(milliseconds(1500)));
     UnixSocket itgt(ITGT_PATH);
-    EXPECT_EQ(itgt.receive(), requestBytes(7031));
-    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(4500)));
+    EXPECT_EQ(itgt.receive(milliseconds(5000)), requestBytes(7031));
     EXPECT_EQ(sendFailures(), 1) << "a repetition was logged";
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
@@ -221,20 +219,16 @@ TEST(MessageExchange, InterruptWakesASilentExchange)
     UnixSocket itgt(ITGT_PATH);
     Exchanging exchanging({7021});
     ASSERT_TRUE(itgt.receive().has_value());
-    const Stopwatch stopwatch;
     exchanging.interrupt();
     EXPECT_THROW(exchanging.replies(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(1000)));
 }
 
 TEST(MessageExchange, InterruptWakesWhoCannotReachItsPeer)
 {
     Exchanging exchanging({7021});
     ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
-    const Stopwatch stopwatch;
     exchanging.interrupt();
     EXPECT_THROW(exchanging.replies(), Interrupted);
-    EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(900)));
 }
 
 }  // namespace

@@ -83,19 +83,6 @@ TEST(MsgData, CommandCodes)
     EXPECT_EQ(static_cast<std::uint32_t>(CMD_FACE_IMPORT_PAGE), 7031U);
 }
 
-TEST(MsgData, HeaderOfTheReadyMessage)
-{
-    MSG_DATA message{};
-    IPCService::setMsgHeader(message, "/tmp/II", "/tmp/CU", 4, CMD_CUSTOM_PROTOCOL_READY);
-
-    std::string expected = ZEROS;
-    putText(expected, 0, "/tmp/II");
-    putText(expected, 8, "/tmp/CU");
-    putText(expected, 160, bytes("\x04\0\0\0"));
-    putText(expected, 164, bytes("\x0D\x04\0\0"));
-    EXPECT_EQ(wire(message), expected);
-}
-
 TEST(MsgData, HeaderOfAFaceMessage)
 {
     MSG_DATA message{};
@@ -113,32 +100,14 @@ TEST(MsgData, HeaderOfAFaceMessage)
 TEST(MsgData, HeaderLeavesTheRestAsItIs)
 {
     MSG_DATA message = messageOf(std::string(SIZE, 'r'));
-    IPCService::setMsgHeader(message, "/tmp/II", "/tmp/CP", 0, CMD_FACE_IMPORT_PAGE);
+    IPCService::setMsgHeader(message, "/tmp/A", "/tmp/CU", 4, CMD_CUSTOM_PROTOCOL_READY);
 
-    const std::string bytes = wire(message);
-    EXPECT_EQ(bytes.substr(16, 144), std::string(144, 'r'));
-    EXPECT_EQ(bytes.substr(168), std::string(SIZE - 168, 'r'));
-    EXPECT_EQ(textAt(bytes, 0), "/tmp/II");
-    EXPECT_EQ(textAt(bytes, 8), "/tmp/CP");
-    EXPECT_EQ(numberAt<std::uint32_t>(bytes, 160), 0U);
-    EXPECT_EQ(numberAt<std::uint32_t>(bytes, 164), 7031U);
-}
-
-TEST(MsgData, PathOfSevenCharactersKeepsItsNul)
-{
-    MSG_DATA message{};
-    IPCService::setMsgHeader(message, "1234567", "7654321", 0, CMD_FACE_IMPORT_PAGE);
-    EXPECT_EQ(wire(message).substr(0, 17), bytes("1234567\0"
-                                                 "7654321\0\0"));
-}
-
-TEST(MsgData, ShorterPathIsPaddedWithNuls)
-{
-    MSG_DATA message{};
-    IPCService::setMsgHeader(message, "/tmp/II", "/tmp/CP", 0, CMD_FACE_IMPORT_PAGE);
-    IPCService::setMsgHeader(message, "/tmp/A", "/t", 0, CMD_FACE_IMPORT_PAGE);
-    EXPECT_EQ(wire(message).substr(0, 16), bytes("/tmp/A\0\0"
-                                                 "/t\0\0\0\0\0\0"));
+    std::string expected(SIZE, 'r');
+    putText(expected, 0, bytes("/tmp/A\0\0"));
+    putText(expected, 8, bytes("/tmp/CU\0"));
+    putText(expected, 160, bytes("\x04\0\0\0"));
+    putText(expected, 164, bytes("\x0D\x04\0\0"));
+    EXPECT_EQ(wire(message), expected);
 }
 
 TEST(MsgData, NumbersOfFaceListMessages)

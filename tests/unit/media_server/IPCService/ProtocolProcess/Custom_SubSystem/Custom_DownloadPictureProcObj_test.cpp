@@ -1,11 +1,13 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <chrono>
 #include <string>
 
 #include "download_fixture.h"
+#include "support/system_calls.h"
 
 using namespace IPCService::MetaDataGW;
 
@@ -13,172 +15,107 @@ namespace {
 
 constexpr char LOG_FILE[] = "Custom_DownloadPictureProcObj";
 
+mode_t permissionsOf(const char* path)
+{
+    struct stat status = {};
+    EXPECT_EQ(stat(path, &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+/** Fetching one page and telling the analysis process of it. */
+class SendSysObjTest : public DownloadTest
+{
+protected:
+    static int send(DownloadPictureProcParam page)
+    {
+        CustomJSONDownloadPictureObj request(page);
+        return SendSysObj(page, request, "/page");
+    }
+};
+
+TEST_F(SendSysObjTest, FileIsNamedAfterTheUnsignedStartIndex)
+{
+    EXPECT_EQ(send(page(4294967280U)), 0);
+    EXPECT_EQ(pageFile("white4294967280"), "the page");
+    ASSERT_EQ(m_itgt.requests().size(), 1U);
+    EXPECT_EQ(textAt(m_itgt.requests()[0], 448), "white4294967280");
+}
+
+// That a page survives a power cut cannot be seen from outside; the flag that promises it can.
+TEST_F(SendSysObjTest, WhatIsWrittenIsOnTheDiskBeforeItgtIsTold)
+{
+    int flags = 0;
+    systemCalls().open = [&flags](const std::string& path, int wanted) -> std::optional<int> {
+        if (path == "/tmp/mmcblk0/face_basic/faceLib/white0") {
+            flags = wanted;
+        }
+        return std::nullopt;
+    };
+    std::string found;
+    m_itgtScript = [&](const std::string& request) {
+        found = pageFile("white0");
+        return importAtOnce(request);
+    };
+    EXPECT_EQ(send(page()), 0);
+    EXPECT_EQ(flags & O_DSYNC, O_DSYNC);
+    EXPECT_EQ(found, "the page");
+}
+
+TEST_F(SendSysObjTest, UmaskAloneRestrictsFileAndFolder)
+{
+    umask(0);
+    EXPECT_EQ(send(page()), 0);
+    EXPECT_EQ(permissionsOf("/tmp/mmcblk0/face_basic/faceLib"), 0777U);
+    EXPECT_EQ(permissionsOf("/tmp/mmcblk0/face_basic/faceLib/white0"), 0666U);
+}
+
+TEST_F(SendSysObjTest, RequestThatCannotBeSerialisedFailsThePage)
+{
+    DownloadPictureProcParam first = page();
+    CustomJSONBaseObj request;
+    EXPECT_EQ(SendSysObj(first, request, "/page"), -1);
+    EXPECT_EQ(
+        loggedBy(LOG_FILE),
+        std::vector<LogLine>{info("SendSysObj err %s", "SendSysObj err Custom Obj Create Failed: Serialize Failed")});
+    EXPECT_EQ(m_platform.accepted(), 0);
+    EXPECT_TRUE(m_itgt.requests().empty());
+    EXPECT_FALSE(pageFileExists("white0"));
+}
+
 /** One page from its request to its report. */
 class DownloadPictureProcessTest : public DownloadTest
 {
 protected:
-    /** Answers each 7021 with the next of these replies; every other command as it should be. */
-    void answerProgress(std::vector<std::string> replies)
-    {
-        m_itgtScript = [replies = std::move(replies), next = std::size_t{0}](const std::string& request) mutable {
-            if (commandOf(request) != 7021 || next >= replies.size()) {
-                return importAtOnce(request);
-            }
-            return replies[next++];
-        };
-    }
-
     int process()
     {
-        m_page = page();
-        return DownloadPictureProcess(m_page);
+        DownloadPictureProcParam first = page();
+        return DownloadPictureProcess(first);
     }
-
-    DownloadPictureProcParam m_page;
 };
-
-/** A progress reply that names another command. */
-std::string replyToAnotherCommand()
-{
-    std::string reply = progressReply(1, "/tmp/other");
-    putNumber<std::uint32_t>(reply, 164, 7020);
-    return reply;
-}
 
 TEST_F(DownloadPictureProcessTest, FetchesImportsAndReportsThePage)
 {
     EXPECT_EQ(process(), 1);
     EXPECT_EQ(m_platform.bodies(), (std::vector<std::string>{pageRequest(0, 30), resultDocument(0, 30)}));
+    EXPECT_EQ(pageFile("white0"), "the page");
     ASSERT_EQ(m_itgt.requests().size(), 3U);
     EXPECT_EQ(commandOf(m_itgt.requests()[0]), 7020U);
     EXPECT_EQ(commandOf(m_itgt.requests()[1]), 7021U);
+    EXPECT_EQ(numberAt<std::int64_t>(m_itgt.requests()[1], 304), 4711) << "the import task that ITGT named";
     EXPECT_EQ(commandOf(m_itgt.requests()[2]), 7031U);
-}
-
-TEST_F(DownloadPictureProcessTest, AsksForTheProgressOfItsImportTaskByteForByte)
-{
-    process();
-    std::string expected = requestOf("/tmp/II", 0, 7021);
-    putNumber<std::int64_t>(expected, 304, 4711);
-    ASSERT_EQ(m_itgt.requests(7021).size(), 1U);
-    EXPECT_EQ(difference(expected, m_itgt.requests(7021)[0]), "");
-}
-
-TEST_F(DownloadPictureProcessTest, LogsEachStep)
-{
-    answerProgress({progressReply(1, "/tmp/state.json", 7, 30)});
-    process();
-    std::vector<LogLine> lines = loggedBy(LOG_FILE);
-    ASSERT_EQ(lines.size(), 17U);
-    EXPECT_EQ(lines[0], info(" DownLoad Picture begin %s.", " DownLoad Picture begin D1."));
-    EXPECT_EQ(lines[8], info(" Notify ITGT result:%d", " Notify ITGT result:0"));
-    EXPECT_EQ(lines[9], info(" DownLoad Picture Success."));
-    EXPECT_EQ(lines[10], info("Wait for ITGT message "));
-    EXPECT_EQ(lines[11], info("Task ID is %lld", "Task ID is 4711"));
-    EXPECT_EQ(lines[12], info("Current process is %ld / %ld ", "Current process is 7 / 30 "));
-    EXPECT_EQ(lines[13].number, 182);
-    EXPECT_EQ(lines[16].number, 217);
-}
-
-TEST_F(DownloadPictureProcessTest, FailedFetchIsReturned)
-{
-    m_platformScript = always(httpAnswer("", "HTTP/1.1 500 Internal Server Error"));
-    EXPECT_EQ(process(), 0);
-    EXPECT_EQ(loggedBy(LOG_FILE).back(), info(" DownLoad Picture Fail."));
-    EXPECT_TRUE(m_itgt.requests().empty());
-    EXPECT_EQ(m_platform.accepted(), 1);
-}
-
-TEST_F(DownloadPictureProcessTest, HandsOnTheStateFileOfTheReply)
-{
-    std::ofstream("/tmp/elsewhere") << R"({"TaskResultArry":[{"ID":"X","RESULT_TYPE_E":2}]})";
-    answerProgress({progressReply(1, "/tmp/elsewhere")});
-    EXPECT_EQ(process(), 1);
-    ASSERT_EQ(m_platform.bodies().size(), 2U);
-    EXPECT_NE(m_platform.bodies()[1].find(R"({"credentialNumber":"X","importStatus":2})"), std::string::npos);
-}
-
-TEST_F(DownloadPictureProcessTest, PathWithoutItsEndStopsAtTheEndOfTheMessage)
-{
-    const std::string path(MESSAGE_BYTES - 336, 'p');
-    answerProgress({progressReply(1, path)});
-    EXPECT_EQ(process(), 1);
-    EXPECT_EQ(firstLogged(LOG_FILE, " [Custom] download picture, open file %s error."),
-              " [Custom] download picture, open file " + path + " error.");
-    EXPECT_EQ(m_platform.accepted(), 1);
-}
-
-TEST_F(DownloadPictureProcessTest, ProgressNumbersAreSigned)
-{
-    answerProgress({progressReply(1, "/tmp/state.json", -1, -2)});
-    process();
-    EXPECT_EQ(firstLogged(LOG_FILE, "Current process is %ld / %ld "), "Current process is -1 / -2 ");
-}
-
-TEST_F(DownloadPictureProcessTest, AsksAgainASecondAfterEachNotYet)
-{
-    answerProgress({progressReply(0, "/tmp/early", 1), progressReply(2, "/tmp/early", 2),
-                    progressReply(0xFFFFFFFF, "/tmp/early", 3)});
-    const Stopwatch watch;
-    EXPECT_EQ(process(), 1);
-    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(3000));
-    EXPECT_LT(watch.elapsed(), atMost(std::chrono::milliseconds(4500)));
-    EXPECT_EQ(m_itgt.requests(7021).size(), 4U);
-    EXPECT_EQ(countLogged(LOG_FILE, "Not Ready, try "), 3);
-    EXPECT_EQ(countLogged(LOG_FILE, "Wait for ITGT message "), 4);
-    EXPECT_EQ(countLogged(LOG_FILE, "Tried %d times, Fail!"), 0);
-    EXPECT_EQ(m_platform.bodies().back(), resultDocument(0, 30));
-}
-
-TEST_F(DownloadPictureProcessTest, LaterTriesCarryWhatTheReplyBeforeThemWrote)
-{
-    std::string reply(MESSAGE_BYTES, 'Z');
-    putNumber<std::uint32_t>(reply, 164, 7021);
-    putNumber<std::uint32_t>(reply, 312, 2);
-    answerProgress({reply});
-    process();
-    std::string expected = reply;
-    putText(expected, 0, bytes("/tmp/II\0/tmp/CP\0"));
-    putNumber<std::uint32_t>(expected, 160, 0);
-    putNumber<std::int64_t>(expected, 200, 101);
-    putNumber<std::int64_t>(expected, 304, 4711);
-    ASSERT_EQ(m_itgt.requests(7021).size(), 2U);
-    EXPECT_EQ(difference(expected, m_itgt.requests(7021)[1]), "");
-}
-
-TEST_F(DownloadPictureProcessTest, ShortReplyLeavesTheBufferAsItWas)
-{
-    answerProgress({std::string(100, '\0')});
-    EXPECT_EQ(process(), 1);
-    EXPECT_EQ(countLogged(LOG_FILE, "Not Ready, try "), 1);
-    EXPECT_EQ(firstLogged(LOG_FILE, "Current process is %ld / %ld "), "Current process is 0 / 0 ");
-    EXPECT_EQ(m_itgt.requests(7021).size(), 2U);
-}
-
-TEST_F(DownloadPictureProcessTest, GivesUpAfterTenNotYetsAndCountsNoOtherAnswer)
-{
-    std::vector<std::string> replies(12, progressReply(0, "/tmp/state.json", 3, 30));
-    replies[0] = replyToAnotherCommand();
-    replies[6] = replyToAnotherCommand();
-    answerProgress(replies);
-    const Stopwatch watch;
-    EXPECT_EQ(process(), 1);
-    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(12000));
-    EXPECT_EQ(m_itgt.requests(7021).size(), 12U);
-    EXPECT_EQ(countLogged(LOG_FILE, "Wait for ITGT message "), 12);
-    EXPECT_EQ(countLogged(LOG_FILE, "Current process is %ld / %ld "), 10);
-    EXPECT_EQ(countLogged(LOG_FILE, "Not Ready, try "), 10);
-    EXPECT_EQ(loggedBy(LOG_FILE).back(), info("Tried %d times, Fail!", "Tried 10 times, Fail!"));
-    EXPECT_EQ(m_platform.bodies().back(), resultDocument(0, 30)) << "the page is reported all the same";
 }
 
 TEST_F(DownloadPictureProcessTest, TenthAnswerMayStillBeTheGoodOne)
 {
-    answerProgress(std::vector<std::string>(9, progressReply(0, "/tmp/early")));
+    m_itgtScript = [asked = 0](const std::string& request) mutable {
+        const bool tooEarly = commandOf(request) == 7021 && ++asked < 10;
+        return tooEarly ? progressReply(0, "/tmp/early") : importAtOnce(request);
+    };
     EXPECT_EQ(process(), 1);
     EXPECT_EQ(m_itgt.requests(7021).size(), 10U);
     EXPECT_EQ(countLogged(LOG_FILE, "Not Ready, try "), 9);
     EXPECT_EQ(countLogged(LOG_FILE, "Tried %d times, Fail!"), 0);
+    EXPECT_EQ(m_platform.bodies().back(), resultDocument(0, 30));
 }
 
 }  // namespace

@@ -1,33 +1,20 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "command_fixture.h"
 #include "support/failing_allocations.h"
-#include "support/system_calls.h"
-
-using Poco::Dynamic::Var;
-using Poco::JSON::Object;
 
 namespace {
 
 constexpr char LOG_FILE[] = "Custom_JsonMsgLoop";
+constexpr char KNOWN_COMMAND[] = R"({"taskName" : "faceNotHitDown", "taskInfo" : { "b" : [1, 2], "a" : "x" }})";
 
 class JsonMsgLoopTest : public CommandTest
 {
-protected:
-    bool decode(const std::string& body) { return m_loop->GetJsonMsgInfo(body, m_name, m_info); }
-
-    Var m_name;
-    Object::Ptr m_info;
 };
 
 TEST_F(JsonMsgLoopTest, HasItsName)
@@ -35,66 +22,17 @@ TEST_F(JsonMsgLoopTest, HasItsName)
     EXPECT_EQ(m_loop->name(), "Json Msg Loop");
 }
 
-TEST_F(JsonMsgLoopTest, BindsItsSocketOverAStaleFileWithMode0660)
-{
-    Poco::AutoPtr<IPCService::MetaDataGW::CustomJsonMsgLoop> other(
-        new IPCService::MetaDataGW::CustomJsonMsgLoop(&m_subSystem));
-    std::filesystem::remove("/tmp/HK");
-    std::ofstream("/tmp/HK") << "stale";
-    umask(0777);
-    other->bind();
-    struct stat status = {};
-    ASSERT_EQ(lstat("/tmp/HK", &status), 0);
-    EXPECT_TRUE(S_ISSOCK(status.st_mode));
-    EXPECT_EQ(status.st_mode & 07777, 0660U);
-}
-
 TEST_F(JsonMsgLoopTest, DecodesNameAndArguments)
 {
-    ASSERT_TRUE(decode(R"({"taskInfo":{"a":"b"},"taskName":"whiteListDown"})"));
-    EXPECT_EQ(m_name.extract<std::string>(), "whiteListDown");
-    EXPECT_EQ(m_info->getValue<std::string>("a"), "b");
+    Poco::Dynamic::Var name;
+    Poco::JSON::Object::Ptr info;
+    ASSERT_TRUE(m_loop->GetJsonMsgInfo(R"({"taskInfo":{"a":"b"},"taskName":"whiteListDown"})", name, info));
+    EXPECT_EQ(name.extract<std::string>(), "whiteListDown");
+    EXPECT_EQ(info->getValue<std::string>("a"), "b");
+    ASSERT_TRUE(m_loop->GetJsonMsgInfo(R"({"taskInfo":{}})", name, info));
+    EXPECT_TRUE(name.isEmpty());
     EXPECT_TRUE(loggedBy(LOG_FILE).empty());
 }
-
-TEST_F(JsonMsgLoopTest, DecodesACommandWithoutAName)
-{
-    ASSERT_TRUE(decode(R"({"taskInfo":{}})"));
-    EXPECT_TRUE(m_name.isEmpty());
-}
-
-/** A body that is no command, and what the log says of it. */
-using Undecodable = std::tuple<std::string, std::string>;
-
-class UndecodableTest : public JsonMsgLoopTest, public testing::WithParamInterface<Undecodable>
-{
-};
-
-TEST_P(UndecodableTest, IsRefusedWithALogLine)
-{
-    const auto& [body, reason] = GetParam();
-    EXPECT_FALSE(decode(body));
-    const std::string text = firstLogged(LOG_FILE, "PUBLIC_JSON Err %s ");
-    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{error("PUBLIC_JSON Err %s ", text)});
-    EXPECT_NE(text.find(reason), std::string::npos) << text;
-    EXPECT_GT(text.size(), std::string("PUBLIC_JSON Err  ").size());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    JsonMsgLoopTest, UndecodableTest,
-    testing::Values(Undecodable{"", ""}, Undecodable{"   ", ""}, Undecodable{"no json", ""}, Undecodable{"{", ""},
-                    Undecodable{R"({"taskName":"whiteListDown","taskInfo":{})", ""}, Undecodable{"{}}", ""},
-                    Undecodable{"[]", "Can not convert "}, Undecodable{R"([{"taskInfo":{}}])", "Can not convert "},
-                    Undecodable{"null", ""}, Undecodable{"5", ""}, Undecodable{"\"text\"", ""}, Undecodable{"true", ""},
-                    Undecodable{"{}", "Can not extract empty value."},
-                    Undecodable{R"({"taskName":"whiteListDown"})", "Can not extract empty value."},
-                    Undecodable{R"({"taskinfo":{}})", "Can not extract empty value."},
-                    Undecodable{R"({"taskInfo":null})", "Can not extract empty value."},
-                    Undecodable{R"({"taskInfo":"{}"})", "Can not convert "},
-                    Undecodable{R"({"taskInfo":5})", "Can not convert "},
-                    Undecodable{R"({"taskInfo":[]})", "Can not convert "},
-                    Undecodable{R"({"taskInfo":)" + std::string(10000, '[') + std::string(10000, ']') + "}", ""},
-                    Undecodable{std::string(10000, '['), ""}, Undecodable{"{\"taskInfo\":\"\xFF\xFE\"}", ""}));
 
 TEST_F(JsonMsgLoopTest, RepliesByteForByte)
 {
@@ -110,22 +48,6 @@ TEST_F(JsonMsgLoopTest, RepliesByteForByte)
     EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{replied()});
 }
 
-TEST_F(JsonMsgLoopTest, RepliesWithEachStatus)
-{
-    for (const int status : {200, 400, 409}) {
-        m_loop->SendJsonMsg("/tmp/KH", 1, status);
-        expectReply(1, status);
-    }
-}
-
-TEST_F(JsonMsgLoopTest, RepliesWithoutWaitingAndWithoutASignal)
-{
-    std::vector<std::pair<std::size_t, int>> sent;
-    systemCalls().sendTo = [&](int, std::size_t length, int flags) { sent.emplace_back(length, flags); };
-    m_loop->SendJsonMsg("/tmp/KH", 1, 200);
-    EXPECT_EQ(sent, (std::vector<std::pair<std::size_t, int>>{{280, 0x4040}, {24, 0x4040}}));
-}
-
 TEST_F(JsonMsgLoopTest, HeadNamesTheClientWhateverTheDestination)
 {
     UnixSocket other("/tmp/other");
@@ -133,14 +55,6 @@ TEST_F(JsonMsgLoopTest, HeadNamesTheClientWhateverTheDestination)
     EXPECT_EQ(other.receive().value_or(""), replyHead(3));
     EXPECT_EQ(other.receive().value_or(""), replyBody(400));
     EXPECT_FALSE(m_client.hasDatagram());
-}
-
-TEST_F(JsonMsgLoopTest, MissingClientIsLoggedOnly)
-{
-    m_loop->SendJsonMsg("/tmp/nobody", 1, 200);
-    const std::string text = firstLogged(LOG_FILE, "SendJsonMsg fail:%s.");
-    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{error("SendJsonMsg fail:%s.", text)});
-    EXPECT_GT(text.size(), std::string("SendJsonMsg fail:.").size());
 }
 
 TEST_F(JsonMsgLoopTest, ReplyIsTriedThreeTimesWhereMemoryIsShort)
@@ -162,14 +76,47 @@ TEST_F(JsonMsgLoopTest, ReplyWithoutMemoryIsGivenUpAndLogged)
               std::vector<LogLine>{error("SendJsonMsg fail:%s.", "SendJsonMsg fail:std::bad_alloc.")});
 }
 
-TEST_F(JsonMsgLoopTest, ClientThatReadsNothingIsNotWaitedFor)
+TEST_F(JsonMsgLoopTest, LogsAKnownCommandAndItsArguments)
 {
-    const Stopwatch watch;
-    for (std::uint32_t tag = 0; tag < 2000; ++tag) {
-        m_loop->SendJsonMsg("/tmp/KH", tag, 200);
+    startLoop();
+    sendCommand(1, KNOWN_COMMAND);
+    expectReply(1, 200);
+    EXPECT_TRUE(CapturedLog::waitForFormat("SendJsonMsg head: %d body :%d."));
+    EXPECT_EQ(loggedBy(LOG_FILE),
+              (std::vector<LogLine>{info("Process cmd:%s.", "Process cmd:faceNotHitDown."),
+                                    info("Process info:%s.", R"(Process info:{"a":"x","b":[1,2]}.)"), replied()}));
+}
+
+TEST_F(JsonMsgLoopTest, WhatIsAlmostANameIsNone)
+{
+    startLoop();
+    for (const std::string& name :
+         {std::string(R"("faceNotHitDow")"), std::string(R"("faceNotHitDown\u0000")"), std::string("{}"),
+          std::string(R"(["faceNotHitDown"])"), '"' + std::string(100000, 'n') + '"'}) {
+        sendCommand(17, R"({"taskName":)" + name + R"(,"taskInfo":{}})");
+        expectReply(17, 400);
+        sendCommand(18, KNOWN_COMMAND);
+        expectReply(18, 200);
     }
-    EXPECT_LT(watch.elapsed(), atMost(std::chrono::seconds(10)));
-    EXPECT_GT(countLogged(LOG_FILE, "SendJsonMsg fail:%s."), 0);
+}
+
+TEST_F(JsonMsgLoopTest, HeadThatCannotBeTakenIsAnsweredUnderTagZero)
+{
+    failReceives({1});
+    sendDatagram(head(0x01010101, 2));
+    startLoop();
+    EXPECT_TRUE(CapturedLog::waitForFormat("SendJsonMsg head: %d body :%d."));
+    EXPECT_EQ(countLogged(LOG_FILE, "receiveBytes fail:%s."), 1);
+    expectReply(0, 400);
+    sendDatagram("{}");
+    expectReply(0x01010101, 400);
+}
+
+TEST_F(JsonMsgLoopTest, CancelBeforeItRunsEndsItAtOnce)
+{
+    m_loop->cancel();
+    EXPECT_TRUE(m_loop->isCancelled());
+    m_loop->runTask();
 }
 
 }  // namespace

@@ -1,17 +1,13 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Exception.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/SSLManager.h>
 #include <Poco/ThreadPool.h>
 #include <Poco/Util/Application.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
@@ -19,17 +15,14 @@
 #include <iterator>
 #include <memory>
 #include <string>
-#include <thread>
 #include <typeinfo>
 #include <vector>
 
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
-#include "support/exchange_messages.h"
 #include "support/fake_platform.h"
-#include "support/system_calls.h"
-#include "support/tls_server.h"
 #include "support/unix_socket.h"
+#include "support/tls_server.h"
 
 using IPCService::MetaDataGW::CustomSubSystem;
 using IPCService::ProtocalProcess::Public_SubProcess;
@@ -41,14 +34,6 @@ constexpr char LOG_FILE[] = "Custom_SubSystem";
 void makeMarker()
 {
     std::ofstream("/tmp/intelligent_ok").put('\n');
-}
-
-mode_t modeOf(const std::string& path)
-{
-    struct stat status = {};
-    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
-    EXPECT_TRUE(S_ISSOCK(status.st_mode)) << path;
-    return status.st_mode & 07777;
 }
 
 std::size_t threads()
@@ -85,21 +70,6 @@ TEST(CustomSubSystemTest, HasAnIdentityOfItsTimeAndPlace)
     EXPECT_NE(first->m_uuid, second.m_uuid);
 }
 
-TEST(CustomSubSystemTest, BindsItsSocketOverAStaleFileWithMode0660)
-{
-    std::ofstream("/tmp/CU") << "stale";
-    umask(0777);
-    const CustomSubSystem subSystem;
-    EXPECT_EQ(modeOf("/tmp/CU"), 0660U);
-}
-
-TEST(CustomSubSystemTest, IsNotMadeWithoutItsSocket)
-{
-    std::filesystem::create_directories("/tmp/CU/in the way");
-    EXPECT_THROW(CustomSubSystem(), Poco::Exception);
-    EXPECT_TRUE(loggedBy(LOG_FILE).empty());
-}
-
 /** Start-up with everything there but what a test takes away. */
 class StartUpTest : public testing::Test
 {
@@ -117,41 +87,6 @@ protected:
     UnixSocket m_itgt{"/tmp/II"};
 };
 
-TEST_F(StartUpTest, SwitchesTheUserAndLogsThatItgtIsReady)
-{
-    startUp();
-    EXPECT_EQ(FakePlatform::users(), std::vector<std::string>{"sshd"});
-    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{info("CustomSubSystem Wait itgt ok!\n")});
-}
-
-TEST_F(StartUpTest, GoesOnAsTheOldUserWhenTheSwitchFails)
-{
-    FakePlatform::setChangeUserResult(1);
-    startUp();
-    EXPECT_EQ(loggedBy(LOG_FILE),
-              (std::vector<LogLine>{error("Fail to run ChangeProcUser"), info("CustomSubSystem Wait itgt ok!\n")}));
-    EXPECT_TRUE(std::filesystem::exists("/tmp/HK"));
-}
-
-TEST_F(StartUpTest, WaitsForItgtAndLooksOnceASecond)
-{
-    std::filesystem::remove("/tmp/intelligent_ok");
-    const Stopwatch watch;
-    std::thread thread([this] { startUp(); });
-    EXPECT_TRUE(CapturedLog::waitForFormat("CustomSubSystem Wait itgt fail!\n", 3));
-    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(2000));
-    EXPECT_EQ(FakePlatform::users().size(), 1U);
-    EXPECT_TRUE(FakePlatform::opened().empty());
-    EXPECT_FALSE(std::filesystem::exists("/tmp/HK"));
-    EXPECT_FALSE(m_itgt.hasDatagram());
-    const Stopwatch sinceMarker;
-    makeMarker();
-    thread.join();
-    EXPECT_LT(sinceMarker.elapsed(), atMost(std::chrono::milliseconds(1500)));
-    const LogLine wait = info("CustomSubSystem Wait itgt fail!\n");
-    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{wait, wait, wait, info("CustomSubSystem Wait itgt ok!\n")}));
-}
-
 TEST_F(StartUpTest, OpensTheRingBuffer)
 {
     startUp();
@@ -161,79 +96,6 @@ TEST_F(StartUpTest, OpensTheRingBuffer)
     EXPECT_EQ(opened[0].size, 4194304U);
     EXPECT_NE(m_subSystem.m_ringBufHandle, nullptr);
     EXPECT_EQ(opened[0].handle, m_subSystem.m_ringBufHandle);
-}
-
-TEST_F(StartUpTest, EndsThereWithoutTheRingBuffer)
-{
-    FakePlatform::setAllocationFails(true);
-    startUp();
-    EXPECT_EQ(loggedBy(LOG_FILE),
-              (std::vector<LogLine>{info("CustomSubSystem Wait itgt ok!\n"),
-                                    error("%s Utils_ProcessRingBufProducerInit fail, errno[%d]",
-                                          "initialize Utils_ProcessRingBufProducerInit fail, errno[-1]")}));
-    EXPECT_FALSE(m_itgt.hasDatagram());
-    EXPECT_FALSE(std::filesystem::exists("/tmp/HK"));
-}
-
-TEST_F(StartUpTest, AnnouncesItselfToItgtByteForByte)
-{
-    startUp();
-    std::string expected = messageOf(1037);
-    putText(expected, 0, "/tmp/II");
-    putText(expected, 8, "/tmp/CU");
-    putNumber<std::uint32_t>(expected, 160, 4);
-    EXPECT_EQ(difference(expected, m_itgt.receive().value_or("")), "");
-    EXPECT_EQ(m_itgt.sender(), "/tmp/CU");
-    EXPECT_FALSE(m_itgt.hasDatagram());
-}
-
-TEST_F(StartUpTest, AnnouncesItselfBeforeTheCommandLoopExists)
-{
-    bool ringBufferOpen = false;
-    bool commandSocketThere = true;
-    systemCalls().sendTo = [&](int, std::size_t length, int) {
-        EXPECT_EQ(length, 21408U);
-        ringBufferOpen = !FakePlatform::opened().empty();
-        commandSocketThere = std::filesystem::exists("/tmp/HK");
-    };
-    startUp();
-    EXPECT_TRUE(ringBufferOpen);
-    EXPECT_FALSE(commandSocketThere);
-}
-
-TEST_F(StartUpTest, GoesOnWhenItgtDoesNotListen)
-{
-    unlink("/tmp/II");
-    startUp();
-    EXPECT_TRUE(std::filesystem::exists("/tmp/HK"));
-}
-
-TEST_F(StartUpTest, BindsTheCommandSocketOverAStaleFileWithMode0660)
-{
-    std::ofstream("/tmp/HK") << "stale";
-    umask(0777);
-    startUp();
-    EXPECT_EQ(modeOf("/tmp/HK"), 0660U);
-}
-
-TEST_F(StartUpTest, ServesCommands)
-{
-    startUp();
-    UnixSocket client("/tmp/KH");
-    std::string head(280, '\0');
-    putNumber<std::uint32_t>(head, 240, 9);
-    putNumber<std::uint32_t>(head, 256, 43);
-    ASSERT_TRUE(client.send("/tmp/HK", head));
-    ASSERT_TRUE(client.send("/tmp/HK", R"({"taskName":"faceNotHitDown","taskInfo":{}})"));
-    EXPECT_EQ(client.receive().value_or("").size(), 280U);
-    EXPECT_EQ(client.receive().value_or(""), "{\n  \"StatusCode\" : 200\n}");
-    EXPECT_EQ(FakePlatform::sent().size(), 1U);
-}
-
-TEST_F(StartUpTest, FailsWithoutTheCommandSocket)
-{
-    std::filesystem::create_directories("/tmp/HK/in the way");
-    EXPECT_THROW(startUp(), Poco::Exception);
 }
 
 TEST_F(StartUpTest, EndLeavesEverythingOpen)

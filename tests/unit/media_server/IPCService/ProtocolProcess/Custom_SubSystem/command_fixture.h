@@ -27,7 +27,7 @@ protected:
     CommandTest()
     {
         m_loop->bind();
-        m_loop->serveFor(m_app);
+        m_loop->m_pApp = &m_app;
         CapturedLog::clear();
     }
 
