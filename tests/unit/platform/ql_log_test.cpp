@@ -238,40 +238,6 @@ TEST(WriteLog, IsNoPlaceWhereAThreadIsCancelled)
     EXPECT_NE(writes.next().find("logged in spite of it"), std::string::npos);
 }
 
-void logFromHandler(int /*number*/)
-{
-    QL_WriteLog(4, 1, 0, 0, "p", 2, "from the handler");
-}
-
-TEST(WriteLog, GoesOnInAHandlerInTheMiddleOfItsThreadsRecord)
-{
-    struct sigaction action = {};
-    action.sa_handler = logFromHandler;
-    action.sa_flags = SA_RESTART;
-    struct sigaction before = {};
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
-    Pipe pipe;
-    std::string text;
-    std::thread reader;
-    {
-        const StandardError standardError(pipe.writer());
-        std::thread writer([] { QL_WriteLog(4, 1, 0, 0, "p", 1, "%s", std::string(300000, 'x').c_str()); });
-        int waiting = 0;
-        while (waiting < 65536) {  // the pipe is full: the writer is in the middle of its write
-            ASSERT_EQ(ioctl(pipe.reader(), FIONREAD, &waiting), 0);
-            std::this_thread::yield();
-        }
-        pthread_kill(writer.native_handle(), SIGUSR1);
-        reader = std::thread([&] { text = pipe.drain(); });
-        writer.join();
-    }
-    pipe.closeWriter();
-    reader.join();
-    sigaction(SIGUSR1, &before, nullptr);
-    EXPECT_NE(text.find("INFO p:2 from the handler\n"), std::string::npos);
-    EXPECT_EQ(std::count(text.begin(), text.end(), 'x'), 300000);
-}
-
 /** The child has a copy of a lock that nobody in it will ever release. */
 TEST(WriteLog, GoesOnInAChildThatWasForkedInTheMiddleOfARecord)
 {
