@@ -29,27 +29,22 @@ constexpr int POLL_MILLISECONDS = 1000;
 
 /**
  * Keeps the lines of different threads apart: a pipe takes a write of more than PIPE_BUF bytes in pieces.
- * A thread that died with the lock, or a fork in the middle of a record, must not silence the log: the lock is robust,
- * and whoever has waited a second goes ahead without it.
+ * Nothing must silence the log. A thread that died with the lock leaves it to the next one, a child that was forked in
+ * the middle of a record begins with a lock of its own, and a signal's handler that logs in the middle of its thread's
+ * own record goes ahead without it.
  */
 class OutputLock
 {
 public:
     OutputLock()
     {
-        pthread_mutexattr_t attributes;
-        pthread_mutexattr_init(&attributes);
-        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-        pthread_mutex_init(&m_mutex, &attributes);
-        pthread_mutexattr_destroy(&attributes);
+        make();
+        pthread_atfork(nullptr, nullptr, makeAnew);
     }
 
     bool acquire()
     {
-        timespec deadline{};
-        clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_sec += 1;
-        const int result = pthread_mutex_timedlock(&m_mutex, &deadline);
+        const int result = pthread_mutex_lock(&m_mutex);
         if (result == EOWNERDEAD) {
             pthread_mutex_consistent(&m_mutex);
         }
@@ -59,10 +54,26 @@ public:
     void release() { pthread_mutex_unlock(&m_mutex); }
 
 private:
+    void make()
+    {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+        pthread_mutex_init(&m_mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+    }
+    static void makeAnew();
+
     pthread_mutex_t m_mutex;  // never destroyed: other libraries may log while the process exits
 };
 
 OutputLock outputLock;
+
+void OutputLock::makeAnew()
+{
+    outputLock.make();
+}
 
 /** A turn at standard error. */
 class OutputTurn

@@ -2,8 +2,8 @@
 
 The simulator passes this text to the sandbox's Python with -c, so it uses nothing but the standard library. It speaks
 over the inherited socket whose descriptor is its only argument: reads {"argv": [...], "environment": {...},
-"ports": [...], "full_port": n or 0, "restrictions": {...}} as JSON, sends back the listening sockets, restricts itself,
-and closes the socket by becoming the service; if that fails it sends the reason instead.
+"ports": [...], "full_port": n or 0, "restrictions": {...}} as JSON, sends back the listening sockets, waits until it
+may go on, restricts itself, and closes the socket by becoming the service; if that fails it sends the reason instead.
 """
 
 import base64
@@ -93,6 +93,7 @@ def main():
         sockets = [listener for port in order["ports"] for listener in listen(port)]
         sockets += full(order["full_port"]) if order["full_port"] else []
         socket.send_fds(channel, [b"ports"], [one.fileno() for one in sockets])
+        channel.recv(1)
         channel.set_inheritable(False)
         restrict(order["restrictions"])
         os.execve(order["argv"][0], order["argv"], order["environment"])

@@ -111,7 +111,7 @@ class Service:
     def send_signal(self, number: int) -> None:
         """Sends a signal to the service itself; nothing happens if it has ended."""
         with contextlib.suppress(ProcessLookupError):
-            if self._exit_code is None:
+            if self.pid and self._exit_code is None:  # 0 would be this process and those around it
                 os.kill(self.pid, number)
 
     def wait(self, timeout: float = 10.0) -> int:
@@ -172,7 +172,10 @@ class Service:
                                          stderr=subprocess.PIPE, pass_fds=[channel.fileno()], start_new_session=True)
         assert self._process.stderr is not None
         os.set_blocking(self._process.stderr.fileno(), False)
-        self._stderr_ended = False  # from here on the journal takes it
+
+    def _follow(self) -> None:
+        """Reads what the process writes from here on; the journal takes the log."""
+        self._stderr_ended = False
         self._readers = [threading.Thread(target=target, args=(self._process,), name=target.__name__, daemon=True)
                          for target in (self._read_stdout, self._read_stderr)]
         for reader in self._readers:
@@ -180,15 +183,20 @@ class Service:
 
     def _receive_sockets(self, channel: socket.socket) -> list[socket.socket]:
         room = socket.CMSG_SPACE(4 * 16) + socket.CMSG_SPACE(_CREDENTIALS.size)
-        answer, ancillary, _, _ = channel.recvmsg(4096, room, socket.MSG_CMSG_CLOEXEC)
-        descriptors: list[int] = []
-        for level, kind, data in ancillary:
-            if (level, kind) == (socket.SOL_SOCKET, socket.SCM_RIGHTS):
-                descriptors = list(struct.unpack(f"{len(data) // 4}i", data))
-            elif (level, kind) == (socket.SOL_SOCKET, socket.SCM_CREDENTIALS):
-                self.pid = _CREDENTIALS.unpack(data)[0]
+        try:
+            answer, ancillary, _, _ = channel.recvmsg(4096, room, socket.MSG_CMSG_CLOEXEC)
+            descriptors: list[int] = []
+            for level, kind, data in ancillary:
+                if (level, kind) == (socket.SOL_SOCKET, socket.SCM_RIGHTS):
+                    descriptors = list(struct.unpack(f"{len(data) // 4}i", data))
+                elif (level, kind) == (socket.SOL_SOCKET, socket.SCM_CREDENTIALS):
+                    self.pid = _CREDENTIALS.unpack(data)[0]
+            self._journal.add(self.name, "starting")
+        finally:
+            self._follow()
         sockets = [socket.socket(fileno=descriptor) for descriptor in descriptors]
-        self._journal.add(self.name, "starting")
+        with contextlib.suppress(BrokenPipeError):
+            channel.send(b".")  # now it may become the service
         failure = channel.recv(4096) if answer == b"ports" else answer or b"the sandbox ended at once"
         if failure:
             for one in sockets:

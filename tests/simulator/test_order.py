@@ -9,6 +9,7 @@ from collections import Counter
 from collections.abc import Callable, Iterator
 from pathlib import Path
 from types import SimpleNamespace
+from typing import Any
 
 import pytest
 
@@ -173,3 +174,21 @@ def test_what_a_listener_adds_parts_no_records() -> None:
     assert journal.events[0].text == "one"
     assert [event.kind for event in journal.events].index("sent") > [
         place for place, event in enumerate(journal.events) if event.kind == "log"][-1]
+
+
+def test_whoever_sees_the_log_knows_the_service(
+        make_camera: Callable[..., Camera], monkeypatch: pytest.MonkeyPatch) -> None:
+    own = service.Service._receive_sockets
+
+    def late(*arguments: Any) -> Any:
+        threading.Event().wait(SLOW_SECONDS)  # pause: the machine does something else
+        return own(*arguments)
+
+    monkeypatch.setattr(service.Service, "_receive_sockets", late)
+    camera = make_camera(start=False)
+    seen: list[tuple[str, bool]] = []
+    camera.journal.listen(lambda event: seen.append((event.kind, camera.service.pid > 0)))
+    camera.__enter__()
+    camera.start_service()
+    assert seen[0] == ("starting", True)
+    assert {known for _, known in seen} == {True}

@@ -136,13 +136,16 @@ TEST(WriteLog, KeepsErrno)
     close(notWritable);
 }
 
-TEST(WriteLog, KeepsTheLinesOfManyThreadsApart)
+TEST(WriteLog, KeepsTheLinesOfManyThreadsApartHoweverSlowlyTheyAreRead)
 {
     constexpr int THREADS = 8;
     constexpr int RECORDS = 40;
     Pipe pipe;
     std::string text;
-    std::thread reader([&] { text = pipe.drain(); });
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200));  // pause: the slow reader
+        text = pipe.drain();
+    });
     {
         const StandardError standardError(pipe.writer());
         std::vector<std::thread> threads;
