@@ -6,6 +6,7 @@
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -217,6 +219,13 @@ TlsServer::TlsServer(Script script, const Options& options)
                 SSL_CTX_set_min_proto_version(m_context.get(), options.lowestVersion) == 1 &&
                 SSL_CTX_set_max_proto_version(m_context.get(), options.highestVersion) == 1,
             "cannot set up TLS");
+    if (options.sessions != Options::Sessions::Tickets) {
+        SSL_CTX_set_options(m_context.get(), SSL_OP_NO_TICKET);
+    }
+    if (options.sessions == Options::Sessions::None) {
+        SSL_CTX_set_session_cache_mode(m_context.get(), SSL_SESS_CACHE_OFF);
+    }
+    SSL_CTX_set_client_hello_cb(m_context.get(), &TlsServer::look, this);
     m_listener = boundSocket(m_port);
     require(listen(m_listener, SOMAXCONN) == 0, "cannot listen");
     m_thread = std::thread([this] { serve(); });
@@ -234,6 +243,36 @@ TlsServer::~TlsServer()
     shutdown(m_listener, SHUT_RDWR);
     m_thread.join();
     close(m_listener);
+}
+
+std::vector<TlsServer::Handshake> TlsServer::handshakes() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_handshakes;
+}
+
+void TlsServer::forgetSessions()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    SSL_CTX_flush_sessions(m_context.get(), std::numeric_limits<long>::max());
+    std::vector<unsigned char> keys(
+        static_cast<std::size_t>(SSL_CTX_get_tlsext_ticket_keys(m_context.get(), nullptr, 0)));
+    require(RAND_bytes(keys.data(), static_cast<int>(keys.size())) == 1 &&
+                SSL_CTX_set_tlsext_ticket_keys(m_context.get(), keys.data(), keys.size()) == 1,
+            "cannot change the keys of the tickets");
+}
+
+/// Looks at a handshake's first message: at its session id and the extension that has its ticket.
+int TlsServer::look(SSL* connection, int* alert, void* self)
+{
+    TlsServer& server = *static_cast<TlsServer*>(self);
+    const unsigned char* bytes = nullptr;
+    std::size_t size = 0;
+    server.m_offered =
+        SSL_client_hello_get0_session_id(connection, &bytes) > 0 ||
+        (SSL_client_hello_get0_ext(connection, TLSEXT_TYPE_session_ticket, &bytes, &size) == 1 && size > 0);
+    *alert = SSL_AD_HANDSHAKE_FAILURE;
+    return server.m_offered && server.m_options.refusesOffers ? SSL_CLIENT_HELLO_ERROR : SSL_CLIENT_HELLO_SUCCESS;
 }
 
 std::string TlsServer::lastVersion() const
@@ -304,6 +343,7 @@ void TlsServer::serveConnection(int descriptor)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_requests.push_back(request);
+        m_handshakes.push_back({m_offered, connection.resumed()});
         m_lastVersion = connection.version();
         m_lastServerName = connection.serverName();
     }

@@ -52,6 +52,8 @@ public:
     /** The TLS version as OpenSSL names it. */
     std::string version() const { return SSL_get_version(m_ssl.get()); }
 
+    bool resumed() const { return SSL_session_reused(m_ssl.get()) == 1; }
+
     /** Ends the connection the proper way, with the notice that it ends. */
     void close();
 
@@ -77,6 +79,16 @@ public:
         bool handshake = true;
         /** false: the script is called with an empty request right after the handshake */
         bool readRequests = true;
+        /** Whether sessions can be resumed by ticket, by id, or not at all. */
+        enum class Sessions { Tickets, Ids, None } sessions = Sessions::Tickets;
+        /** Whether a handshake that offers a session ends with an alert. */
+        bool refusesOffers = false;
+    };
+
+    struct Handshake
+    {
+        bool offered; /**< whether the client offered a session */
+        bool resumed;
     };
 
     explicit TlsServer(Script script);
@@ -96,6 +108,12 @@ public:
     /** The server name of the last handshake, empty without one. */
     std::string lastServerName() const;
 
+    /** The handshakes that came to their end, in the order of the requests. */
+    std::vector<Handshake> handshakes() const;
+
+    /** From here on no session of before can be resumed. */
+    void forgetSessions();
+
     /** The bytes of each request, in the order of their arrival. */
     std::vector<std::string> requests() const;
 
@@ -103,6 +121,7 @@ public:
     std::vector<std::string> bodies() const;
 
 private:
+    static int look(SSL* connection, int* alert, void* self);
     void serve();
     void serveConnection(int descriptor);
 
@@ -118,6 +137,8 @@ private:
     std::vector<std::string> m_requests; /**< guarded by m_mutex */
     std::string m_lastVersion;           /**< guarded by m_mutex */
     std::string m_lastServerName;        /**< guarded by m_mutex */
+    std::vector<Handshake> m_handshakes; /**< guarded by m_mutex */
+    bool m_offered = false;              /**< by the present connection; for the server's thread only */
     std::thread m_thread;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownloadPictureProcObj.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
 #include "media_server/IPCService/Public/Interruption.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 
@@ -41,6 +42,7 @@ DownloadPictureTask::~DownloadPictureTask() = default;
 void DownloadPictureTask::runTask()
 {
     LOG(Information, "DownloadPictureTask runTask");
+    const ResumptionScope resumptionScope;
     DownloadPictureProcParam page;
     std::uint32_t startIndex = 0;
     std::uint32_t remaining = m_downloadTaskParam.totalNum;

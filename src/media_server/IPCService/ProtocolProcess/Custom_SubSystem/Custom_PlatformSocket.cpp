@@ -7,6 +7,7 @@
 #include <Poco/Net/SSLManager.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/SocketImpl.h>
+#include <Poco/NumberFormatter.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -23,6 +24,8 @@ namespace {
 using Poco::Net::SecureStreamSocket;
 
 constexpr std::chrono::seconds LONGEST_STEP(5);
+
+thread_local ResumptionScope* t_pResumption = nullptr;
 
 /// The time within which a step must end.
 class Deadline
@@ -84,8 +87,43 @@ struct SystemFailure : Poco::Net::SocketImpl
 
 }  // namespace
 
+ResumptionScope::ResumptionScope()
+{
+    t_pResumption = this;
+}
+
+ResumptionScope::~ResumptionScope()
+{
+    t_pResumption = nullptr;
+}
+
 PlatformSocket::PlatformSocket(const std::string& host, Poco::UInt16 port)
     : m_socket(Poco::Net::SSLManager::instance().defaultClientContext())
+{
+    if (t_pResumption != nullptr) {
+        connectResuming(*t_pResumption, host, port);
+    } else {
+        connect(host, port);
+    }
+}
+
+void PlatformSocket::connectResuming(ResumptionScope& scope, const std::string& host, Poco::UInt16 port)
+{
+    const std::string server = host + ':' + Poco::NumberFormatter::format(port);
+    if (server == scope.m_server) {
+        m_socket.useSession(scope.m_pSession);
+    }
+    // A handshake that fails is not tried with that session again.
+    scope.m_server.clear();
+    connect(host, port);
+    // The library counts a resumed session's users wrongly when it is asked for it again.
+    if (!m_socket.sessionWasReused()) {
+        scope.m_pSession = m_socket.currentSession();
+    }
+    scope.m_server = server;
+}
+
+void PlatformSocket::connect(const std::string& host, Poco::UInt16 port)
 {
     const Poco::Net::SocketAddress address(host, port);
     m_socket.setPeerHostName(serverNameOf(host));

@@ -2,6 +2,7 @@
 #define CUSTOM_SUBSYSTEM_CUSTOM_PLATFORMSOCKET_H
 
 #include <Poco/Net/SecureStreamSocket.h>
+#include <Poco/Net/Session.h>
 #include <Poco/Types.h>
 
 #include <cstddef>
@@ -9,6 +10,24 @@
 
 namespace IPCService {
 namespace MetaDataGW {
+
+/// While it exists, each connection of its thread resumes the TLS session of the one before to the same server, which
+/// saves the server its signature and the line a round trip. A server that knows the session no longer, or has none,
+/// shakes hands in full. Its end is the end of the session, whose secret nothing keeps longer. Scopes do not nest.
+class ResumptionScope
+{
+public:
+    ResumptionScope();
+    ~ResumptionScope();
+    ResumptionScope(const ResumptionScope&) = delete;
+    ResumptionScope& operator=(const ResumptionScope&) = delete;
+
+private:
+    friend class PlatformSocket;
+
+    std::string m_server;  ///< whose session it is: host and port
+    Poco::Net::Session::Ptr m_pSession;
+};
 
 /// A TLS connection with the process's default client context that never blocks inside the library: the library's own
 /// time-out covers neither the handshake nor, from 1.11 on, a read, which it tries twice. Every function throws
@@ -30,6 +49,9 @@ public:
     std::size_t receive(char* buffer, std::size_t size);
 
 private:
+    void connect(const std::string& host, Poco::UInt16 port);
+    void connectResuming(ResumptionScope& scope, const std::string& host, Poco::UInt16 port);
+
     Poco::Net::SecureStreamSocket m_socket;
 };
 
