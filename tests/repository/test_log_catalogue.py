@@ -13,6 +13,7 @@ SCRIPT = ROOT / "scripts/log_catalogue.py"
 TRANSMITTER = "src/media_server/IPCService/Public/IPCUnixTransmitter.cpp"
 CLEAR = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_WhiteListClearHandler.cpp"
 EVENTS = "src/public/utils/alg_utils/utils_srvfs_eventcache.cpp"
+DOWN_WHITE = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_DownWhiteHandler.cpp"
 FACE_NOT_HIT = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_FaceNotHitHandler.cpp"
 REPORT = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PageResultReport.cpp"
 HTTP = "src/media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HttpParam.cpp"
@@ -92,15 +93,21 @@ def test_changed_line_is_found(copy: Path, path: str, old: str, new: str) -> Non
     expect(copy, NO_ENTRY, NO_LINE)
 
 
+def line_of(path: str, text: str) -> int:
+    return (ROOT / path).read_text().split(text)[0].count("\n") + 1
+
+
 def test_files_whose_blocks_of_lines_overlap_are_found(copy: Path) -> None:
-    replace(copy / FACE_NOT_HIT, ", 2000}", ", 1027}")
-    assert ("FaceNotHitHandler.cpp:28: line 1055 of media_server/IPCService/ProtocolProcess/Custom_SubSystem/"
-            "Custom_JsonMsgLoop is also that of") in compare(copy).stdout
+    line = 1000 + line_of(DOWN_WHITE, 'LOG(Information, "taskID')
+    replace(copy / FACE_NOT_HIT, ", 2000}", f", {line - line_of(FACE_NOT_HIT, 'LOG(Error, "malloc')}}}")
+    assert (f"line {line} of media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop is also that of"
+            in compare(copy).stdout)
 
 
 def test_fixed_line_that_is_also_that_of_a_call_is_found(copy: Path) -> None:
-    replace(copy / CLEAR, "LOG_AT(Error, 357,", "LOG_AT(Error, 1057,")
-    assert "line 1057 of" in compare(copy).stdout
+    line = 1000 + line_of(DOWN_WHITE, 'LOG(Information, "taskID')
+    replace(copy / CLEAR, "LOG_AT(Error, 357,", f"LOG_AT(Error, {line},")
+    assert f"line {line} of" in compare(copy).stdout
 
 
 def test_line_that_moved_to_another_file_is_found(copy: Path) -> None:
