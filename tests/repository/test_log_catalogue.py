@@ -99,7 +99,8 @@ def line_of(path: str, text: str) -> int:
 
 def test_files_whose_blocks_of_lines_overlap_are_found(copy: Path) -> None:
     line = 1000 + line_of(DOWN_WHITE, 'LOG(Information, "taskID')
-    replace(copy / FACE_NOT_HIT, ", 2000}", f", {line - line_of(FACE_NOT_HIT, 'LOG(Error, "malloc')}}}")
+    before = line - line_of(FACE_NOT_HIT, 'LOG(Error, "malloc')
+    replace(copy / FACE_NOT_HIT, ", 2000}", f", {before}}}")
     assert (f"line {line} of media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop is also that of"
             in compare(copy).stdout)
 
