@@ -282,6 +282,20 @@ _NOTES: dict[tuple[str, str], tuple[Callable[[dict[str, Any]], Words], tuple[str
     ("platform", "relayed"): (lambda data: (
         "relayed", f"connection {data['connection']}: {_amount(data['sent'])} to the platform, "
                    f"{_amount(data['received'])} back"), _BOTH),
+    ("platform", "presented"): (lambda data: (
+        f"the platform {data['platform']} has", f"{data['tls_version']}, {data['cipher']}, and as certificate "
+                                                f"{data['certificate']}"), _BOTH),
+    ("platform", "unsecured"): (lambda data: (
+        f"no TLS for a camera on connection {data['connection']}:", str(data["error"])), _BOTH),
+    ("platform", "unanswered"): (lambda data: (
+        f"the service did not wait for the end of the answer on connection {data['connection']},",
+        f"{data['received']} bytes had come"), _BOTH),
+    ("platform", "cut"): (lambda data: (
+        f"the platform {'reset' if data['reset'] else 'closed'} connection {data['connection']} before the end of its "
+        "answer,", f"{data['received']} bytes had come"), _BOTH),
+    ("platform", "absent"): (lambda data: (
+        "is not there:", f"{data['error']}; the service is refused, too, until it is back"), _BOTH),
+    ("platform", "present"): (lambda data: ("is there again", ""), _BOTH),
     ("itgt", "page"): (_page, _LINE),
     ("itgt", "picture"): (_picture, _LINE),
     ("itgt", "imported"): (lambda data: ("imported the page", _pairs(data.get("page", {}))), ()),

@@ -18,7 +18,7 @@ from web_servers import SERVERS, Running, version
 from simulator import Camera, wire
 from simulator.journal import Journal
 from simulator.peers.platform import Platform
-from simulator.peers.relay import Relay
+from simulator.peers.real.relay import Relay
 
 FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"

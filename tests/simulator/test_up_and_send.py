@@ -102,7 +102,7 @@ def test_it_works_through_a_link_from_anywhere(camsim: Camsim, up: StartUp, tmp_
     (["up", "--fault", "itgt.slent"], "did you mean 'silent'?", 2),
     (["up", "--fault", "itgt.late=x"], "seconds is a number, not 'x'", 2),
     (["up", "--picture-bytes", "9", "8"], "--picture-bytes takes two whole numbers", 2),
-    (["up", "--platform", "http://x/"], "write https://HOST:PORT/PATH", 1),
+    (["up", "--platform", "http://x/"], "write https://HOST:PORT/PATH", 2),
     (["up", "--result-path", "/x"], "without --platform", 2),
     (["up", "--name", "a/b"], "is no name of a camera", 2),
     (["send", "whiteListDown"], "start one with: camsim up", 6),

@@ -32,6 +32,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                         help="how long to wait for the last download after the last command (300)")
     options.add_service(parser)
     options.add_platform(parser)
+    parser.set_defaults(transparent=True)  # what is measured is the camera and the platform, with nothing between
     options.add_pictures(parser)
     options.add_itgt(parser)
     options.add_json(parser, "print the measurements as one JSON object")
@@ -41,9 +42,8 @@ def run(arguments: argparse.Namespace) -> int:
     if not 1 <= arguments.cameras <= 500 or not 0 <= arguments.spread <= 86_400:
         raise CodedError("N is 1 to 500, and --spread 0 to 86400 seconds", WRONG_ARGUMENTS)
     console = Console(highlight=False, markup=False, emoji=False)
-    make = options.platform_maker(arguments)
-    fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, arguments.service,
-                  make if arguments.platform else None,
+    make = options.platform_maker(arguments) if arguments.platform or arguments.result_path else None
+    fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, arguments.service, make,
                   lambda subject: options.apply_settings(subject, arguments))
     with stoppable():
         try:

@@ -30,6 +30,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     options.add_name(parser)
     options.add_service(parser)
     options.add_platform(parser)
+    options.add_transparent(parser)
     options.add_pictures(parser)
     options.add_itgt(parser)
     options.add_faults(parser)
