@@ -34,8 +34,9 @@ class RunningCamera:
 
     def status(self) -> dict[str, Any]:
         task = self._camera.platform.task()
+        folder = self._camera.sandbox.folder
         return {"name": self._name, "process": os.getpid(), "service": self._camera.service.pid,
-                "folder": str(self._camera.sandbox.folder), "url": task["taskURL"],
+                "folder": str(folder), "client_folder": str(folder / "client"), "url": task["taskURL"],
                 "faults": [str(order) for order in self._switches.active]}
 
     def _send(self, request: dict[str, Any]) -> dict[str, Any]:

@@ -239,6 +239,10 @@ def _note(entry: Entry) -> Item:
                  values=_plain(data), progress=progress[0] if progress else {})
 
 
+def _wrong(part: str, found: list[str]) -> str:
+    return f"wrong in its {part}: {'; '.join(found)}" if found else f"its {part} is right"
+
+
 Words = tuple[str, str] | tuple[str, str, dict[str, Any]]
 
 
@@ -296,6 +300,15 @@ _NOTES: dict[tuple[str, str], tuple[Callable[[dict[str, Any]], Words], tuple[str
     ("platform", "absent"): (lambda data: (
         "is not there:", f"{data['error']}; the service is refused, too, until it is back"), _BOTH),
     ("platform", "present"): (lambda data: ("is there again", ""), _BOTH),
+    ("client", "own_command"): (lambda data: (
+        f"your own client sends a command, tag {data['tag']};", _wrong("head", data["wrong"])), _BOTH),
+    ("client", "own_body"): (lambda data: ("your own client:", _wrong("body", data["wrong"])), _BOTH),
+    ("client", "own_reply"): (lambda data: (
+        f"your own client's command {data['tag']} is answered:", compact(data["body"].encode())), _BOTH),
+    ("client", "own_lost"): (lambda data: (
+        f"the reply to your own client's command {data['tag']} is lost:", f"KH: {data['error']}"), _BOTH),
+    ("client", "own_refused"): (lambda data: (
+        "the service does not take your own client's datagram:", str(data["error"])), _BOTH),
     ("itgt", "page"): (_page, _LINE),
     ("itgt", "picture"): (_picture, _LINE),
     ("itgt", "imported"): (lambda data: ("imported the page", _pairs(data.get("page", {}))), ()),
