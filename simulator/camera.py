@@ -70,6 +70,12 @@ class Camera:
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
                  wait: bool = True, filtered: bool = True, platform: Callable[[Journal], Any] = Platform,
                  recording: Path | None = None) -> None:
+        if preload is None:
+            preload = [build_folder() / "lib" / "libcamera_devices.so"]
+        binary = service or build_folder() / "bin" / "protocol_process"
+        for path in (binary, *preload):
+            if not path.exists():
+                raise CameraError(f"{path} is missing" + ("" if path == service else "; ./demo builds it"))
         self._marker = marker
         self._start = start
         self._wait = wait and marker
@@ -85,9 +91,6 @@ class Camera:
         self.events = EventPublisher(self.journal, self.path("/tmp/.camera/event"), self.path("/tmp/.camera/cache"))
         self._parts = [part for part, wanted in ((self.itgt, itgt), (self.faces, faces), (self.client, client),
                                                  (self.events, events)) if wanted]
-        if preload is None:
-            preload = [build_folder() / "lib" / "libcamera_devices.so"]
-        binary = service or build_folder() / "bin" / "protocol_process"
         self.service = Service(self.journal, self.sandbox, binary,
                                preload=preload, libraries=libraries, environment=environment, filtered=filtered,
                                ports=self.platform.ports, full_port=self.platform.full_port)

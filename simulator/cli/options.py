@@ -111,6 +111,8 @@ def apply_settings(subject: Any, arguments: argparse.Namespace) -> None:
             setting.apply(subject, value)
         except ValueError as error:
             raise CodedError(f"--{name.replace('_', '-')} takes {error}", WRONG_ARGUMENTS) from error
+        except CameraError as error:
+            raise CodedError(str(error), WRONG_ARGUMENTS) from error
 
 
 def switch_on(switches: FaultSwitches, arguments: argparse.Namespace) -> list[str]:

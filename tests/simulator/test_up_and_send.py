@@ -98,7 +98,7 @@ def test_it_works_through_a_link_from_anywhere(camsim: Camsim, up: StartUp, tmp_
 
 @pytest.mark.parametrize("words, text, code", [
     (["up", "--service", "/no/such/binary"], "/no/such/binary is missing", 1),
-    (["up", "--pictures", "/no/such/folder"], "name a folder with .jpg files", 1),
+    (["up", "--pictures", "/no/such/folder"], "name a folder with .jpg files", 2),
     (["up", "--fault", "itgt.slent"], "did you mean 'silent'?", 2),
     (["up", "--fault", "itgt.late=x"], "seconds is a number, not 'x'", 2),
     (["up", "--picture-bytes", "9", "8"], "--picture-bytes takes two whole numbers", 2),

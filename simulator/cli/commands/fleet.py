@@ -10,7 +10,8 @@ from rich.table import Table
 from rich.text import Text
 
 from simulator.cli import options
-from simulator.cli.command_line import DONE, FAILED, WRONG_ARGUMENTS, CodedError, Stopped, print_json, stoppable
+from simulator.cli.command_line import (DONE, FAILED, STOPPED, WRONG_ARGUMENTS, CodedError, Stopped, print_json,
+                                        stoppable)
 from simulator.cli.fleet import Fleet
 
 HELP = "run many cameras against one platform and report what the platform sees"
@@ -49,7 +50,7 @@ def run(arguments: argparse.Namespace) -> int:
         try:
             result = fleet.run(arguments.seconds, lambda text: None if arguments.json else console.print(text))
         except Stopped:
-            return 130
+            return STOPPED
     if arguments.json:
         print_json(result)
     else:
