@@ -35,6 +35,14 @@ def add_service(parser: argparse.ArgumentParser) -> None:
                         help="the service's binary (protocol_process of the build, or of $CAMGATE_BUILD)")
 
 
+def service_of(arguments: argparse.Namespace) -> Path | None:
+    """The binary that was named, which has to be there."""
+    service: Path | None = arguments.service
+    if service is not None and not service.exists():
+        raise CodedError(f"{service} is missing; --service takes a built protocol_process", WRONG_ARGUMENTS)
+    return service
+
+
 def add_record(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--record", type=Path, metavar="FILE", help="write everything that happens into FILE, for "
                         "`camsim trace FILE`")
@@ -74,7 +82,7 @@ def add_transparent(parser: argparse.ArgumentParser) -> None:
 
 def make_camera(arguments: argparse.Namespace) -> Camera:
     """A camera that is not started yet, as the arguments want it."""
-    camera = Camera(service=arguments.service, start=False, platform=platform_maker(arguments),
+    camera = Camera(service=service_of(arguments), start=False, platform=platform_maker(arguments),
                     recording=arguments.record)
     try:
         apply_settings(camera, arguments)

@@ -173,7 +173,14 @@ def test_the_service_sees_a_handshake_that_fails_as_without_camsim() -> None:
         return platform
     with served() as platform:
         platform.use_tls("1.3", "1.3")
-        through = log_of_failure(lambda journal: Gateway(journal, f"https://localhost:{platform.port}/x"))
+        gateways: list[Gateway] = []
+
+        def make(journal: Journal) -> Gateway:
+            gateways.append(Gateway(journal, f"https://localhost:{platform.port}/x"))
+            return gateways[0]
+        through = log_of_failure(make)
+        found = gateways[0]._journal.find("platform", "unsecured")
+        assert [event.error for event in found] == ["tlsv1 alert protocol version"]
     assert through == log_of_failure(only_new)
     assert "alert protocol version" in through
 

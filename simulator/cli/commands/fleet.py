@@ -44,7 +44,7 @@ def run(arguments: argparse.Namespace) -> int:
         raise CodedError("N is 1 to 500, and --spread 0 to 86400 seconds", WRONG_ARGUMENTS)
     console = Console(highlight=False, markup=False, emoji=False)
     make = options.platform_maker(arguments) if arguments.platform or arguments.result_path else None
-    fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, arguments.service, make,
+    fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, options.service_of(arguments), make,
                   lambda subject: options.apply_settings(subject, arguments))
     with stoppable():
         try:

@@ -52,7 +52,7 @@ def run(arguments: argparse.Namespace) -> int:
 
 
 def _play(scenario: Scenario, arguments: argparse.Namespace) -> bool:
-    camera = Camera(service=arguments.service, start=False, recording=arguments.record)
+    camera = Camera(service=options.service_of(arguments), start=False, recording=arguments.record)
     try:
         player = Player(scenario, camera)
         show = Display(arguments.verbose)

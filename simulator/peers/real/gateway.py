@@ -132,6 +132,8 @@ class Gateway(Platform):
 
     @contextlib.contextmanager
     def _around(self, connection: Connection) -> Iterator[bool]:
+        # The pieces of an answer are to come when the platform sent them, not when the one before is acknowledged.
+        connection.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         try:
             upstream = Upstream(self._connected(connection), self.address, connection.wait)
         except Gone:
@@ -141,7 +143,9 @@ class Gateway(Platform):
         except _NoConnection as failure:
             raise OSError(str(failure)) from failure
         except OSError as error:
-            self._note("unsecured", connection.number, error=error.strerror or str(error))
+            reason = getattr(error, "reason", None)  # OpenSSL's, without Python's source lines around it
+            self._note("unsecured", connection.number,
+                       error=reason.lower().replace("_", " ") if reason else error.strerror or str(error))
             self._pass_through(connection)
             yield False
             return
