@@ -56,7 +56,7 @@ class Camera:
     marker     whether ITGT's readiness marker exists from the start
     itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
     start      whether to start the service at once; else start_service() does
-    platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Relay)
+    platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Gateway, Relay)
     filtered   whether system calls are filtered as on the camera; tools that look into the service need others
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see trace/recording.py)
