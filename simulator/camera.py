@@ -56,7 +56,7 @@ class Camera:
     marker     whether ITGT's readiness marker exists from the start
     itgt, faces, client, events  whether that process runs from the start (its start() brings it up later)
     start      whether to start the service at once; else start_service() does
-    platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Relay)
+    platform   what makes the platform of the camera's journal: a Platform, or what stands in its place (Gateway, Relay)
     filtered   whether system calls are filtered as on the camera; tools that look into the service need others
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see trace/recording.py)
@@ -70,6 +70,12 @@ class Camera:
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
                  wait: bool = True, filtered: bool = True, platform: Callable[[Journal], Any] = Platform,
                  recording: Path | None = None) -> None:
+        if preload is None:
+            preload = [build_folder() / "lib" / "libcamera_devices.so"]
+        binary = service or build_folder() / "bin" / "protocol_process"
+        for path in (binary, *preload):
+            if not path.exists():
+                raise CameraError(f"{path} is missing" + ("" if path == service else "; ./demo builds it"))
         self._marker = marker
         self._start = start
         self._wait = wait and marker
@@ -85,9 +91,6 @@ class Camera:
         self.events = EventPublisher(self.journal, self.path("/tmp/.camera/event"), self.path("/tmp/.camera/cache"))
         self._parts = [part for part, wanted in ((self.itgt, itgt), (self.faces, faces), (self.client, client),
                                                  (self.events, events)) if wanted]
-        if preload is None:
-            preload = [build_folder() / "lib" / "libcamera_devices.so"]
-        binary = service or build_folder() / "bin" / "protocol_process"
         self.service = Service(self.journal, self.sandbox, binary,
                                preload=preload, libraries=libraries, environment=environment, filtered=filtered,
                                ports=self.platform.ports, full_port=self.platform.full_port)

@@ -19,9 +19,10 @@ from simulator.errors import CameraError
 
 # Exit codes of every subcommand. 2 is argparse's own.
 DONE, FAILED, WRONG_ARGUMENTS, REFUSED, BUSY, NO_REPLY, NO_CAMERA, INCOMPLETE = range(8)
+STOPPED = 130  # as a shell says it of a program that Ctrl-C has ended
 EXIT_CODES = """exit codes: 0 done; 1 failed, or not as expected; 2 wrong arguments; 3 the command was refused (400);
 4 a download is already running (409); 5 no reply in time; 6 no such camera is running;
-7 the download did not bring every page"""
+7 the download did not bring every page, or no picture of it was imported; 130 stopped before its end"""
 
 
 class CodedError(CameraError):
@@ -66,6 +67,7 @@ def main(words: Sequence[str]) -> int:
     if "_ARGCOMPLETE" in os.environ:
         complete()
     arguments = make_parser(words[0] if words else "").parse_args(words)
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     try:
         code: int = arguments.run(arguments)
         sys.stdout.flush()
@@ -80,7 +82,7 @@ def main(words: Sequence[str]) -> int:
             print(f"camsim {arguments.subcommand}: {error}", file=sys.stderr)
         return error.code if isinstance(error, CodedError) else FAILED
     except (KeyboardInterrupt, Stopped):
-        return 130
+        return STOPPED
 
 
 def complete() -> None:

@@ -16,7 +16,9 @@ from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Journal
 from simulator.peers.platform import Platform
-from simulator.peers.relay import Relay
+from simulator.peers.real.address import address_of
+from simulator.peers.real.gateway import Gateway
+from simulator.peers.real.relay import Relay
 
 
 def add_json(parser: argparse.ArgumentParser, text: str = "print JSON instead, one object a line") -> None:
@@ -31,6 +33,14 @@ def add_name(parser: argparse.ArgumentParser) -> None:
 def add_service(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--service", type=Path, metavar="BINARY",
                         help="the service's binary (protocol_process of the build, or of $CAMGATE_BUILD)")
+
+
+def service_of(arguments: argparse.Namespace) -> Path | None:
+    """The binary that was named, which has to be there."""
+    service: Path | None = arguments.service
+    if service is not None and not service.exists():
+        raise CodedError(f"{service} is missing; --service takes a built protocol_process", WRONG_ARGUMENTS)
+    return service
 
 
 def add_record(parser: argparse.ArgumentParser) -> None:
@@ -60,15 +70,19 @@ def add_itgt(parser: argparse.ArgumentParser) -> None:
 
 def add_platform(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--platform", metavar="URL", help="use your own platform in place of the simulated one; URL is "
-                        "the address of its pages, https://HOST:PORT/PATH. It is reached from this machine, with TLS "
-                        "end to end")
+                        "the address of its pages, https://HOST:PORT/PATH. It is reached from this machine")
     parser.add_argument("--result-path", metavar="PATH", help="where that platform takes results (the path of URL with "
                         "Result appended)")
 
 
+def add_transparent(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--transparent", action="store_true", help="pass everything to that platform byte for byte, "
+                        "with TLS end to end; what passes then cannot be shown, and the platform has no faults")
+
+
 def make_camera(arguments: argparse.Namespace) -> Camera:
     """A camera that is not started yet, as the arguments want it."""
-    camera = Camera(service=arguments.service, start=False, platform=platform_maker(arguments),
+    camera = Camera(service=service_of(arguments), start=False, platform=platform_maker(arguments),
                     recording=arguments.record)
     try:
         apply_settings(camera, arguments)
@@ -81,10 +95,16 @@ def make_camera(arguments: argparse.Namespace) -> Camera:
 def platform_maker(arguments: argparse.Namespace) -> Callable[[Journal], Any]:
     """What makes the platform of a camera: the simulated one, or the way to the one that the arguments name."""
     url, result_path = arguments.platform, arguments.result_path
+    kind = Relay if arguments.transparent else Gateway
     if url is not None:
-        return lambda journal: Relay(journal, url, result_path)
-    if result_path is not None:
-        raise CodedError("--result-path is of no use without --platform URL", WRONG_ARGUMENTS)
+        try:
+            address_of(url, result_path)
+        except CameraError as error:
+            raise CodedError(str(error), WRONG_ARGUMENTS) from error
+        return lambda journal: kind(journal, url, result_path)
+    for name in ("result_path", "transparent"):
+        if getattr(arguments, name):
+            raise CodedError(f"--{name.replace('_', '-')} is of no use without --platform URL", WRONG_ARGUMENTS)
     return Platform
 
 
@@ -99,6 +119,8 @@ def apply_settings(subject: Any, arguments: argparse.Namespace) -> None:
             setting.apply(subject, value)
         except ValueError as error:
             raise CodedError(f"--{name.replace('_', '-')} takes {error}", WRONG_ARGUMENTS) from error
+        except CameraError as error:
+            raise CodedError(str(error), WRONG_ARGUMENTS) from error
 
 
 def switch_on(switches: FaultSwitches, arguments: argparse.Namespace) -> list[str]:

@@ -11,11 +11,11 @@ from simulator import faults
 from simulator.camera import Camera
 from simulator.cli.command_line import BUSY, DONE, INCOMPLETE, NO_REPLY, REFUSED
 from simulator.cli.control import Handlers
+from simulator.cli.outcome import described as outcome_in_words
+from simulator.cli.outcome import outcome
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Event
-from simulator.messages import wire
-from simulator.messages.log import fails_download
 
 _DOWNLOAD_SECONDS = 3600.0
 
@@ -34,8 +34,9 @@ class RunningCamera:
 
     def status(self) -> dict[str, Any]:
         task = self._camera.platform.task()
+        folder = self._camera.sandbox.folder
         return {"name": self._name, "process": os.getpid(), "service": self._camera.service.pid,
-                "folder": str(self._camera.sandbox.folder), "url": task["taskURL"],
+                "folder": str(folder), "client_folder": str(folder / "client"), "url": task["taskURL"],
                 "faults": [str(order) for order in self._switches.active]}
 
     def _send(self, request: dict[str, Any]) -> dict[str, Any]:
@@ -84,16 +85,8 @@ class RunningCamera:
         """Waits for the end of the download and looks at what became of it."""
         begin = time.monotonic()
         end = self._camera.wait_download(_DOWNLOAD_SECONDS, since)
-        events = self._camera.journal.events[since:]
-        pages = sum(event.matches("itgt", "received", command=wire.IMPORT_FILE) for event in events)
-        pictures = sum(event.matches("itgt", "picture", result=wire.IMPORTED) for event in events)
-        lines = [event.record.text for event in events if event.matches("service", "log")]
-        seconds = round(time.monotonic() - begin, 3)
-        download = {"pages": pages, "pictures": pictures, "seconds": seconds}
-        if end.kind == "log" and not any(fails_download(line) for line in lines):
-            return {"download": {**download, "complete": True}}
-        why = "a page could not be fetched" if end.kind == "log" else "the service ended"
-        return {"download": {**download, "complete": False, "why": why}, "code": INCOMPLETE}
+        download = {**outcome(self._camera.journal.events[since:], end), "seconds": round(time.monotonic() - begin, 3)}
+        return {"download": download} if download["complete"] else {"download": download, "code": INCOMPLETE}
 
 
 def _outcome(status: int | None) -> dict[str, Any]:
@@ -131,10 +124,7 @@ def described(document: dict[str, Any]) -> str:
     if "seconds" in document:
         text += f" (after {document['seconds']:g} s)"
     if "download" in document:
-        download = document["download"]
-        how = "complete" if download["complete"] else f"NOT complete, {download['why']}"
-        text += (f"\ndownload {how}: {download['pages']} pages, {download['pictures']} pictures imported, "
-                 f"{download['seconds']:g} s")
+        text += "\n" + outcome_in_words(document["download"])
     return text
 
 

@@ -108,8 +108,10 @@ class FaultSwitches:
     def _request(self, request: Request, default: Callable[[], Any]) -> Answer:
         platform: Platform = self._parts["platform"]
         places = ("all", "results" if request.target == platform.result_path else "pages")
-        answer: Answer = _chain(self._happening("platform", ANSWER, lambda values: values.at in places),
-                                platform, request, default)()
+        orders = self._happening("platform", ANSWER, lambda values: values.at in places)
+        if not orders:
+            return default()
+        answer: Answer = _chain(orders, platform, request, lambda: platform.changeable(default()))()
         return answer
 
     def _connect(self, _connection: Connection) -> Iterable[Step] | None:

@@ -71,3 +71,16 @@ def server_context(minimum: str = "1.2", maximum: str = "1.3", kind: str = "self
     if minimum == "1.1":
         context.set_ciphers("DEFAULT:@SECLEVEL=0")
     return context
+
+
+@functools.lru_cache
+def described(certificate: bytes) -> str:
+    """Who a certificate (DER) is for and from, and how long, in a line."""
+    made = subprocess.run(["openssl", "x509", "-inform", "DER", "-noout", "-subject", "-issuer", "-enddate",
+                           "-nameopt", "RFC2253"], input=certificate, capture_output=True, check=False)
+    lines = dict(line.split("=", 1) for line in made.stdout.decode("utf-8", "backslashreplace").splitlines()
+                 if "=" in line)
+    if made.returncode != 0 or not {"subject", "issuer", "notAfter"} <= set(lines):
+        return f"{len(certificate)} bytes that are no certificate"
+    issuer = "itself" if lines["issuer"] == lines["subject"] else lines["issuer"]
+    return f"{lines['subject'] or 'no name'}, issued by {issuer}, until {lines['notAfter']}"

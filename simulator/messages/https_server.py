@@ -3,12 +3,14 @@
 from __future__ import annotations
 
 import contextlib
+import select
 import socket
 import ssl
 import struct
 import threading
 import time
 from collections.abc import Callable, Iterable, Iterator, Sequence
+from contextlib import AbstractContextManager, nullcontext
 
 from simulator.journal import Journal
 from simulator.messages.http import Close, Request, Reset, Send, Step, Wait
@@ -54,16 +56,27 @@ class Connection:
         with contextlib.suppress(OSError):
             socket.socket.shutdown(self._socket, socket.SHUT_RDWR)
 
+    @property
+    def socket(self) -> socket.socket:
+        """For who takes the connection over before its handshake."""
+        return self._socket
+
+    def wait(self, descriptor: int, events: int = select.POLLIN) -> bool:
+        """Waits for an event on a descriptor; False once the service, or drop(), has ended the connection."""
+        poll = select.poll()
+        poll.register(descriptor, events)
+        poll.register(self._socket, select.POLLRDHUP)
+        return descriptor in [ready for ready, _ in poll.poll()]
+
     def _run(self) -> None:
         try:
             steps = self._server.on_connect(self) if self._server.on_connect else None
             if steps is not None:
                 self._note("hooked", name="on_connect")
                 self._carry_out(noted(steps, self._server.journal, self.number))
-            self._handshake()
-            while (request := self._read_request()) is not None:
-                self._carry_out(self._server.answer(request))
-            self._carry_out([Close()])
+            with self._server.around(self) as served:
+                if served:
+                    self._serve()
         except _Ended:
             pass
         except (OSError, ValueError) as error:
@@ -74,6 +87,12 @@ class Connection:
             self.closed = time.monotonic()
             self._note("closed", requests=self.requests)
             self._socket.close()
+
+    def _serve(self) -> None:
+        self._handshake()
+        while (request := self._read_request()) is not None:
+            self._carry_out(self._server.answer(request))
+        self._carry_out([Close()])
 
     def _note(self, kind: str, **data: object) -> None:
         self._server.journal.add("platform", kind, connection=self.number, port=self.port, **data)
@@ -125,7 +144,7 @@ class Connection:
                 if self._dropped.wait(step.seconds):
                     raise _Ended
             elif isinstance(step, Reset):
-                self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, _RESET_ON_CLOSE)
+                reset_at_end(self._socket)
                 raise _Ended
             elif isinstance(step, Close):
                 if step.alert and isinstance(self._socket, ssl.SSLSocket):
@@ -133,6 +152,11 @@ class Connection:
                     with contextlib.suppress(OSError, ValueError):
                         self._socket.unwrap()
                 raise _Ended
+
+
+def reset_at_end(connected: socket.socket) -> None:
+    """The end of the connection will be a TCP reset."""
+    connected.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, _RESET_ON_CLOSE)
 
 
 def _keep_server_name(secured: ssl.SSLObject, name: str | None, context: ssl.SSLContext) -> None:
@@ -152,6 +176,8 @@ class HttpsServer:
 
     on_connect   called with each new Connection; returns steps to carry out on the bare TCP connection in place of a
                  handshake, or None to go on. Runs on the connection's thread.
+    around       entered around each Connection that on_connect leaves alone, on its thread, before the handshake; tells
+                 whether the connection is served, or was taken over. An OSError from it breaks the connection
     answer       called with each Request; returns the steps that answer it. Runs on the connection's thread.
     context      the TLS settings of further connections
     connections  every connection so far
@@ -167,8 +193,9 @@ class HttpsServer:
         self.context = context
         self.answer = answer
         self.on_connect: Callable[[Connection], Iterable[Step] | None] | None = None
+        self.around: Callable[[Connection], AbstractContextManager[bool]] = lambda _connection: nullcontext(True)
         self.connections: list[Connection] = []
-        self._acceptor = Acceptor("platform", self._accept)
+        self._acceptor = Acceptor("platform", self.accept)
 
     def start(self, listeners: Sequence[socket.socket]) -> None:
         """Serves these sockets, which it owns from now on, until stop."""
@@ -182,7 +209,8 @@ class HttpsServer:
         for connection in self.connections:
             connection.thread.join()
 
-    def _accept(self, connected: socket.socket) -> None:
+    def accept(self, connected: socket.socket) -> None:
+        """Serves one connection more, on a thread of its own."""
         connection = Connection(self, len(self.connections) + 1, connected)
         self.connections.append(connection)
         self.journal.add("platform", "accepted", connection=connection.number, port=connection.port)

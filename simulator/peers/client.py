@@ -47,6 +47,8 @@ class Client:
     replies  every reply so far, in order
     on_send  called with the datagrams of each command, head and body; returns the ones to send in their place, with
              Wait steps between them where it likes. Runs on the caller's thread.
+    on_reply called with the head and each datagram of a reply, the head itself first; True keeps it from `replies`
+    tags     of every head that was sent
 
     Journal: "sent" and "received" with `data` (one datagram), "reply" with `reply` and `tag`.
     """
@@ -56,6 +58,8 @@ class Client:
     def __init__(self, journal: Journal, folder: Path) -> None:
         self.replies: list[CommandReply] = []
         self.on_send: Callable[[list[bytes]], Iterable[bytes | Wait]] | None = None
+        self.on_reply: Callable[[bytes, bytes], bool] | None = None
+        self.tags: set[int] = set()
         self._stopping = threading.Event()
         self._journal = journal
         self._folder = folder
@@ -107,6 +111,8 @@ class Client:
         """Sends one datagram, whatever it holds. Raises OSError if nobody listens on /tmp/HK."""
         if self._endpoint is None:
             raise RuntimeError("the command client is not started")
+        if len(data) == wire.HEAD_SIZE:
+            self.tags.add(wire.decode(wire.HEAD, data)["tag"])
         self._journal.add(self.name, "sent", data=data)
         self._endpoint.send(data, self._outside(wire.COMMAND_SOCKET))
 
@@ -126,10 +132,11 @@ class Client:
 
     def _handle(self, data: bytes) -> None:
         self._journal.add(self.name, "received", data=data)
-        if self._head is None or self._is_head(data):
-            self._head = data
+        is_head = self._head is None or self._is_head(data)
+        head = data if is_head or self._head is None else self._head
+        self._head = data if is_head else None
+        if self.on_reply is not None and self.on_reply(head, data) or is_head:
             return
-        reply = CommandReply(self._head, data, time.monotonic())
-        self._head = None
+        reply = CommandReply(head, data, time.monotonic())
         self.replies.append(reply)
         self._journal.add(self.name, "reply", reply=reply, tag=reply.tag)

@@ -130,6 +130,10 @@ class Platform:
             return Response(body=b'{"result":"ok"}')
         return Response(404)
 
+    def changeable(self, answer: Answer) -> Answer:
+        """What a hook may change of an answer of default(), when that is not all there yet: of this platform, it is."""
+        return answer
+
     def _answer(self, request: Request) -> Iterable[Step]:
         self.requests.append(request)
         self._journal.add(self.name, "request", request=request, target=request.target)

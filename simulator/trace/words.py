@@ -244,6 +244,10 @@ def _note(entry: Entry) -> Item:
                  values=_plain(data), progress=progress[0] if progress else {})
 
 
+def _wrong(part: str, found: list[str]) -> str:
+    return f"wrong in its {part}: {'; '.join(found)}" if found else f"its {part} is right"
+
+
 Words = tuple[str, str] | tuple[str, str, dict[str, Any]]
 
 
@@ -287,6 +291,29 @@ _NOTES: dict[tuple[str, str], tuple[Callable[[dict[str, Any]], Words], tuple[str
     ("platform", "relayed"): (lambda data: (
         "relayed", f"connection {data['connection']}: {_amount(data['sent'])} to the platform, "
                    f"{_amount(data['received'])} back"), _BOTH),
+    ("platform", "presented"): (lambda data: (
+        f"the platform {data['platform']} has", f"{data['tls_version']}, {data['cipher']}, and as certificate "
+                                                f"{data['certificate']}"), _BOTH),
+    ("platform", "unsecured"): (lambda data: (
+        f"no TLS for a camera on connection {data['connection']}:", str(data["error"])), _BOTH),
+    ("platform", "unanswered"): (lambda data: (
+        f"the service did not wait for the end of the answer on connection {data['connection']},",
+        f"{data['received']} bytes had come"), _BOTH),
+    ("platform", "cut"): (lambda data: (
+        f"the platform {'reset' if data['reset'] else 'closed'} connection {data['connection']} before the end of its "
+        "answer,", f"{data['received']} bytes had come"), _BOTH),
+    ("platform", "absent"): (lambda data: (
+        "is not there:", f"{data['error']}; the service is refused, too, until it is back"), _BOTH),
+    ("platform", "present"): (lambda data: ("is there again", ""), _BOTH),
+    ("client", "own_command"): (lambda data: (
+        f"your own client sends a command, tag {data['tag']};", _wrong("head", data["wrong"])), _BOTH),
+    ("client", "own_body"): (lambda data: ("your own client:", _wrong("body", data["wrong"])), _BOTH),
+    ("client", "own_reply"): (lambda data: (
+        f"your own client's command {data['tag']} is answered:", compact(data["body"].encode())), _BOTH),
+    ("client", "own_lost"): (lambda data: (
+        f"the reply to your own client's command {data['tag']} is lost:", f"KH: {data['error']}"), _BOTH),
+    ("client", "own_refused"): (lambda data: (
+        "the service does not take your own client's datagram:", str(data["error"])), _BOTH),
     ("itgt", "page"): (_page, _LINE),
     ("itgt", "picture"): (_picture, _LINE),
     ("itgt", "imported"): (lambda data: ("imported the page", _pairs(data.get("page", {}))), ()),

@@ -101,8 +101,8 @@ def test_files_whose_blocks_of_lines_overlap_are_found(copy: Path) -> None:
     line = 1000 + line_of(DOWN_WHITE, 'LOG(Information, "taskID')
     before = line - line_of(FACE_NOT_HIT, 'LOG(Error, "malloc')
     replace(copy / FACE_NOT_HIT, ", 2000}", f", {before}}}")
-    assert (f"line {line} of media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop is also that of"
-            in compare(copy).stdout)
+    path = "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop"
+    assert f"line {line} of {path} is also that of" in compare(copy).stdout
 
 
 def test_fixed_line_that_is_also_that_of_a_call_is_found(copy: Path) -> None:

@@ -10,6 +10,7 @@ import os
 import re
 from collections.abc import Callable, Iterator
 from pathlib import Path
+from typing import Any
 
 import pytest
 from behind import Behind
@@ -18,7 +19,8 @@ from web_servers import SERVERS, Running, version
 from simulator import Camera
 from simulator.journal import Journal
 from simulator.peers.platform import Platform
-from simulator.peers.relay import Relay
+from simulator.peers.real.gateway import Gateway
+from simulator.peers.real.relay import Relay
 from support import FOLDER, at_request, wait_end
 
 DOCUMENT = Path(__file__).resolve().parents[2] / "docs" / "platform-engineer.md"
@@ -45,9 +47,9 @@ def behind(platform: Platform) -> Iterator[Behind]:
 
 
 def download(make_camera: Callable[..., Camera], behind: Behind, platform: Platform, server: Running, path: str,
-             restart: bool = False) -> None:
+             restart: bool = False, way: type[Relay | Gateway] = Relay) -> None:
     """Three pages, compared by their hashes, and their reports. With a restart before ITGT has taken the first."""
-    camera = make_camera(platform=lambda journal: Relay(journal, f"https://localhost:{server.port}{path}"))
+    camera = make_camera(platform=lambda journal: way(journal, f"https://localhost:{server.port}{path}"))
     camera.__enter__()
     restarts = [server.restart] if restart else []
     at_request(camera.itgt, 7020, lambda _: restarts.pop()() if restarts else None)
@@ -89,6 +91,29 @@ def test_server_that_restarts_between_pages(make_camera: Callable[..., Camera], 
         PASSED.add((name, "restart"))
     finally:
         server.stop()
+
+
+@pytest.mark.parametrize("name, path", CASES)
+def test_camsim_understands_what_passes(make_camera: Callable[..., Camera], behind: Behind, platform: Platform,
+                                        tmp_path: Path, name: str, path: str) -> None:
+    """Without a byte of it becoming another."""
+    cameras: list[Camera] = []
+
+    def keep(**arguments: Any) -> Camera:
+        cameras.append(make_camera(**arguments))
+        return cameras[-1]
+    server = Running(SERVERS[name], tmp_path, behind.port)
+    server.start()
+    try:
+        download(keep, behind, platform, server, path, way=Gateway)
+    finally:
+        server.stop()
+    journal = cameras[0].journal
+    assert [(event.start, event.records) for event in journal.find("platform", "page")] == list(PAGES.items())
+    statuses = [event.response.status for event in journal.find("platform", "response")]
+    assert [status for status in statuses if status >= 200] == [200] * 2 * len(PAGES)
+    assert (min(statuses) < 200) == (path == "/interim")
+    assert [event.kind for event in journal.events if event.kind in ("broken", "cut", "unanswered", "unsecured")] == []
 
 
 def without_versions(table: str) -> str:

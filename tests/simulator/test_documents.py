@@ -50,7 +50,7 @@ def test_every_step_and_expectation_is_listed() -> None:
 def test_exit_codes_are_the_ones_of_the_help() -> None:
     assert rows(README, "exit code |") == [
         f"| {code} | {text} |"
-        for code, text in re.findall(r"(\d) (.+?)(?:;|$)", EXIT_CODES.replace("\n", " ").partition(": ")[2])]
+        for code, text in re.findall(r"(\d+) (.+?)(?:;|$)", EXIT_CODES.replace("\n", " ").partition(": ")[2])]
 
 
 def test_example_scenario_is_one_and_comes_out_as_it_says(camsim: Camsim, tmp_path: Path) -> None:

@@ -7,7 +7,9 @@ from pathlib import Path
 
 import pytest
 
-from camsim_runs import CAMSIM, Camsim, StartUp
+from camsim_runs import CAMSIM, ROOT, Camsim, StartUp
+
+ALL_WELL = str(ROOT / "tests/scenarios/all-well.json")
 
 
 def test_every_command_gets_its_reply(camsim: Camsim, up: StartUp) -> None:
@@ -94,12 +96,14 @@ def test_it_works_through_a_link_from_anywhere(camsim: Camsim, up: StartUp, tmp_
 
 
 @pytest.mark.parametrize("words, text, code", [
-    (["up", "--service", "/no/such/binary"], "/no/such/binary is missing", 1),
-    (["up", "--pictures", "/no/such/folder"], "name a folder with .jpg files", 1),
+    (["up", "--service", "/no/such/binary"], "/no/such/binary is missing", 2),
+    (["run", "--service", "/no/such/binary", ALL_WELL], "/no/such/binary is missing", 2),
+    (["fleet", "1", "--service", "/no/such/binary"], "/no/such/binary is missing", 2),
+    (["up", "--pictures", "/no/such/folder"], "name a folder with .jpg files", 2),
     (["up", "--fault", "itgt.slent"], "did you mean 'silent'?", 2),
     (["up", "--fault", "itgt.late=x"], "seconds is a number, not 'x'", 2),
     (["up", "--picture-bytes", "9", "8"], "--picture-bytes takes two whole numbers", 2),
-    (["up", "--platform", "http://x/"], "write https://HOST:PORT/PATH", 1),
+    (["up", "--platform", "http://x/"], "write https://HOST:PORT/PATH", 2),
     (["up", "--result-path", "/x"], "without --platform", 2),
     (["up", "--name", "a/b"], "is not a valid camera name", 2),
     (["send", "whiteListDown"], "start one with: camsim up", 6),

@@ -10,7 +10,8 @@ from rich.table import Table
 from rich.text import Text
 
 from simulator.cli import options
-from simulator.cli.command_line import DONE, FAILED, WRONG_ARGUMENTS, CodedError, Stopped, print_json, stoppable
+from simulator.cli.command_line import (DONE, FAILED, STOPPED, WRONG_ARGUMENTS, CodedError, Stopped, print_json,
+                                        stoppable)
 from simulator.cli.fleet import Fleet
 
 HELP = "run many cameras against one platform and report what the platform sees"
@@ -32,6 +33,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                         help="how long to wait for the last download after the last command (300)")
     options.add_service(parser)
     options.add_platform(parser)
+    parser.set_defaults(transparent=True)  # what is measured is the camera and the platform, with nothing between
     options.add_pictures(parser)
     options.add_itgt(parser)
     options.add_json(parser, "print the measurements as one JSON object")
@@ -41,15 +43,14 @@ def run(arguments: argparse.Namespace) -> int:
     if not 1 <= arguments.cameras <= 500 or not 0 <= arguments.spread <= 86_400:
         raise CodedError("N is 1 to 500, and --spread 0 to 86400 seconds", WRONG_ARGUMENTS)
     console = Console(highlight=False, markup=False, emoji=False)
-    make = options.platform_maker(arguments)
-    fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, arguments.service,
-                  make if arguments.platform else None,
+    make = options.platform_maker(arguments) if arguments.platform or arguments.result_path else None
+    fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, options.service_of(arguments), make,
                   lambda subject: options.apply_settings(subject, arguments))
     with stoppable():
         try:
             result = fleet.run(arguments.seconds, lambda text: None if arguments.json else console.print(text))
         except Stopped:
-            return 130
+            return STOPPED
     if arguments.json:
         print_json(result)
     else:

@@ -9,7 +9,7 @@ from contextlib import nullcontext
 from types import SimpleNamespace
 
 from simulator.cli import options
-from simulator.cli.command_line import DONE, Stopped, print_json, stoppable
+from simulator.cli.command_line import DONE, WRONG_ARGUMENTS, CodedError, Stopped, print_json, stoppable
 from simulator.cli.control import Control, print_events
 from simulator.cli.running import fault_handlers
 from simulator.errors import CameraError
@@ -67,10 +67,12 @@ def run(arguments: argparse.Namespace) -> int:
 
 
 def _listen(address: str, port: int) -> socket.socket:
+    if not 0 <= port <= 65535:
+        raise CodedError(f"--port is 0 to 65535, not {port}", WRONG_ARGUMENTS)
     try:
         family = socket.AF_INET6 if ":" in address else socket.AF_INET
         return socket.create_server((address, port), family=family, backlog=1024)
-    except (OSError, OverflowError) as error:
+    except OSError as error:
         raise CameraError(f"cannot listen on {address} port {port}: {error}; "
                           "choose with --address and --port") from error
 

@@ -8,7 +8,8 @@ from pathlib import Path
 
 from simulator.camera import Camera
 from simulator.cli import options
-from simulator.cli.command_line import DONE, FAILED, WRONG_ARGUMENTS, CodedError, Stopped, print_json, stoppable
+from simulator.cli.command_line import (DONE, FAILED, STOPPED, WRONG_ARGUMENTS, CodedError, Stopped, print_json,
+                                        stoppable)
 from simulator.cli.scenarios.play import Player
 from simulator.cli.scenarios.scenario import Scenario, load
 from simulator.errors import CameraError
@@ -44,14 +45,14 @@ def run(arguments: argparse.Namespace) -> int:
         try:
             results = [_play(scenario, arguments) for scenario in scenarios]
         except Stopped:
-            return 130
+            return STOPPED
     if len(results) > 1 and not arguments.json:
         print(f"{sum(results)} of {len(results)} scenarios came out as expected")
     return DONE if all(results) else FAILED
 
 
 def _play(scenario: Scenario, arguments: argparse.Namespace) -> bool:
-    camera = Camera(service=arguments.service, start=False, recording=arguments.record)
+    camera = Camera(service=options.service_of(arguments), start=False, recording=arguments.record)
     try:
         player = Player(scenario, camera)
         show = Display(arguments.verbose)

@@ -17,7 +17,9 @@ from simulator.cli.scenarios.settings import SCHEMA
 HELP = "send a command, or raw bytes, to a running camera and print the reply"
 DESCRIPTION = """\
 Sends a command through the simulated client on /tmp/KH of a running camera, and prints the reply. The exit
-code gives the status: 0 for 200, 3 for 400, 4 for 409, 5 for no reply."""
+code gives the status: 0 for 200, 3 for 400, 4 for 409, 5 for no reply. With --wait also the outcome of the download:
+7 when a page is missing, or no picture was imported; the text says why."""
+_LONGEST_WAIT = 86_400
 EXAMPLES = (
     "camsim send whiteListDown --faces 75 --wait",
     "camsim send whiteListDown --set taskID=T7 --set totalNum=31",
@@ -57,6 +59,8 @@ def run(arguments: argparse.Namespace) -> int:
 
 
 def _request(arguments: argparse.Namespace) -> dict[str, Any]:
+    if not (0 <= (arguments.tag or 0) < 2**32 and 0 <= arguments.seconds <= _LONGEST_WAIT):
+        raise CodedError(f"--tag is 0 to {2**32 - 1}, and --seconds 0 to {_LONGEST_WAIT}", WRONG_ARGUMENTS)
     if bool(arguments.command) == bool(arguments.raw):
         raise CodedError("name a command, or bytes with --raw; camsim send --help shows both", WRONG_ARGUMENTS)
     if arguments.raw:

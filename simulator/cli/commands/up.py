@@ -12,6 +12,7 @@ from simulator.cli.control import Control, print_events
 from simulator.cli.running import RunningCamera
 from simulator.cli.scenarios.play import switches_of
 from simulator.errors import CameraError
+from simulator.peers.own_client import OwnClient
 from simulator.trace.display import Display
 
 HELP = "run a whole camera until Ctrl-C: the service and everything around it"
@@ -30,6 +31,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     options.add_name(parser)
     options.add_service(parser)
     options.add_platform(parser)
+    options.add_transparent(parser)
     options.add_pictures(parser)
     options.add_itgt(parser)
     options.add_faults(parser)
@@ -52,10 +54,11 @@ def run(arguments: argparse.Namespace) -> int:
             raise
         show = Display(arguments.verbose)
         try:
-            with show, control, camera:
-                waiting = options.switch_on(switches, arguments)
+            with show, control, camera, OwnClient(camera.journal, camera.client, camera.sandbox.folder) as own:
+                ready = "itgt.no-marker" not in options.switch_on(switches, arguments)
                 _follow(camera, show, arguments)
-                camera.start_service(wait="itgt.no-marker" not in waiting)
+                camera.start_service(wait=ready)
+                own.there.wait(_SOON if ready else 0)
                 _greet(running, show, arguments)
                 code = camera.wait_for(lambda event: event.matches("service", "ended"), _FOREVER).exit_code
                 raise CameraError(f"the service ended by itself, with code {code}; its last output:\n"
@@ -67,6 +70,8 @@ def run(arguments: argparse.Namespace) -> int:
             return DONE if camera.service.exit_code == 0 else FAILED
 
 
+# Until the service's socket is seen, which is there already.
+_SOON = 5.0
 # A wait takes at most what the system's clock can count.
 _FOREVER = 10 * 365 * 86400.0
 
@@ -85,4 +90,5 @@ def _greet(running: RunningCamera, show: Display, arguments: argparse.Namespace)
     show.console.print(f"Camera {arguments.name} is up, process {os.getpid()}; Ctrl-C ends it. In another terminal:")
     show.console.print(f"  camsim send whiteListDown --wait{name}\n  camsim watch{name}\n"
                        f"  camsim fault itgt.silent on{name}\n"
-                       f"The camera's /tmp lies in {status['folder']}/tmp")
+                       f"The camera's /tmp lies in {status['folder']}/tmp\n"
+                       f"To your own command client stands for /tmp: {status['client_folder']}")

@@ -1,0 +1,84 @@
+"""What became of a download, and why: from the service's log and from what the other processes did."""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Callable, Sequence
+from typing import Any
+
+from simulator.journal import Event
+from simulator.messages import wire
+from simulator.messages.log import fails_download
+
+_SECONDS = "5 s"  # what the service grants each step
+# What the service says of an exchange that failed, and what that is in plain words; the first that matches counts.
+_FAILURES: tuple[tuple[str, Callable[[re.Match[str], str], str]], ...] = (
+    (r"Connection refused: (.*)", lambda match, _stage: f"the platform refused the connection ({match[1]})"),
+    (r"Timeout.*", lambda _match, stage: f"time-out, {stage}"),
+    (r"Connection reset by peer.*", lambda _match, _stage: "the platform reset or closed the connection"),
+    (r"(?:SSL|Certificate).*::(.*)", lambda match, _stage: f"TLS failed: {match[1]}"),
+    (r"SSL.*", lambda match, _stage: f"TLS failed: {match[0]}"),
+    (r"Malformed message: (.*)", lambda match, _stage: f"what came is no whole HTTP response: {match[1]}"),
+    (r".*", lambda match, _stage: match[0]))
+
+
+def outcome(events: Sequence[Event], end: Event) -> dict[str, Any]:
+    """Pages that were handed to ITGT, pictures that it imported and refused, and whether all is well; else `why`."""
+    pages = sum(event.matches("itgt", "received", command=wire.IMPORT_FILE) for event in events)
+    results = [event.result for event in events if event.matches("itgt", "picture")]
+    imported = results.count(wire.IMPORTED)
+    lines = [event.record.text for event in events if event.matches("service", "log")]
+    why = ""
+    if end.kind != "log":
+        why = f"the service ended with code {end.exit_code}"
+    elif any(fails_download(line) for line in lines):
+        why = _why_no_page(lines, events)
+    elif results and not imported:
+        why = "ITGT refused every picture"
+    elif pages and not imported:
+        why = "ITGT imported no picture"
+    seen = {"pages": pages, "pictures": imported, "refused": len(results) - imported, "complete": not why}
+    return {**seen, "why": why} if why else seen
+
+
+def _why_no_page(lines: Sequence[str], events: Sequence[Event]) -> str:
+    page = f"page {lines.count('Http Param:')} could not be fetched"
+    for line in reversed(lines):
+        if match := re.match(r"SendMsgAndRecvResponse err:(.*)", line):
+            return f"{page}: {in_words(match[1].strip(), _stage(events))}"
+        if match := re.match(r"Http Status \$(\d+)", line):
+            if match[1] != "200":
+                return f"{page}: the platform answered {match[1]}"
+            break
+    said = [line for line in lines if line.startswith(("[Custom]", " [Custom]"))]
+    return f"page {lines.count('Http Param:')} could not be stored or handed to ITGT" + (
+        f": {said[-1].strip()}" if said else "")
+
+
+def in_words(failure: str, stage: str) -> str:
+    for pattern, words in _FAILURES:
+        if match := re.fullmatch(pattern, failure):
+            return words(match, stage)
+    return failure
+
+
+def _stage(events: Sequence[Event]) -> str:
+    """How far the last connection had come, as far as the platform's side is seen."""
+    connection = 0
+    stage = f"nothing came for {_SECONDS}"
+    for event in events:
+        if event.matches("platform", "accepted"):
+            connection, stage = event.connection, f"the TLS handshake did not end in {_SECONDS}"
+        elif event.matches("platform", "request") and event.request.connection == connection:
+            stage = f"no answer, or no more of it, for {_SECONDS}"
+        elif event.matches("platform", "relayed"):
+            stage = f"nothing came for {_SECONDS}"
+    return stage
+
+
+def described(download: dict[str, Any]) -> str:
+    """The same as a line for people."""
+    how = "complete" if download["complete"] else f"NOT complete, {download['why']}"
+    refused = f", {download['refused']} refused" if download["refused"] else ""
+    return (f"download {how}: {download['pages']} pages, {download['pictures']} pictures imported{refused}, "
+            f"{download['seconds']:g} s")
