@@ -21,8 +21,8 @@
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
 #include "support/fake_platform.h"
-#include "support/unix_socket.h"
 #include "support/tls_server.h"
+#include "support/unix_socket.h"
 
 using IPCService::MetaDataGW::CustomSubSystem;
 using IPCService::ProtocalProcess::Public_SubProcess;
