@@ -2,12 +2,11 @@
 
 from __future__ import annotations
 
-
 import pytest
 
 from simulator import Camera, Response, trickle
-from support import (DOWNLOAD, HTTP, PAGE, StartCamera, at_most, download, expect_log, start_download, wait_end,
-                     written)
+from support import (DOWNLOAD, HTTP, PAGE, StartCamera, at_most, at_request, download, expect_log, start_download,
+                     wait_end, written)
 
 
 def test_page_request_byte_for_byte(camera: Camera) -> None:
@@ -188,3 +187,22 @@ def test_answer_after_6_seconds_is_too_late(camera: Camera) -> None:
     wait_end(camera)
     expect_log(camera, "INFO", DOWNLOAD, "DownloadPictureProcess Status:400")
     assert len(camera.platform.requests) == 1
+
+
+def handshakes(camera: Camera) -> list[bool]:
+    """For each handshake whether it resumed a session."""
+    return [event.resumed for event in camera.journal.find("platform", "handshake")]
+
+
+def test_connections_of_a_download_resume_its_first_session(camera: Camera) -> None:
+    for _ in range(2):
+        download(camera, 75)
+    assert handshakes(camera) == [False, *[True] * 5] * 2
+
+
+def test_platform_that_is_replaced_in_the_middle_shakes_hands_in_full(camera: Camera) -> None:
+    at_request(camera.itgt, 7020, lambda _: camera.platform.use_tls())
+    download(camera, 75)
+    # Page, report, page, report: each report comes to a platform that knows no session.
+    assert handshakes(camera) == [False, False, True, False, True, False]
+    assert len(camera.platform.reports) == 3
