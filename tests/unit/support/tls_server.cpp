@@ -251,12 +251,6 @@ int TlsServer::look(SSL* connection, int* alert, void* self)
     return server.m_offered && server.m_options.refusesOffers ? SSL_CLIENT_HELLO_ERROR : SSL_CLIENT_HELLO_SUCCESS;
 }
 
-std::string TlsServer::lastServerName() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_lastServerName;
-}
-
 std::vector<std::string> TlsServer::requests() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -309,8 +303,7 @@ void TlsServer::serveConnection(int descriptor)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_requests.push_back(request);
-        m_handshakes.push_back({m_offered, connection.resumed()});
-        m_lastServerName = connection.serverName();
+        m_handshakes.push_back({m_offered, connection.resumed(), connection.serverName()});
     }
     m_script(connection, request);
     connection.close();

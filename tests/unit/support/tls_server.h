@@ -82,6 +82,7 @@ public:
     {
         bool offered; /**< whether the client offered a session */
         bool resumed;
+        std::string serverName; /**< empty without one */
     };
 
     explicit TlsServer(Script script);
@@ -94,9 +95,6 @@ public:
 
     /** Connections accepted until now. */
     int accepted() const { return m_accepted; }
-
-    /** The server name of the last handshake, empty without one. */
-    std::string lastServerName() const;
 
     /** The handshakes that came to their end, in the order of the requests. */
     std::vector<Handshake> handshakes() const;
@@ -125,7 +123,6 @@ private:
     int m_connection = -1;               /**< the present connection; guarded by m_mutex */
     bool m_ending = false;               /**< guarded by m_mutex */
     std::vector<std::string> m_requests; /**< guarded by m_mutex */
-    std::string m_lastServerName;        /**< guarded by m_mutex */
     std::vector<Handshake> m_handshakes; /**< guarded by m_mutex */
     bool m_offered = false;              /**< by the present connection; for the server's thread only */
     std::thread m_thread;
