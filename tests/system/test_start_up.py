@@ -46,6 +46,7 @@ def test_missing_event_node_ends_the_process_with_70_and_tells_why(start_camera:
     assert "nRet == IPC_SUCCESS" in output
     assert "Public_SubProcess" in output
     assert "line 91" in output
+    assert output.endswith("\n")
     expect_log(camera, "ERROR", EVENT_CACHE, "[LogCommon]:open event pass fail")
     expect_log(camera, "ERROR", EVENT_CACHE, "[LogCommon]:Utils_EventCacheSubscriberInit fail")
     assert not camera.path("/tmp/CU").exists()

@@ -68,8 +68,8 @@ MessagesDocument::MessagesDocument(const std::string& text)
     std::string heading;
     bool inExample = false;
     bool inTable = false;
-    std::size_t number = 0;
-    for (const std::string& line : linesOf(text)) {
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
         if (beginsWith(line, FENCE)) {
             inExample = !inExample;
             if (inExample) {
@@ -80,22 +80,12 @@ MessagesDocument::MessagesDocument(const std::string& text)
             example += (example.empty() ? "" : "\n") + line;
         } else if (beginsWith(line, "#")) {
             heading = line.substr(line.find(' ') + 1);
-        } else if (beginsWith(line, "|")) {
-            addTableLine(line, number, heading, inTable);
+        } else if (beginsWith(line, "|") && !inTable) {
+            m_tables.push_back({heading, cellsOf(line), {}});
+        } else if (beginsWith(line, "|") && !isRule(line)) {
+            m_tables.back().rows.push_back(cellsOf(line));
         }
         inTable = !inExample && beginsWith(line, "|");
-        ++number;
-    }
-}
-
-void MessagesDocument::addTableLine(const std::string& line, std::size_t number, const std::string& heading,
-                                    bool continues)
-{
-    if (!continues) {
-        m_tables.push_back({heading, cellsOf(line), {}, {}});
-    } else if (!isRule(line)) {
-        m_tables.back().rows.push_back(cellsOf(line));
-        m_tables.back().lines.push_back(number);
     }
 }
 
@@ -123,25 +113,6 @@ std::string MessagesDocument::example(const std::string& heading) const
         }
     }
     throw std::out_of_range("no example under " + heading);
-}
-
-std::vector<std::string> linesOf(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-std::string joined(const std::vector<std::string>& lines)
-{
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + "\n";
-    }
-    return text;
 }
 
 std::string sourceText(const std::string& path)

@@ -1,7 +1,6 @@
 #ifndef TESTS_UNIT_MESSAGES_DOCUMENT_H
 #define TESTS_UNIT_MESSAGES_DOCUMENT_H
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,6 @@ struct DocumentTable
     std::string heading;  ///< the heading that it stands under
     Row columns;
     std::vector<Row> rows;
-    std::vector<std::size_t> lines;  ///< of each row: its line in the document, from 0
 
     bool hasColumn(const std::string& column) const;
 
@@ -49,18 +47,9 @@ private:
         std::string text;
     };
 
-    /// Takes one line of a table in. @param continues  whether the line above was of the same table
-    void addTableLine(const std::string& line, std::size_t number, const std::string& heading, bool continues);
-
     std::vector<DocumentTable> m_tables;
     std::vector<Example> m_examples;
 };
-
-/// The lines of a text, without their ends.
-std::vector<std::string> linesOf(const std::string& text);
-
-/// The opposite of linesOf.
-std::string joined(const std::vector<std::string>& lines);
 
 /// The text of a file below the root of the source tree. @throws std::runtime_error when it is not there
 std::string sourceText(const std::string& path);

@@ -2,7 +2,7 @@
 #include <Poco/JSON/Object.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -18,10 +18,10 @@
 #include "media_server/IPCService/Public/JsonText.h"
 #include "messages_document.h"
 #include "public/utils/alg_utils/utils_srvfs_eventcache.h"
+#include "support/event_cache.h"
 #include "support/fake_platform.h"
 #include "support/raw_bytes.h"
 #include "support/scripted_peer.h"
-#include "support/system_calls.h"
 #include "support/temp_folder.h"
 #include "support/tls_server.h"
 #include "support/unix_socket.h"
@@ -300,19 +300,12 @@ TEST_F(MessagesExamples, FaceThatHitNoList)
 
 TEST_F(MessagesExamples, Subscription)
 {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    systemCalls().open = [&](const std::string& path, int) -> std::optional<int> {
-        return path == "/mnt/srvfs/event.paas.olv" ? ends[0] : -1;
-    };
+    const EventCache cache;
     EventCacheHndl handle = {};
     ASSERT_EQ(Utils_EventCacheSubscribe(&handle, "gate.saas.olv", nullptr), 0);
-    std::string record(4096, '\0');
-    const ssize_t size = ::read(ends[1], record.data(), record.size());
-    ::close(ends[0]);
-    ::close(ends[1]);
-    ASSERT_EQ(size, static_cast<ssize_t>(sizeOf("SubscriptionHeader") + sizeOf("SubscriptionBody")));
-    record.resize(static_cast<std::size_t>(size));
+    ::close(handle.nEventFd);
+    const std::string record = cache.packet();
+    ASSERT_EQ(record.size(), sizeOf("SubscriptionHeader") + sizeOf("SubscriptionBody"));
 
     expectFields("Subscription header", record.substr(0, sizeOf("SubscriptionHeader")));
     expectFields("Subscription body", record.substr(sizeOf("SubscriptionHeader")));

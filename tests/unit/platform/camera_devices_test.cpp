@@ -16,6 +16,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 // What programs call that are built with _FORTIFY_SOURCE.
 extern "C" {
@@ -126,52 +129,44 @@ TEST(CameraDevicesDeathTest, EventNodeCarriesPackets)
     });
 }
 
-TEST(CameraDevicesDeathTest, EventNodeIsMissingWhenNobodyListens)
+void expectMissing(const char* node, int error = ENOENT)
+{
+    EXPECT_EQ(open(node, O_RDWR), -1);
+    EXPECT_EQ(errno, error);
+}
+
+TEST(CameraDevicesDeathTest, NodesAreMissingWhenNobodyListensAndWithoutTheFolder)
 {
     inPreloadedProcess([](const Camera& camera) {
-        EXPECT_EQ(open(EVENT_NODE, O_RDWR), -1);
-        EXPECT_EQ(errno, ENOENT);
+        expectMissing(EVENT_NODE);
         close(camera.listener());  // leaves the socket's file
-        EXPECT_EQ(open(EVENT_NODE, O_RDWR), -1);
-        EXPECT_EQ(errno, ENOENT);
+        expectMissing(EVENT_NODE);
         setenv("CAMERA_EVENT_SOCKET", std::string(200, 'x').c_str(), 1);
-        EXPECT_EQ(open(EVENT_NODE, O_RDWR), -1);
-        EXPECT_EQ(errno, ENAMETOOLONG);
+        expectMissing(EVENT_NODE, ENAMETOOLONG);
+        std::filesystem::remove(camera.cache());
+        expectMissing(CACHE_NODE);
     });
 }
 
-TEST(CameraDevicesDeathTest, CacheNodeMapsTheFileOfTheIdentifier)
+TEST(CameraDevicesDeathTest, CacheNodeMapsTheFileOfTheIdentifierInTheWholeLength)
 {
     inPreloadedProcess([](const Camera& camera) {
-        const std::string content(10000, 'c');
-        camera.publish("4294967295", content);
         const int node = open(CACHE_NODE, O_RDWR);
         ASSERT_GT(node, 0);
-        Request request{0, 4294967295U, 10000, 77};
-        ASSERT_EQ(ioctl(node, MAP_REQUEST, &request), 0);
-        EXPECT_EQ(request.id, 4294967295U);
-        EXPECT_EQ(request.length, 10000U);
-        EXPECT_EQ(request.attribute, 77U);
-        void* const mapped = reinterpret_cast<void*>(static_cast<std::uintptr_t>(request.address));
-        ASSERT_NE(mapped, nullptr);
-        EXPECT_EQ(std::string(static_cast<char*>(mapped), 10000), content);
-        EXPECT_EQ(munmap(mapped, request.length), 0);
-    });
-}
-
-TEST(CameraDevicesDeathTest, CacheNodeMapsTheWholeLengthOfAShorterFile)
-{
-    inPreloadedProcess([](const Camera& camera) {
-        camera.publish("1", "short");
-        camera.publish("2", "");
-        const int node = open(CACHE_NODE, O_RDWR);
-        for (const std::uint32_t id : {1U, 2U}) {
-            Request request{0, id, 100000, 0};
+        const std::vector<std::tuple<std::uint32_t, std::string, std::uint32_t>> files = {
+            {4294967295U, std::string(10000, 'c'), 10000}, {1, "short", 100000}, {2, "", 100000}};
+        for (const auto& [id, content, length] : files) {
+            camera.publish(std::to_string(id), content);
+            Request request{0, id, length, 77};
             ASSERT_EQ(ioctl(node, MAP_REQUEST, &request), 0);
+            EXPECT_EQ(request.id, id);
+            EXPECT_EQ(request.length, length);
+            EXPECT_EQ(request.attribute, 77U);
             void* const mapped = reinterpret_cast<void*>(static_cast<std::uintptr_t>(request.address));
-            std::string expected = id == 1 ? "short" : "";
-            expected.resize(100000, '\0');
-            EXPECT_EQ(std::string(static_cast<char*>(mapped), 100000), expected);
+            ASSERT_NE(mapped, nullptr);
+            std::string expected = content;
+            expected.resize(length, '\0');
+            EXPECT_EQ(std::string(static_cast<char*>(mapped), length), expected);
             EXPECT_EQ(munmap(mapped, request.length), 0);
         }
     });
@@ -182,28 +177,16 @@ TEST(CameraDevicesDeathTest, CacheNodeRefusesWhatItCannotMap)
     inPreloadedProcess([](const Camera& camera) {
         camera.publish("1", "content");
         const int node = open(CACHE_NODE, O_RDWR);
-        Request unknown{0, 2, 100, 0};
-        EXPECT_EQ(ioctl(node, MAP_REQUEST, &unknown), -1);
-        EXPECT_EQ(errno, ENOENT);
-        Request empty{0, 1, 0, 0};
-        EXPECT_EQ(ioctl(node, MAP_REQUEST, &empty), -1);
-        EXPECT_EQ(errno, EINVAL);
-        Request huge{0, 1, UINT32_MAX, 0};
-        EXPECT_EQ(ioctl(node, MAP_REQUEST, &huge), -1);
-        EXPECT_EQ(errno, ENOMEM);
-        EXPECT_EQ(huge.address, 0U);
+        const std::vector<std::pair<Request, int>> refused = {
+            {{0, 2, 100, 0}, ENOENT}, {{0, 1, 0, 0}, EINVAL}, {{0, 1, UINT32_MAX, 0}, ENOMEM}};
+        for (auto [request, error] : refused) {
+            EXPECT_EQ(ioctl(node, MAP_REQUEST, &request), -1);
+            EXPECT_EQ(errno, error);
+            EXPECT_EQ(request.address, 0U);
+        }
         void* const nothing = nullptr;
         EXPECT_EQ(ioctl(node, MAP_REQUEST, nothing), -1);
         EXPECT_EQ(errno, EFAULT);
-    });
-}
-
-TEST(CameraDevicesDeathTest, CacheNodeIsMissingWithItsFolder)
-{
-    inPreloadedProcess([](const Camera& camera) {
-        std::filesystem::remove(camera.cache());
-        EXPECT_EQ(open(CACHE_NODE, O_RDWR), -1);
-        EXPECT_EQ(errno, ENOENT);
     });
 }
 

@@ -5,7 +5,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +13,6 @@
 #include <cstddef>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "support/child.h"
@@ -117,32 +115,6 @@ TEST(ChangeProcUser, SwitchesUserGroupAndGroupsForGoodWhereTheProcessMay)
             EXPECT_EQ(QL_ChangeProcUser("nobody"), 0);
             EXPECT_EQ(ofThisProcess(), ofAccount(account));
         }
-    });
-    EXPECT_EQ(code, 0);
-}
-
-TEST(ChangeProcUser, SwitchesThreadsThatRunAlready)
-{
-    const passwd account = accountOfNobody();
-    const uid_t expected = maySwitchTo(account) ? account.pw_uid : getuid();
-    const int code = inChild([expected] {
-        std::atomic<bool> switched{false};
-        std::atomic<long> userOfThread{-1};
-        std::atomic<bool> started{false};
-        std::thread thread([&] {
-            started = true;
-            while (!switched) {
-                std::this_thread::yield();
-            }
-            userOfThread = syscall(SYS_geteuid);
-        });
-        while (!started) {
-            std::this_thread::yield();
-        }
-        QL_ChangeProcUser("nobody");
-        switched = true;
-        thread.join();
-        EXPECT_EQ(userOfThread, static_cast<long>(expected));
     });
     EXPECT_EQ(code, 0);
 }

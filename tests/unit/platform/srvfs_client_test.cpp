@@ -85,16 +85,6 @@ TEST_F(SrvfsClient, PutsARecordWithLengthFlagAndPadding)
     EXPECT_EQ(std::string(reinterpret_cast<char*>(raw.bytes()) + 72, 5), "hello");
 }
 
-TEST_F(SrvfsClient, KeepsALongRecordWhole)
-{
-    ASSERT_EQ(handle.open(ring, 4194304), 0);
-    std::string record(204800, '\0');
-    std::minstd_rand random(1);
-    std::generate(record.begin(), record.end(), [&random] { return static_cast<char>(random() & 0xFFU); });
-    ASSERT_EQ(handle.put(record), 0);
-    EXPECT_THAT(RawRing(ring).records(), ElementsAre(record));
-}
-
 TEST_F(SrvfsClient, TakesAnEmptyRecordButNoMissingData)
 {
     ASSERT_EQ(handle.open(ring, 64), 0);

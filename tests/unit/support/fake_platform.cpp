@@ -17,11 +17,7 @@ struct FreeMemory
 
 struct State
 {
-    int changeUserResult = 0;
-    bool allocationFails = false;
-    int openResult = 0;
-    int sendResult = 0;
-    std::function<int()> sendAction;
+    FakePlatform::Settings settings;
     std::vector<std::string> users;
     std::vector<std::size_t> allocations;
     std::vector<FakePlatform::Opened> opened;
@@ -44,13 +40,6 @@ State& state()
 }
 
 template <typename Value>
-void set(Value State::*member, Value value)
-{
-    const std::lock_guard<std::mutex> lock(mutex());
-    state().*member = std::move(value);
-}
-
-template <typename Value>
 Value get(Value State::*member)
 {
     const std::lock_guard<std::mutex> lock(mutex());
@@ -63,14 +52,14 @@ int QL_ChangeProcUser(const char* user)
 {
     const std::lock_guard<std::mutex> lock(mutex());
     state().users.emplace_back(user);
-    return state().changeUserResult;
+    return 0;
 }
 
 void* srvfs_calloc(std::size_t count, std::size_t size)
 {
     const std::lock_guard<std::mutex> lock(mutex());
     state().allocations.push_back(count * size);
-    if (state().allocationFails) {
+    if (state().settings.allocationFails) {
         return nullptr;
     }
     state().memory.emplace_back(std::calloc(count, size));
@@ -81,44 +70,24 @@ int client_open(void* handle, const char* name, unsigned int size)
 {
     const std::lock_guard<std::mutex> lock(mutex());
     state().opened.push_back({handle, name, size});
-    return state().openResult;
+    return state().settings.openResult;
 }
 
 int client_msgsend(void* handle, const void* data, unsigned int length, int flag)
 {
-    if (const std::function<int()> action = get(&State::sendAction)) {
-        set(&State::sendResult, action());
+    if (state().settings.onSend) {
+        state().settings.onSend();
     }
     const std::lock_guard<std::mutex> lock(mutex());
     state().sent.push_back({handle, std::string(static_cast<const char*>(data), length), data, flag});
-    return state().sendResult;
+    return state().settings.sendResult;
 }
 
 namespace FakePlatform {
 
-void setChangeUserResult(int result)
+Settings& settings()
 {
-    set(&State::changeUserResult, result);
-}
-
-void setAllocationFails(bool fails)
-{
-    set(&State::allocationFails, fails);
-}
-
-void setOpenResult(int result)
-{
-    set(&State::openResult, result);
-}
-
-void setSendResult(int result)
-{
-    set(&State::sendResult, result);
-}
-
-void onSend(std::function<int()> action)
-{
-    set(&State::sendAction, std::move(action));
+    return state().settings;
 }
 
 std::vector<std::string> users()

@@ -8,9 +8,20 @@
 
 /// The camera's platform as the code under test sees it: this program has a QL_ChangeProcUser, srvfs_calloc,
 /// client_open and client_msgsend of its own. They succeed, and note how they were called, unless a test says
-/// otherwise. As new at the start of each test. Settings are made before other threads call; notes may be read any
-/// time.
+/// otherwise. As new at the start of each test.
 namespace FakePlatform {
+
+/// What the calls come to.
+struct Settings
+{
+    bool allocationFails = false;
+    int openResult = 0;
+    int sendResult = 0;
+    std::function<void()> onSend;  ///< called within each client_msgsend, without any lock held
+};
+
+/// To be changed before other threads call.
+Settings& settings();
 
 struct Opened
 {
@@ -27,13 +38,7 @@ struct Sent
     int flag;
 };
 
-void setChangeUserResult(int result);
-void setAllocationFails(bool fails);
-void setOpenResult(int result);
-void setSendResult(int result);
-/// Called within each client_msgsend, without any lock held; the result is the framework's.
-void onSend(std::function<int()> action);
-
+// The calls until now; any thread.
 std::vector<std::string> users();        ///< of each QL_ChangeProcUser
 std::vector<std::size_t> allocations();  ///< bytes of each srvfs_calloc
 std::vector<Opened> opened();            ///< of each client_open

@@ -37,9 +37,6 @@ struct SystemCalls
     /// Is told before each writev, with the number of parts.
     std::function<void(int descriptor, int count)> writing;
 
-    /// Is told before each sendto, also of shared libraries.
-    std::function<void(int descriptor, std::size_t length, int flags)> sendTo;
-
     /// Is asked before each recv, also of shared libraries, whether it shall fail with ENOMEM.
     std::function<bool()> recvFails;
 

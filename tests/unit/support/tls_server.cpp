@@ -14,9 +14,7 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -84,28 +82,6 @@ int boundSocket(std::uint16_t& port)
             "cannot bind a loopback port");
     port = ntohs(address.sin_port);
     return descriptor;
-}
-
-/** How many sockets of this machine wait for a port to accept them. */
-int connectingTo(std::uint16_t port)
-{
-    // A line has number, own and other address as hexadecimal "address:port", and state; 02 is "SYN sent".
-    std::ifstream table("/proc/net/tcp");
-    std::string line;
-    std::getline(table, line);
-    int count = 0;
-    while (std::getline(table, line)) {
-        std::istringstream words(line);
-        std::string number;
-        std::string own;
-        std::string other;
-        std::string state;
-        words >> number >> own >> other >> state;
-        if (state == "02" && std::stoul(other.substr(other.find(':') + 1), nullptr, 16) == port) {
-            ++count;
-        }
-    }
-    return count;
 }
 
 }  // namespace
@@ -216,8 +192,8 @@ TlsServer::TlsServer(Script script, const Options& options)
     const Certificate certificate = makeCertificate(key.get());
     require(SSL_CTX_use_PrivateKey(m_context.get(), key.get()) == 1 &&
                 SSL_CTX_use_certificate(m_context.get(), certificate.get()) == 1 &&
-                SSL_CTX_set_min_proto_version(m_context.get(), options.lowestVersion) == 1 &&
-                SSL_CTX_set_max_proto_version(m_context.get(), options.highestVersion) == 1,
+                SSL_CTX_set_min_proto_version(m_context.get(), TLS1_2_VERSION) == 1 &&
+                SSL_CTX_set_max_proto_version(m_context.get(), TLS1_2_VERSION) == 1,
             "cannot set up TLS");
     if (options.sessions != Options::Sessions::Tickets) {
         SSL_CTX_set_options(m_context.get(), SSL_OP_NO_TICKET);
@@ -275,18 +251,6 @@ int TlsServer::look(SSL* connection, int* alert, void* self)
     return server.m_offered && server.m_options.refusesOffers ? SSL_CLIENT_HELLO_ERROR : SSL_CLIENT_HELLO_SUCCESS;
 }
 
-std::string TlsServer::lastVersion() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_lastVersion;
-}
-
-std::string TlsServer::lastServerName() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_lastServerName;
-}
-
 std::vector<std::string> TlsServer::requests() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -329,10 +293,6 @@ void TlsServer::serve()
 void TlsServer::serveConnection(int descriptor)
 {
     TlsConnection connection(m_context.get(), descriptor);
-    if (!m_options.handshake) {
-        connection.waitUntilClientLeaves();
-        return;
-    }
     if (!connection.shakeHands()) {
         return;
     }
@@ -343,9 +303,7 @@ void TlsServer::serveConnection(int descriptor)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_requests.push_back(request);
-        m_handshakes.push_back({m_offered, connection.resumed()});
-        m_lastVersion = connection.version();
-        m_lastServerName = connection.serverName();
+        m_handshakes.push_back({m_offered, connection.resumed(), connection.serverName()});
     }
     m_script(connection, request);
     connection.close();
@@ -371,7 +329,6 @@ FullListener::FullListener() : m_listener(boundSocket(m_port))
         m_clients.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         connect(m_clients.back(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
-    m_ownWaiting = connectingTo(m_port);
 }
 
 FullListener::~FullListener()
@@ -380,11 +337,6 @@ FullListener::~FullListener()
         close(client);
     }
     close(m_listener);
-}
-
-bool FullListener::holdsAnother() const
-{
-    return connectingTo(m_port) > m_ownWaiting;
 }
 
 std::uint16_t unusedPort()

@@ -49,9 +49,6 @@ public:
     /** @return true when the client has told that it sends nothing more, and readRequest() got that far */
     bool endIsAnnounced() const { return (SSL_get_shutdown(m_ssl.get()) & SSL_RECEIVED_SHUTDOWN) != 0; }
 
-    /** The TLS version as OpenSSL names it. */
-    std::string version() const { return SSL_get_version(m_ssl.get()); }
-
     bool resumed() const { return SSL_session_reused(m_ssl.get()) == 1; }
 
     /** Ends the connection the proper way, with the notice that it ends. */
@@ -73,10 +70,6 @@ public:
 
     struct Options
     {
-        int lowestVersion = TLS1_2_VERSION;
-        int highestVersion = TLS1_2_VERSION;
-        /** false: accepts, and then stays silent until the client leaves */
-        bool handshake = true;
         /** false: the script is called with an empty request right after the handshake */
         bool readRequests = true;
         /** Whether sessions can be resumed by ticket, by id, or not at all. */
@@ -89,6 +82,7 @@ public:
     {
         bool offered; /**< whether the client offered a session */
         bool resumed;
+        std::string serverName; /**< empty without one */
     };
 
     explicit TlsServer(Script script);
@@ -101,12 +95,6 @@ public:
 
     /** Connections accepted until now. */
     int accepted() const { return m_accepted; }
-
-    /** The TLS version of the last handshake. */
-    std::string lastVersion() const;
-
-    /** The server name of the last handshake, empty without one. */
-    std::string lastServerName() const;
 
     /** The handshakes that came to their end, in the order of the requests. */
     std::vector<Handshake> handshakes() const;
@@ -135,8 +123,6 @@ private:
     int m_connection = -1;               /**< the present connection; guarded by m_mutex */
     bool m_ending = false;               /**< guarded by m_mutex */
     std::vector<std::string> m_requests; /**< guarded by m_mutex */
-    std::string m_lastVersion;           /**< guarded by m_mutex */
-    std::string m_lastServerName;        /**< guarded by m_mutex */
     std::vector<Handshake> m_handshakes; /**< guarded by m_mutex */
     bool m_offered = false;              /**< by the present connection; for the server's thread only */
     std::thread m_thread;
@@ -156,13 +142,9 @@ public:
 
     std::uint16_t port() const { return m_port; }
 
-    /** True while somebody else waits to be accepted. */
-    bool holdsAnother() const;
-
 private:
     std::uint16_t m_port = 0;
     int m_listener = -1;
-    int m_ownWaiting = 0;
     std::vector<int> m_clients;
 };
 

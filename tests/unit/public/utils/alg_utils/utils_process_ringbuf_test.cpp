@@ -64,7 +64,7 @@ TEST_F(RingBuf, InitOpensTheNamedBufferOfThatSizeAndLogsItsNameAsAnError)
               "[LogCommon]:client open name metadata_servfile26214\n");
 }
 
-TEST_F(RingBuf, KeyIsDecimalWithSignAnd64Bits)
+TEST_F(RingBuf, KeyIsDecimalWithSignAnd64BitsAndTheSizeHas32)
 {
     const std::vector<std::tuple<long long, std::string>> keys = {
         {0, "metadata_servfile0"},
@@ -72,20 +72,15 @@ TEST_F(RingBuf, KeyIsDecimalWithSignAnd64Bits)
         {std::numeric_limits<long long>::max(), "metadata_servfile9223372036854775807"},
         {std::numeric_limits<long long>::min(), "metadata_servfile-9223372036854775808"}};
     for (const auto& [key, name] : keys) {
-        EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, key, 1), 0);
+        EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, key, 0x1FFFFFFFFLL), 0);
         EXPECT_EQ(FakePlatform::opened().back().name, name);
+        EXPECT_EQ(FakePlatform::opened().back().size, 0xFFFFFFFFU);
     }
-}
-
-TEST_F(RingBuf, SizeIsPassedWith32Bits)
-{
-    EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 1, 0x1FFFFFFFFLL), 0);
-    EXPECT_EQ(FakePlatform::opened()[0].size, 0xFFFFFFFFU);
 }
 
 TEST_F(RingBuf, InitWithoutMemoryFailsSilently)
 {
-    FakePlatform::setAllocationFails(true);
+    FakePlatform::settings().allocationFails = true;
     EXPECT_EQ(Utils_ProcessRingBufProducerInit(&handle, nullptr, 26214, 0x400000), -1);
     EXPECT_EQ(handle, nullptr);
     EXPECT_TRUE(FakePlatform::opened().empty());
@@ -110,43 +105,34 @@ TEST_F(RingBuf, HandleIsKeptWhenTheNameCannotBeMade)
 
 TEST_F(RingBuf, FailedOpenShowsWithTheFirstPut)
 {
-    FakePlatform::setOpenResult(-5);
-    FakePlatform::setSendResult(-7);
+    FakePlatform::settings().openResult = -5;
+    FakePlatform::settings().sendResult = -7;
     opened();
     EXPECT_EQ(CapturedLog::records().size(), 1U) << "only the name";
     EXPECT_EQ(put(handle, "record"), -7);
     EXPECT_EQ(CapturedLog::records().size(), 1U) << "the put logs nothing";
 }
 
-TEST_F(RingBuf, PutPassesTheRecordOn)
-{
-    const std::string record("a\0b", 3);
-    EXPECT_EQ(put(opened(), record), 0);
-
-    ASSERT_EQ(FakePlatform::sent().size(), 1U);
-    EXPECT_EQ(FakePlatform::sent()[0].handle, handle);
-    EXPECT_EQ(FakePlatform::sent()[0].record, record);
-    EXPECT_EQ(FakePlatform::sent()[0].data, record.data()) << "no copy";
-}
-
-TEST_F(RingBuf, PutPassesTheInverseOfItsFlag)
+TEST_F(RingBuf, PutPassesOnTheRecordAndTheInverseOfItsFlag)
 {
     opened();
+    const std::string record("a\0b", 3);
     for (const int flag : {0, 1, -1, 256}) {
-        put(handle, "x", flag);
+        EXPECT_EQ(put(handle, record, flag), 0);
+        const FakePlatform::Sent sent = FakePlatform::sent().back();
+        EXPECT_EQ(sent.handle, handle);
+        EXPECT_EQ(sent.record, record);
+        EXPECT_EQ(sent.data, record.data()) << "no copy";
+        EXPECT_EQ(sent.flag, flag == 0 ? 1 : 0);
     }
-    std::vector<int> flags;
-    for (const FakePlatform::Sent& sent : FakePlatform::sent()) {
-        flags.push_back(sent.flag);
-    }
-    EXPECT_EQ(flags, (std::vector<int>{1, 0, 0, 0}));
+    EXPECT_EQ(FakePlatform::sent().size(), 4U);
 }
 
 TEST_F(RingBuf, PutWidensTheResultWithItsSign)
 {
     opened();
     for (const int result : {-1, 1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
-        FakePlatform::setSendResult(result);
+        FakePlatform::settings().sendResult = result;
         EXPECT_EQ(put(handle, "x"), static_cast<std::int64_t>(result));
     }
 }
@@ -162,10 +148,9 @@ TEST_F(RingBuf, PutHoldsTheHandlesMutexWhileItSends)
 {
     opened();
     int locked = 0;
-    FakePlatform::onSend([this, &locked] {
+    FakePlatform::settings().onSend = [this, &locked] {
         std::thread([this, &locked] { locked = pthread_mutex_trylock(&handle->m_mutex); }).join();
-        return 0;
-    });
+    };
     put(handle, "x");
     EXPECT_EQ(locked, EBUSY);
     EXPECT_EQ(pthread_mutex_trylock(&handle->m_mutex), 0) << "free again afterwards";

@@ -51,7 +51,7 @@ TEST_F(FaceNotHitTest, PutsItsArgumentsAsOneRecordWithANulAndReplies)
 
 TEST_F(FaceNotHitTest, RefusedRecordIsLoggedAndThenAnswered)
 {
-    FakePlatform::setSendResult(7);
+    FakePlatform::settings().sendResult = 7;
     EXPECT_EQ(handle("{}"), 0);
     expectReply(55, 400);
     EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{error("metadata put ring buf fail."), replied()}));

@@ -115,13 +115,13 @@ TEST_F(PlatformSocketTest, NoServerNameIsSentForAnAddress)
     const TlsServer server(always(""));
     PlatformSocket("127.0.0.1", server.port()).send("\r\n\r\n");
     EXPECT_TRUE(eventually([&] { return server.requests().size() == 1; }));
-    EXPECT_EQ(server.lastServerName(), "");
+    EXPECT_EQ(server.handshakes().back().serverName, "");
     PlatformSocket("localhost", server.port()).send("\r\n\r\n");
     EXPECT_TRUE(eventually([&] { return server.requests().size() == 2; }));
-    EXPECT_EQ(server.lastServerName(), "localhost");
+    EXPECT_EQ(server.handshakes().back().serverName, "localhost");
     PlatformSocket("127.1", server.port()).send("\r\n\r\n");
     EXPECT_TRUE(eventually([&] { return server.requests().size() == 3; }));
-    EXPECT_EQ(server.lastServerName(), "") << "an address in the resolver's eyes";
+    EXPECT_EQ(server.handshakes().back().serverName, "") << "an address in the resolver's eyes";
 }
 
 TEST_F(PlatformSocketTest, SaysWithWhomAConnectFailed)

@@ -5,17 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -41,7 +37,6 @@ using std::chrono::milliseconds;
 using testing::HasSubstr;
 
 const char SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess";
-const char CAPTURED[] = "SignalCapture sucess!\n";
 const char WAITING[] = "waitForTerminationRequest sucess!\n";
 
 /// A task that does what it is given.
@@ -51,68 +46,40 @@ public:
     explicit WorkTask(std::function<void(WorkTask&)> work) : Poco::Task("work"), m_work(std::move(work)) {}
     void runTask() override { m_work(*this); }
     using Poco::Task::isCancelled;
-    using Poco::Task::sleep;
 
 private:
     std::function<void(WorkTask&)> m_work;
 };
 
-sigset_t signalSet(std::initializer_list<int> signals)
-{
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : signals) {
-        sigaddset(&set, signal);
-    }
-    return set;
-}
-
 /// Looks at a service when it waits for its end, and sends it a stop signal. The signal is the main thread's.
-std::thread stopper(int stopSignal, std::function<void()> look)
+std::thread stopper(std::function<void()> look)
 {
-    return std::thread([look = std::move(look), stopSignal] {
-        const sigset_t stopSignals = signalSet({SIGINT, SIGQUIT, SIGTERM});
-        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    return std::thread([look = std::move(look)] {
+        sigset_t stopSignal;
+        sigemptyset(&stopSignal);
+        sigaddset(&stopSignal, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &stopSignal, nullptr);
         EXPECT_TRUE(CapturedLog::waitForFormat(WAITING));
         look();
-        ::kill(::getpid(), stopSignal);
+        ::kill(::getpid(), SIGTERM);
     });
 }
 
 /// Runs a service's main and, when it waits for its end, a look at it; then a stop signal ends it.
-void serve(Public_SubProcess& process, int stopSignal, const std::function<void()>& look)
+void serve(Public_SubProcess& process, const std::function<void()>& look)
 {
-    std::thread observer = stopper(stopSignal, look);
+    std::thread observer = stopper(look);
     EXPECT_EQ(process.main({}), 0);
     observer.join();
 }
-
-void nothing() {}
 
 /// Looks at a service of a child process that waits for its end. @return the child's exit code
 int whileServing(const std::function<void()>& look)
 {
     return inChild([&look] {
         Public_SubProcess process;
-        serve(process, SIGTERM, look);
+        serve(process, look);
     });
-}
-
-bool isZombie(pid_t child)
-{
-    siginfo_t info = {};
-    return ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == child;
-}
-
-/// Starts a child that ends at once, and waits until it has.
-pid_t endedChild()
-{
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(0);
-    }
-    EXPECT_TRUE(eventually([child] { return isZombie(child); }));
-    return child;
 }
 
 /// The stop signals that the calling thread holds back.
@@ -129,32 +96,6 @@ std::vector<int> heldBack()
     return signals;
 }
 
-TEST(SubProcess, ServesUntilAnyStopSignalAndReturnsZero)
-{
-    for (const int signal : {SIGTERM, SIGINT, SIGQUIT}) {
-        EXPECT_EQ(inChild([signal] {
-                      Public_SubProcess process;
-                      serve(process, signal, nothing);
-                  }),
-                  0)
-            << signal;
-    }
-}
-
-TEST(SubProcess, LogsOnceBeforeItWaits)
-{
-    EXPECT_EQ(inChild([] {
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [] {
-                      EXPECT_EQ(CapturedLog::texts(), (std::vector<std::string>{CAPTURED, WAITING}));
-                      EXPECT_EQ(onlyLine(SOURCE, 1, CAPTURED), CAPTURED);
-                      EXPECT_EQ(onlyLine(SOURCE, 1, WAITING), WAITING);
-                  });
-                  EXPECT_EQ(CapturedLog::records().size(), 2U);
-              }),
-              0);
-}
-
 TEST(SubProcess, ChildSignalHasAHandlerWithInformationAndAnEmptyMask)
 {
     EXPECT_EQ(whileServing([] {
@@ -165,39 +106,6 @@ TEST(SubProcess, ChildSignalHasAHandlerWithInformationAndAnEmptyMask)
                   EXPECT_EQ(action.sa_flags & ~RESTORER, SA_SIGINFO);
                   for (int signal = 1; signal < 32; ++signal) {
                       EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
-                  }
-              }),
-              0);
-}
-
-TEST(SubProcess, OneSignalReapsOneChild)
-{
-    EXPECT_EQ(inChild([] {
-                  // Held back in all threads, the signals of both children become one.
-                  const sigset_t childSignal = signalSet({SIGCHLD});
-                  pthread_sigmask(SIG_BLOCK, &childSignal, nullptr);
-                  Public_SubProcess process;
-                  serve(process, SIGTERM, [&childSignal] {
-                      const std::array<pid_t, 2> children = {endedChild(), endedChild()};
-                      pthread_sigmask(SIG_UNBLOCK, &childSignal, nullptr);
-                      EXPECT_EQ(std::count_if(children.begin(), children.end(), isZombie), 1);
-
-                      ::raise(SIGCHLD);
-                      EXPECT_EQ(std::count_if(children.begin(), children.end(), isZombie), 0);
-                  });
-              }),
-              0);
-}
-
-TEST(SubProcess, EachChildIsReapedByItsOwnSignal)
-{
-    EXPECT_EQ(whileServing([] {
-                  for (int i = 0; i < 3; ++i) {
-                      const pid_t child = ::fork();
-                      if (child == 0) {
-                          ::_exit(0);
-                      }
-                      EXPECT_TRUE(eventually([child] { return ::kill(child, 0) == -1 && errno == ESRCH; }));
                   }
               }),
               0);
@@ -233,7 +141,7 @@ TEST(SubProcess, ServesWithoutHandlerWhenItCannotBeInstalled)
         EXPECT_EQ(inChild([&failure] {
                       Public_SubProcess process;
                       systemCalls().*failure.first = true;
-                      serve(process, SIGTERM, [&failure] {
+                      serve(process, [&failure] {
                           systemCalls().*failure.first = false;
                           struct sigaction action = {};
                           EXPECT_EQ(::sigaction(SIGCHLD, nullptr, &action), 0);
@@ -281,10 +189,8 @@ TEST(SubProcess, RunSubscribesStartsItsTaskAndTheSubsystemAndServes)
                           waiting.insert(std::this_thread::get_id());
                       }
                   };
-                  std::thread observer = stopper(SIGTERM, [&] {
-                      const std::string subscription = cache.packet();
-                      EXPECT_EQ(textAt(subscription, 16 + 16), "gate.saas.olv");
-                      EXPECT_EQ(textAt(subscription, 16 + 32), "1");
+                  std::thread observer = stopper([&] {
+                      EXPECT_EQ(textAt(cache.packet(), 16 + 16), "gate.saas.olv");
                       EXPECT_TRUE(eventually([&] {
                           const std::lock_guard<std::mutex> lock(mutex);
                           return waiting.size() == 2;
@@ -337,6 +243,50 @@ TEST(SubProcess, DestructionCancelsTasksAndWaitsForThem)
     EXPECT_LT(stopwatch.elapsed(), atMost(milliseconds(1500)));
 }
 
+TEST(SubProcess, NoTaskStartsOnceTheTasksWereToldToEnd)
+{
+    std::atomic<bool> started{false};
+    std::atomic<bool> refused{false};
+    {
+        Public_SubProcess process;
+        process.startTask(new WorkTask([&](WorkTask& task) {
+            started = true;
+            EXPECT_TRUE(eventually([&task] { return task.isCancelled(); }));
+            EXPECT_THROW(process.startTask(new WorkTask([](WorkTask&) {})), Poco::IllegalStateException);
+            refused = true;
+        }));
+        ASSERT_TRUE(eventually([&started] { return started.load(); }));
+    }
+    EXPECT_TRUE(refused);
+}
+
+/// A task that ends when it is cancelled, but cannot be told so without a failure.
+class FailingToCancelTask : public WorkTask
+{
+public:
+    FailingToCancelTask()
+        : WorkTask([](WorkTask& task) { EXPECT_TRUE(eventually([&] { return task.isCancelled(); })); })
+    {
+    }
+    void cancel() override
+    {
+        Poco::Task::cancel();
+        throw Poco::SystemException("cannot be cancelled");
+    }
+};
+
+TEST(SubProcess, TaskThatFailsWhileItIsCancelledIsLeftBehind)
+{
+    EXPECT_EQ(inChild([] {
+                  {
+                      Public_SubProcess process;
+                      process.startTask(new FailingToCancelTask);
+                  }
+                  std::_Exit(99);
+              }),
+              70);
+}
+
 TEST(SubProcess, TasksThatEndAtOnceAreNotWaitedFor)
 {
     EXPECT_EQ(inChild([] {
@@ -370,7 +320,7 @@ int exitCodeWithStubbornTask(bool afterMain)
             }));
             EXPECT_TRUE(eventually([&started] { return started.load(); }));
             if (afterMain) {
-                serve(process, SIGTERM, nothing);
+                serve(process, [] {});
             }
         }
         std::_Exit(99);
