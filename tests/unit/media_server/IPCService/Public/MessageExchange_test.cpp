@@ -171,7 +171,7 @@ TEST(MessageExchange, RequestThatComesBackIsNoReplyAndIsSentAgain)
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7021, 'r')));
 }
 
-TEST(MessageExchange, FailedReceiveIsNoReply)
+TEST(MessageExchange, FailedReceiveIsNoReplyAndComesAgainASecondLater)
 {
     std::atomic<bool> fails{false};
     systemCalls().recvFails = [&fails] { return fails.exchange(false); };
@@ -180,6 +180,7 @@ TEST(MessageExchange, FailedReceiveIsNoReply)
     ASSERT_TRUE(itgt.receive().has_value());
     fails = true;
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'r')));
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(500))) << "the next attempt was not a second later";
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7020, 'r')));
     EXPECT_EQ(CapturedLog::withFormat("receiveBytes fail:%s.").size(), 1U);
 }

@@ -97,8 +97,8 @@ TEST_P(TextOfTheSizeOfAHeadTest, IsABody)
 }
 
 INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, TextOfTheSizeOfAHeadTest,
-                         testing::Values("{}", "[]", " \t\r\n{}", " {}", std::string(278, ' ') + "{}", "\"a\"", "-1",
-                                         "7", "true", "false", "null"));
+                         testing::Values("{}", "[]", " \t\r\n{}", " {}", std::string(278, ' ') + "{}", "\"a\"", "-0",
+                                         "-9", "0", "9", "true", "false", "null"));
 
 TEST_F(ReceiveCommandTest, OwnRepliesBeforeHeadAndBodyArePassedOver)
 {
