@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -120,6 +121,29 @@ TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
     EXPECT_FALSE(itgt.hasDatagram()) << "the request was sent again although it had left";
+}
+
+TEST(MessageExchange, RepetitionWithoutMemoryIsTriedAgainASecondLater)
+{
+    std::atomic<bool> isShort{false};
+    std::atomic<int> failed{0};
+    systemCalls().sendTo = [&isShort, &failed](int, std::size_t, int) {
+        if (isShort) {
+            ++failed;
+            throw std::bad_alloc();
+        }
+    };
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
+    isShort = true;
+    ASSERT_TRUE(eventually([&failed] { return failed > 0; }));
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(500)));
+    EXPECT_LE(failed, 5);
+    isShort = false;
+    UnixSocket itgt(ITGT_PATH);
+    EXPECT_EQ(itgt.receive(milliseconds(5000)), requestBytes(7031));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
 }
 
 TEST(MessageExchange, EachRequestHasAFirstFailureOfItsOwn)
