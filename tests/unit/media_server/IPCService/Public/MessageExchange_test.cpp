@@ -110,6 +110,21 @@ TEST(MessageExchange, SocketEndsWithTheLastExchangeAndIsMadeAnew)
     EXPECT_TRUE(peer.send(OWN_PATH, "x"));
 }
 
+TEST(MessageExchange, PathThatLeadsToWhatChangedSinceIsBoundAnew)
+{
+    const MessageExchange first;
+    struct stat bound = {};
+    ASSERT_EQ(::stat(OWN_PATH, &bound), 0);
+    // As another file with the inode of one that is gone.
+    ASSERT_TRUE(eventually([&bound] {
+        struct stat changed = {};
+        return ::chmod(OWN_PATH, 0600) == 0 && ::stat(OWN_PATH, &changed) == 0 &&
+               changed.st_ctim.tv_nsec != bound.st_ctim.tv_nsec;
+    }));
+    const MessageExchange second;
+    EXPECT_NE(ownInode(), bound.st_ino);
+}
+
 TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
 {
     Exchanging exchanging({7031});

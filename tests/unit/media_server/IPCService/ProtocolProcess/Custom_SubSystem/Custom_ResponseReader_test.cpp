@@ -272,6 +272,7 @@ TEST_P(OutcomeTest, IsTheBodyOrTheReason)
 
 INSTANTIATE_TEST_SUITE_P(Head, OutcomeTest,
                          testing::Values(Outcome{"", NO_MESSAGE}, Outcome{OK, NO_END},
+                                         Outcome{"\nHTTP/1.1 200 OK\nContent-Length: 4\n\nbody", "\"body\""},
                                          Outcome{"HTTP/1.1 99 No\r\n\r\n", NO_HEAD},
                                          Outcome{OK + "\rA: b\r\nContent-Length: 0\r\n\r\n", NO_HEAD},
                                          Outcome{"FTP 200\r\nContent-Length: 2\r\n\r\nhi", NO_HEAD},
