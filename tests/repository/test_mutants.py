@@ -1,4 +1,4 @@
-"""The changes that make no difference: each is one that scripts/mutate makes to the source as it is."""
+"""scripts/mutate: which tests try a file, and the changes that make no difference."""
 
 from __future__ import annotations
 
@@ -28,6 +28,25 @@ def mutate() -> ModuleType:
     sys.modules["mutate"] = module  # its dataclass looks there
     loader.exec_module(module)
     return module
+
+
+@pytest.mark.parametrize("path", sorted(str(path.relative_to(ROOT)) for path in (ROOT / "src").rglob("*.cpp")))
+def test_each_source_file_has_tests_that_exist(mutate: ModuleType, path: str) -> None:
+    assert any("TEST" in file.read_text(encoding="utf-8") for file in mutate.unit_test_files_of(path))
+    assert [name for name in mutate.system_tests_of(path) if not (ROOT / name).is_file()] == []
+
+
+def test_a_file_of_no_topic_is_refused(mutate: ModuleType) -> None:
+    with pytest.raises(SystemExit, match="no topic"):
+        mutate.system_tests_of("src/Unheard.cpp")
+
+
+def test_a_file_without_unit_tests_is_refused(mutate: ModuleType, monkeypatch: pytest.MonkeyPatch,
+                                                  tmp_path: Path) -> None:
+    monkeypatch.setattr(mutate, "unit_tests_of", lambda path: [])
+    monkeypatch.setattr(mutate.shutil, "copy", lambda *files: None)
+    with pytest.raises(SystemExit, match="src/Unheard.cpp has no unit tests"):
+        mutate.Trial("src/Unheard.cpp", "", tmp_path).failing_unit_test()
 
 
 def test_each_listed_change_is_one_of_the_source(mutate: ModuleType) -> None:

@@ -325,11 +325,13 @@ TEST_F(UnixTransmitter, SenderOfTheNextDatagramIsToldAndTheDatagramStays)
 {
     IPCUnixTransmitter transmitter(folder.file("own"));
     EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == "");
-    ASSERT_TRUE(UnixSocket(folder.file("peer")).send(folder.file("own"), "one"));
-    ASSERT_TRUE(UnixSocket().send(folder.file("own"), "two"));
-    EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == folder.file("peer"));
     char buffer[10] = {};
-    EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 3);
+    for (const std::string datagram : {"", "one"}) {
+        ASSERT_TRUE(UnixSocket(folder.file("peer")).send(folder.file("own"), datagram));
+        EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == folder.file("peer"));
+        EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), datagram.size());
+    }
+    ASSERT_TRUE(UnixSocket().send(folder.file("own"), "two"));
     EXPECT_TRUE(IPCService::senderOfNextDatagram(transmitter.descriptor()) == "");
     EXPECT_EQ(transmitter.receiveBytes(buffer, sizeof buffer), 3);
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -109,6 +110,21 @@ TEST(MessageExchange, SocketEndsWithTheLastExchangeAndIsMadeAnew)
     EXPECT_TRUE(peer.send(OWN_PATH, "x"));
 }
 
+TEST(MessageExchange, PathThatLeadsToWhatChangedSinceIsBoundAnew)
+{
+    const MessageExchange first;
+    struct stat bound = {};
+    ASSERT_EQ(::stat(OWN_PATH, &bound), 0);
+    // As another file with the inode of one that is gone.
+    ASSERT_TRUE(eventually([&bound] {
+        struct stat changed = {};
+        return ::chmod(OWN_PATH, 0600) == 0 && ::stat(OWN_PATH, &changed) == 0 &&
+               changed.st_ctim.tv_nsec != bound.st_ctim.tv_nsec;
+    }));
+    const MessageExchange second;
+    EXPECT_NE(ownInode(), bound.st_ino);
+}
+
 TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
 {
     Exchanging exchanging({7031});
@@ -120,6 +136,29 @@ TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
     EXPECT_FALSE(itgt.hasDatagram()) << "the request was sent again although it had left";
+}
+
+TEST(MessageExchange, RepetitionWithoutMemoryIsTriedAgainASecondLater)
+{
+    std::atomic<bool> isShort{false};
+    std::atomic<int> failed{0};
+    systemCalls().sendTo = [&isShort, &failed](int, std::size_t, int) {
+        if (isShort) {
+            ++failed;
+            throw std::bad_alloc();
+        }
+    };
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
+    isShort = true;
+    ASSERT_TRUE(eventually([&failed] { return failed > 0; }));
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(500)));
+    EXPECT_LE(failed, 5);
+    isShort = false;
+    UnixSocket itgt(ITGT_PATH);
+    EXPECT_EQ(itgt.receive(milliseconds(5000)), requestBytes(7031));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
 }
 
 TEST(MessageExchange, EachRequestHasAFirstFailureOfItsOwn)
@@ -171,7 +210,7 @@ TEST(MessageExchange, RequestThatComesBackIsNoReplyAndIsSentAgain)
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7021, 'r')));
 }
 
-TEST(MessageExchange, FailedReceiveIsNoReply)
+TEST(MessageExchange, FailedReceiveIsNoReplyAndComesAgainASecondLater)
 {
     std::atomic<bool> fails{false};
     systemCalls().recvFails = [&fails] { return fails.exchange(false); };
@@ -180,6 +219,7 @@ TEST(MessageExchange, FailedReceiveIsNoReply)
     ASSERT_TRUE(itgt.receive().has_value());
     fails = true;
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'r')));
+    EXPECT_FALSE(exchanging.hasEnded(milliseconds(500))) << "the next attempt was not a second later";
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7020, 'r')));
     EXPECT_EQ(CapturedLog::withFormat("receiveBytes fail:%s.").size(), 1U);
 }

@@ -97,12 +97,14 @@ TEST_P(TextOfTheSizeOfAHeadTest, IsABody)
 }
 
 INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, TextOfTheSizeOfAHeadTest,
-                         testing::Values("{}", "[]", " \t\r\n{}", "\"a\"", "-1", "7", "true", "false", "null"));
+                         testing::Values("{}", "[]", " \t\r\n{}", " {}", std::string(278, ' ') + "{}", "\"a\"", "-0",
+                                         "-9", "0", "9", "true", "false", "null"));
 
-TEST_F(ReceiveCommandTest, OwnReplyBetweenHeadAndBodyIsPassedOver)
+TEST_F(ReceiveCommandTest, OwnRepliesBeforeHeadAndBodyArePassedOver)
 {
     ASSERT_EQ(::unlink("/tmp/KH"), 0);
     ASSERT_EQ(::symlink("HK", "/tmp/KH"), 0);
+    m_loop->SendJsonMsg("/tmp/KH", 8, 200);
     sendDatagram(head(2, 4));
     m_loop->SendJsonMsg("/tmp/KH", 9, 200);
     sendDatagram("more");

@@ -192,6 +192,13 @@ INSTANTIATE_TEST_SUITE_P(ResponseReader, EndlessOverheadTest,
                                          std::pair(CHUNKED + "0\r\n", "X: y\r\n"),
                                          std::pair(CHUNKED + "4e20\r\n" + std::string(20000, 'x'), "x")));
 
+TEST(ResponseReader, OneMegabyteBesideTheBodyIsTakenAndOneByteMoreIsNot)
+{
+    const std::string most = CHUNKED + "0;" + std::string(MEGABYTE - CHUNKED.size() - 6, 'x');
+    EXPECT_EQ(outcomeOf(Connection(most + "\r\n\r\n")), "\"\"");
+    EXPECT_FALSE(isTaken(Connection(most + "x\r\n\r\n")));
+}
+
 TEST(ResponseReader, BytesOfABodyAllowForTheirChunks)
 {
     std::string body;
@@ -199,6 +206,11 @@ TEST(ResponseReader, BytesOfABodyAllowForTheirChunks)
         body += "0001\r\nx\r\n";  // 8 bytes for one
     }
     EXPECT_TRUE(outcomeOf(Connection(CHUNKED + body + "0\r\n\r\n")) == '"' + std::string(MEGABYTE, 'x') + '"');
+    std::string longer;
+    for (std::size_t i = 0; i < MEGABYTE; ++i) {
+        longer += "00001\r\nx\r\n";
+    }
+    EXPECT_FALSE(isTaken(Connection(CHUNKED + longer + "0\r\n\r\n")));
     std::string failure;
     EXPECT_LE(takenOf(CHUNKED, "1;" + std::string(100, 'x') + "\r\nx\r\n", failure), 2 * MEGABYTE);
     EXPECT_EQ(failure, "response has too much beside its body");
@@ -260,6 +272,7 @@ TEST_P(OutcomeTest, IsTheBodyOrTheReason)
 
 INSTANTIATE_TEST_SUITE_P(Head, OutcomeTest,
                          testing::Values(Outcome{"", NO_MESSAGE}, Outcome{OK, NO_END},
+                                         Outcome{"\nHTTP/1.1 200 OK\nContent-Length: 4\n\nbody", "\"body\""},
                                          Outcome{"HTTP/1.1 99 No\r\n\r\n", NO_HEAD},
                                          Outcome{OK + "\rA: b\r\nContent-Length: 0\r\n\r\n", NO_HEAD},
                                          Outcome{"FTP 200\r\nContent-Length: 2\r\n\r\nhi", NO_HEAD},
