@@ -181,6 +181,16 @@ int __wrap___fxstat64(int version, int descriptor, struct stat64* status)
 }
 #endif
 
+/// Comes before the C library's for shared libraries, too.
+ssize_t sendto(int descriptor, const void* data, std::size_t length, int flags, const sockaddr* address, socklen_t size)
+{
+    if (systemCalls().sending) {
+        systemCalls().sending();
+    }
+    static const auto next = reinterpret_cast<decltype(&::sendto)>(::dlsym(RTLD_NEXT, "sendto"));
+    return next(descriptor, data, length, flags, address, size);
+}
+
 /// Comes before the C library's for shared libraries, too. Under a name of its own here: a build with _FORTIFY_SOURCE
 /// has a function "recv" in the headers already.
 ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags) __asm__("recv");

@@ -37,6 +37,9 @@ struct SystemCalls
     /// Is told before each writev, with the number of parts.
     std::function<void(int descriptor, int count)> writing;
 
+    /// Is told before each sendto, also of shared libraries; may throw in its place.
+    std::function<void()> sending;
+
     /// Is asked before each recv, also of shared libraries, whether it shall fail with ENOMEM.
     std::function<bool()> recvFails;
 

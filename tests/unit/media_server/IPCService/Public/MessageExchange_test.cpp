@@ -142,7 +142,7 @@ TEST(MessageExchange, RepetitionWithoutMemoryIsTriedAgainASecondLater)
 {
     std::atomic<bool> isShort{false};
     std::atomic<int> failed{0};
-    systemCalls().sendTo = [&isShort, &failed](int, std::size_t, int) {
+    systemCalls().sending = [&isShort, &failed] {
         if (isShort) {
             ++failed;
             throw std::bad_alloc();
