@@ -12,7 +12,7 @@ from typing import Any, TypeVar
 
 from simulator.device import emulator
 from simulator.device.sandbox import Sandbox
-from simulator.device.service import Service, sanitizer_runtimes
+from simulator.device.service import Service, sanitizer_runtimes, version_of
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
 from simulator.messages import wire
@@ -84,7 +84,8 @@ class Camera:
         self.sandbox = Sandbox([self.platform.host])
         self._recorder = None
         if recording:
-            self._recorder = Recorder(self.journal, recording, self.path, {"build": build_folder().name})
+            self._recorder = Recorder(self.journal, recording, self.path, {
+                "build": build_folder().name, "version": version_of(binary.resolve())})
         self.itgt = Itgt(self.journal, self.sandbox.folder)
         self.faces = FaceLibrary(self.journal, self.sandbox.folder)
         self.client = Client(self.journal, self.sandbox.folder)

@@ -35,7 +35,8 @@ class RunningCamera:
     def status(self) -> dict[str, Any]:
         task = self._camera.platform.task()
         folder = self._camera.sandbox.folder
-        return {"name": self._name, "process": os.getpid(), "service": self._camera.service.pid,
+        service = self._camera.service
+        return {"name": self._name, "version": service.version, "process": os.getpid(), "service": service.pid,
                 "folder": str(folder), "client_folder": str(folder / "client"), "url": task["taskURL"],
                 "faults": [str(order) for order in self._switches.active]}
 

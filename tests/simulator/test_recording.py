@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import base64
 import json
+import re
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -15,6 +16,7 @@ from simulator import CameraError, Journal, Reset, Response, Send, Wait, wire
 from simulator.trace.recording import SCHEMA, Entry, Recorder, read
 from support import PAGE, StartCamera, wait_end
 
+ROOT = Path(__file__).resolve().parents[2]
 HEAD = b'{"format": "camgate-recording", "version": 1, "began": "2026-01-01T00:00:00+00:00", "about": {"build": "x"}}\n'
 LOG = b'{"time": 0.5, "type": "log", "level": "INFO", "path": "a", "line": 3, "text": "t", "written": ""}\n'
 
@@ -42,6 +44,8 @@ def test_whole_run(start_camera: StartCamera, tmp_path: Path) -> None:
     for line in path.read_text().splitlines():
         validator.validate(json.loads(line))
     recording = read(path)
+    version = re.search(r"^project\(camgate VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
+    assert version and recording.about["version"] == version[1]
     assert not recording.cut
     of = {kind: [entry for entry in recording.entries if entry.type == kind] for kind in
           ("datagram", "request", "response", "file", "buffer", "ring_record", "log", "fault")}

@@ -80,7 +80,8 @@ def summary(recording: Recording, chapters: list[Chapter]) -> str:
         ("datagram", "datagrams"), ("request", "HTTPS requests"), ("file", "files"), ("log", "log records"),
         ("fault", "faults"))]
     cut = "; its end is missing, because the run was killed" if recording.cut else ""
-    build = f", build {recording.about['build']}" if "build" in recording.about else ""
+    version = f", version {recording.about['version']}" if recording.about.get("version") else ""
+    build = f"{version}, build {recording.about['build']}" if "build" in recording.about else version
     last = recording.entries[-1].time if recording.entries else 0.0
     return f"recorded {recording.began[:19].replace('T', ' ')} UTC{build}, {last:.1f} s: {', '.join(counts)}{cut}"
 
