@@ -45,6 +45,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 
 def run(arguments: argparse.Namespace) -> int:
+    options.check_record(arguments)
     journal = Journal()
     platform = Platform(journal)
     options.apply_settings(SimpleNamespace(platform=platform), arguments)
@@ -53,7 +54,8 @@ def run(arguments: argparse.Namespace) -> int:
     with stoppable():
         listener = _listen(arguments.address, arguments.port)
         platform.port = listener.getsockname()[1]
-        recorder = Recorder(journal, arguments.record) if arguments.record else nullcontext()
+        recorder = (Recorder(journal, arguments.record, bodies=not arguments.no_bodies) if arguments.record
+                    else nullcontext())
         try:
             with listener, show, Control(arguments.name, journal, fault_handlers(switches)), recorder:
                 options.switch_on(switches, arguments)
