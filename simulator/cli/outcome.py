@@ -98,10 +98,10 @@ def _asked(events: Sequence[Event]) -> int:
 
 def described(download: dict[str, Any]) -> str:
     """The same as a line for people."""
-    return f"download {why_not(download)}, {download['seconds']:g} s"
+    return f"download {in_a_line(download)}, {download['seconds']:g} s"
 
 
-def why_not(download: dict[str, Any]) -> str:
+def in_a_line(download: dict[str, Any]) -> str:
     """Whether it was complete, and if not, why."""
     how = "complete" if download["complete"] else f"NOT complete, {download['why']}"
     refused = f", {download['refused']} refused" if download["refused"] else ""

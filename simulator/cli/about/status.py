@@ -9,7 +9,7 @@ from simulator.camera import build_folder
 from simulator.cli import options
 from simulator.cli.command_line import DONE, NO_CAMERA, CodedError, print_json
 from simulator.cli.control import ask, running
-from simulator.cli.outcome import why_not
+from simulator.cli.outcome import in_a_line
 
 HELP = "say which cameras run, what they download, which faults are on, which version they are"
 DESCRIPTION = """\
@@ -84,4 +84,4 @@ def _download(download: dict[str, Any]) -> str:
         return "none so far"
     if state == "running":
         return f"page {download['page']} is on its way, {download['pictures']} pictures imported so far"
-    return f"none now; the last one: {why_not(download)}"
+    return f"none now; the last one: {in_a_line(download)}"

@@ -50,5 +50,5 @@ def _item(item: Item) -> dict[str, Any]:
             "title": item.title, "detail": item.detail, "text": item.text, "fault": item.fault,
             "connection": item.connection,
             "fields": [[part.name, part.offset, part.width, part.value] for part in item.fields],
-            "bytes": {"size": item.size, "cut": bool(item.parts) or is_cut(item.data),
+            "bytes": {"size": item.size, "cut": item.size > len(item.data) or is_cut(item.data),
                       "parts": [[offset, part.hex()] for offset, part in item.parts or shown_bytes(item.data)]}}
