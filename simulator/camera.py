@@ -12,7 +12,7 @@ from typing import Any, TypeVar
 
 from simulator.device import emulator
 from simulator.device.sandbox import Sandbox
-from simulator.device.service import Service, sanitizer_runtimes
+from simulator.device.service import Service, sanitizer_runtimes, version_of
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
 from simulator.messages import wire
@@ -60,6 +60,7 @@ class Camera:
     filtered   whether system calls are filtered as on the camera; tools that look into the service need others
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see trace/recording.py)
+    bodies     whether the recording keeps bodies and files beyond 4 KiB, which pages are
 
     Attributes: journal, sandbox, itgt, faces, client, events, platform, service.
     Must be entered on a thread that lives as long as the camera.
@@ -69,7 +70,7 @@ class Camera:
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
                  wait: bool = True, filtered: bool = True, platform: Callable[[Journal], Any] = Platform,
-                 recording: Path | None = None) -> None:
+                 recording: Path | None = None, bodies: bool = True) -> None:
         if preload is None:
             preload = [build_folder() / "lib" / "libcamera_devices.so"]
         binary = service or build_folder() / "bin" / "protocol_process"
@@ -84,7 +85,8 @@ class Camera:
         self.sandbox = Sandbox([self.platform.host])
         self._recorder = None
         if recording:
-            self._recorder = Recorder(self.journal, recording, self.path, {"build": build_folder().name})
+            self._recorder = Recorder(self.journal, recording, self.path, {
+                "build": build_folder().name, "version": version_of(binary.resolve())}, bodies)
         self.itgt = Itgt(self.journal, self.sandbox.folder)
         self.faces = FaceLibrary(self.journal, self.sandbox.folder)
         self.client = Client(self.journal, self.sandbox.folder)

@@ -39,9 +39,8 @@ class Stopped(BaseException):
 
 def modules(wanted: str = "") -> dict[str, ModuleType]:
     """The subcommands by name; only the wanted one, if there is such a one: that is quicker than all."""
-    folder = Path(__file__).with_name("commands")
-    names = {info.name: f"{__package__}.commands.{info.name}" for info in pkgutil.iter_modules([str(folder)])}
-    names["completion"] = f"{__package__}.completion"  # about the command line itself, not about a camera
+    names = {info.name: f"{__package__}.{folder}.{info.name}" for folder in ("commands", "about")
+             for info in pkgutil.iter_modules([str(Path(__file__).with_name(folder))])}
     return {name: importlib.import_module(names[name]) for name in ([wanted] if wanted in names else sorted(names))}
 
 
@@ -66,7 +65,7 @@ def make_parser(wanted: str = "") -> argparse.ArgumentParser:
 def main(words: Sequence[str]) -> int:
     if "_ARGCOMPLETE" in os.environ:
         complete()
-    arguments = make_parser(words[0] if words else "").parse_args(words)
+    arguments = make_parser(words[0]).parse_args(words) if words else _ALONE
     signal.signal(signal.SIGINT, signal.default_int_handler)
     try:
         code: int = arguments.run(arguments)
@@ -79,10 +78,19 @@ def main(words: Sequence[str]) -> int:
         if getattr(arguments, "json", False):
             print_json({"error": str(error)})
         else:
-            print(f"camsim {arguments.subcommand}: {error}", file=sys.stderr)
+            print(f"{f'camsim {arguments.subcommand}'.strip()}: {error}", file=sys.stderr)
         return error.code if isinstance(error, CodedError) else FAILED
     except (KeyboardInterrupt, Stopped):
         return STOPPED
+
+
+def _next_step(_arguments: argparse.Namespace) -> int:
+    code: int = importlib.import_module(f"{__package__}.about.status").next_step()
+    return code
+
+
+# What is done without a subcommand.
+_ALONE = argparse.Namespace(subcommand="", run=_next_step)
 
 
 def complete() -> None:

@@ -123,7 +123,7 @@ def _expect(what: str, seen: object, expected: object) -> None:
 
 def _run(arguments: argparse.Namespace, show: Display) -> None:
     show.console.print(f"The service is {build_folder()}/bin/protocol_process, unchanged, in a sandbox of its own.")
-    camera = Camera(start=False, recording=arguments.record)
+    camera = Camera(start=False, recording=arguments.record, bodies=not arguments.no_bodies)
     show.follow(camera.journal)
     with show, camera:
         try:
@@ -158,9 +158,12 @@ def _arguments() -> argparse.Namespace:
     parser.add_argument("--faces", type=int, default=75, metavar="N", help="faces to download (75)")
     parser.add_argument("--verbose", action="store_true", help="show the service's log and every message, decoded")
     parser.add_argument("--record", type=Path, metavar="FILE", help="write everything that passes into a file")
+    parser.add_argument("--no-bodies", action="store_true", help="with --record: leave pages and pictures out")
     arguments = parser.parse_args()
     if not 0 <= arguments.faces <= 10_000:
         parser.error("--faces takes a number from 0 to 10000")
+    if arguments.no_bodies and not arguments.record:
+        parser.error("--no-bodies is of no use without --record FILE")
     return arguments
 
 

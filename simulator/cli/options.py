@@ -19,6 +19,7 @@ from simulator.peers.platform import Platform
 from simulator.peers.real.address import address_of
 from simulator.peers.real.gateway import Gateway
 from simulator.peers.real.relay import Relay
+from simulator.trace.recording import LONG
 
 
 def add_json(parser: argparse.ArgumentParser, text: str = "print JSON instead, one object a line") -> None:
@@ -46,6 +47,13 @@ def service_of(arguments: argparse.Namespace) -> Path | None:
 def add_record(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--record", type=Path, metavar="FILE", help="write everything that happens into FILE, for "
                         "`camsim trace FILE`")
+    parser.add_argument("--no-bodies", action="store_true", help="with --record: leave bodies and files of more than "
+                        f"{LONG} bytes out, which pages with pictures are; their size and SHA-256 stay")
+
+
+def check_record(arguments: argparse.Namespace) -> None:
+    if arguments.no_bodies and not arguments.record:
+        raise CodedError("--no-bodies is of no use without --record FILE", WRONG_ARGUMENTS)
 
 
 def add_faults(parser: argparse.ArgumentParser) -> None:
@@ -82,8 +90,9 @@ def add_transparent(parser: argparse.ArgumentParser) -> None:
 
 def make_camera(arguments: argparse.Namespace) -> Camera:
     """A camera that is not started yet, as the arguments want it."""
+    check_record(arguments)
     camera = Camera(service=service_of(arguments), start=False, platform=platform_maker(arguments),
-                    recording=arguments.record)
+                    recording=arguments.record, bodies=not arguments.no_bodies)
     try:
         apply_settings(camera, arguments)
     except BaseException:

@@ -8,8 +8,9 @@ from typing import Any
 
 from simulator.journal import Event
 from simulator.messages import wire
-from simulator.messages.log import fails_download
+from simulator.messages.log import ends_download, fails_download
 
+_PAGE = "Http Param:"  # what the service logs when it asks for a page
 _SECONDS = "5 s"  # what the service grants each step
 # What the service says of an exchange that failed, and what that is in plain words; the first that matches counts.
 _FAILURES: tuple[tuple[str, Callable[[re.Match[str], str], str]], ...] = (
@@ -42,7 +43,7 @@ def outcome(events: Sequence[Event], end: Event) -> dict[str, Any]:
 
 
 def _why_no_page(lines: Sequence[str], events: Sequence[Event]) -> str:
-    page = f"page {lines.count('Http Param:')} could not be fetched"
+    page = f"page {lines.count(_PAGE)} could not be fetched"
     for line in reversed(lines):
         if match := re.match(r"SendMsgAndRecvResponse err:(.*)", line):
             return f"{page}: {in_words(match[1].strip(), _stage(events))}"
@@ -51,7 +52,7 @@ def _why_no_page(lines: Sequence[str], events: Sequence[Event]) -> str:
                 return f"{page}: the platform answered {match[1]}"
             break
     said = [line for line in lines if line.startswith(("[Custom]", " [Custom]"))]
-    return f"page {lines.count('Http Param:')} could not be stored or handed to ITGT" + (
+    return f"page {lines.count(_PAGE)} could not be stored or handed to ITGT" + (
         f": {said[-1].strip()}" if said else "")
 
 
@@ -76,9 +77,32 @@ def _stage(events: Sequence[Event]) -> str:
     return stage
 
 
+def download_state(events: Sequence[Event]) -> dict[str, Any]:
+    """What the download does: "state" is "running", "over" with the outcome of the last one, or "none"."""
+    ends = [position for position, event in enumerate(events) if event.matches("service", "ended")
+            or event.matches("service", "log") and ends_download(event.record.text)]
+    now = events[ends[-1] + 1:] if ends else events
+    if pages := _asked(now):
+        return {"state": "running", "page": pages,
+                "pictures": sum(event.matches("itgt", "picture", result=wire.IMPORTED) for event in now)}
+    for before, end in reversed(list(zip([-1, *ends], ends))):
+        if _asked(events[before + 1:end]):
+            return {"state": "over", **outcome(events[before + 1:end], events[end])}
+    return {"state": "none"}
+
+
+def _asked(events: Sequence[Event]) -> int:
+    """How many pages the service has asked for."""
+    return sum(event.matches("service", "log") and event.record.text == _PAGE for event in events)
+
+
 def described(download: dict[str, Any]) -> str:
     """The same as a line for people."""
+    return f"download {in_a_line(download)}, {download['seconds']:g} s"
+
+
+def in_a_line(download: dict[str, Any]) -> str:
+    """Whether it was complete, and if not, why."""
     how = "complete" if download["complete"] else f"NOT complete, {download['why']}"
     refused = f", {download['refused']} refused" if download["refused"] else ""
-    return (f"download {how}: {download['pages']} pages, {download['pictures']} pictures imported{refused}, "
-            f"{download['seconds']:g} s")
+    return f"{how}: {download['pages']} pages, {download['pictures']} pictures imported{refused}"

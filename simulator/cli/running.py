@@ -12,7 +12,7 @@ from simulator.camera import Camera
 from simulator.cli.command_line import BUSY, DONE, INCOMPLETE, NO_REPLY, REFUSED
 from simulator.cli.control import Handlers
 from simulator.cli.outcome import described as outcome_in_words
-from simulator.cli.outcome import outcome
+from simulator.cli.outcome import download_state, outcome
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Event
@@ -35,9 +35,10 @@ class RunningCamera:
     def status(self) -> dict[str, Any]:
         task = self._camera.platform.task()
         folder = self._camera.sandbox.folder
-        return {"name": self._name, "process": os.getpid(), "service": self._camera.service.pid,
+        service = self._camera.service
+        return {"name": self._name, "version": service.version, "process": os.getpid(), "service": service.pid,
                 "folder": str(folder), "client_folder": str(folder / "client"), "url": task["taskURL"],
-                "faults": [str(order) for order in self._switches.active]}
+                "download": download_state(self._camera.journal.events), **_faults(self._switches)}
 
     def _send(self, request: dict[str, Any]) -> dict[str, Any]:
         camera, name = self._camera, request["command"]
@@ -94,6 +95,16 @@ def _outcome(status: int | None) -> dict[str, Any]:
              409: (BUSY, "refused: a download runs already")}
     code, text = known.get(status or 0, (REFUSED, "an unexpected status"))
     return {"status": status, "text": text, "code": code}
+
+
+def _faults(switches: FaultSwitches) -> dict[str, Any]:
+    return {"faults": [str(order) for order in switches.active], "spent": [str(order) for order in switches.spent]}
+
+
+def platform_handlers(name: str, url: str, switches: FaultSwitches) -> Handlers:
+    """What the platform alone can be asked; `url` is where its pages are."""
+    return {"status": lambda _request: {"name": name, "process": os.getpid(), "url": url, **_faults(switches)},
+            **fault_handlers(switches)}
 
 
 def fault_handlers(switches: FaultSwitches) -> Handlers:

@@ -25,6 +25,8 @@ from simulator.messages.log import LogRecord, parse_record
 _START_SECONDS = 60.0
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
 _CREDENTIALS = struct.Struct("iII")
+# Type and owner of the note: https://systemd.io/ELF_PACKAGE_METADATA
+_NOTE = struct.pack("<I4s", 0xCAFE1A7E, b"FDO")
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "TZ")
 
 
@@ -33,6 +35,7 @@ class Service:
 
     pid        process id on this machine while it runs, for signals and /proc
     exit_code  None while it runs; 128 + N when signal N ended it
+    version    of the binary, as it says itself; "" if it does not
     log        every record that it has written to its standard error, also those just before its last message
     stderr     standard error as it came
     stdout     standard output as it came; the service is to print nothing
@@ -55,6 +58,7 @@ class Service:
         journal.take = self._take_stderr
         self._sandbox = sandbox
         self._binary = binary.resolve()
+        self.version = version_of(self._binary)
         self._preload = [path.resolve() for path in preload]
         self._libraries = [path.resolve() for path in libraries]
         self._environment = dict(environment or {})
@@ -249,6 +253,18 @@ class Service:
                 record = parse_record(line.decode("utf-8", "backslashreplace"))
                 self._log.append(record)
                 self._journal.add(self.name, "log", record=record)
+
+
+@functools.lru_cache
+def version_of(binary: Path) -> str:
+    """The version in the note of package metadata that the service's binary has; "" for a binary without one."""
+    if not binary.is_file():
+        return ""
+    _, _, description = binary.read_bytes().partition(_NOTE)
+    try:
+        return str(json.loads(description.partition(b"\0")[0])["version"])
+    except (ValueError, LookupError, TypeError):
+        return ""
 
 
 @functools.lru_cache

@@ -48,6 +48,12 @@ class FaultSwitches:
         with self._lock:
             return list(self._active.values())
 
+    @property
+    def spent(self) -> list[Order]:
+        """Of those, the ones that take hold no more: they did as many times as they were to."""
+        with self._lock:
+            return [order for name, order in self._active.items() if self._left[name] < 0]
+
     def on(self, order: Order) -> None:
         """Switches a fault on; if it is on already, with the new parameters. Raises CameraError."""
         fault = order.fault

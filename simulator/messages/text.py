@@ -12,6 +12,29 @@ _JSON_LIMIT = 16_000_000  # bytes of a document that is taken apart to show it
 _DEPTH_LIMIT = 40
 
 
+class LeftOut(bytes):
+    """In place of bytes that are not here, only how many they are, and their SHA-256. Without them it is empty."""
+
+    size: int
+    sha256: str
+
+    def __new__(cls, size: int, sha256: str) -> LeftOut:
+        made = super().__new__(cls)
+        made.size, made.sha256 = size, sha256
+        return made
+
+    def __bool__(self) -> bool:
+        return True
+
+    def __repr__(self) -> str:
+        return f"({size(self)}, left out of the recording)"
+
+
+def length(data: bytes) -> int:
+    """How many bytes they are, or were."""
+    return data.size if isinstance(data, LeftOut) else len(data)
+
+
 def visible(text: str) -> str:
     """`text` with everything escaped that would steer a terminal or change the direction of writing."""
     return "".join(character if character.isprintable() or character == "\n" else _escaped(character)
@@ -34,11 +57,13 @@ def printable(data: bytes) -> str:
 
 
 def size(data: bytes) -> str:
-    return "1 byte" if len(data) == 1 else f"{len(data):,} bytes"
+    return "1 byte" if length(data) == 1 else f"{length(data):,} bytes"
 
 
 def as_text(data: bytes) -> str:
     """JSON in lines, long values cut; other text as it is; "" for what is neither."""
+    if isinstance(data, LeftOut):
+        return repr(data)
     document = document_of(data)
     text = json.dumps(_shortened(document), indent=2, ensure_ascii=False) if document is not None else None
     if text is None:
@@ -53,6 +78,8 @@ def as_text(data: bytes) -> str:
 
 def compact(data: bytes) -> str:
     """JSON without line breaks, long values cut; the first characters of anything else."""
+    if isinstance(data, LeftOut):
+        return "left out of the recording"
     document = document_of(data)
     return printable(data[:4 * VALUE_LIMIT]) if document is None \
         else json.dumps(_shortened(document), ensure_ascii=False)

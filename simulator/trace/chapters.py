@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 
 from simulator.messages import wire
 from simulator.messages.log import ends_download
 from simulator.messages.text import document_of, one_line
 from simulator.trace.explanation import explain
-from simulator.trace.recording import Recording
+from simulator.trace.recording import Entry, Recording
 from simulator.trace.words import Item
 
 
@@ -34,16 +35,23 @@ class Chapter:
 def chapters_of(recording: Recording) -> list[Chapter]:
     """The chapters of a run, in order; every explained entry is in one."""
     teller = _Teller()
-    for item in explain(recording):
+    imported = []
+
+    def passing() -> Iterator[Entry]:
+        for entry in recording.entries:
+            if entry.type == "note" and (entry.source, entry.kind) == ("itgt", "picture"):
+                imported.append(entry.time)
+            yield entry
+
+    for item in explain(passing()):
         teller.take(item)
     chapters = [chapter for chapter in teller.chapters if chapter.items]
     for chapter in chapters:
         chapter.phases = _phases(chapter)
-    for entry in recording.entries:
-        if entry.type == "note" and (entry.source, entry.kind) == ("itgt", "picture"):
-            at = [chapter for chapter in chapters if chapter.begin <= entry.time]
-            if at:
-                at[-1].pictures += 1
+    for time in imported:
+        at = [chapter for chapter in chapters if chapter.begin <= time]
+        if at:
+            at[-1].pictures += 1
     return chapters
 
 

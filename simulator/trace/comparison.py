@@ -2,13 +2,15 @@
 
 from __future__ import annotations
 
+import hashlib
 import re
 from collections import defaultdict
 from collections.abc import Callable
+from dataclasses import dataclass
 from itertools import zip_longest
 from typing import Any
 
-from simulator.messages.text import one_line
+from simulator.messages.text import LeftOut, one_line
 from simulator.trace.recording import Entry, Recording
 
 # What is not compared, and why. Everything else is.
@@ -42,7 +44,7 @@ def compare(one: Recording, other: Recording) -> list[str]:
     ones, others = _channels(one), _channels(other)
     found = []
     for channel in sorted(set(ones) | set(others)):
-        difference = _difference(ones.get(channel, []), others.get(channel, []))
+        difference = _difference(_Side(one, ones.get(channel, [])), _Side(other, others.get(channel, [])))
         if difference:
             found.append(f"{' '.join(channel)}: {difference}")
     return found
@@ -56,12 +58,48 @@ def counts(recording: Recording) -> dict[str, int]:
     return dict(numbers)
 
 
-def _channels(recording: Recording) -> dict[Channel, list[Any]]:
-    channels: dict[Channel, list[Any]] = defaultdict(list)
-    for entry in recording.entries:
-        if entry.type in _COMPARED and (step := _COMPARED[entry.type](entry)) is not None:
-            channels[step[0]].append(step[1])
+@dataclass(frozen=True)
+class _Mark:
+    """A step as it is kept in memory, where a whole run has no room."""
+
+    position: int  # among the entries
+    digest: bytes
+
+
+@dataclass(frozen=True)
+class _Side:
+    """The steps of a channel in one of the runs."""
+
+    recording: Recording
+    marks: list[_Mark]
+
+    def step(self, number: int) -> Any:
+        """The whole of it again, to tell a difference."""
+        found = _step(self.recording.entries[self.marks[number].position])
+        assert found is not None
+        return found[1]
+
+
+def _channels(recording: Recording) -> dict[Channel, list[_Mark]]:
+    channels: dict[Channel, list[_Mark]] = defaultdict(list)
+    for position, entry in enumerate(recording.entries):
+        if (step := _step(entry)) is not None:
+            digest = hashlib.sha256(repr(_identity(step[1])).encode("utf-8", "surrogatepass")).digest()
+            channels[step[0]].append(_Mark(position, digest))
     return channels
+
+
+def _step(entry: Entry) -> _Step | None:
+    return _COMPARED[entry.type](entry) if entry.type in _COMPARED else None
+
+
+def _identity(value: Any) -> Any:
+    """The same for the same: bytes that were left out of a recording are as good as those that are there."""
+    if isinstance(value, dict):
+        return sorted((name, _identity(one)) for name, one in value.items())
+    if isinstance(value, LeftOut):
+        return "bytes", value.sha256
+    return ("bytes", hashlib.sha256(value).hexdigest()) if isinstance(value, bytes) else value
 
 
 def _connection(entry: Entry) -> _Step:
@@ -92,23 +130,24 @@ _COMPARED: dict[str, Callable[[Entry], _Step | None]] = {
 }
 
 
-def _difference(ones: list[Any], others: list[Any]) -> str:
-    nothing = object()
-    for number, (one, other) in enumerate(zip_longest(ones, others, fillvalue=nothing), 1):
-        if one == other:
-            continue
-        if one is nothing or other is nothing:
-            which, extra = ("second", other) if one is nothing else ("first", one)
-            return f"{len(ones)} and {len(others)}; only the {which} run has number {number}: {_shown(extra)}"
-        return f"number {number}: {_unequal(one, other)}"
+def _difference(one: _Side, other: _Side) -> str:
+    for number, (mine, its) in enumerate(zip_longest(one.marks, other.marks)):
+        if mine is None or its is None:
+            which, side = ("second", other) if mine is None else ("first", one)
+            return (f"{len(one.marks)} and {len(other.marks)}; only the {which} run has number {number + 1}: "
+                    f"{_shown(side.step(number))}")
+        if mine.digest != its.digest:
+            return f"number {number + 1}: {_unequal(one.step(number), other.step(number))}"
     return ""
 
 
 def _unequal(one: Any, other: Any) -> str:
     if isinstance(one, dict) and isinstance(other, dict):
         for name in sorted(set(one) | set(other)):
-            if one.get(name) != other.get(name):
+            if _identity(one.get(name)) != _identity(other.get(name)):
                 return f"{name}: {_unequal(one.get(name), other.get(name))}"
+    if isinstance(one, LeftOut) or isinstance(other, LeftOut):
+        return f"{_shown(one)} and {_shown(other)}"
     long = isinstance(one, str) and isinstance(other, str) and max(len(one), len(other)) > _SHOWN_CHARACTERS
     if not long and not (isinstance(one, bytes) and isinstance(other, bytes)):
         return f"{_shown(one)} and {_shown(other)}"
@@ -119,6 +158,8 @@ def _unequal(one: Any, other: Any) -> str:
 
 
 def _shown(value: Any) -> str:
+    if isinstance(value, LeftOut):
+        return f"{value!r}"
     if isinstance(value, bytes):
         return repr(value[:_SHOWN_BYTES]) + ("..." if len(value) > _SHOWN_BYTES else "")
     return one_line(repr(value), _SHOWN_CHARACTERS + 2)

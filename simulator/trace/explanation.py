@@ -2,15 +2,20 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from dataclasses import asdict, dataclass, field, replace
 from typing import Any
 
 from simulator.errors import CameraError
 from simulator.journal import Event
-from simulator.trace.recording import Entry, Recording, entries_of
+from simulator.trace.entries import entries_of
+from simulator.trace.recording import Entry
 from simulator.trace.words import HIDDEN, HOOKS, Item, explained
 
+_KEPT_BYTES = 65_536  # of one message, while a whole run is explained
+_BYTES_LIMIT = 2048  # of one message; the first and the last of a longer one are shown
+_BYTES_AT_END = 256
+_ROW = 16
 _MESSAGES = ("datagram", "request", "response", "step")
 
 
@@ -35,12 +40,37 @@ class Explainer:
         return item
 
 
-def explain(recording: Recording) -> list[Item]:
-    """Every entry that says something to a reader, explained, in order."""
+def explain(entries: Iterable[Entry]) -> Iterator[Item]:
+    """Every entry that says something to a reader, explained, in order; of a long one only what is worth showing."""
     explainer = Explainer()
-    return [item for entry in recording.entries
-            if not (entry.type == "note" and (entry.source, entry.kind) in HIDDEN)
-            and (item := explainer.take(entry)) is not None]
+    for entry in entries:
+        if entry.type == "note" and (entry.source, entry.kind) in HIDDEN:
+            continue
+        item = explainer.take(entry)
+        if item is not None:
+            yield item if len(item.data) <= _KEPT_BYTES else replace(item, data=b"", parts=shown_bytes(item.data))
+
+
+def shown_bytes(data: bytes) -> tuple[tuple[int, bytes], ...]:
+    """The bytes worth showing, as pieces with their offsets: no long runs of zeros, and not all of a long message."""
+    if is_cut(data):
+        end = (len(data) - _BYTES_AT_END) // _ROW * _ROW
+        return (0, data[:_BYTES_LIMIT - _BYTES_AT_END]), (end, data[end:])
+    pieces: list[tuple[int, bytes]] = []
+    for offset in range(0, len(data), _ROW):
+        row = data[offset:offset + _ROW]
+        if not any(row) and offset:
+            continue
+        if pieces and sum(map(len, pieces[-1][1:])) + pieces[-1][0] == offset:
+            pieces[-1] = (pieces[-1][0], pieces[-1][1] + row)
+        else:
+            pieces.append((offset, row))
+    return tuple(pieces)
+
+
+def is_cut(data: bytes) -> bool:
+    """Whether a message is too long to show, even without its zeros."""
+    return len(data) - data.count(0) > _BYTES_LIMIT
 
 
 @dataclass(frozen=True)

@@ -9,7 +9,8 @@ from typing import Any
 from simulator.messages import wire
 from simulator.messages.describe import Description, describe, describe_block, describe_message, describe_notification
 from simulator.messages.log import ends_download
-from simulator.messages.text import VALUE_LIMIT, as_text, compact, document_of, one_line, printable, size, visible
+from simulator.messages.text import (VALUE_LIMIT, as_text, compact, document_of, length, one_line, printable, size,
+                                     visible)
 from simulator.trace.recording import Entry
 
 # What the processes are called, from left to right as the page draws them.
@@ -46,6 +47,8 @@ class Item:
     source, target  the processes; no target: it concerns the source alone
     title, detail   what it is, in a few words; what it says
     data            its bytes
+    size            how many they are; those of a long message may not be here
+    parts           those worth showing, with their offsets, where `data` is not here
     fields          where they are known
     text            the data as text for people; "" if it is not text
     fault           names the fault that changed it, "" for none
@@ -68,6 +71,8 @@ class Item:
     title: str
     detail: str = ""
     data: bytes = b""
+    size: int = 0
+    parts: tuple[tuple[int, bytes], ...] = ()
     fields: tuple[PlacedField, ...] = ()
     text: str = ""
     fault: str = ""
@@ -94,6 +99,7 @@ def cut(text: str, limit: int = _WHOLE_LIMIT) -> str:
 
 
 def _item(entry: Entry, source: str, target: str, title: str, **details: Any) -> Item:
+    details.setdefault("size", length(details.get("data", b"")))
     return Item(entry.number, entry.time, entry.type, source, target, visible(title),
                 connection=entry.fields.get("connection") or 0, **details)
 
@@ -166,7 +172,7 @@ def _request(entry: Entry) -> Item:
     line = _first_line(entry)
     title = one_line(line.rpartition(" ")[0])
     return _item(entry, "service", "platform", title, **_http(entry),
-                 detail=_body_detail(entry), short=f"{title}, {len(entry.body)} bytes",
+                 detail=_body_detail(entry), short=f"{title}, {length(entry.body)} bytes",
                  values={"request_line": line, "body": printable(entry.body), "tls_version": entry.tls_version,
                          "connection": entry.connection})
 
@@ -176,8 +182,8 @@ def _response(entry: Entry) -> Item:
     line = _first_line(entry).partition(" ")[2]
     status = line.partition(" ")[0]
     return _item(entry, "platform", "service", one_line(line), **_http(entry), detail=late + _body_detail(entry),
-                 short=f"{status}, {_amount(len(entry.body))}",
-                 values={"status": int(status) if status.isdecimal() else status, "bytes": len(entry.body)})
+                 short=f"{status}, {_amount(length(entry.body))}",
+                 values={"status": int(status) if status.isdecimal() else status, "bytes": length(entry.body)})
 
 
 def _step(entry: Entry) -> Item:
@@ -369,9 +375,9 @@ def _http(entry: Entry) -> dict[str, Any]:
     """What requests and responses have in common."""
     head = printable(entry.head).replace("\r\n", "\n")
     text = visible(head) + ("\n\n" + as_text(entry.body) if entry.body else "")
-    body = (PlacedField("body", len(entry.head) + 4, len(entry.body), size(entry.body)),) if entry.body else ()
-    return {"data": bytes(entry.head + b"\r\n\r\n" + entry.body), "text": text, "shown": _DRAWN,
-            "fields": (*_head_lines(entry.head), *body),
+    body = (PlacedField("body", len(entry.head) + 4, length(entry.body), size(entry.body)),) if entry.body else ()
+    return {"data": bytes(entry.head + b"\r\n\r\n" + entry.body), "size": len(entry.head) + 4 + length(entry.body),
+            "text": text, "shown": _DRAWN, "fields": (*_head_lines(entry.head), *body),
             "whole": cut(head.replace("\n", " | ") + (" | " + compact(entry.body) if entry.body else ""))}
 
 

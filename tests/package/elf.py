@@ -46,6 +46,16 @@ def sections(path: Path) -> set[str]:
     return set(re.findall(r"\]\s(\.\S+)", _readelf(path, "-S")))
 
 
+def metadata(path: Path) -> str:
+    """What the note of package metadata says; every one of the file's notes has to be well-formed."""
+    listed = subprocess.run(["readelf", "-W", "-n", str(path)], env={**os.environ, "LC_ALL": "C"}, capture_output=True,
+                            text=True, check=True)
+    assert not listed.stderr, listed.stderr
+    found = re.search(r"FDO_PACKAGING_METADATA\s+Packaging Metadata: (.*)", listed.stdout)
+    assert found, listed.stdout
+    return found[1]
+
+
 def is_elf(path: Path) -> bool:
     with path.open("rb") as stream:
         return stream.read(4) == b"\x7fELF"

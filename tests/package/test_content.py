@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import gzip
+import json
 import platform
 import re
 import subprocess
@@ -11,6 +12,8 @@ from pathlib import Path
 import elf
 import pytest
 from packages import field, listing, package, unpacked
+
+from simulator.device.service import version_of
 
 ROOT = Path(__file__).resolve().parents[2]
 NAMES = ("camgate", "camgate-simulator")
@@ -90,6 +93,15 @@ def test_the_service_takes_the_platform_library_from_the_camera(tmp_path: Path) 
     assert "libcamera_platform.so" in elf.dynamic(service, "NEEDED")
     assert field(package("camgate"), "Recommends") == "camgate-platform"
     assert field(package("camgate-simulator"), "Provides") == "camgate-platform"
+
+
+def test_the_service_says_its_version_also_without_its_package(tmp_path: Path) -> None:
+    service = unpacked(package("camgate"), tmp_path / "tree") / "usr/sbin/protocol_process"
+    version = field(package("camgate"), "Version")
+    assert json.loads(elf.metadata(service)) == {"type": "deb", "name": "camgate", "version": version}
+    said = subprocess.run(["strings", str(service)], stdout=subprocess.PIPE, text=True, check=True).stdout
+    assert elf.metadata(service) in said.splitlines()
+    assert version_of(service) == version
 
 
 @pytest.mark.parametrize("name", NAMES)

@@ -38,7 +38,7 @@ def test_help_of_a_subcommand_is_enough_to_use_it(camsim: Camsim, name: str) -> 
         make_parser().parse_args(words[1:])
 
 
-@pytest.mark.parametrize("words", [[], ["nothing"], ["send", "--no-such"]])
+@pytest.mark.parametrize("words", [["nothing"], ["send", "--no-such"]])
 def test_wrong_words_exit_with_2(camsim: Camsim, words: list[str]) -> None:
     done = camsim.run(*words)
     assert (done.returncode, done.stdout) == (2, "")

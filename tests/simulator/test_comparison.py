@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+import hashlib
 import random
 from typing import Any
 
 import pytest
 
+from simulator.messages.text import LeftOut
 from simulator.trace.comparison import compare, counts
 from simulator.trace.recording import Entry, Recording
 
@@ -118,3 +120,13 @@ def test_counts() -> None:
 ])
 def test_words_of_the_json_library_alone_may_differ(one: str, other: str, same: bool) -> None:
     assert (compare(changed(12, text=one), changed(12, text=other)) == []) == same
+
+
+def test_bytes_that_were_left_out_are_compared_by_what_they_were() -> None:
+    def run(data: bytes) -> Recording:
+        return Recording("", {}, [Entry(2, 0.0, "file", {"process": "service", "path": "/p", "data": data})])
+    page = b"page" * 2000
+    left_out = LeftOut(len(page), hashlib.sha256(page).hexdigest())
+    assert compare(run(page), run(left_out)) == compare(run(left_out), run(left_out)) == []
+    assert compare(run(b"page" * 2001), run(left_out)) == [
+        "files /p: number 1: data: b'pagepagepagepagepagepage'... and (8,000 bytes, left out of the recording)"]

@@ -3,7 +3,11 @@
 from __future__ import annotations
 
 import base64
+import hashlib
 import json
+import re
+import tracemalloc
+import zlib
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -12,9 +16,12 @@ import jsonschema
 import pytest
 
 from simulator import CameraError, Journal, Reset, Response, Send, Wait, wire
+from simulator.peers.pictures import picture
+from simulator.trace.explanation import explain
 from simulator.trace.recording import SCHEMA, Entry, Recorder, read
 from support import PAGE, StartCamera, wait_end
 
+ROOT = Path(__file__).resolve().parents[2]
 HEAD = b'{"format": "camgate-recording", "version": 1, "began": "2026-01-01T00:00:00+00:00", "about": {"build": "x"}}\n'
 LOG = b'{"time": 0.5, "type": "log", "level": "INFO", "path": "a", "line": 3, "text": "t", "written": ""}\n'
 
@@ -39,9 +46,11 @@ def test_whole_run(start_camera: StartCamera, tmp_path: Path) -> None:
     camera.events.publish(b"record")
     camera.close()
     validator = jsonschema.Draft4Validator(SCHEMA)
-    for line in path.read_text().splitlines():
-        validator.validate(json.loads(line))
+    for line in path.read_bytes().splitlines():
+        validator.validate(json.loads(line.partition(b"\t")[0]))
     recording = read(path)
+    version = re.search(r"^project\(camgate VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
+    assert version and recording.about["version"] == version[1]
     assert not recording.cut
     of = {kind: [entry for entry in recording.entries if entry.type == kind] for kind in
           ("datagram", "request", "response", "file", "buffer", "ring_record", "log", "fault")}
@@ -133,7 +142,7 @@ def test_recording_that_cannot_begin(tmp_path: Path) -> None:
     (b"\x7fELF\n", "line 1: the recording is damaged"),
     (b'{"format": "other"}\n', "line 1: this is not a recording"),
     (b"[]\n", "line 1: the recording is damaged: the line is not a JSON object"),
-    (HEAD.replace(b'"version": 1', b'"version": 2'), "line 1: the recording has version 2; .* reads version 1"),
+    (HEAD.replace(b'"version": 1', b'"version": 3'), "line 1: the recording has version 3; .* reads versions 1 and 2"),
     (HEAD + LOG + b"{\n" + LOG, "line 3: the recording is damaged"),
     (HEAD + LOG + b"\n" + LOG, "line 3: the recording is damaged"),
     (HEAD + b"[" * 100_000 + b"\n", "line 2: the recording is damaged"),
@@ -167,8 +176,95 @@ def test_format_on_disk(tmp_path: Path) -> None:
     with Recorder(journal, path, about={"build": "host"}):
         journal.add("events", "notified", data=b"\0\1")
     head, entry = (json.loads(line) for line in path.read_bytes().splitlines())
-    assert (head["format"], head["version"], head["about"]) == ("camgate-recording", 1, {"build": "host"})
+    assert (head["format"], head["version"], head["about"]) == ("camgate-recording", 2, {"build": "host"})
     assert head["began"].startswith("20") and head["began"].endswith("+00:00")
     assert 0 <= entry.pop("time") < 5
     assert entry == {"type": "datagram", "from": "events", "to": "service", "socket": "/mnt/srvfs/event.paas.olv",
                      "data": {"base64": base64.b64encode(b"\0\1").decode()}}
+
+
+LONG_MESSAGE = bytes(21_408)
+LONG_BYTES = b"{" + bytes(range(256)) * 40 + b"=n=e\n"
+
+
+def long_run(journal: Journal) -> None:
+    journal.add("itgt", "file", path="/a", content=LONG_BYTES)
+    journal.add("itgt", "file", path="/b", content=LONG_BYTES)
+    journal.add("itgt", "file", path="/c", content=b"short")
+    journal.add("client", "sent", data=LONG_MESSAGE)
+
+
+def test_long_bytes_are_kept_once_and_come_back_as_they_were(tmp_path: Path) -> None:
+    entries = recorded(tmp_path, long_run)
+    assert [entry.data for entry in entries] == [LONG_BYTES, LONG_BYTES, b"short", LONG_MESSAGE]
+    assert [entry.number for entry in entries] == [3, 4, 5, 7], "the lines of the file"
+    head, content, *rest = (tmp_path / "run").read_bytes().splitlines()
+    assert json.loads(head)["bodies"] is True
+    document, _, packed = content.partition(b"\t")
+    digest = hashlib.sha256(LONG_BYTES).hexdigest()
+    assert json.loads(document) == {"type": "content", "sha256": digest, "size": len(LONG_BYTES)}
+    plain = packed.replace(b"=n", b"\n").replace(b"=r", b"\r").replace(b"=e", b"=")
+    assert zlib.decompress(plain) == LONG_BYTES
+    assert [json.loads(line)["data"] for line in rest[:3]] == [
+        *[{"sha256": digest, "size": len(LONG_BYTES)}] * 2, {"base64": "c2hvcnQ="}]
+
+
+def test_pages_take_hardly_more_than_their_pictures(start_camera: StartCamera, tmp_path: Path) -> None:
+    camera = start_camera(recording=tmp_path / "run")
+    camera.platform.picture_sizes = (20_000, 200_000)
+    assert camera.client.command("whiteListDown", camera.platform.task(75)).status == 200
+    wait_end(camera)
+    camera.close()
+    pictures = sum(len(picture(number)) for number in range(75))
+    assert pictures < (tmp_path / "run").stat().st_size < 1.1 * pictures
+
+
+def test_recording_without_bodies_has_their_sizes(tmp_path: Path) -> None:
+    one, other, short, message = recorded(tmp_path, long_run, bodies=False)
+    assert message.data == LONG_MESSAGE, "what the processes say to each other stays"
+    assert not read(tmp_path / "run").bodies
+    assert (one.data, other.data.size, short.data) == (b"", len(LONG_BYTES), b"short")
+    assert other.data.sha256 == hashlib.sha256(LONG_BYTES).hexdigest()
+    assert (tmp_path / "run").stat().st_size < 1500
+
+
+def test_recording_of_the_first_form_is_read(tmp_path: Path) -> None:
+    (tmp_path / "run").write_bytes(HEAD + LOG + b'{"time": 1, "type": "file", "process": "itgt", "path": "/a", "data": '
+                                   b'{"base64": "' + base64.b64encode(LONG_BYTES) + b'"}}\n')
+    recording = read(tmp_path / "run")
+    assert recording.bodies and [entry.type for entry in recording.entries] == ["log", "file"]
+    assert recording.entries[1].data == LONG_BYTES and recording.entries[-2:][0].line == 3
+
+
+@pytest.mark.parametrize("change, message", [
+    (lambda content: b"", 'line 2: a file has bytes as .*: no line before has those with the SHA-256 [0-9a-f]{64}'),
+    (lambda content: content.replace(b"\t", b"\tx"), "line 2: the recording is damaged: Error -3"),
+    (lambda content: content.partition(b"\t")[0] + b"\t" + zlib.compress(b"x").replace(b"=", b"=e") + b"\n",
+     "line 2: the recording is damaged: the bytes are others"),
+    (lambda content: content.partition(b"\t")[0][:-1] + b"\t\n", "line 2: the recording is damaged"),
+])
+def test_damaged_long_bytes_are_found(tmp_path: Path, change: Callable[[bytes], bytes], message: str) -> None:
+    recorded(tmp_path, long_run)
+    lines = (tmp_path / "run").read_bytes().splitlines(keepends=True)
+    (tmp_path / "run").write_bytes(b"".join([lines[0], change(lines[1]), *lines[2:]]))
+    with pytest.raises(CameraError, match=message):
+        list(read(tmp_path / "run").entries)
+
+
+def test_memory_does_not_grow_with_the_bodies(tmp_path: Path) -> None:
+    """What a run of many pages is read with."""
+    def many(journal: Journal) -> None:
+        for number in range(40):
+            journal.add("itgt", "file", path="/a", content=b"%d" % number * 1_000_000)
+    recorded_here = tmp_path / "run"
+    journal = Journal()
+    with Recorder(journal, recorded_here):
+        many(journal)
+    del journal
+    tracemalloc.start()
+    try:
+        items = list(explain(read(recorded_here).entries))
+        assert tracemalloc.get_traced_memory()[1] < 20_000_000
+    finally:
+        tracemalloc.stop()
+    assert [item.size for item in items] == [1_000_000] * 10 + [2_000_000] * 30

@@ -211,6 +211,20 @@ def data_of(page: str) -> dict[str, Any]:
     return dict(json.loads(gzip.decompress(base64.b64decode(packed[1], validate=True))))
 
 
+def test_page_of_a_run_without_bodies_says_what_is_not_there(tmp_path: Path, run: Callable[..., str]) -> None:
+    journal = Journal()
+    with Recorder(journal, tmp_path / "run", bodies=False):
+        tell(journal)
+    assert "it was recorded without long bodies" in run(tmp_path / "run")
+    answer, = (item for chapter in data_of(written_page(tmp_path / "run", run))["chapters"] for item in chapter["items"]
+               if item["kind"] == "response")
+    shown, = answer["bytes"]["parts"]
+    assert bytes.fromhex(shown[1]).endswith(b"\r\n\r\n")
+    assert answer["bytes"]["cut"] and answer["bytes"]["size"] == len(bytes.fromhex(shown[1])) + len(PAGE)
+    assert answer["text"].endswith(f"({len(PAGE):,} bytes, left out of the recording)")
+    assert next(item for item in items(run, tmp_path / "run") if item["title"] == "200 OK")["size"] > len(PAGE)
+
+
 def test_page_stands_alone(recorded: Path, run: Callable[..., str]) -> None:
     page = written_page(recorded, run)
     assert not re.search(r"""(src|href)\s*=|@import|url\(|\bimport\s*\(|fetch\(""", page)

@@ -11,7 +11,7 @@ from types import SimpleNamespace
 from simulator.cli import options
 from simulator.cli.command_line import DONE, WRONG_ARGUMENTS, CodedError, Stopped, print_json, stoppable
 from simulator.cli.control import Control, print_events
-from simulator.cli.running import fault_handlers
+from simulator.cli.running import platform_handlers
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Journal
@@ -45,6 +45,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 
 def run(arguments: argparse.Namespace) -> int:
+    options.check_record(arguments)
     journal = Journal()
     platform = Platform(journal)
     options.apply_settings(SimpleNamespace(platform=platform), arguments)
@@ -53,9 +54,12 @@ def run(arguments: argparse.Namespace) -> int:
     with stoppable():
         listener = _listen(arguments.address, arguments.port)
         platform.port = listener.getsockname()[1]
-        recorder = Recorder(journal, arguments.record) if arguments.record else nullcontext()
+        recorder = (Recorder(journal, arguments.record, bodies=not arguments.no_bodies) if arguments.record
+                    else nullcontext())
+        handlers = platform_handlers(arguments.name, _base(platform, arguments) + platform.task_path, switches)
+        control = Control(arguments.name, journal, handlers)
         try:
-            with listener, show, Control(arguments.name, journal, fault_handlers(switches)), recorder:
+            with listener, show, control, recorder:
                 options.switch_on(switches, arguments)
                 _greet(platform, show, arguments)
                 (print_events if arguments.json else show.follow)(journal)
@@ -77,9 +81,14 @@ def _listen(address: str, port: int) -> socket.socket:
                           "choose with --address and --port") from error
 
 
-def _greet(platform: Platform, show: Display, arguments: argparse.Namespace) -> None:
+def _base(platform: Platform, arguments: argparse.Namespace) -> str:
+    """What the platform's addresses begin with, for others."""
     host = socket.gethostname() if arguments.address in ("0.0.0.0", "::") else arguments.address
-    base = f"https://{f'[{host}]' if ':' in host else host}:{platform.port}"
+    return f"https://{f'[{host}]' if ':' in host else host}:{platform.port}"
+
+
+def _greet(platform: Platform, show: Display, arguments: argparse.Namespace) -> None:
+    base = _base(platform, arguments)
     faces = len(platform.pictures) or 75
     document = {"taskURL": base + platform.task_path, "taskResultURL": base + platform.result_path, "totalNum": faces}
     if arguments.json:

@@ -39,6 +39,7 @@ def run(arguments: argparse.Namespace) -> int:
         scenarios = [load(path) for path in arguments.scenarios]
     except CameraError as error:
         raise CodedError(str(error), WRONG_ARGUMENTS) from error
+    options.check_record(arguments)
     if arguments.record is not None and len(scenarios) > 1:
         raise CodedError("--record takes one scenario; a file holds one run", WRONG_ARGUMENTS)
     with stoppable():
@@ -52,7 +53,8 @@ def run(arguments: argparse.Namespace) -> int:
 
 
 def _play(scenario: Scenario, arguments: argparse.Namespace) -> bool:
-    camera = Camera(service=options.service_of(arguments), start=False, recording=arguments.record)
+    camera = Camera(service=options.service_of(arguments), start=False, recording=arguments.record,
+                    bodies=not arguments.no_bodies)
     try:
         player = Player(scenario, camera)
         show = Display(arguments.verbose)

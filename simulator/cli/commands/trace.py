@@ -14,8 +14,8 @@ from simulator.errors import CameraError
 from simulator.trace.chapters import Chapter, chapters_of
 from simulator.trace.comparison import NOT_COMPARED, compare, counts
 from simulator.trace.diagram import STYLES
+from simulator.trace.page.web_page import page
 from simulator.trace.recording import Recording, read
-from simulator.trace.web_page import page
 from simulator.trace.words import NAMES, Item
 
 HELP = "explain a recorded run: as text, as JSON, or as a page to look at"
@@ -80,7 +80,9 @@ def summary(recording: Recording, chapters: list[Chapter]) -> str:
         ("datagram", "datagrams"), ("request", "HTTPS requests"), ("file", "files"), ("log", "log records"),
         ("fault", "faults"))]
     cut = "; its end is missing, because the run was killed" if recording.cut else ""
-    build = f", build {recording.about['build']}" if "build" in recording.about else ""
+    version = f", version {recording.about['version']}" if recording.about.get("version") else ""
+    cut += "" if recording.bodies else "; it was recorded without long bodies"
+    build = f"{version}, build {recording.about['build']}" if "build" in recording.about else version
     last = recording.entries[-1].time if recording.entries else 0.0
     return f"recorded {recording.began[:19].replace('T', ' ')} UTC{build}, {last:.1f} s: {', '.join(counts)}{cut}"
 
@@ -111,7 +113,7 @@ def as_document(recording: Recording, chapters: list[Chapter]) -> dict[str, Any]
 
 def _item_document(item: Item) -> dict[str, Any]:
     return {"line": item.line, "time": item.time, "kind": item.kind, "from": item.source, "to": item.target or None,
-            "title": item.title, "detail": item.detail, "size": len(item.data), "fault": item.fault or None,
+            "title": item.title, "detail": item.detail, "size": item.size, "fault": item.fault or None,
             "connection": item.connection or None,
             "fields": [{"name": part.name, "offset": part.offset, "width": part.width, "value": part.value}
                        for part in item.fields]}

@@ -41,7 +41,7 @@ function drawBytes(item) {
     }
     next = offset + bytes.length;
   }
-  if (item.bytes.size > next) text.append(skipped(item.bytes.size - next, false));
+  if (item.bytes.size > next) text.append(skipped(item.bytes.size - next, item.bytes.cut));
   return make("div", "dump", make("h3", "", "Bytes"), text);
 }
 

@@ -277,7 +277,7 @@ function showNumbers() {
   }
   const began = new Date(run.began);
   const day = isNaN(began) ? "" : began.toLocaleString("en-GB", { dateStyle: "long", timeStyle: "medium", timeZone: "UTC" }) + " UTC";
-  document.getElementById("about").textContent = [day, run.about.build && `build ${run.about.build}`,
+  document.getElementById("about").textContent = [day, run.about.version && `version ${run.about.version}`, run.about.build && `build ${run.about.build}`,
     run.cut && "the run was killed: its end is missing"].filter(Boolean).join(" · ");
 }
 

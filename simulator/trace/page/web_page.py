@@ -11,13 +11,11 @@ from pathlib import Path
 from typing import Any
 
 from simulator.trace.chapters import Chapter
+from simulator.trace.explanation import is_cut, shown_bytes
 from simulator.trace.recording import Recording
 from simulator.trace.words import NAMES, SHORT_NAMES, Item
 
-_FOLDER = Path(__file__).parent / "page"
-_BYTES_LIMIT = 2048  # of one message; the first and the last of a longer one are shown
-_BYTES_AT_END = 256
-_ROW = 16
+_FOLDER = Path(__file__).parent
 
 
 def page(recording: Recording, chapters: list[Chapter]) -> str:
@@ -52,27 +50,5 @@ def _item(item: Item) -> dict[str, Any]:
             "title": item.title, "detail": item.detail, "text": item.text, "fault": item.fault,
             "connection": item.connection,
             "fields": [[part.name, part.offset, part.width, part.value] for part in item.fields],
-            "bytes": {"size": len(item.data), "cut": _is_cut(item.data),
-                      "parts": [[offset, part.hex()] for offset, part in shown_bytes(item.data)]}}
-
-
-def shown_bytes(data: bytes) -> list[tuple[int, bytes]]:
-    """The bytes worth showing, as pieces with their offsets: no long runs of zeros, and not all of a long message."""
-    if _is_cut(data):
-        end = (len(data) - _BYTES_AT_END) // _ROW * _ROW
-        return [(0, data[:_BYTES_LIMIT - _BYTES_AT_END]), (end, data[end:])]
-    pieces: list[tuple[int, bytes]] = []
-    for offset in range(0, len(data), _ROW):
-        row = data[offset:offset + _ROW]
-        if not any(row) and offset:
-            continue
-        if pieces and sum(map(len, pieces[-1][1:])) + pieces[-1][0] == offset:
-            pieces[-1] = (pieces[-1][0], pieces[-1][1] + row)
-        else:
-            pieces.append((offset, row))
-    return pieces
-
-
-def _is_cut(data: bytes) -> bool:
-    """Whether a message is too long to show, even without its zeros."""
-    return len(data) - data.count(0) > _BYTES_LIMIT
+            "bytes": {"size": item.size, "cut": item.size > len(item.data) or is_cut(item.data),
+                      "parts": [[offset, part.hex()] for offset, part in item.parts or shown_bytes(item.data)]}}

@@ -1,0 +1,1 @@
+"""The subcommands about camsim itself: what runs, and how a shell completes its words."""
