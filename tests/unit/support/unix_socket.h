@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "support/requirement.h"
 #include "support/waiting.h"
@@ -23,12 +24,12 @@ public:
     explicit UnixSocket(std::string path = "")
         : m_path(std::move(path)), m_descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     {
-        require(m_descriptor != -1, "there is a free descriptor", std::strerror(errno));
+        require(m_descriptor != -1, "there is a free descriptor", std::generic_category().message(errno));
         if (!m_path.empty()) {
             ::unlink(m_path.c_str());
             const sockaddr_un name = address(m_path);
             require(::bind(m_descriptor, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0,
-                    "a peer can have its path", m_path + ": " + std::strerror(errno));
+                    "a peer can have its path", m_path + ": " + std::generic_category().message(errno));
         }
     }
     ~UnixSocket()

@@ -53,7 +53,7 @@ class Exchanging
 {
 public:
     /// @param commands  asked one after the other
-    explicit Exchanging(std::vector<std::uint32_t> commands, const std::string& peer = ITGT_PATH)
+    explicit Exchanging(const std::vector<std::uint32_t>& commands, const std::string& peer = ITGT_PATH)
     {
         m_replies = std::async(std::launch::async, [this, commands, peer] {
             const IPCService::Interruption::Scope scope(m_interruption);

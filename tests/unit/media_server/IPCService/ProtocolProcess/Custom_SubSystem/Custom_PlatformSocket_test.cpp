@@ -128,7 +128,7 @@ TEST_F(PlatformSocketTest, SaysWithWhomAConnectFailed)
 {
     const std::uint16_t port = unusedPort();
     try {
-        PlatformSocket("127.0.0.1", port);
+        const PlatformSocket socket("127.0.0.1", port);
         FAIL() << "connected";
     } catch (const Poco::Exception& exc) {
         EXPECT_EQ(exc.displayText(), "Connection refused: 127.0.0.1:" + std::to_string(port));
@@ -139,7 +139,7 @@ TEST_F(PlatformSocketTest, SaysThatAConnectTimedOut)
 {
     const FullListener listener;
     try {
-        PlatformSocket("127.0.0.1", listener.port());
+        const PlatformSocket socket("127.0.0.1", listener.port());
         FAIL() << "connected";
     } catch (const Poco::Exception& exc) {
         EXPECT_EQ(exc.displayText(), "Timeout: connect timed out: 127.0.0.1:" + std::to_string(listener.port()));

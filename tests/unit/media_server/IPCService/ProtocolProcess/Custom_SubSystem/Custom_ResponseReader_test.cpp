@@ -67,8 +67,8 @@ bool isTaken(const Connection& connection)
     return outcomeOf(connection)[0] == '"';
 }
 
-const std::string OK = "HTTP/1.1 200 OK\r\n";
-const std::string CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
+const std::string STATUS_OK = "HTTP/1.1 200 OK\r\n";
+const std::string CHUNKED = STATUS_OK + "Transfer-Encoding: chunked\r\n\r\n";
 
 /** What comes of a response: its body in quotes, or why it is not taken. */
 struct Outcome
@@ -97,12 +97,13 @@ TEST_P(CutResponseTest, IsTakenOnlyWhole)
 
 INSTANTIATE_TEST_SUITE_P(
     ResponseReader, CutResponseTest,
-    testing::Values(Outcome{OK + "Content-Length: 4\r\n\r\nbody", "\"body\""},
-                    Outcome{OK + "Content-Length: 0\r\n\r\n", "\"\""},
+    testing::Values(Outcome{STATUS_OK + "Content-Length: 4\r\n\r\nbody", "\"body\""},
+                    Outcome{STATUS_OK + "Content-Length: 0\r\n\r\n", "\"\""},
                     Outcome{"HTTP/1.1 204 No Content\r\n\r\n", "\"\""},
                     Outcome{CHUNKED + "4\r\nbody\r\n0\r\n\r\n", "\"body\""},
                     Outcome{CHUNKED + "2;a=b\r\nbo\r\n2\r\ndy\r\n0\r\nA: b\r\n c\r\n\r\n", "\"body\""},
-                    Outcome{"HTTP/1.1 102 Processing\r\n\r\n" + OK + "Content-Length: 4\r\n\r\nbody", "\"body\""}));
+                    Outcome{"HTTP/1.1 102 Processing\r\n\r\n" + STATUS_OK + "Content-Length: 4\r\n\r\nbody",
+                            "\"body\""}));
 
 TEST(ResponseReader, BodyWithoutLengthEndsWhereItIsAnnounced)
 {
@@ -126,7 +127,7 @@ TEST(ResponseReader, HeadOfTheLibrarysLimitsIsTakenAndALargerOneIsNot)
     }
     EXPECT_EQ(outcomeOf(Connection(head + "\r\nbody")), "\"body\"");
     EXPECT_FALSE(isTaken(Connection(head + "X: y\r\n\r\nbody"))) << "101 fields";
-    EXPECT_FALSE(isTaken(Connection(OK + "Content-Length: 4\r\nX: " + std::string(8193, 'x') + "\r\n\r\nbody")));
+    EXPECT_FALSE(isTaken(Connection(STATUS_OK + "Content-Length: 4\r\nX: " + std::string(8193, 'x') + "\r\n\r\nbody")));
 }
 
 TEST(ResponseReader, LongerProtocolNameIsNoAnswer)
@@ -271,44 +272,44 @@ TEST_P(OutcomeTest, IsTheBodyOrTheReason)
 }
 
 INSTANTIATE_TEST_SUITE_P(Head, OutcomeTest,
-                         testing::Values(Outcome{"", NO_MESSAGE}, Outcome{OK, NO_END},
+                         testing::Values(Outcome{"", NO_MESSAGE}, Outcome{STATUS_OK, NO_END},
                                          Outcome{"\nHTTP/1.1 200 OK\nContent-Length: 4\n\nbody", "\"body\""},
                                          Outcome{"HTTP/1.1 99 No\r\n\r\n", NO_HEAD},
-                                         Outcome{OK + "\rA: b\r\nContent-Length: 0\r\n\r\n", NO_HEAD},
+                                         Outcome{STATUS_OK + "\rA: b\r\nContent-Length: 0\r\n\r\n", NO_HEAD},
                                          Outcome{"FTP 200\r\nContent-Length: 2\r\n\r\nhi", NO_HEAD},
                                          Outcome{"ICY 200 OK\r\nContent-Length: 2\r\n\r\nhi", NO_HEAD},
-                                         Outcome{OK + "Content-Length : 50\r\n\r\nhalf", NO_FIELD},
-                                         Outcome{OK + "Content-Length\t: 50\r\n\r\nhalf", NO_FIELD},
-                                         Outcome{OK + "Content-Length 50\r\n\r\nhalf", NO_FIELD},
-                                         Outcome{OK + ": 50\r\n\r\nhalf", NO_FIELD}));
+                                         Outcome{STATUS_OK + "Content-Length : 50\r\n\r\nhalf", NO_FIELD},
+                                         Outcome{STATUS_OK + "Content-Length\t: 50\r\n\r\nhalf", NO_FIELD},
+                                         Outcome{STATUS_OK + "Content-Length 50\r\n\r\nhalf", NO_FIELD},
+                                         Outcome{STATUS_OK + ": 50\r\n\r\nhalf", NO_FIELD}));
 
-INSTANTIATE_TEST_SUITE_P(Length, OutcomeTest,
-                         testing::Values(Outcome{OK + "Content-Length:\r\n 4\r\n\r\nbody and more", "\"body\""},
-                                         Outcome{OK + "Content-Length: 4\r\ncontent-length: 4\r\n\r\nbody", "\"body\""},
-                                         Outcome{OK + "Content-Length: 4\r\ncontent-length: 3\r\n\r\nbody", NO_LENGTH},
-                                         Outcome{OK + "Content-Length: -5\r\n\r\n", NO_LENGTH},
-                                         Outcome{OK + "Content-Length: 134217729\r\n\r\n", TOO_LARGE},
-                                         Outcome{OK + "Content-Length: 18446744073709551615\r\n\r\n", TOO_LARGE},
-                                         Outcome{CHUNKED + "ffffffffffffffff\r\n", TOO_LARGE},
-                                         Outcome{CHUNKED + "4\r\nbody\r\n7fffffd\r\n",
-                                                 TOO_LARGE},  // with the chunk before it
-                                         Outcome{CHUNKED + "4\r\nbody\r\nno size\r\n", NO_END}));
+INSTANTIATE_TEST_SUITE_P(
+    Length, OutcomeTest,
+    testing::Values(Outcome{STATUS_OK + "Content-Length:\r\n 4\r\n\r\nbody and more", "\"body\""},
+                    Outcome{STATUS_OK + "Content-Length: 4\r\ncontent-length: 4\r\n\r\nbody", "\"body\""},
+                    Outcome{STATUS_OK + "Content-Length: 4\r\ncontent-length: 3\r\n\r\nbody", NO_LENGTH},
+                    Outcome{STATUS_OK + "Content-Length: -5\r\n\r\n", NO_LENGTH},
+                    Outcome{STATUS_OK + "Content-Length: 134217729\r\n\r\n", TOO_LARGE},
+                    Outcome{STATUS_OK + "Content-Length: 18446744073709551615\r\n\r\n", TOO_LARGE},
+                    Outcome{CHUNKED + "ffffffffffffffff\r\n", TOO_LARGE},
+                    Outcome{CHUNKED + "4\r\nbody\r\n7fffffd\r\n", TOO_LARGE},  // with the chunk before it
+                    Outcome{CHUNKED + "4\r\nbody\r\nno size\r\n", NO_END}));
 
 INSTANTIATE_TEST_SUITE_P(
     Coding, OutcomeTest,
     testing::Values(
-        Outcome{OK + "transfer-encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
-        Outcome{OK + "Transfer-Encoding:\r\n chunked\r\n\r\n" + ANY_BODY, "\"body\""},
-        Outcome{OK + "Content-Length: 2\r\nTransfer-Encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
-        Outcome{OK + "Transfer-Encoding: gzip, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: chunked, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: gzip\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: chunked;q=1\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: gzip, chunked\r\nContent-Length: 6\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding: \"chunked\"\r\n\r\n" + ANY_BODY, NO_CODING},
-        Outcome{OK + "Transfer-Encoding : chunked\r\n\r\n" + ANY_BODY, NO_FIELD}));
+        Outcome{STATUS_OK + "transfer-encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
+        Outcome{STATUS_OK + "Transfer-Encoding:\r\n chunked\r\n\r\n" + ANY_BODY, "\"body\""},
+        Outcome{STATUS_OK + "Content-Length: 2\r\nTransfer-Encoding: Chunked\r\n\r\n" + ANY_BODY, "\"body\""},
+        Outcome{STATUS_OK + "Transfer-Encoding: gzip, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: chunked, chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: gzip\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: chunked;q=1\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: gzip, chunked\r\nContent-Length: 6\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding: \"chunked\"\r\n\r\n" + ANY_BODY, NO_CODING},
+        Outcome{STATUS_OK + "Transfer-Encoding : chunked\r\n\r\n" + ANY_BODY, NO_FIELD}));
 
 // Whether a response of that status has the body that it announces, which does not come here.
 INSTANTIATE_TEST_SUITE_P(Status, OutcomeTest,
