@@ -78,7 +78,8 @@ private:
     bool comesWithin(std::chrono::milliseconds deadline) const
     {
         const std::chrono::nanoseconds parts = deadline % std::chrono::seconds(1);
-        const timespec limit = {deadline / std::chrono::seconds(1), static_cast<long>(parts.count())};
+        const timespec limit = {static_cast<time_t>(deadline / std::chrono::seconds(1)),
+                                static_cast<long>(parts.count())};
         pollfd waited{m_descriptor, POLLIN, 0};
         return ::ppoll(&waited, 1, &limit, nullptr) == 1;
     }

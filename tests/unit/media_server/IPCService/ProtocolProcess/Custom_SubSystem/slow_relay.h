@@ -70,14 +70,14 @@ private:
     }
 
     /** @return false when the sender has left */
-    bool carry(int sender, int receiver, bool mayBeSlow) const
+    bool carry(int source, int target, bool mayBeSlow) const
     {
-        pollfd waited{sender, POLLIN, 0};
+        pollfd waited{source, POLLIN, 0};
         if (::poll(&waited, 1, 10) != 1) {
             return true;
         }
         std::vector<char> bytes(20000);
-        const ssize_t size = ::recv(sender, bytes.data(), bytes.size(), 0);
+        const ssize_t size = ::recv(source, bytes.data(), bytes.size(), 0);
         if (size <= 0) {
             return false;
         }
@@ -87,7 +87,7 @@ private:
             if (sent > 0) {
                 std::this_thread::sleep_for(PAUSE);  // pause: what makes it slow
             }
-            ::send(receiver, bytes.data() + sent, std::min(piece, static_cast<std::size_t>(size) - sent), MSG_NOSIGNAL);
+            ::send(target, bytes.data() + sent, std::min(piece, static_cast<std::size_t>(size) - sent), MSG_NOSIGNAL);
         }
         return true;
     }
