@@ -6,7 +6,6 @@
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,7 +13,6 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -230,12 +228,9 @@ std::vector<TlsServer::Handshake> TlsServer::handshakes() const
 void TlsServer::forgetSessions()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    SSL_CTX_flush_sessions(m_context.get(), std::numeric_limits<long>::max());
-    std::vector<unsigned char> keys(
-        static_cast<std::size_t>(SSL_CTX_get_tlsext_ticket_keys(m_context.get(), nullptr, 0)));
-    require(RAND_bytes(keys.data(), static_cast<int>(keys.size())) == 1 &&
-                SSL_CTX_set_tlsext_ticket_keys(m_context.get(), keys.data(), keys.size()) == 1,
-            "cannot change the keys of the tickets");
+    // Sessions and tickets of another context than the present one are not taken.
+    ++m_sessionContext;
+    require(SSL_CTX_set_session_id_context(m_context.get(), &m_sessionContext, 1) == 1, "cannot change the context");
 }
 
 /// Looks at a handshake's first message: at its session id and the extension that has its ticket.

@@ -124,6 +124,7 @@ private:
     bool m_ending = false;               /**< guarded by m_mutex */
     std::vector<std::string> m_requests; /**< guarded by m_mutex */
     std::vector<Handshake> m_handshakes; /**< guarded by m_mutex */
+    unsigned char m_sessionContext = 0;  /**< guarded by m_mutex */
     bool m_offered = false;              /**< by the present connection; for the server's thread only */
     std::thread m_thread;
 };

@@ -91,7 +91,7 @@ TEST_F(JsonMsgLoopTest, WhatIsAlmostANameIsNone)
 {
     startLoop();
     for (const std::string& name :
-         {std::string(R"("faceNotHitDow")"), std::string(R"("faceNotHitDown\u0000")"), std::string("{}"),
+         {std::string(R"("faceNotHitDow")"), std::string(R"("whiteListDown\u0000")"), std::string("{}"),
           std::string(R"(["faceNotHitDown"])"), '"' + std::string(100000, 'n') + '"'}) {
         sendCommand(17, R"({"taskName":)" + name + R"(,"taskInfo":{}})");
         expectReply(17, 400);
