@@ -78,7 +78,8 @@ void setUpTls()
     SSL_CTX_set_verify(pContext->sslContext(), SSL_VERIFY_NONE, nullptr);
     // A read takes what has come, not a record's length first and then its bytes.
     SSL_CTX_set_read_ahead(pContext->sslContext(), 1);
-    // Newer versions of the library (1.13) learn of a session only so. It is kept by its ResumptionScope and not by OpenSSL.
+    // Newer versions of the library (1.13) learn of a session only so. It is kept by its ResumptionScope and not by
+    // OpenSSL.
     SSL_CTX_set_session_cache_mode(pContext->sslContext(), SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
     Poco::Net::SSLManager::instance().initializeClient(nullptr, pCertificateHandler, pContext);
 }
