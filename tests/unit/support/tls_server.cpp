@@ -234,7 +234,7 @@ void TlsServer::forgetSessions()
 }
 
 /// Looks at a handshake's first message: at its session id and the extension that has its ticket.
-int TlsServer::look(SSL* connection, int* alert, void* self)
+int TlsServer::look(SSL* connection, int* /*alert*/, void* self)
 {
     TlsServer& server = *static_cast<TlsServer*>(self);
     const unsigned char* bytes = nullptr;
@@ -242,8 +242,13 @@ int TlsServer::look(SSL* connection, int* alert, void* self)
     server.m_offered =
         SSL_client_hello_get0_session_id(connection, &bytes) > 0 ||
         (SSL_client_hello_get0_ext(connection, TLSEXT_TYPE_session_ticket, &bytes, &size) == 1 && size > 0);
-    *alert = SSL_AD_HANDSHAKE_FAILURE;
-    return server.m_offered && server.m_options.refusesOffers ? SSL_CLIENT_HELLO_ERROR : SSL_CLIENT_HELLO_SUCCESS;
+    if (!server.m_offered || !server.m_options.refusesOffers) {
+        return SSL_CLIENT_HELLO_SUCCESS;
+    }
+    // To be tried again, which the server does not do: the connection ends without an alert, by a reset.
+    const linger atOnce = {1, 0};
+    setsockopt(SSL_get_fd(connection), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    return SSL_CLIENT_HELLO_RETRY;
 }
 
 std::vector<std::string> TlsServer::requests() const

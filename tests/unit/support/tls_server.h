@@ -74,7 +74,7 @@ public:
         bool readRequests = true;
         /** Whether sessions can be resumed by ticket, by id, or not at all. */
         enum class Sessions { Tickets, Ids, None } sessions = Sessions::Tickets;
-        /** Whether a handshake that offers a session ends with an alert. */
+        /** Whether a handshake that offers a session is reset, without an alert. */
         bool refusesOffers = false;
     };
 
