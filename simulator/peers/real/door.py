@@ -9,13 +9,15 @@ goes away in the middle of a download shows as one connection that is reset, and
 from __future__ import annotations
 
 import contextlib
+import os
 import socket
 import threading
 from collections.abc import Callable, Sequence
+from typing import Any
 
 from simulator.journal import Journal
 from simulator.messages.sockets import Acceptor
-from simulator.peers.real.address import Address
+from simulator.peers.real.address import Address, address_of
 
 _LOOK_SECONDS = 1.0
 _BETWEEN_LOOKS = 0.25
@@ -100,3 +102,41 @@ class Door:
             self._acceptor = None
             for listener in self._listeners:
                 listener.shutdown(socket.SHUT_RDWR)  # keeps its port, and refuses
+
+
+class BehindDoor:
+    """A real platform in the place of the simulated one, as far as it does not matter how it is reached."""
+
+    def __init__(self, journal: Journal, url: str, result_path: str | None,
+                 accepted: Callable[[socket.socket], None]) -> None:
+        self.address = address_of(url, result_path)
+        self.port, self.host = self.address.asked_port, self.address.asked_host
+        self._door = Door(journal, self.address, accepted)
+        self._stopping = -1
+
+    @property
+    def ports(self) -> tuple[int, ...]:
+        return (self.port,)
+
+    def task(self, faces: int | None = None, **changes: Any) -> dict[str, Any]:
+        """The "taskInfo" of a whiteListDown for the real platform; see Platform.task."""
+        self._door.look()
+        return self.address.task(faces, changes)
+
+    def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
+        """Serves the listening sockets. Owns all of them until stop."""
+        self._stopping = os.eventfd(0)
+        self._door.start([*listeners, *kept])
+
+    def stop(self) -> None:
+        """Closes the ports and every connection."""
+        if self._stopping < 0:
+            return
+        self._door.stop()
+        os.eventfd_write(self._stopping, 1)  # never read: every thread sees it
+        self._end_connections()
+        os.close(self._stopping)
+        self._stopping = -1
+
+    def _end_connections(self) -> None:
+        raise NotImplementedError

@@ -13,9 +13,8 @@ refused connection (see Door), a handshake that fails by a second connection tha
 from __future__ import annotations
 
 import contextlib
-import os
 import socket
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Iterable, Iterator
 from typing import Any
 
 from simulator.journal import Journal
@@ -23,14 +22,13 @@ from simulator.messages.http import Close, Request, Reset, Send, Step
 from simulator.messages.https_server import Connection, noted, reset_at_end
 from simulator.messages.text import document_of
 from simulator.peers.platform import Answer, Platform
-from simulator.peers.real.address import address_of
-from simulator.peers.real.door import Door
+from simulator.peers.real.door import BehindDoor
 from simulator.peers.real.relay import CONNECT_SECONDS, pass_on
 from simulator.peers.real.response_reader import Received
 from simulator.peers.real.upstream import Coming, Gone, Upstream
 
 
-class Gateway(Platform):
+class Gateway(BehindDoor, Platform):
     """The real platform at `address`, as a Platform.
 
     Journal, besides what Platform has: "presented" with `tls_version`, `cipher` and `certificate` of the real platform,
@@ -42,40 +40,16 @@ class Gateway(Platform):
     full_port = 0  # there is no port whose connects hang
 
     def __init__(self, journal: Journal, url: str, result_path: str | None = None) -> None:
-        super().__init__(journal)
-        self.address = address_of(url, result_path)
-        self.port, self.host = self.address.asked_port, self.address.asked_host
+        Platform.__init__(self, journal)
+        BehindDoor.__init__(self, journal, url, result_path, self._server.accept)
         self.second_port = self.port % 65535 + 1  # a fault names it; nobody listens
         self.task_path, self.result_path = self.address.task_path, self.address.result_path
-        self._door = Door(journal, self.address, self._server.accept)
         self._server.around = self._around
         self._upstreams: dict[int, Upstream] = {}
         self._presented: dict[str, str] = {}
-        self._stopping = -1
 
-    @property
-    def ports(self) -> tuple[int, ...]:
-        return (self.port,)
-
-    def task(self, faces: int | None = None, **changes: Any) -> dict[str, Any]:
-        """The "taskInfo" of a whiteListDown for the real platform; see Platform.task."""
-        self._door.look()
-        return self.address.task(faces, changes)
-
-    def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
-        """Serves the listening sockets. Owns all of them until stop."""
-        self._stopping = os.eventfd(0)
-        self._door.start([*listeners, *kept])
-
-    def stop(self) -> None:
-        """Closes the ports and every connection."""
-        if self._stopping < 0:
-            return
-        self._door.stop()
-        os.eventfd_write(self._stopping, 1)  # never read: every thread sees it
-        super().stop()
-        os.close(self._stopping)
-        self._stopping = -1
+    def _end_connections(self) -> None:
+        Platform.stop(self)
 
     def default(self, request: Request) -> Any:
         """The real platform's answer, which has not begun to come."""

@@ -3,25 +3,22 @@
 from __future__ import annotations
 
 import contextlib
-import os
 import select
 import socket
 import threading
 from collections.abc import Sequence
-from typing import Any
 
 from simulator.journal import Journal
 from simulator.messages.http import Request
 from simulator.messages.https_server import reset_at_end
-from simulator.peers.real.address import address_of
-from simulator.peers.real.door import Door
+from simulator.peers.real.door import BehindDoor
 
 _PIECE = 65536
 # The service gives up after 5 s: first, so that it sees a connect that hangs for what it is.
 CONNECT_SECONDS = 6.0
 
 
-class Relay:
+class Relay(BehindDoor):
     """Stands in for the simulated platform, and forwards every connection to a real one.
 
     port      the port inside the sandbox; host the name under which the service asks for it (see Address)
@@ -37,40 +34,16 @@ class Relay:
     pictures: Sequence[tuple[str, bytes]] = ()
 
     def __init__(self, journal: Journal, url: str, result_path: str | None = None) -> None:
-        self.address = address_of(url, result_path)
-        self.port, self.host = self.address.asked_port, self.address.asked_host
+        super().__init__(journal, url, result_path, self._accept)
         self.reports: list[Request] = []
         self._journal = journal
-        self._door = Door(journal, self.address, self._accept)
         self._number = 0
         self._threads: list[threading.Thread] = []
-        self._stopping = -1
 
-    @property
-    def ports(self) -> tuple[int, ...]:
-        return (self.port,)
-
-    def task(self, faces: int | None = None, **changes: Any) -> dict[str, Any]:
-        """The "taskInfo" of a whiteListDown for the real platform; see Platform.task."""
-        self._door.look()
-        return self.address.task(faces, changes)
-
-    def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
-        """Serves the listening sockets. Owns all of them until stop."""
-        self._stopping = os.eventfd(0)
-        self._door.start([*listeners, *kept])
-
-    def stop(self) -> None:
-        """Closes the ports and every connection."""
-        if self._stopping < 0:
-            return
-        self._door.stop()
-        os.eventfd_write(self._stopping, 1)  # never read: every thread sees it
+    def _end_connections(self) -> None:
         for thread in self._threads:
             thread.join()
         self._threads.clear()
-        os.close(self._stopping)
-        self._stopping = -1
 
     def _accept(self, camera: socket.socket) -> None:
         self._number += 1
