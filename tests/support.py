@@ -4,11 +4,15 @@ from __future__ import annotations
 
 import os
 import subprocess
+import sys
 import threading
 import time
 from collections.abc import Callable
 from datetime import datetime
+from importlib.machinery import SourceFileLoader
+from importlib.util import module_from_spec, spec_from_loader
 from pathlib import Path
+from types import ModuleType
 from typing import Any
 
 from simulator import Camera, Event, LogRecord, build_folder, wire
@@ -217,3 +221,14 @@ def compiled(folder: Path, source: str) -> Path:
                           capture_output=True, text=True, check=False)
     assert made.returncode == 0, made.stderr
     return library
+
+
+def script(name: str) -> ModuleType:
+    """The program scripts/NAME as a module; as its name has no ending, it cannot be imported."""
+    loader = SourceFileLoader(name, str(Path(__file__).resolve().parents[1] / "scripts" / name))
+    spec = spec_from_loader(name, loader)
+    assert spec is not None
+    module = module_from_spec(spec)
+    sys.modules[name] = module  # where its dataclasses look
+    loader.exec_module(module)
+    return module

@@ -3,16 +3,15 @@
 from __future__ import annotations
 
 import hashlib
-import importlib.machinery
-import importlib.util
 import os
 import re
-import sys
 import tarfile
 from pathlib import Path
 from types import ModuleType
 
 import pytest
+
+from support import script
 
 ROOT = Path(__file__).resolve().parents[2]
 CORPUS = ROOT / "fuzz/corpus"
@@ -21,11 +20,7 @@ TARGETS = sorted(path.stem for path in (ROOT / "fuzz").glob("fuzz_*.cpp"))
 
 @pytest.fixture(scope="module")
 def fuzz() -> ModuleType:
-    loader = importlib.machinery.SourceFileLoader("fuzz", str(ROOT / "scripts/fuzz"))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("fuzz", loader))
-    sys.modules["fuzz"] = module  # its dataclass looks there
-    loader.exec_module(module)
-    return module
+    return script("fuzz")
 
 
 def test_each_target_has_both_and_nothing_else_is_there() -> None:

@@ -2,13 +2,13 @@
 
 from __future__ import annotations
 
-import importlib.machinery
-import importlib.util
 import sys
 from pathlib import Path
 from types import ModuleType
 
 import pytest
+
+from support import script
 
 ROOT = Path(__file__).resolve().parents[2]
 PATH = "src/a.cpp"
@@ -23,11 +23,7 @@ ENTRY = """
 
 @pytest.fixture(scope="module")
 def mutate() -> ModuleType:
-    loader = importlib.machinery.SourceFileLoader("mutate", str(ROOT / "scripts/mutate"))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("mutate", loader))
-    sys.modules["mutate"] = module  # its dataclass looks there
-    loader.exec_module(module)
-    return module
+    return script("mutate")
 
 
 @pytest.mark.parametrize("path", sorted(str(path.relative_to(ROOT)) for path in (ROOT / "src").rglob("*.cpp")))

@@ -2,30 +2,20 @@
 
 from __future__ import annotations
 
-import importlib.machinery
-import importlib.util
 import subprocess
-import sys
 from types import ModuleType
 
 import pytest
 
 from conftest import ROOT
+from support import script
 
 SCRIPT = ROOT / "scripts" / "soak"
 
 
-@pytest.fixture
-def soak(monkeypatch: pytest.MonkeyPatch) -> ModuleType:
-    """The script as a module."""
-    monkeypatch.setattr(sys, "dont_write_bytecode", True)
-    loader = importlib.machinery.SourceFileLoader("soak", str(SCRIPT))
-    spec = importlib.util.spec_from_loader("soak", loader)
-    assert spec is not None
-    module = importlib.util.module_from_spec(spec)
-    monkeypatch.setitem(sys.modules, "soak", module)
-    loader.exec_module(module)
-    return module
+@pytest.fixture(scope="module")
+def soak() -> ModuleType:
+    return script("soak")
 
 
 @pytest.mark.seconds(25)
