@@ -3,26 +3,30 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import importlib
 import json
 import os
 import pkgutil
 import signal
 import sys
-from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
+from collections.abc import Sequence
 from pathlib import Path
-from types import FrameType, ModuleType
+from types import ModuleType
 from typing import Any
 
+from simulator.cli import ending
+from simulator.cli.ending import OUTPUT_CLOSED, STOPPED, Stopped, complain, complete_streams, flushed
 from simulator.errors import CameraError
 
 # Exit codes of every subcommand. 2 is argparse's own.
 DONE, FAILED, WRONG_ARGUMENTS, REFUSED, BUSY, NO_REPLY, NO_CAMERA, INCOMPLETE = range(8)
-STOPPED = 130  # as a shell says it of a program that Ctrl-C has ended
 EXIT_CODES = """exit codes: 0 done; 1 failed, or not as expected; 2 wrong arguments; 3 the command was refused (400);
 4 a download is already running (409); 5 no reply in time; 6 no such camera is running;
-7 the download did not bring every page, or no picture of it was imported; 130 stopped before its end"""
+7 the download did not bring every page, or no picture of it was imported; 130 stopped before its end (Ctrl-C, SIGTERM, SIGHUP); 141 nobody reads what it prints"""
+
+
+stoppable = ending.stoppable  # subcommands have it from here, with what it raises
 
 
 class CodedError(CameraError):
@@ -31,10 +35,6 @@ class CodedError(CameraError):
     def __init__(self, text: str, code: int) -> None:
         super().__init__(text)
         self.code = code
-
-
-class Stopped(BaseException):
-    """A signal asked for the end. No Exception, so that nothing but the subcommand takes it."""
 
 
 def modules(wanted: str = "") -> dict[str, ModuleType]:
@@ -65,20 +65,28 @@ def make_parser(wanted: str = "") -> argparse.ArgumentParser:
 def main(words: Sequence[str]) -> int:
     if "_ARGCOMPLETE" in os.environ:
         complete()
-    arguments = make_parser(words[0]).parse_args(words) if words else _ALONE
+    complete_streams()
     signal.signal(signal.SIGINT, signal.default_int_handler)
     try:
+        arguments = make_parser(words[0]).parse_args(words) if words else _ALONE
+    except SystemExit as end:  # after --help, or a complaint about the words
+        return flushed(int(end.code or 0), "camsim")
+    return flushed(_code(arguments), "camsim")
+
+
+def _code(arguments: argparse.Namespace) -> int:
+    """Runs the subcommand; its exit code, also if it failed or was stopped."""
+    try:
         code: int = arguments.run(arguments)
-        sys.stdout.flush()
         return code
     except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # or the interpreter complains at its end
-        return FAILED
+        return OUTPUT_CLOSED
     except (CameraError, TimeoutError, OSError) as error:
         if getattr(arguments, "json", False):
-            print_json({"error": str(error)})
+            with contextlib.suppress(OSError):  # what cannot be written is told at the end
+                print_json({"error": str(error)})
         else:
-            print(f"{f'camsim {arguments.subcommand}'.strip()}: {error}", file=sys.stderr)
+            complain(f"{f'camsim {arguments.subcommand}'.strip()}: {error}")
         return error.code if isinstance(error, CodedError) else FAILED
     except (KeyboardInterrupt, Stopped):
         return STOPPED
@@ -109,21 +117,3 @@ def print_json(document: Any) -> None:
     """One line on standard output, at once and in one piece, whichever thread writes beside it."""
     sys.stdout.write(json.dumps(document, ensure_ascii=False) + "\n")
     sys.stdout.flush()
-
-
-@contextmanager
-def stoppable() -> Iterator[None]:
-    """While the block runs, Ctrl-C, SIGTERM and SIGHUP raise Stopped in it, once: the end is not to be interrupted."""
-    numbers = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-
-    def stop(_number: int, _frame: FrameType | None) -> None:
-        for number in numbers:
-            signal.signal(number, signal.SIG_IGN)
-        raise Stopped
-
-    before = {number: signal.signal(number, stop) for number in numbers}
-    try:
-        yield
-    finally:
-        for number, handler in before.items():
-            signal.signal(number, handler)

@@ -33,13 +33,13 @@ def test_a_terminal_gets_arrows_between_columns_and_bars(camsim: Camsim, up: Sta
     assert re.search(r"│─{9}┼─{9}▶ {9}│ {9}│ {9}│ +whiteListDown, 31 faces", command)
     answer = next(line for line in text.splitlines() if "7020 import task" in line)
     assert re.search(r"│ {9}│ {9}◀─{9}│ {9}│ {9}│ +7020 import task 4300000001", answer)
-    assert re.search(r"pages +━+ [01]/2 +reported", text)
-    assert re.search(r"pictures of white0 +[━╺╸]+ +\d+/30 imported", text)
+    assert re.search(r"pages +[━─]+ [01]/2 reported", text)
+    assert re.search(r"pictures of white0 +[━─]+ \d+/30 imported", text)
     assert "Camera camera has ended." in text
 
 
-@pytest.mark.parametrize("environment, columns", [({"NO_COLOR": "1"}, 120), ({"TERM": "dumb"}, 120), ({}, 60)])
-def test_a_terminal_that_cannot_or_is_not_to_draw_gets_lines(
+@pytest.mark.parametrize("environment, columns", [({"TERM": "dumb"}, 120), ({"PYTHONIOENCODING": "latin-1"}, 120), ({}, 60)])
+def test_a_terminal_that_cannot_draw_gets_lines(
         camsim: Camsim, up: StartUp, environment: dict[str, str], columns: int) -> None:
     one = up()
     watch = camsim.drawn("watch", columns=columns, **environment)
@@ -49,7 +49,7 @@ def test_a_terminal_that_cannot_or_is_not_to_draw_gets_lines(
     one.stop()
     text = watch.end()
     assert "▶" not in text and "│" not in text
-    if environment:
+    if "TERM" in environment:
         assert ESCAPES.search(text) is None
 
 

@@ -37,6 +37,7 @@ def run(arguments: argparse.Namespace) -> int:
                 return DONE
             show.console.print(f"Watching camera {arguments.name}; Ctrl-C ends.")
             with show:
+                show.pin()
                 for document in lines:
                     show.show(LiveItem(**document))
             show.console.print(f"Camera {arguments.name} has ended.")
