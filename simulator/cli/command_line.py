@@ -5,11 +5,14 @@ from __future__ import annotations
 import argparse
 import contextlib
 import importlib
+import itertools
 import json
 import os
 import pkgutil
+import re
 import signal
 import sys
+import textwrap
 from collections.abc import Sequence
 from pathlib import Path
 from types import ModuleType
@@ -18,12 +21,28 @@ from typing import Any
 from simulator.cli import ending
 from simulator.cli.ending import OUTPUT_CLOSED, STOPPED, Stopped, complain, complete_streams, flushed
 from simulator.errors import CameraError
+from simulator.trace.terminal.output import Failure
 
 # Exit codes of every subcommand. 2 is argparse's own.
 DONE, FAILED, WRONG_ARGUMENTS, REFUSED, BUSY, NO_REPLY, NO_CAMERA, INCOMPLETE = range(8)
 EXIT_CODES = """exit codes: 0 done; 1 failed, or not as expected; 2 wrong arguments; 3 the command was refused (400);
 4 a download is already running (409); 5 no reply in time; 6 no such camera is running;
 7 the download did not bring every page, or no picture of it was imported; 130 stopped before its end (Ctrl-C, SIGTERM, SIGHUP); 141 nobody reads what it prints"""
+
+
+class _Help(argparse.HelpFormatter):
+    """Help as wide as the terminal, broken between words only; indented lines, the examples, stay as they are."""
+
+    def _split_lines(self, text: str, width: int) -> list[str]:
+        kept = re.sub(r"\b(\d) ", "\\1\N{NO-BREAK SPACE}", " ".join(text.split()))
+        return [line.replace("\N{NO-BREAK SPACE}", " ") for line in
+                textwrap.wrap(kept, width, break_on_hyphens=False, break_long_words=False)]
+
+    def _fill_text(self, text: str, width: int, indent: str) -> str:
+        filled: list[str] = []
+        for indented, lines in itertools.groupby(text.split("\n"), lambda line: line.startswith(" ") or not line):
+            filled += lines if indented else self._split_lines(" ".join(lines), width)
+        return "\n".join(filled)
 
 
 stoppable = ending.stoppable  # subcommands have it from here, with what it raises
@@ -47,14 +66,14 @@ def modules(wanted: str = "") -> dict[str, ModuleType]:
 def make_parser(wanted: str = "") -> argparse.ArgumentParser:
     """Reads the words of every subcommand, or of the wanted one."""
     parser = argparse.ArgumentParser(
-        prog="camsim", formatter_class=argparse.RawDescriptionHelpFormatter, epilog=EXIT_CODES,
+        prog="camsim", formatter_class=_Help, epilog=EXIT_CODES,
         description="A camera on this machine, for those without one: the unchanged service in its own sandbox,\n"
                     "and every process around it simulated. `camsim COMMAND --help` explains each command.")
     subparsers = parser.add_subparsers(dest="subcommand", metavar="COMMAND", required=True)
     for name, module in modules(wanted).items():
         examples = "".join(f"\n  {line}" for line in getattr(module, "EXAMPLES", ()))
         sub = subparsers.add_parser(
-            name, help=module.HELP, formatter_class=argparse.RawDescriptionHelpFormatter,
+            name, help=module.HELP, formatter_class=_Help,
             description=getattr(module, "DESCRIPTION", module.HELP),
             epilog=(f"examples:{examples}\n\n" if examples else "") + EXIT_CODES)
         module.add_arguments(sub)
@@ -66,22 +85,27 @@ def main(words: Sequence[str]) -> int:
     if "_ARGCOMPLETE" in os.environ:
         complete()
     complete_streams()
-    signal.signal(signal.SIGINT, signal.default_int_handler)
     try:
         arguments = make_parser(words[0]).parse_args(words) if words else _ALONE
     except SystemExit as end:  # after --help, or a complaint about the words
         return flushed(int(end.code or 0), "camsim")
+    except OSError as error:  # newer versions of argparse say nothing of a help that cannot be written
+        Failure.note(error)
+        return flushed(FAILED, "camsim")
     return flushed(_code(arguments), "camsim")
 
 
 def _code(arguments: argparse.Namespace) -> int:
     """Runs the subcommand; its exit code, also if it failed or was stopped."""
     try:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         code: int = arguments.run(arguments)
         return code
     except BrokenPipeError:
         return OUTPUT_CLOSED
     except (CameraError, TimeoutError, OSError) as error:
+        if error is Failure.first:
+            return FAILED
         if getattr(arguments, "json", False):
             with contextlib.suppress(OSError):  # what cannot be written is told at the end
                 print_json({"error": str(error)})

@@ -23,7 +23,7 @@ from simulator.cli.command_line import NO_CAMERA, WRONG_ARGUMENTS, CodedError, p
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
 from simulator.trace.explanation import LiveItem, LiveTrace
-from simulator.trace.terminal.terminal import end_main_thread
+from simulator.trace.terminal.output import Failure
 
 _LONGEST_REQUEST = 64 * 1024 * 1024
 _ENDING = ".socket"
@@ -172,9 +172,9 @@ def print_events(journal: Journal) -> None:
         for live in trace.take(event):
             try:
                 print_json(since_begin(live, journal).public())
-            except OSError:
+            except OSError as error:
                 end()
-                end_main_thread()
+                Failure.note(error)
                 return
 
     end = journal.listen(note)

@@ -176,7 +176,8 @@ def main() -> int:
         return OUTPUT_CLOSED
     except (Unexpected, CameraError, OSError) as error:
         show.console.print(f"\nThe demonstration failed: {error}", style="bold red")
-        show.console.print("Run it again with --verbose to see the service's log and every message.")
+        if isinstance(error, (Unexpected, TimeoutError)):
+            show.console.print("Run it again with --verbose to see the service's log and every message.")
         return 1
     show.console.print("Everything came out as it should.", style="bold green")
     if arguments.record:

@@ -12,7 +12,7 @@ import threading
 from collections.abc import Iterator
 from types import FrameType
 
-from simulator.trace.terminal.terminal import end_main_thread
+from simulator.trace.terminal.output import Failure, end_main_thread, say
 
 # Exit codes as a shell says them of a program that SIGINT or SIGPIPE has ended.
 STOPPED, OUTPUT_CLOSED = 130, 141
@@ -63,6 +63,8 @@ def flushed(code: int, program: str) -> int:
     """The exit code, when everything that was written has left: another one, if it could not leave."""
     try:
         sys.stdout.flush()
+        if Failure.first:
+            raise Failure.first
     except OSError as error:
         os.dup2(os.open(os.devnull, os.O_WRONLY), 1)  # or the interpreter complains at its end
         if error.errno not in (errno.EPIPE, errno.EIO):  # a pipe, or a terminal that was closed
@@ -75,7 +77,7 @@ def flushed(code: int, program: str) -> int:
 def complain(text: str) -> None:
     """Says it on standard error, unless that is closed, too."""
     with contextlib.suppress(OSError):
-        print(text, file=sys.stderr, flush=True)
+        say(text, sys.stderr)
 
 
 def complete_streams() -> None:

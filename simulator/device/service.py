@@ -25,6 +25,10 @@ from simulator.messages.log import LogRecord, parse_record
 _START_SECONDS = 60.0
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
 _CREDENTIALS = struct.Struct("iII")
+# What helps most often when the sandbox cannot be made.
+_NAMESPACES = """\
+An ordinary user needs user namespaces for it. As root: sysctl kernel.unprivileged_userns_clone=1, and where there is
+such a setting kernel.apparmor_restrict_unprivileged_userns=0. In a container: give it these rights, or use a machine."""
 # Type and owner of the note: https://systemd.io/ELF_PACKAGE_METADATA
 _NOTE = struct.pack("<I4s", 0xCAFE1A7E, b"FDO")
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "TZ")
@@ -206,7 +210,9 @@ class Service:
             for one in sockets:
                 one.close()
             self.stop()
-            raise CameraError(f"the service did not start: {failure.decode()}\n{self.stderr.decode(errors='replace')}")
+            said = self.stderr.decode(errors="replace").strip()
+            raise CameraError(f"the service did not start: {failure.decode()}" + f"\n{said}" * bool(said)
+                              + f"\n{_NAMESPACES}" * said.startswith("bwrap:"))
         return sockets
 
     def _read_stdout(self, process: subprocess.Popen[bytes]) -> None:

@@ -100,7 +100,8 @@ class Recorder:
         try:
             self._file = self.path.open("wb")
         except OSError as error:
-            raise CameraError(f"the run cannot be recorded: {error}") from error
+            raise CameraError(f"the run cannot be recorded: {error}; --record takes a file in a folder that is there "
+                              "and can be written to") from error
         self._write({"format": FORMAT, "version": VERSION, "began": journal.began_at.isoformat(),
                      "bodies": bodies, "about": dict(about or {})})
         self._end = journal.listen(self._note)
@@ -200,7 +201,7 @@ def read(path: Path) -> Recording:
             entries = _Entries(Path(path), bodies)
             cut = not first.endswith(b"\n") or entries.index(stream)
     except OSError as error:
-        raise CameraError(f"the recording cannot be read: {error}") from error
+        raise CameraError(f"the recording cannot be read: {error}; --record FILE makes one") from error
     return Recording(str(head.get("began", "")), dict(head.get("about") or {}), entries, cut, bodies)
 
 

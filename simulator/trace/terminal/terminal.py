@@ -2,30 +2,21 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
-import signal
 import threading
-from collections.abc import Callable, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from typing import Any
 
 from rich.console import Console
 from rich.text import Text
 
 from simulator.trace.terminal.lines import in_lines
+from simulator.trace.terminal.output import Failure
 
 _INDENT = 4
 _UNLIMITED = 100_000  # columns of what has no width
 _REFRESH_SECONDS = 0.2
-
-
-def end_main_thread() -> None:
-    """Has the main thread end, as SIGTERM does. For other threads that cannot write to standard output.
-
-    What they could not write stays in its buffer, so that the main thread's last flush fails in the same way.
-    """
-    identity = threading.main_thread().ident
-    assert identity is not None
-    signal.pthread_kill(identity, signal.SIGTERM)
 
 
 class Terminal(Console):
@@ -49,7 +40,7 @@ class Terminal(Console):
             self.width = _UNLIMITED
 
     def print(self, *objects: Any, **arguments: Any) -> None:
-        with self.lock:
+        with self.lock, self._noting_failure():
             text = self._rendered(*objects, **arguments)
             self._write(self._erasing() + text + self._bottom())
 
@@ -68,7 +59,7 @@ class Terminal(Console):
 
     def pin(self, rows: Callable[[], Sequence[Text]]) -> None:
         """From here on these rows are at the bottom: as they are now, and for the width of now."""
-        with self.lock:
+        with self.lock, self._noting_failure():
             self._pinned = rows
             self._write("\x1b[?25l")
         threading.Thread(target=self._refresh, name="terminal", daemon=True).start()
@@ -79,14 +70,15 @@ class Terminal(Console):
                 return
             self._pinned = None
             self._unpinned.set()
-            self._write(self._erasing() + "\x1b[?25h")
+            with self._noting_failure():
+                self._write(self._erasing() + "\x1b[?25h")
 
     def on_broken_pipe(self) -> None:
         raise  # noqa: PLE0704 called where the error is handled; newer versions of rich would end the process
 
     def _refresh(self) -> None:
         while not self._unpinned.wait(_REFRESH_SECONDS):
-            with self.lock:
+            with self.lock, self._noting_failure():
                 if self._pinned is not None and self._rows() != self._shown:
                     self._write(self._erasing() + self._bottom())
 
@@ -109,13 +101,19 @@ class Terminal(Console):
         return captured.get()
 
     def _write(self, text: str) -> None:
-        if self._failed:
-            return
-        try:
+        if not self._failed:
             self.file.write(text)
             self.file.flush()
-        except OSError:
+
+    @contextlib.contextmanager
+    def _noting_failure(self) -> Iterator[None]:
+        """After the first failure to write, nothing more is written; the main thread hears of it, and ends."""
+        try:
+            yield
+        except OSError as error:
+            if self._failed:
+                return
             self._failed = True
+            Failure.note(error)
             if threading.current_thread() is threading.main_thread():
                 raise
-            end_main_thread()
