@@ -75,8 +75,8 @@ def metadata(camera: Camera, show: Display) -> None:
     show.heading("metadata: the service is a subscriber of the event cache")
     _expect("subscriptions", len(camera.events.subscriptions), 1)
     record: bytes = camera.events.subscriptions[0]
-    show.dump("events", f"the record that the service wrote when it started, {len(record)} bytes, from the 65th on zero:",
-              record[:64])
+    show.dump("events", "the record that the service wrote when it started, "
+              f"{len(record)} bytes, from the 65th on zero:", record[:64])
     _expect("bytes after the names that are not zero", camera.events.subscriptions[0][64:].strip(b"\0"), b"")
     camera.events.publish(_METADATA)
     packet: bytes = camera.journal.find("events", "notified")[-1].data["data"]

@@ -77,7 +77,8 @@ class Screen:
             self._process.stdin.write(json.dumps(order) + "\n")
             self._process.stdin.flush()
             assert self._process.stderr.read(1) == "."
-            self._read(0)
+            while self._read(0):
+                pass
 
     def wait_for(self, wanted: str) -> None:
         """Reads until a row of the screen has this text: some is drawn only when the display looks at the width."""

@@ -18,8 +18,9 @@ LOG = ("INFO media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_Jso
        + json.dumps(TASK, separators=(",", ":")))
 PICTURES = {"page": "white0", "records": 30}
 NAMES = ["client", "platform", "service", "ITGT", "faces", "events"]
-SHOWN = (live("client", f"sends whiteListDown: {json.dumps(TASK)}"), live("client", "whiteListDown, 75 faces", "service"),
-         live("service", LOG, kind="log"), live("service", "7020 page file white0", "itgt"))
+SHOWN = (live("client", f"sends whiteListDown: {json.dumps(TASK)}"),
+         live("client", "whiteListDown, 75 faces", "service"), live("service", LOG, kind="log"),
+         live("service", "7020 page file white0", "itgt"))
 
 
 def words_of(text: str) -> list[str]:
@@ -74,7 +75,6 @@ def test_the_bottom_follows_the_width() -> None:
     screen.order(live("client", "ended", progress={"ended": True}))
     lines = screen.end()
     assert [line for line in lines if "reported" in line or "imported" in line] == []
-    assert lines[-1].split() == NAMES
 
 
 def test_names_come_anew_where_the_columns_move() -> None:
