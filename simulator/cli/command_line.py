@@ -27,7 +27,8 @@ from simulator.trace.terminal.output import Failure
 DONE, FAILED, WRONG_ARGUMENTS, REFUSED, BUSY, NO_REPLY, NO_CAMERA, INCOMPLETE = range(8)
 EXIT_CODES = """exit codes: 0 done; 1 failed, or not as expected; 2 wrong arguments; 3 the command was refused (400);
 4 a download is already running (409); 5 no reply in time, or a download stands still; 6 no such camera is running;
-7 the download did not bring every page, or no picture of it was imported; 130 stopped before its end (Ctrl-C, SIGTERM, SIGHUP); 141 nobody reads what it prints"""
+7 the download did not bring every page, or no picture of it was imported;
+130 stopped before its end (Ctrl-C, SIGTERM, SIGHUP); 141 nobody reads what it prints"""
 
 
 class _Help(argparse.HelpFormatter):

@@ -95,7 +95,8 @@ def _line(item: Item, clock: Callable[[float], str]) -> Text:
     if item.target:
         who += f" → {NAMES.get(item.target, item.target)}"
     style = "dim" if item.kind in ("log", "note", "connection") else ""
-    line = Text.assemble((f"{item.time:9.3f} s  {clock(item.time):<14}", "dim"), (f"{who:<23}", STYLES.get(_peer(item), "")),
+    line = Text.assemble((f"{item.time:9.3f} s  {clock(item.time):<14}", "dim"),
+                         (f"{who:<23}", STYLES.get(_peer(item), "")),
                          (item.title, style or "bold"), ("  " + item.detail if item.detail else "", style))
     if item.fault:
         line.append(f"  [fault: {item.fault}]", "bold red")
