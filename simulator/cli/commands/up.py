@@ -65,7 +65,7 @@ def run(arguments: argparse.Namespace) -> int:
                 raise CameraError(f"the service ended by itself, with code {code}; its last output:\n"
                                   + "\n".join(record.text for record in camera.service.log[-10:]))
         except Stopped:
-            if not running.is_up:
+            if not running.is_up or camera.service.exit_code == 143:  # too early for it to take SIGTERM itself
                 return STOPPED
             if not arguments.json:
                 show.console.print(f"Camera {arguments.name} is down; the service ended with code "
