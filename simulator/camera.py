@@ -74,9 +74,10 @@ class Camera:
         if preload is None:
             preload = [build_folder() / "lib" / "libcamera_devices.so"]
         binary = service or build_folder() / "bin" / "protocol_process"
+        how = "; ./demo builds it" + " when CAMGATE_BUILD is not set" * ("CAMGATE_BUILD" in os.environ)
         for path in (binary, *preload):
             if not path.exists():
-                raise CameraError(f"{path} is missing" + ("" if path == service else "; ./demo builds it"))
+                raise CameraError(f"{path} is missing" + ("" if path == service else how))
         self._marker = marker
         self._start = start
         self._wait = wait and marker
@@ -151,7 +152,8 @@ class Camera:
         event = self.journal.wait_for(started_or_ended, timeout, since)
         if event.kind == "ended":
             tail = self.service.stderr.decode("utf-8", "backslashreplace")[-3000:]
-            raise CameraError(f"the service ended with code {event.exit_code} while it started:\n{tail}")
+            raise CameraError(f"the service ended with code {event.exit_code} while it started"
+                              + (f":\n{tail.strip()}" if tail.strip() else ", and said nothing"))
 
     def make_ready(self) -> None:
         """Creates ITGT's readiness marker."""

@@ -6,6 +6,7 @@ import threading
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, field
+from datetime import datetime, timezone
 from typing import Any, TypeVar
 
 T = TypeVar("T")
@@ -54,11 +55,14 @@ class Journal:
     So what the service wrote before it sent something stands before that, whichever thread the machine lets run first.
     What it wrote just after may stand before it, too.
 
+    began     monotonic seconds; what is shown and recorded counts from here, which is `began_at` on the wall clock
     patience  returns what every wait's `timeout` is multiplied by at its end, for a service or a machine that is slow
     take      adds what happened and is told of in no other way: what stands in the log
     """
 
     def __init__(self) -> None:
+        self.began = time.monotonic()
+        self.began_at = datetime.now(timezone.utc)
         self.patience: Callable[[], float] = lambda: 1.0
         self.take: Callable[[], None] = lambda: None
         self._taking = False

@@ -3,26 +3,50 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import importlib
+import itertools
 import json
 import os
 import pkgutil
+import re
 import signal
 import sys
-from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
+import textwrap
+from collections.abc import Sequence
 from pathlib import Path
-from types import FrameType, ModuleType
+from types import ModuleType
 from typing import Any
 
+from simulator.cli import ending
+from simulator.cli.ending import OUTPUT_CLOSED, STOPPED, Stopped, complain, complete_streams, flushed
 from simulator.errors import CameraError
+from simulator.trace.terminal.output import Failure
 
 # Exit codes of every subcommand. 2 is argparse's own.
 DONE, FAILED, WRONG_ARGUMENTS, REFUSED, BUSY, NO_REPLY, NO_CAMERA, INCOMPLETE = range(8)
-STOPPED = 130  # as a shell says it of a program that Ctrl-C has ended
 EXIT_CODES = """exit codes: 0 done; 1 failed, or not as expected; 2 wrong arguments; 3 the command was refused (400);
-4 a download is already running (409); 5 no reply in time; 6 no such camera is running;
-7 the download did not bring every page, or no picture of it was imported; 130 stopped before its end"""
+4 a download is already running (409); 5 no reply in time, or a download stands still; 6 no such camera is running;
+7 the download did not bring every page, or no picture of it was imported;
+130 stopped before its end (Ctrl-C, SIGTERM, SIGHUP); 141 nobody reads what it prints"""
+
+
+class _Help(argparse.HelpFormatter):
+    """Help as wide as the terminal, broken between words only; indented lines, the examples, stay as they are."""
+
+    def _split_lines(self, text: str, width: int) -> list[str]:
+        kept = re.sub(r"\b(\d) ", "\\1\N{NO-BREAK SPACE}", " ".join(text.split()))
+        return [line.replace("\N{NO-BREAK SPACE}", " ") for line in
+                textwrap.wrap(kept, width, break_on_hyphens=False, break_long_words=False)]
+
+    def _fill_text(self, text: str, width: int, indent: str) -> str:
+        filled: list[str] = []
+        for indented, lines in itertools.groupby(text.split("\n"), lambda line: line.startswith(" ") or not line):
+            filled += lines if indented else self._split_lines(" ".join(lines), width)
+        return "\n".join(filled)
+
+
+stoppable = ending.stoppable  # subcommands have it from here, with what it raises
 
 
 class CodedError(CameraError):
@@ -31,10 +55,6 @@ class CodedError(CameraError):
     def __init__(self, text: str, code: int) -> None:
         super().__init__(text)
         self.code = code
-
-
-class Stopped(BaseException):
-    """A signal asked for the end. No Exception, so that nothing but the subcommand takes it."""
 
 
 def modules(wanted: str = "") -> dict[str, ModuleType]:
@@ -47,14 +67,14 @@ def modules(wanted: str = "") -> dict[str, ModuleType]:
 def make_parser(wanted: str = "") -> argparse.ArgumentParser:
     """Reads the words of every subcommand, or of the wanted one."""
     parser = argparse.ArgumentParser(
-        prog="camsim", formatter_class=argparse.RawDescriptionHelpFormatter, epilog=EXIT_CODES,
+        prog="camsim", formatter_class=_Help, epilog=EXIT_CODES,
         description="A camera on this machine, for those without one: the unchanged service in its own sandbox,\n"
                     "and every process around it simulated. `camsim COMMAND --help` explains each command.")
     subparsers = parser.add_subparsers(dest="subcommand", metavar="COMMAND", required=True)
     for name, module in modules(wanted).items():
         examples = "".join(f"\n  {line}" for line in getattr(module, "EXAMPLES", ()))
         sub = subparsers.add_parser(
-            name, help=module.HELP, formatter_class=argparse.RawDescriptionHelpFormatter,
+            name, help=module.HELP, formatter_class=_Help,
             description=getattr(module, "DESCRIPTION", module.HELP),
             epilog=(f"examples:{examples}\n\n" if examples else "") + EXIT_CODES)
         module.add_arguments(sub)
@@ -65,20 +85,33 @@ def make_parser(wanted: str = "") -> argparse.ArgumentParser:
 def main(words: Sequence[str]) -> int:
     if "_ARGCOMPLETE" in os.environ:
         complete()
-    arguments = make_parser(words[0]).parse_args(words) if words else _ALONE
-    signal.signal(signal.SIGINT, signal.default_int_handler)
+    complete_streams()
     try:
+        arguments = make_parser(words[0]).parse_args(words) if words else _ALONE
+    except SystemExit as end:  # after --help, or a complaint about the words
+        return flushed(int(end.code or 0), "camsim")
+    except OSError as error:  # newer versions of argparse say nothing of a help that cannot be written
+        Failure.note(error)
+        return flushed(FAILED, "camsim")
+    return flushed(_code(arguments), "camsim")
+
+
+def _code(arguments: argparse.Namespace) -> int:
+    """Runs the subcommand; its exit code, also if it failed or was stopped."""
+    try:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         code: int = arguments.run(arguments)
-        sys.stdout.flush()
         return code
     except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # or the interpreter complains at its end
-        return FAILED
+        return OUTPUT_CLOSED
     except (CameraError, TimeoutError, OSError) as error:
+        if error is Failure.first:
+            return FAILED
         if getattr(arguments, "json", False):
-            print_json({"error": str(error)})
+            with contextlib.suppress(OSError):  # what cannot be written is told at the end
+                print_json({"error": str(error)})
         else:
-            print(f"{f'camsim {arguments.subcommand}'.strip()}: {error}", file=sys.stderr)
+            complain(f"{f'camsim {arguments.subcommand}'.strip()}: {error}")
         return error.code if isinstance(error, CodedError) else FAILED
     except (KeyboardInterrupt, Stopped):
         return STOPPED
@@ -109,21 +142,3 @@ def print_json(document: Any) -> None:
     """One line on standard output, at once and in one piece, whichever thread writes beside it."""
     sys.stdout.write(json.dumps(document, ensure_ascii=False) + "\n")
     sys.stdout.flush()
-
-
-@contextmanager
-def stoppable() -> Iterator[None]:
-    """While the block runs, Ctrl-C, SIGTERM and SIGHUP raise Stopped in it, once: the end is not to be interrupted."""
-    numbers = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-
-    def stop(_number: int, _frame: FrameType | None) -> None:
-        for number in numbers:
-            signal.signal(number, signal.SIG_IGN)
-        raise Stopped
-
-    before = {number: signal.signal(number, stop) for number in numbers}
-    try:
-        yield
-    finally:
-        for number, handler in before.items():
-            signal.signal(number, handler)

@@ -15,6 +15,7 @@ import socket
 import stat
 import threading
 from collections.abc import Callable, Iterator, Mapping
+from dataclasses import replace
 from pathlib import Path
 from typing import Any
 
@@ -22,6 +23,7 @@ from simulator.cli.command_line import NO_CAMERA, WRONG_ARGUMENTS, CodedError, p
 from simulator.errors import CameraError
 from simulator.journal import Event, Journal
 from simulator.trace.explanation import LiveItem, LiveTrace
+from simulator.trace.terminal.output import Failure
 
 _LONGEST_REQUEST = 64 * 1024 * 1024
 _ENDING = ".socket"
@@ -78,9 +80,10 @@ def asking(name: str, request: dict[str, Any]) -> Iterator[dict[str, Any]]:
             others = running()
             there = f"there is {', '.join(others)}; choose with --name" if others else "start one with: camsim up"
             raise CodedError(f"no camera {name!r} is running; {there}", NO_CAMERA) from error
-        connection.sendall(json.dumps(request).encode() + b"\n")
-        with connection.makefile("rb") as lines:
-            for line in lines:
+        with connection.makefile("rwb") as lines, contextlib.suppress(ConnectionError):  # it ends: so do the answers
+            lines.write(json.dumps(request).encode() + b"\n")
+            lines.flush()
+            while line := lines.readline():
                 answer: dict[str, Any] = json.loads(line)
                 if "error" in answer:
                     raise CodedError(answer["error"], answer.get("code", 1))
@@ -150,7 +153,7 @@ class Control:
         def note(event: Event) -> None:
             for live in trace.take(event):
                 with contextlib.suppress(queue.Full):
-                    waiting.put_nowait(live)
+                    waiting.put_nowait(since_begin(live, self._journal))
 
         end = self._journal.listen(note)
         try:
@@ -167,6 +170,16 @@ def print_events(journal: Journal) -> None:
 
     def note(event: Event) -> None:
         for live in trace.take(event):
-            print_json(live.public())
+            try:
+                print_json(since_begin(live, journal).public())
+            except OSError as error:
+                end()
+                Failure.note(error)
+                return
 
-    journal.listen(note)
+    end = journal.listen(note)
+
+
+def since_begin(live: LiveItem, journal: Journal) -> LiveItem:
+    """The same in the one time that is told: seconds since the journal's beginning."""
+    return replace(live, time=round(live.time - journal.began, 6))

@@ -4,14 +4,13 @@ from __future__ import annotations
 
 import argparse
 import json
-import signal
 import sys
 import time
 from collections.abc import Sequence
 from pathlib import Path
-from typing import NoReturn
 
 from simulator.camera import RING_BUFFER, Camera, build_folder
+from simulator.cli.ending import OUTPUT_CLOSED, STOPPED, Stopped, complete_streams, flushed, stoppable
 from simulator.errors import CameraError
 from simulator.messages.describe import describe_notification
 from simulator.messages.wire import IMPORTED, PAGE_SIZE
@@ -75,11 +74,9 @@ def face_not_hit_down(camera: Camera, show: Display) -> None:
 def metadata(camera: Camera, show: Display) -> None:
     show.heading("metadata: the service is a subscriber of the event cache")
     _expect("subscriptions", len(camera.events.subscriptions), 1)
-    show.line("events", "the record that the service wrote when it started:")
-    for start in range(0, 64, 16):
-        row = camera.events.subscriptions[0][start:start + 16]
-        show.line("events", f"{start:4}  {row.hex(' ')}  {''.join(chr(c) if 32 <= c < 127 else '.' for c in row)}")
-    show.line("events", f"      ... {len(camera.events.subscriptions[0])} bytes in all, the rest zero")
+    record: bytes = camera.events.subscriptions[0]
+    show.dump("events", "the record that the service wrote when it started, "
+              f"{len(record)} bytes, from the 65th on zero:", record[:64])
     _expect("bytes after the names that are not zero", camera.events.subscriptions[0][64:].strip(b"\0"), b"")
     camera.events.publish(_METADATA)
     packet: bytes = camera.journal.find("events", "notified")[-1].data["data"]
@@ -170,19 +167,17 @@ def _arguments() -> argparse.Namespace:
 def main() -> int:
     arguments = _arguments()
     show = Display(arguments.verbose)
-
-    def terminate(number: int, _frame: object) -> NoReturn:
-        sys.exit(128 + number)
-
-    signal.signal(signal.SIGTERM, terminate)
-    signal.signal(signal.SIGHUP, terminate)
     try:
-        _run(arguments, show)
-    except KeyboardInterrupt:
-        return 130
-    except (Unexpected, CameraError, TimeoutError) as error:
+        with stoppable():
+            _run(arguments, show)
+    except (KeyboardInterrupt, Stopped):
+        return STOPPED
+    except BrokenPipeError:
+        return OUTPUT_CLOSED
+    except (Unexpected, CameraError, OSError) as error:
         show.console.print(f"\nThe demonstration failed: {error}", style="bold red")
-        show.console.print("Run it again with --verbose to see the service's log and every message.")
+        if isinstance(error, (Unexpected, TimeoutError)):
+            show.console.print("Run it again with --verbose to see the service's log and every message.")
         return 1
     show.console.print("Everything came out as it should.", style="bold green")
     if arguments.record:
@@ -191,4 +186,5 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    complete_streams()
+    sys.exit(flushed(main(), "demo"))

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import errno
+import os
 import re
 from collections.abc import Callable, Sequence
 from typing import Any
@@ -23,14 +25,19 @@ _FAILURES: tuple[tuple[str, Callable[[re.Match[str], str], str]], ...] = (
     (r".*", lambda match, _stage: match[0]))
 
 
-def outcome(events: Sequence[Event], end: Event) -> dict[str, Any]:
-    """Pages that were handed to ITGT, pictures that it imported and refused, and whether all is well; else `why`."""
+def outcome(events: Sequence[Event], end: Event | None) -> dict[str, Any]:
+    """Pages that were handed to ITGT, pictures that it imported and refused, and whether all is well; else `why`.
+
+    end  of the download; None when it stands still
+    """
     pages = sum(event.matches("itgt", "received", command=wire.IMPORT_FILE) for event in events)
     results = [event.result for event in events if event.matches("itgt", "picture")]
     imported = results.count(wire.IMPORTED)
     lines = [event.record.text for event in events if event.matches("service", "log")]
     why = ""
-    if end.kind != "log":
+    if end is None:
+        why = f"it stands still: {_why_still(events)}"
+    elif end.kind != "log":
         why = f"the service ended with code {end.exit_code}"
     elif any(fails_download(line) for line in lines):
         why = _why_no_page(lines, events)
@@ -40,6 +47,14 @@ def outcome(events: Sequence[Event], end: Event) -> dict[str, Any]:
         why = "ITGT imported no picture"
     seen = {"pages": pages, "pictures": imported, "refused": len(results) - imported, "complete": not why}
     return {**seen, "why": why} if why else seen
+
+
+def _why_still(events: Sequence[Event]) -> str:
+    """Of a download that has not ended, and to which nothing happens any more."""
+    asked = [event.message.command for event in events if event.matches("itgt", "received")]
+    if asked:
+        return f"ITGT has not given the answer to its request {asked[-1]} that the service waits for"
+    return "the service waits for ITGT, which is not there, or for the platform"
 
 
 def _why_no_page(lines: Sequence[str], events: Sequence[Event]) -> str:
@@ -54,6 +69,14 @@ def _why_no_page(lines: Sequence[str], events: Sequence[Event]) -> str:
     said = [line for line in lines if line.startswith(("[Custom]", " [Custom]"))]
     return f"page {lines.count(_PAGE)} could not be stored or handed to ITGT" + (
         f": {said[-1].strip()}" if said else "")
+
+
+def unreachable(events: Sequence[Event]) -> str:
+    """Why there is no way to somebody's own platform, where that says more than that it refuses; else ""."""
+    seen = [event for event in events if event.source == "platform" and event.kind in ("absent", "present")]
+    if not seen or seen[-1].kind == "present" or os.strerror(errno.ECONNREFUSED) in seen[-1].error:
+        return ""
+    return f" (the way to it: {seen[-1].error})"
 
 
 def in_words(failure: str, stage: str) -> str:

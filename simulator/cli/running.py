@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import time
@@ -12,18 +13,20 @@ from simulator.camera import Camera
 from simulator.cli.command_line import BUSY, DONE, INCOMPLETE, NO_REPLY, REFUSED
 from simulator.cli.control import Handlers
 from simulator.cli.outcome import described as outcome_in_words
-from simulator.cli.outcome import download_state, outcome
+from simulator.cli.outcome import download_state, outcome, unreachable
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Event
 
-_DOWNLOAD_SECONDS = 3600.0
+# The service gives a platform 5 s for each step and asks ITGT anew each second, but waits for ITGT's reply without end.
+STILL_SECONDS = 30.0
 
 
 class RunningCamera:
-    """Answers for a camera that `camsim up` brought up."""
+    """Answers for a camera that `camsim up` brought up, or is about to: is_up."""
 
     def __init__(self, name: str, camera: Camera, switches: FaultSwitches) -> None:
+        self.is_up = False
         self._name = name
         self._camera = camera
         self._switches = switches
@@ -85,9 +88,19 @@ class RunningCamera:
     def _download(self, since: int) -> dict[str, Any]:
         """Waits for the end of the download and looks at what became of it."""
         begin = time.monotonic()
-        end = self._camera.wait_download(_DOWNLOAD_SECONDS, since)
+        end = self._end_of_download(since)
         download = {**outcome(self._camera.journal.events[since:], end), "seconds": round(time.monotonic() - begin, 3)}
-        return {"download": download} if download["complete"] else {"download": download, "code": INCOMPLETE}
+        if download["complete"]:
+            return {"download": download}
+        download["why"] += unreachable(self._camera.journal.events)
+        return {"download": download, "code": INCOMPLETE if end else NO_REPLY}
+
+    def _end_of_download(self, since: int) -> Event | None:
+        """What ends it; None when nothing at all has happened for so long that nothing more is to be expected."""
+        while (left := self._camera.journal.events[-1].time + STILL_SECONDS - time.monotonic()) > 0:
+            with contextlib.suppress(TimeoutError):
+                return self._camera.wait_download(left, since)
+        return None
 
 
 def _outcome(status: int | None) -> dict[str, Any]:

@@ -21,10 +21,15 @@ from simulator.device.sandbox import Sandbox
 from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.messages.log import LogRecord, parse_record
+from simulator.messages.sockets import join
 
 _START_SECONDS = 60.0
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
 _CREDENTIALS = struct.Struct("iII")
+# What helps most often when the sandbox cannot be made.
+_NAMESPACES = """\
+An ordinary user needs user namespaces for it. As root: sysctl kernel.unprivileged_userns_clone=1, and where there
+is such a setting kernel.apparmor_restrict_unprivileged_userns=0. A container has to be given these rights."""
 # Type and owner of the note: https://systemd.io/ELF_PACKAGE_METADATA
 _NOTE = struct.pack("<I4s", 0xCAFE1A7E, b"FDO")
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "TZ")
@@ -135,7 +140,7 @@ class Service:
         if self._exit_code is None:
             self._process.kill()
         for reader in self._readers:
-            reader.join()
+            join(reader)
         self._readers.clear()
         return self._exit_code
 
@@ -206,7 +211,9 @@ class Service:
             for one in sockets:
                 one.close()
             self.stop()
-            raise CameraError(f"the service did not start: {failure.decode()}\n{self.stderr.decode(errors='replace')}")
+            said = self.stderr.decode(errors="replace").strip()
+            raise CameraError(f"the service did not start: {failure.decode()}" + f"\n{said}" * bool(said)
+                              + f"\n{_NAMESPACES}" * said.startswith("bwrap:"))
         return sockets
 
     def _read_stdout(self, process: subprocess.Popen[bytes]) -> None:

@@ -55,6 +55,8 @@ def _make_expired(folder: Path) -> None:
 
 
 def _openssl(folder: Path, *words: str) -> None:
+    if shutil.which("openssl") is None:
+        raise CameraError("openssl is not installed; run scripts/bootstrap or: apt-get install openssl")
     made = subprocess.run(["openssl", *words], cwd=folder, capture_output=True, text=True, check=False)
     if made.returncode != 0:
         raise CameraError(f"openssl made no certificate for the platform: {made.stderr.strip()}")

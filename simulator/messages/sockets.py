@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import select
 import socket
@@ -44,7 +45,7 @@ class DatagramEndpoint:
 
     def close(self) -> None:
         os.eventfd_write(self._wake, 1)
-        self._thread.join()
+        join(self._thread)
         self._socket.close()
         os.close(self._wake)
         self._path.unlink(missing_ok=True)
@@ -57,6 +58,12 @@ class DatagramEndpoint:
             if self._wake in [descriptor for descriptor, _ in poll.poll()]:
                 return
             self._handler(self._socket.recv(_BUFFER_SIZE))
+
+
+def join(thread: threading.Thread) -> None:
+    """Waits for the end of a thread; nothing happens if a signal came while it was to start."""
+    with contextlib.suppress(RuntimeError):
+        thread.join()
 
 
 class Acceptor:
@@ -73,7 +80,11 @@ class Acceptor:
         """Begins to accept; owns the sockets until stop."""
         self._listeners = list(listeners)
         self._wake = os.eventfd(0)
-        self._thread = threading.Thread(target=self._accept, name=self._name, daemon=True)
+        poll = select.poll()  # here: a signal may close the sockets before the thread looks at them
+        for pollable in (self._wake, *self._listeners):
+            poll.register(pollable, select.POLLIN)
+        by_descriptor = {listener.fileno(): listener for listener in self._listeners}
+        self._thread = threading.Thread(target=self._accept, args=(poll, by_descriptor), name=self._name, daemon=True)
         self._thread.start()
 
     def stop(self) -> None:
@@ -81,18 +92,13 @@ class Acceptor:
         if self._thread is None:
             return
         os.eventfd_write(self._wake, 1)
-        self._thread.join()
+        join(self._thread)
         self._thread = None
         os.close(self._wake)
         for listener in self._listeners:
             listener.close()
 
-    def _accept(self) -> None:
-        poll = select.poll()
-        poll.register(self._wake, select.POLLIN)
-        listeners = {listener.fileno(): listener for listener in self._listeners}
-        for listener in self._listeners:
-            poll.register(listener, select.POLLIN)
+    def _accept(self, poll: select.poll, listeners: dict[int, socket.socket]) -> None:
         while True:
             ready = [descriptor for descriptor, _ in poll.poll()]
             if self._wake in ready:

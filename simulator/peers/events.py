@@ -16,6 +16,7 @@ from typing import Any
 
 from simulator.journal import Journal
 from simulator.messages import wire
+from simulator.messages.sockets import join
 
 
 class EventPublisher:
@@ -64,7 +65,7 @@ class EventPublisher:
             return
         self._stopping.set()
         os.eventfd_write(self._wake, 1)
-        self._thread.join()
+        join(self._thread)
         os.close(self._wake)
         for connection in (self._listener, *self._subscribers):
             connection.close()

@@ -14,7 +14,7 @@ from pathlib import Path
 
 from simulator.journal import Journal
 from simulator.messages import wire
-from simulator.messages.sockets import DatagramEndpoint
+from simulator.messages.sockets import DatagramEndpoint, join
 from simulator.peers.client import Client
 
 _BETWEEN_LOOKS = 0.05
@@ -56,7 +56,7 @@ class OwnClient:
 
     def __exit__(self, *_: object) -> None:
         self._ended.set()
-        self._thread.join()
+        join(self._thread)
         self._client.on_reply = None
         self._out.close()
 

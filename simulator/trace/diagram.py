@@ -2,10 +2,10 @@
 
 from __future__ import annotations
 
-import textwrap
-
+from rich.cells import cell_len
 from rich.text import Text
 
+from simulator.trace.terminal.lines import in_lines, longest_word
 from simulator.trace.words import SHORT_NAMES
 
 # The columns from left to right: who calls the service first, then whom it calls.
@@ -14,39 +14,50 @@ STYLES = {"client": "cyan", "itgt": "green", "faces": "magenta", "platform": "bl
           "service": ""}
 # Below this width there is no room for the words beside the columns.
 NARROWEST = 72
+# Columns to the left of the diagram.
+TIME_WIDTH = 9
 
-_TIME_WIDTH = 9
+_MOST_BESIDE = 3  # rows of text beside the columns; more of it goes below, as wide as the terminal
 _LINE, _ARROW_LEFT, _ARROW_RIGHT, _SHAFT, _NOTE, _CROSSING = "│", "◀", "▶", "─", "●", "┼"
 
 
 class Diagram:
-    """Makes rows for a terminal of a width in characters."""
+    """Makes rows for a terminal of a width in characters.
+
+    lane  the width of a column
+    """
 
     def __init__(self, width: int) -> None:
-        self._lane = 8 if width < 100 else 10
-        self._text_width = max(10, width - _TIME_WIDTH - self._lane * len(LANES) - 1)
-        self._places = {name: number * self._lane + self._lane // 2 for number, name in enumerate(LANES)}
+        self.lane = 8 if width < 100 else 10
+        self._beside = max(10, width - TIME_WIDTH - self.lane * len(LANES) - 1)
+        self._below = max(10, width - TIME_WIDTH)
+        self._places = {name: number * self.lane + self.lane // 2 for number, name in enumerate(LANES)}
 
     def head(self) -> Text:
         """The names above or below the columns."""
-        return Text.assemble(" " * _TIME_WIDTH,
-                             *((f"{SHORT_NAMES[name]:^{self._lane + 1}}"[:self._lane],
+        return Text.assemble(" " * TIME_WIDTH,
+                             *((f"{SHORT_NAMES[name]:^{self.lane + 1}}"[:self.lane],
                                 f"bold {STYLES[name]}".strip()) for name in LANES))
 
-    def rows(self, seconds: float | None, source: str, target: str, text: str, style: str = "",
-             most: int = 2) -> list[Text]:
+    def rows(self, seconds: float, source: str, target: str, text: str, style: str = "", most: int = 3) -> list[Text]:
         """An arrow from source to target, or without a target a mark at the source, and beside it the text.
 
-        Text that needs more than `most` rows is cut.
+        What does not fit beside it without being broken goes below. Text that needs more than `most` rows is cut.
         """
-        lines = textwrap.wrap(text, self._text_width, max_lines=most, placeholder=" …") or [""]
-        time = f"{seconds:7.3f}  " if seconds is not None else " " * _TIME_WIDTH
-        first = Text.assemble((time, "dim"), self._lanes(source, target), " ", (lines[0], style))
-        rest = [Text.assemble(" " * _TIME_WIDTH, self._lanes("", ""), " ", (line, style)) for line in lines[1:]]
-        return [first, *rest]
+        words = Text(text, style)
+        lines = in_lines(words, self._beside, self._beside)
+        begin = Text(" " * TIME_WIDTH)
+        if longest_word(text) > self._beside or len(lines) > min(_MOST_BESIDE, most):
+            lines = in_lines(words, self._beside, self._below)
+        else:
+            begin += self._lanes("", "") + Text(" ")
+        if len(lines) > most:
+            lines = [*lines[:most - 1], _cut(lines[most - 1], self._below)]
+        first = Text.assemble((f"{seconds:7.3f}  ", "dim"), self._lanes(source, target), " ", lines[0])
+        return [first, *(begin + line for line in lines[1:])]
 
     def _lanes(self, source: str, target: str) -> Text:
-        cells = [" "] * (self._lane * len(LANES))
+        cells = [" "] * (self.lane * len(LANES))
         for place in self._places.values():
             cells[place] = _LINE
         text = Text("".join(cells), style="dim")
@@ -68,3 +79,10 @@ class Diagram:
                         for number, sign in enumerate(drawn))
         return Text.assemble((row[:begin], "dim"), (drawn, f"bold {STYLES.get(peer, '')}".strip()),
                              (row[begin + len(drawn):], "dim"))
+
+
+def _cut(line: Text, width: int) -> Text:
+    """The line with the sign that more was to come, in place of its last words if there is no room."""
+    while cell_len(line.plain) > width - 2 and " " in line.plain.strip():
+        line = line[:line.plain.rstrip().rindex(" ")]
+    return line + Text(" …")

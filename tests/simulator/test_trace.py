@@ -160,7 +160,8 @@ def test_text(recorded: Path, run: Callable[..., str]) -> None:
     text = run(recorded)
     assert re.match(r"recorded 20\d\d-\d\d-\d\d \d\d:\d\d:\d\d UTC, build host, \d\.\d s: 11 datagrams, "
                     "2 HTTPS requests, 1 files, 2 log records, 1 faults\n", text)
-    assert re.search(r"^ +0\.\d{3} s  service → ITGT +7020 CMD_FACE_IMPORT_FILE request  directory='/tmp/d/' "
+    assert re.search(r"^ +0\.\d{3} s  \d\d:\d\d:\d\d\.\d{3}  service → ITGT +7020 CMD_FACE_IMPORT_FILE request  "
+                     r"directory='/tmp/d/' "
                      "file_name='white30'$", text, re.MULTILINE)
     assert "[fault: script]" in text
 

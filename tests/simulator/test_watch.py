@@ -7,6 +7,9 @@ import os
 import re
 import signal
 import subprocess
+from datetime import datetime, timedelta, timezone
+from pathlib import Path
+from typing import Any
 
 import pytest
 
@@ -33,13 +36,14 @@ def test_a_terminal_gets_arrows_between_columns_and_bars(camsim: Camsim, up: Sta
     assert re.search(r"│─{9}┼─{9}▶ {9}│ {9}│ {9}│ +whiteListDown, 31 faces", command)
     answer = next(line for line in text.splitlines() if "7020 import task" in line)
     assert re.search(r"│ {9}│ {9}◀─{9}│ {9}│ {9}│ +7020 import task 4300000001", answer)
-    assert re.search(r"pages +━+ [01]/2 +reported", text)
-    assert re.search(r"pictures of white0 +[━╺╸]+ +\d+/30 imported", text)
+    assert re.search(r"pages +[━─]+ [01]/2 reported", text)
+    assert re.search(r"pictures of white0 +[━─]+ \d+/30 imported", text)
     assert "Camera camera has ended." in text
 
 
-@pytest.mark.parametrize("environment, columns", [({"NO_COLOR": "1"}, 120), ({"TERM": "dumb"}, 120), ({}, 60)])
-def test_a_terminal_that_cannot_or_is_not_to_draw_gets_lines(
+@pytest.mark.parametrize("environment, columns", [
+    ({"TERM": "dumb"}, 120), ({"PYTHONIOENCODING": "latin-1"}, 120), ({}, 60)])
+def test_a_terminal_that_cannot_draw_gets_lines(
         camsim: Camsim, up: StartUp, environment: dict[str, str], columns: int) -> None:
     one = up()
     watch = camsim.drawn("watch", columns=columns, **environment)
@@ -49,7 +53,7 @@ def test_a_terminal_that_cannot_or_is_not_to_draw_gets_lines(
     one.stop()
     text = watch.end()
     assert "▶" not in text and "│" not in text
-    if environment:
+    if "TERM" in environment:
         assert ESCAPES.search(text) is None
 
 
@@ -88,6 +92,29 @@ def test_json_has_each_message_decoded_and_the_faults(camsim: Camsim, up: StartU
     assert clear["fields"]["configuration"] == "/tmp/mmcblk0/face_basic/facelists.json"
     assert [document["text"] for document in documents if document["kind"] == "fault"] == [
         "fault faces.refuses is switched on", "fault faces.refuses takes hold"]
+
+
+def test_there_is_one_time(camsim: Camsim, up: StartUp, tmp_path: Path) -> None:
+    """Of one thing it is the same for whoever brought the camera up, for a watcher, and in the recording."""
+    one = up("--record", tmp_path / "run")
+    watch = camsim.start("watch", "--json")
+    assert watch.stdout is not None
+    watch.stdout.readline()
+    assert camsim.run("send", "whiteListClear").returncode == 0
+    one.stop()
+
+    def seconds(documents: list[dict[str, Any]]) -> float:
+        return next(one["time"] for one in documents if one.get("title") == "7019 status 0")
+    watched = seconds([json.loads(line) for line in watch.stdout])
+    assert watch.wait(DEADLINE) == 0
+    assert watched == seconds(one.lines)
+    text = camsim.run("trace", tmp_path / "run").stdout
+    reply = re.search(r"^ +(\d+\.\d{3}) s  (\d\d:\d\d:\d\d\.\d{3})  face library → service +7019 ", text, re.MULTILINE)
+    assert reply and abs(float(reply[1]) - watched) < 0.002
+    document = json.loads(camsim.run("trace", tmp_path / "run", "--json").stdout)
+    moment = datetime.fromisoformat(document["began"]) + timedelta(seconds=watched)
+    assert abs((datetime.combine(moment.date(), datetime.strptime(reply[2], "%H:%M:%S.%f").time(), timezone.utc)
+                - moment).total_seconds()) < 0.002
 
 
 def test_the_demonstration_draws_on_a_terminal() -> None:

@@ -10,6 +10,7 @@ from simulator.cli import options
 from simulator.cli.command_line import DONE, NO_CAMERA, CodedError, print_json
 from simulator.cli.control import ask, running
 from simulator.cli.outcome import in_a_line
+from simulator.trace.terminal.output import say
 
 HELP = "say which cameras run, what they download, which faults are on, which version they are"
 DESCRIPTION = """\
@@ -35,7 +36,7 @@ def run(arguments: argparse.Namespace) -> int:
         if arguments.json:
             print_json(status)
         else:
-            print(described(status))
+            say(described(status))
     return DONE
 
 
@@ -43,16 +44,16 @@ def next_step() -> int:
     """What `camsim` alone says."""
     found = _found()
     if found:
-        print("\n".join(map(described, found)) + "\n")
+        say("\n".join(map(described, found)) + "\n")
     cameras = [status["name"] for status in found if "service" in status]
     if cameras:
         name = "" if cameras[0] == "camera" else f" --name {cameras[0]}"
-        print(f"Next, in another terminal than that of the camera:\n{_NEXT.format(name=name)}")
+        say(f"Next, in another terminal than that of the camera:\n{_NEXT.format(name=name)}")
     elif (build_folder() / "bin" / "protocol_process").exists():
-        print(f"No camera is running. Next:\n{_START}\nand then, in another terminal:\n{_NEXT.format(name='')}")
+        say(f"No camera is running. Next:\n{_START}\nand then, in another terminal:\n{_NEXT.format(name='')}")
     else:
-        print(f"The service is not built. Next:\n  ./demo      builds it, and shows what it does\nand then:\n{_START}")
-    print("\n`camsim --help` lists all commands, `camsim COMMAND --help` explains one.")
+        say(f"The service is not built. Next:\n  ./demo      builds it, and shows what it does\nand then:\n{_START}")
+    say("\n`camsim --help` lists all commands, `camsim COMMAND --help` explains one.")
     return DONE
 
 

@@ -11,6 +11,7 @@ from simulator.cli import options
 from simulator.cli.command_line import DONE, WRONG_ARGUMENTS, CodedError, completing, print_json
 from simulator.cli.control import ask
 from simulator.errors import CameraError
+from simulator.trace.terminal.output import say
 
 HELP = "list the faults of every peer, and switch them while a camera runs"
 DESCRIPTION = """\
@@ -57,7 +58,7 @@ def run(arguments: argparse.Namespace) -> int:
     if arguments.json:
         print_json({"active": active})
     else:
-        print("switched on now: " + (", ".join(active) or "nothing"))
+        say("switched on now: " + (", ".join(active) or "nothing"))
     return DONE
 
 
@@ -76,11 +77,11 @@ def _list(arguments: argparse.Namespace) -> int:
             print_json(_document(fault, active))
         return DONE
     for fault in chosen:
-        print(f"{'* ' if _is_on(fault, active) else '  '}{fault.name:<24}{fault.help}")
+        say(f"{'* ' if _is_on(fault, active) else '  '}{fault.name:<24}{fault.help}")
         for parameter in fault.parameters:
             choices = f", one of {', '.join(parameter.choices)}" if len(parameter.choices) > 1 else ""
-            print(f"      {parameter.name}={parameter.default}: {parameter.help}{choices}")
-    print("* switched on now: " + ", ".join(active) if active else "Nothing is switched on.")
+            say(f"      {parameter.name}={parameter.default}: {parameter.help}{choices}")
+    say("* switched on now: " + ", ".join(active) if active else "Nothing is switched on.")
     return DONE
 
 

@@ -5,7 +5,6 @@ from __future__ import annotations
 import argparse
 from typing import Any
 
-from rich.console import Console
 from rich.table import Table
 from rich.text import Text
 
@@ -13,6 +12,7 @@ from simulator.cli import options
 from simulator.cli.command_line import (DONE, FAILED, STOPPED, WRONG_ARGUMENTS, CodedError, Stopped, print_json,
                                         stoppable)
 from simulator.cli.fleet import Fleet
+from simulator.trace.terminal.terminal import Terminal
 
 HELP = "run many cameras against one platform and report what the platform sees"
 DESCRIPTION = """\
@@ -42,7 +42,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 def run(arguments: argparse.Namespace) -> int:
     if not 1 <= arguments.cameras <= 500 or not 0 <= arguments.spread <= 86_400:
         raise CodedError("N is 1 to 500, and --spread 0 to 86400 seconds", WRONG_ARGUMENTS)
-    console = Console(highlight=False, markup=False, emoji=False)
+    console = Terminal()
     make = options.platform_maker(arguments) if arguments.platform or arguments.result_path else None
     fleet = Fleet(arguments.cameras, arguments.faces, arguments.spread, options.service_of(arguments), make,
                   lambda subject: options.apply_settings(subject, arguments))
@@ -58,7 +58,7 @@ def run(arguments: argparse.Namespace) -> int:
     return DONE if result["complete"] == arguments.cameras else FAILED
 
 
-def _draw(console: Console, result: dict[str, Any]) -> None:
+def _draw(console: Terminal, result: dict[str, Any]) -> None:
     view = result["platform"]
     rows = {"cameras": f"{result['cameras']}, {result['faces']} faces each, "
                        f"commands spread over {result['spread_seconds']:g} s",

@@ -14,6 +14,7 @@ from simulator.cli.scenarios.play import Player
 from simulator.cli.scenarios.scenario import Scenario, load
 from simulator.errors import CameraError
 from simulator.trace.display import Display
+from simulator.trace.terminal.output import say
 
 HELP = "play scenario files and say whether each came out as expected"
 DESCRIPTION = """\
@@ -48,7 +49,7 @@ def run(arguments: argparse.Namespace) -> int:
         except Stopped:
             return STOPPED
     if len(results) > 1 and not arguments.json:
-        print(f"{sum(results)} of {len(results)} scenarios came out as expected")
+        say(f"{sum(results)} of {len(results)} scenarios came out as expected")
     return DONE if all(results) else FAILED
 
 
@@ -69,9 +70,9 @@ def _play(scenario: Scenario, arguments: argparse.Namespace) -> bool:
                     "checks": [{"what": check.what, "expected": check.expected, "seen": check.seen, "ok": check.ok}
                                for check in player.checks]})
         return good
-    print(f"{'as expected' if good else 'NOT AS EXPECTED'}: {scenario.name}: {scenario.about}", flush=True)
+    say(f"{'as expected' if good else 'NOT AS EXPECTED'}: {scenario.name}: {scenario.about}")
     for check in player.checks:
         if not check.ok or arguments.verbose:
-            print(f"    {'ok' if check.ok else '!!'}  {check.what}: {check.seen!r}"
+            say(f"    {'ok' if check.ok else '!!'}  {check.what}: {check.seen!r}"
                   + ("" if check.ok else f", expected {check.expected!r}"))
     return good

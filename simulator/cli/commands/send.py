@@ -13,6 +13,7 @@ from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError, completing, 
 from simulator.cli.control import ask
 from simulator.cli.running import described, information
 from simulator.cli.scenarios.settings import SCHEMA
+from simulator.trace.terminal.output import say
 
 HELP = "send a command, or raw bytes, to a running camera and print the reply"
 DESCRIPTION = """\
@@ -54,7 +55,7 @@ def run(arguments: argparse.Namespace) -> int:
     if arguments.json:
         print_json({**answer, "exit_code": code})
     else:
-        print(described(answer))
+        say(described(answer))
     return code
 
 

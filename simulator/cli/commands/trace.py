@@ -4,10 +4,10 @@ from __future__ import annotations
 
 import argparse
 import json
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from rich.console import Console
 from rich.text import Text
 
 from simulator.errors import CameraError
@@ -16,6 +16,8 @@ from simulator.trace.comparison import NOT_COMPARED, compare, counts
 from simulator.trace.diagram import STYLES
 from simulator.trace.page.web_page import page
 from simulator.trace.recording import Recording, read
+from simulator.trace.terminal.clock import wall_clock
+from simulator.trace.terminal.terminal import Terminal
 from simulator.trace.words import NAMES, Item
 
 HELP = "explain a recorded run: as text, as JSON, or as a page to look at"
@@ -56,13 +58,14 @@ def write_page(path: Path, text: str) -> int:
 
 
 def show(recording: Recording, chapters: list[Chapter]) -> None:
-    console = Console(highlight=False, markup=False, emoji=False, soft_wrap=True)
+    console = Terminal()
+    clock = wall_clock(recording.began)
     console.print(summary(recording, chapters))
     for chapter in chapters:
         console.print()
         console.print(Text(f"{chapter.title}   {chapter.begin:.3f} s to {chapter.end:.3f} s", style="bold"))
         for item in chapter.items:
-            console.print(_line(item))
+            console.print_hanging(_line(item, clock))
 
 
 def show_comparison(one: Recording, other: Recording) -> int:
@@ -87,12 +90,13 @@ def summary(recording: Recording, chapters: list[Chapter]) -> str:
     return f"recorded {recording.began[:19].replace('T', ' ')} UTC{build}, {last:.1f} s: {', '.join(counts)}{cut}"
 
 
-def _line(item: Item) -> Text:
+def _line(item: Item, clock: Callable[[float], str]) -> Text:
     who = NAMES.get(item.source, item.source)
     if item.target:
         who += f" → {NAMES.get(item.target, item.target)}"
     style = "dim" if item.kind in ("log", "note", "connection") else ""
-    line = Text.assemble((f"{item.time:9.3f} s  ", "dim"), (f"{who:<23}", STYLES.get(_peer(item), "")),
+    line = Text.assemble((f"{item.time:9.3f} s  {clock(item.time):<14}", "dim"),
+                         (f"{who:<23}", STYLES.get(_peer(item), "")),
                          (item.title, style or "bold"), ("  " + item.detail if item.detail else "", style))
     if item.fault:
         line.append(f"  [fault: {item.fault}]", "bold red")

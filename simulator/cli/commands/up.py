@@ -7,7 +7,7 @@ import os
 
 from simulator.camera import Camera
 from simulator.cli import options
-from simulator.cli.command_line import DONE, FAILED, Stopped, print_json, stoppable
+from simulator.cli.command_line import DONE, FAILED, STOPPED, Stopped, print_json, stoppable
 from simulator.cli.control import Control, print_events
 from simulator.cli.running import RunningCamera
 from simulator.cli.scenarios.play import switches_of
@@ -59,11 +59,14 @@ def run(arguments: argparse.Namespace) -> int:
                 _follow(camera, show, arguments)
                 camera.start_service(wait=ready)
                 own.there.wait(_SOON if ready else 0)
+                running.is_up = True
                 _greet(running, show, arguments)
                 code = camera.wait_for(lambda event: event.matches("service", "ended"), _FOREVER).exit_code
                 raise CameraError(f"the service ended by itself, with code {code}; its last output:\n"
                                   + "\n".join(record.text for record in camera.service.log[-10:]))
         except Stopped:
+            if not running.is_up or camera.service.exit_code == 143:  # too early for it to take SIGTERM itself
+                return STOPPED
             if not arguments.json:
                 show.console.print(f"Camera {arguments.name} is down; the service ended with code "
                                    f"{camera.service.exit_code}.")

@@ -13,7 +13,7 @@ from simulator.trace.explanation import LiveItem
 HELP = "show live what passes between the processes of a running camera, decoded"
 DESCRIPTION = """\
 Shows everything that passes between the processes of a running camera, from now on, until Ctrl-C or the
-end of the camera: drawn on a terminal; as plain lines elsewhere, or when NO_COLOR or TERM=dumb is set."""
+end of the camera: drawn on a terminal; as plain lines elsewhere, or when TERM=dumb is set."""
 EXAMPLES = ("camsim watch", "camsim watch --verbose", "camsim watch --json | grep '\"kind\": \"fault\"'")
 
 
@@ -37,6 +37,7 @@ def run(arguments: argparse.Namespace) -> int:
                 return DONE
             show.console.print(f"Watching camera {arguments.name}; Ctrl-C ends.")
             with show:
+                show.pin()
                 for document in lines:
                     show.show(LiveItem(**document))
             show.console.print(f"Camera {arguments.name} has ended.")
