@@ -81,7 +81,6 @@ for _, name in ipairs({"kind", "from", "to", "socket", "path", "buffer", "level"
 end
 fields.StatusCode = ProtoField.uint32("camgate.StatusCode", "StatusCode")
 fields.direction = ProtoField.string("camgate.direction", "direction")
-fields.data = ProtoField.bytes("camgate.data", "data")
 for _, field in pairs(fields) do
     table.insert(camgate.fields, field)
 end

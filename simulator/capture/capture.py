@@ -34,13 +34,13 @@ def write(recording: Recording, path: Path) -> int:
             connections: dict[int, Conversation] = {}
             for entry in recording.entries:
                 if (make := _INSIDE.get(entry.type)) is not None:
-                    for data, length in make(entry):
-                        writer.packet(_LOCAL, began + entry.time, data, length)
+                    for data, size in make(entry):
+                        writer.packet(_LOCAL, began + entry.time, data, size)
                 elif (say := _OUTSIDE.get(entry.type)) is not None:
                     talk = connections.setdefault(entry.connection, Conversation(entry.connection))
                     comment = _comment(entry)
-                    for data, length in say(entry, talk):
-                        writer.packet(_PLATFORM, began + entry.time, data, length, comment)
+                    for data, size in say(entry, talk):
+                        writer.packet(_PLATFORM, began + entry.time, data, size, comment)
                         comment = ""
             return writer.packets
     except OSError as error:

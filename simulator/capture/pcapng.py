@@ -22,7 +22,8 @@ class Writer:
     names       of addresses, which are shown in their place
     """
 
-    def __init__(self, stream: BinaryIO, interfaces: Sequence[tuple[str, str, int]], names: Mapping[bytes, str]) -> None:
+    def __init__(self, stream: BinaryIO, interfaces: Sequence[tuple[str, str, int]],
+                 names: Mapping[bytes, str]) -> None:
         self._stream = stream
         self.packets = 0
         self._block(_SECTION, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))

@@ -1,4 +1,4 @@
-"""contracts/camgate_messages.h in the languages and on the processors that it is for; what is in it, unit tests tell."""
+"""contracts/camgate_messages.h compiles in the languages and for the processors that it is for."""
 
 from __future__ import annotations
 
