@@ -236,4 +236,6 @@ def test_what_cannot_be_read_or_written(camsim: Camsim, tmp_path: Path) -> None:
 def test_the_dissector_that_is_named_is_there(camsim: Camsim, tmp_path: Path) -> None:
     recording = recorded(tmp_path / "run", lambda journal: journal.add("client", "sent", data=b"x"))
     said = camsim.run("export", recording, "--pcapng", tmp_path / "capture").stdout
+    assert camsim.json("export", recording, "--pcapng", tmp_path / "capture") == [
+        {"capture": str(tmp_path / "capture"), "packets": 1, "dissector": str(DISSECTOR)}]
     assert f"lua_script:{DISSECTOR} " in said and DISSECTOR.is_file() and DISSECTOR.parent == ROOT / "contracts"

@@ -6,6 +6,7 @@ import argparse
 from pathlib import Path
 
 from simulator.capture.capture import write
+from simulator.cli.command_line import print_json
 from simulator.trace.recording import read
 
 HELP = "write a recorded run as a capture for Wireshark"
@@ -17,9 +18,13 @@ DISSECTOR = Path(__file__).resolve().parents[3] / "contracts/camgate.lua"
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("file", type=Path, metavar="FILE", help="a recorded run")
     parser.add_argument("--pcapng", type=Path, metavar="OUT", required=True, help="write it as a pcapng file")
+    parser.add_argument("--json", action="store_true", help="print what was written as JSON")
 
 
 def run(arguments: argparse.Namespace) -> int:
     packets = write(read(arguments.file), arguments.pcapng)
+    if arguments.json:
+        print_json({"capture": str(arguments.pcapng), "packets": packets, "dissector": str(DISSECTOR)})
+        return 0
     print(f"{arguments.pcapng}: {packets} packets; wireshark -X lua_script:{DISSECTOR} {arguments.pcapng}")
     return 0
