@@ -18,7 +18,7 @@ ROOT = Path(__file__).resolve().parents[2]
 DISSECTOR = ROOT / "contracts/camgate.lua"
 # For root, newer releases run no scripts.
 _TSHARK = ["bwrap", "--unshare-user", "--uid", "1000", "--gid", "1000", "--dev-bind", "/", "/", "tshark", "-n"]
-_FORMATS = {"u8": "<B", "u16": "<H", "u32": "<I", "i32": "<i", "u64": "<Q", "i64": "<q"}
+FORMATS = {"u8": "<B", "u16": "<H", "u32": "<I", "i32": "<i", "u64": "<Q", "i64": "<q"}
 _ESCAPES = ((b"=r", b"\r"), (b"=n", b"\n"), (b"=e", b"="))
 
 # Direction ("" where there is none), offset, type and name of each field, by heading of docs/messages.md.
@@ -52,8 +52,8 @@ def decoded(data: bytes, heading: str, direction: str = "", base: int = 0) -> di
             continue
         if kind.startswith("char") and place < len(data):
             found[name] = data[place:place + int(kind[5:-1])].split(b"\0")[0].decode()
-        elif kind in _FORMATS and place + struct.calcsize(_FORMATS[kind]) <= len(data):
-            found[name] = str(struct.unpack_from(_FORMATS[kind], data, place)[0])
+        elif kind in FORMATS and place + struct.calcsize(FORMATS[kind]) <= len(data):
+            found[name] = str(struct.unpack_from(FORMATS[kind], data, place)[0])
     return found
 
 

@@ -6,6 +6,7 @@ import argparse
 from pathlib import Path
 
 from simulator.capture.capture import write
+from simulator.cli import options
 from simulator.cli.command_line import print_json
 from simulator.trace.recording import read
 
@@ -18,7 +19,7 @@ DISSECTOR = Path(__file__).resolve().parents[3] / "contracts/camgate.lua"
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("file", type=Path, metavar="FILE", help="a recorded run")
     parser.add_argument("--pcapng", type=Path, metavar="OUT", required=True, help="write it as a pcapng file")
-    parser.add_argument("--json", action="store_true", help="print what was written as JSON")
+    options.add_json(parser)
 
 
 def run(arguments: argparse.Namespace) -> int:
