@@ -61,23 +61,25 @@ TEST_F(MessagesHeader, HasTheDocumentedLayouts)
     EXPECT_EQ(layouts(), documented());
 }
 
-/// Each command's message is a whole one, and has the head that all have.
 template <typename Message>
-class MessageOfACommand : public testing::Test
+void expectWholeMessage()
 {
-};
+    EXPECT_EQ(sizeof(Message), sizeof(MSG_DATA));
+    EXPECT_EQ(offsetof(Message, srcPath), offsetof(MSG_DATA, srcPath));
+    EXPECT_EQ(offsetof(Message, subType), offsetof(MSG_DATA, subType));
+    EXPECT_EQ(offsetof(Message, command), offsetof(MSG_DATA, command));
+    EXPECT_EQ(offsetof(Message, module), offsetof(MSG_DATA, module));
+}
 
-using Messages = testing::Types<AlarmFaceLibSetRequest, FaceLibClearReply, FaceImportFileRequest, FaceImportFileReply,
-                                FaceImportProgressRequest, FaceImportProgressReply, FaceImportPageReply>;
-TYPED_TEST_SUITE(MessageOfACommand, Messages);
-
-TYPED_TEST(MessageOfACommand, IsAMessage)
+TEST_F(MessagesHeader, HasWholeMessagesWithTheHeadThatAllHave)
 {
-    EXPECT_EQ(sizeof(TypeParam), sizeof(MSG_DATA));
-    EXPECT_EQ(offsetof(TypeParam, srcPath), offsetof(MSG_DATA, srcPath));
-    EXPECT_EQ(offsetof(TypeParam, subType), offsetof(MSG_DATA, subType));
-    EXPECT_EQ(offsetof(TypeParam, command), offsetof(MSG_DATA, command));
-    EXPECT_EQ(offsetof(TypeParam, module), offsetof(MSG_DATA, module));
+    expectWholeMessage<AlarmFaceLibSetRequest>();
+    expectWholeMessage<FaceLibClearReply>();
+    expectWholeMessage<FaceImportFileRequest>();
+    expectWholeMessage<FaceImportFileReply>();
+    expectWholeMessage<FaceImportProgressRequest>();
+    expectWholeMessage<FaceImportProgressReply>();
+    expectWholeMessage<FaceImportPageReply>();
 }
 
 TEST_F(MessagesHeader, HasTheDocumentedCodesAndConstants)
