@@ -13,7 +13,7 @@ import pytest
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT))
 
-from contracts import complaints, request_complaints  # noqa: E402 importable only with the path above
+from contract_files import complaints, request_complaints  # noqa: E402 importable only with the path above
 from simulator import Camera, build_folder  # noqa: E402 importable only with the path above
 from support import compiled, slowness  # noqa: E402 importable only with the path above
 

@@ -11,7 +11,7 @@ from typing import Any
 import jsonschema
 import pytest
 
-from contracts import FOLDER, complaints, openapi, operations
+from contract_files import FOLDER, complaints, openapi, operations
 
 MESSAGES = (FOLDER.parent / "docs/messages.md").read_text(encoding="utf-8")
 SCHEMAS = sorted(FOLDER.glob("*.schema.json"))

@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from contracts import complaints, request_complaints
+from contract_files import complaints, request_complaints
 from simulator import Camera
 from simulator.messages.http import Request
 from simulator.peers.face_library import face_list
