@@ -33,6 +33,7 @@ install(TARGETS camera_devices LIBRARY DESTINATION ${tree}/lib COMPONENT simulat
 install(TARGETS ringbuf_cat RUNTIME DESTINATION usr/bin COMPONENT simulator)
 install(DIRECTORY simulator DESTINATION ${tree} COMPONENT simulator
     PATTERN __pycache__ EXCLUDE PATTERN README.md EXCLUDE PATTERN camsim EXCLUDE)
+install(DIRECTORY contracts DESTINATION ${tree} COMPONENT simulator)
 # link(TARGET NAME): a symbolic link in the package.
 function(link target name)
     set(path "\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${name}")
@@ -44,6 +45,7 @@ link(../../../sbin/protocol_process ${tree}/bin/protocol_process)
 link(../../../bin/ringbuf_cat ${tree}/bin/ringbuf_cat)
 link(../../../../lib/systemd/system/camgate.service ${tree}/packaging/camgate.service)
 link(../../camgate/simulator usr/lib/python3/dist-packages/simulator)
+link(../lib/camgate/contracts/camgate_messages.h usr/include/camgate_messages.h)
 if(EXISTS ${CMAKE_SOURCE_DIR}/simulator/camsim)
     install(PROGRAMS simulator/camsim DESTINATION ${tree}/simulator COMPONENT simulator)
     link(../lib/camgate/simulator/camsim usr/bin/camsim)
@@ -91,8 +93,9 @@ set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_SIMULATOR_DESCRIPTION "simulated camera around camgate, for integrators
 Plays the processes around the camgate service on a machine that is no camera:
 stand-ins for the camera's platform library and device nodes, a Python package
-with the camera's other processes and the remote platform, and a reader of the
-metadata ring buffer.")
+with the camera's other processes and the remote platform, a reader of the
+metadata ring buffer, and every interface as a file: OpenAPI, JSON schemas, a C
+header and a Wireshark dissector.")
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_PROVIDES camgate-platform)
 # Of use without them, too: the stand-ins.
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_RECOMMENDS

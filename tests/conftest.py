@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import sys
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -12,6 +13,7 @@ import pytest
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT))
 
+from contract_files import complaints, request_complaints  # noqa: E402 importable only with the path above
 from simulator import Camera, build_folder  # noqa: E402 importable only with the path above
 from support import compiled, slowness  # noqa: E402 importable only with the path above
 
@@ -76,6 +78,10 @@ def look_over(camera: Camera, ends_with: tuple[int, ...], records_only: bool) ->
     assert camera.service.exit_code in ends_with, "the service's exit code"
     assert camera.service.stdout == b"", "the service prints nothing"
     assert not camera.journal.find(kind="hook_failed")
+    for event in camera.journal.find("platform", "request"):
+        assert request_complaints(event.request) == [], event.request.raw
+    for event in camera.journal.find("client", "reply"):
+        assert complaints("reply", json.loads(event.reply.body)) == []
     if records_only and ends_with == STOPPED_CLEANLY:
         strange = [record.text for record in camera.service.log if record.level == ""]
         assert not strange, "every line of standard error is a log record"

@@ -15,7 +15,7 @@ from selenium.webdriver.remote.webelement import WebElement
 from selenium.webdriver.support.ui import WebDriverWait
 
 from simulator import Camera, Reset, Send, Wait
-from simulator.cli.commands import trace
+from simulator.cli.recordings import trace
 from support import wait_end
 
 OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-sync",

@@ -71,6 +71,14 @@ def test_integrators_get_stand_ins_reader_and_simulator() -> None:
     assert not set(files) & set(CAMGATE)
 
 
+def test_integrators_get_the_contracts() -> None:
+    folder = "/usr/lib/camgate/contracts/"
+    files = listing(package("camgate-simulator"))
+    assert {path.removeprefix(folder) for path in files if path.startswith(folder)} - {""} == {
+        path.name for path in (ROOT / "contracts").iterdir()}
+    assert "/usr/include/camgate_messages.h" in files
+
+
 def test_links_lead_to_files_of_the_packages(tmp_path: Path) -> None:
     for name in NAMES:
         subprocess.run(["dpkg-deb", "--extract", str(package(name)), str(tmp_path)], check=True)

@@ -12,8 +12,10 @@ _PROGRAM = """
 import sys
 from pathlib import Path
 import simulator
+from simulator.cli.recordings.export import DISSECTOR
 tree = Path(sys.argv[1])
 assert tree in Path(simulator.__file__).parents, simulator.__file__
+assert DISSECTOR.is_file() and tree in DISSECTOR.parents, DISSECTOR
 with simulator.Camera(libraries=list(tree.glob("usr/lib/*-linux-gnu"))) as camera:
     print(camera.client.command("faceNotHitDown", {"still": "there"}).status)
 """

@@ -15,7 +15,7 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 DOCUMENT = ROOT / "docs/architecture.md"
 MOST_MODULES = 8  # of a folder of the simulator
-INCLUDE_FOLDERS = ("src", "platform/include", "tests/unit", "tests/unit/support", "fuzz")
+INCLUDE_FOLDERS = ("src", "platform/include", "contracts", "tests/unit", "tests/unit/support", "fuzz")
 IMPORT_FOLDERS = ("", "tests")
 INCLUDE = re.compile(r'^#include "([^"]+)"', re.MULTILINE)
 

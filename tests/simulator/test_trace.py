@@ -15,7 +15,7 @@ from typing import Any
 import pytest
 
 from simulator import CameraError, Journal, Response, Send, wire
-from simulator.cli.commands import trace
+from simulator.cli.recordings import trace
 from simulator.messages.http import Request
 from simulator.messages.log import LogRecord
 from simulator.peers.itgt import Import

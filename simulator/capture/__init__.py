@@ -1,0 +1,1 @@
+"""Recorded runs as captures for Wireshark and tshark."""
