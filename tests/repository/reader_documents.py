@@ -4,8 +4,10 @@ What a block is, its info string says; any other is an error, so that no example
 
 sh            commands, run to their end; each must succeed
 sh terminal   a command for a terminal of its own: runs on until the document's end, when it gets Ctrl-C
+sh checkout   commands in the top folder of the checkout, which the folder and the path of all later ones come from
+sh package    the same for who has the packages installed; tests/package runs these
 console       lines "$ COMMAND", each with the output that it must have below it; "..." stands for any text
-c FILE, python FILE, json FILE, text FILE   a file, written where the commands run, which one of them must name
+c FILE, python FILE, json FILE, text FILE   a file that the copy of the examples has, which one of the commands must name
 """
 
 from __future__ import annotations
@@ -46,10 +48,10 @@ def blocks(document: str) -> list[Block]:
 
 
 def _block(info: str, text: str) -> Block:
-    if info in ("sh", "sh terminal", "console"):
+    if info in ("sh", "sh terminal", "sh checkout", "sh package", "console"):
         return Block(info, text)
     kind, _, file = info.partition(" ")
-    if kind in _CHECKS and re.fullmatch(r"[\w-]+\.\w+", file):
+    if kind in _CHECKS and re.fullmatch(r"[\w/-]+\.\w+", file):
         return Block(kind, text, file)
     raise ValueError(f"nobody runs a block with the info string {info!r}:\n{text}")
 
@@ -72,7 +74,7 @@ def matches(shown: str, seen: str) -> bool:
 
 
 class Reader:
-    """Follows a document in a folder of its own, with certain variables in the environment."""
+    """Follows a document from a folder on, the checkout, with certain variables in the environment."""
 
     def __init__(self, folder: Path, environment: Mapping[str, str]) -> None:
         self._folder = folder
@@ -95,9 +97,14 @@ class Reader:
     def _run(self, block: Block) -> None:
         if block.file:
             _CHECKS[block.kind](block.text)
-            (self._folder / block.file).write_text(block.text, encoding="utf-8")
+            path = self._folder / block.file
+            assert path.is_file() and path.read_text(encoding="utf-8") == block.text, f"{path} is another"
         elif block.kind == "sh terminal":
             self._open_terminal(block.text)
+        elif block.kind == "sh checkout":
+            self._settle(block.text)
+        elif block.kind == "sh package":
+            pass
         elif block.kind == "sh":
             done = self._bash(f"set -euo pipefail\n{block.text}")
             assert done.returncode == 0, f"{block.text}\n{done.stdout}"
@@ -105,6 +112,13 @@ class Reader:
             for command, shown in transcript(block.text):
                 seen = self._bash(command).stdout
                 assert matches(shown, seen), f"$ {command}\n--- shown\n{shown}--- seen\n{seen}"
+
+    def _settle(self, commands: str) -> None:
+        """Runs commands that change the folder and the path, which all later ones begin with."""
+        done = self._bash(f"set -euo pipefail\n{commands}\npwd\necho \"$PATH\"")
+        assert done.returncode == 0, f"{commands}\n{done.stdout}"
+        folder, self._environment["PATH"] = done.stdout.splitlines()[-2:]
+        self._folder = Path(folder)
 
     def _bash(self, command: str) -> subprocess.CompletedProcess[str]:
         return subprocess.run(["bash", "-c", command], cwd=self._folder, env=self._environment, text=True,

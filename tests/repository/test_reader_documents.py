@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import os
 import random
 import re
 import shutil
@@ -50,10 +49,13 @@ def test_every_example_does_what_the_document_shows(document: str, folder: Path)
     if document == "platform-engineer.md":
         for shown, port in zip(SHOWN_PORTS, free_ports()):
             text = text.replace(shown, port)
-    path = f"{ROOT / 'simulator'}:{os.environ['PATH']}"
-    environment = {"PATH": path, "XDG_RUNTIME_DIR": str(folder), "LC_ALL": "C.UTF-8", "NO_COLOR": "1",
-                   "COLUMNS": "200", "CAMSIM_NAME": "camera", "CHECKOUT": str(ROOT)}
-    Reader(folder, environment).follow(text)
+    Reader(ROOT, clean_environment(folder)).follow(text)
+
+
+def clean_environment(folder: Path) -> dict[str, str]:
+    """That of a reader who has just logged in, whose home is the folder."""
+    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(folder), "XDG_RUNTIME_DIR": str(folder),
+            "LC_ALL": "C.UTF-8", "NO_COLOR": "1", "COLUMNS": "200", "CAMSIM_NAME": "camera"}
 
 
 @pytest.mark.parametrize("document", DOCUMENTS)
@@ -62,8 +64,19 @@ def test_every_fault_that_is_named_is_one(document: str) -> None:
     peers = "|".join({name.partition(".")[0] for name in faults.FAULTS})
     prose = re.sub(r"^```.*?^```$", "", text_of(document), flags=re.MULTILINE | re.DOTALL)
     named = set(re.findall(rf"`((?:{peers})\.[a-z0-9.-]+)", prose))
-    files = {block.file for block in blocks(text_of(document))}
+    files = {Path(block.file).name for block in blocks(text_of(document))}
     assert named - files <= set(faults.FAULTS)
+
+
+def test_every_file_that_is_shown_is_named_before_and_explained_beside_the_examples() -> None:
+    listed = (ROOT / "examples" / "README.md").read_text(encoding="utf-8")
+    for document in DOCUMENTS:
+        text = text_of(document)
+        for block in blocks(text):
+            if block.file:
+                introduction = text.partition(f"```{block.kind} {block.file}\n")[0].rpartition("```")[2]
+                assert f"`{block.file}`" in introduction, block.file
+                assert Path(block.file).name in listed, block.file
 
 
 @pytest.mark.parametrize("fenced", ["```\necho\n```\n", "```ruby\nputs\n```\n", "```json\n{}\n```\n",
@@ -76,7 +89,7 @@ def test_a_block_that_nobody_would_run_is_an_error(fenced: str) -> None:
 @pytest.mark.parametrize("wrong", [
     "```sh\nfalse\n```\n", "```sh\nfalse | true\n```\n", "```console\n$ echo 1\n2\n```\n",
     "```console\n$ echo 1\n```\n",
-    "```text a.txt\n1\n```\n", "```c a.c\nint main(void) { return 0; }\n```\n```console\n$ gcc a.c\n```\n"])
+    "```text a.txt\n1\n```\n", "```text a.txt\n1\n```\n```sh\ncat a.txt\n```\n", "```c a.c\nint main(void) { return 0; }\n```\n```console\n$ gcc a.c\n```\n"])
 def test_an_example_that_does_something_else_is_seen(wrong: str, folder: Path) -> None:
     with pytest.raises(AssertionError):
         Reader(folder, {}).follow(wrong)

@@ -2,11 +2,8 @@
 
 from __future__ import annotations
 
-import os
 import re
-import shutil
 import socket
-import stat
 import subprocess
 import sys
 from collections.abc import Callable, Iterator

@@ -2,7 +2,8 @@
 
 usage: client.py FILE [FOLDER]
 
-FOLDER stands for /tmp, off the camera. Exit code: 0 a reply came; 1 none did, as standard error explains; 2 wrong usage.
+FOLDER stands for /tmp, off the camera. Exit code: 0 a reply came; 1 none did, as standard error explains; 2 wrong
+usage.
 """
 
 import contextlib

@@ -36,7 +36,8 @@ class Platform(BaseHTTPRequestHandler):
     """One connection of a camera; each brings one request."""
 
     answers = {"/faces/page": page, "/faces/result": result}
-    timeout = 30
+    protocol_version = "HTTP/1.1"
+    timeout = 30  # seconds
 
     def do_POST(self):
         body = self.rfile.read(int(self.headers["Content-Length"]))
