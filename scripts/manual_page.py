@@ -25,13 +25,15 @@ ENVIRONMENT = {
 
 def escaped(text: str) -> str:
     """Text as the formatter shows it as it is."""
-    text = text.replace("\\", r"\e").replace("-", r"\-").replace("`", r"\(ga").replace("^", r"\(ha").replace("~", r"\(ti")
+    for character, written in (("\\", r"\e"), ("-", r"\-"), ("`", r"\(ga"), ("^", r"\(ha"), ("~", r"\(ti")):
+        text = text.replace(character, written)
     return re.sub(r"^(?=[.'])", r"\\&", text, flags=re.MULTILINE)
 
 
 def words_of(action: argparse.Action) -> str:
     """An argument as it is written, for example "--count N"."""
-    value = action.metavar or ("{" + ",".join(map(str, action.choices)) + "}" if action.choices else action.dest.upper())
+    choices = "{" + ",".join(map(str, action.choices)) + "}" if action.choices else ""
+    value = action.metavar or choices or action.dest.upper()
     values = " ".join(value) if isinstance(value, tuple) else str(value)
     if not action.option_strings:
         return values
@@ -39,8 +41,9 @@ def words_of(action: argparse.Action) -> str:
 
 
 def arguments(parser: argparse.ArgumentParser) -> Iterator[str]:
+    elsewhere = (argparse._SubParsersAction, argparse._HelpAction)
     for action in parser._actions:  # the only list of them that argparse has
-        if action.help != argparse.SUPPRESS and not isinstance(action, (argparse._SubParsersAction, argparse._HelpAction)):
+        if action.help != argparse.SUPPRESS and not isinstance(action, elsewhere):
             text = parser._get_formatter()._expand_help(action) if action.help else ""
             yield f".TP\n.B {escaped(words_of(action))}\n{escaped(text)}"
 

@@ -2,24 +2,19 @@
 
 from __future__ import annotations
 
-import contextlib
-import random
 import re
 import shutil
-import socket
 import tempfile
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-from reader_documents import Reader, blocks, matches, transcript
+from reader_documents import Reader, blocks, logged_in, matches, on_free_ports, transcript
 from simulator import faults
 
 ROOT = Path(__file__).resolve().parents[2]
 DOCUMENTS = ("platform-engineer.md", "client-engineer.md", "firmware-engineer.md")
-# The ports of this machine that the examples for a platform use.
-SHOWN_PORTS = ("8443", "9443")
 
 
 @pytest.fixture
@@ -34,28 +29,11 @@ def text_of(document: str) -> str:
     return (ROOT / "docs" / document).read_text(encoding="utf-8")
 
 
-def free_ports() -> Iterator[str]:
-    """Ports of four digits, as the shown ones have: they count in the lengths of messages."""
-    for port in random.sample(range(2000, 9999), 200):
-        with contextlib.suppress(OSError), socket.socket() as one:
-            one.bind(("127.0.0.1", port))
-            yield str(port)
-
-
 @pytest.mark.seconds(6)
 @pytest.mark.parametrize("document", DOCUMENTS)
 def test_every_example_does_what_the_document_shows(document: str, folder: Path) -> None:
     text = text_of(document)
-    if document == "platform-engineer.md":
-        for shown, port in zip(SHOWN_PORTS, free_ports()):
-            text = text.replace(shown, port)
-    Reader(ROOT, clean_environment(folder)).follow(text)
-
-
-def clean_environment(folder: Path) -> dict[str, str]:
-    """That of a reader who has just logged in, whose home is the folder."""
-    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(folder), "XDG_RUNTIME_DIR": str(folder),
-            "LC_ALL": "C.UTF-8", "NO_COLOR": "1", "COLUMNS": "200", "CAMSIM_NAME": "camera"}
+    Reader(ROOT, logged_in(folder)).follow(on_free_ports(text) if document == "platform-engineer.md" else text)
 
 
 @pytest.mark.parametrize("document", DOCUMENTS)
@@ -89,7 +67,8 @@ def test_a_block_that_nobody_would_run_is_an_error(fenced: str) -> None:
 @pytest.mark.parametrize("wrong", [
     "```sh\nfalse\n```\n", "```sh\nfalse | true\n```\n", "```console\n$ echo 1\n2\n```\n",
     "```console\n$ echo 1\n```\n",
-    "```text a.txt\n1\n```\n", "```text a.txt\n1\n```\n```sh\ncat a.txt\n```\n", "```c a.c\nint main(void) { return 0; }\n```\n```console\n$ gcc a.c\n```\n"])
+    "```text a.txt\n1\n```\n", "```text a.txt\n1\n```\n```sh\ncat a.txt\n```\n",
+    "```c a.c\nint main(void) { return 0; }\n```\n```console\n$ gcc a.c\n```\n"])
 def test_an_example_that_does_something_else_is_seen(wrong: str, folder: Path) -> None:
     with pytest.raises(AssertionError):
         Reader(folder, {}).follow(wrong)

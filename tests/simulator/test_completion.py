@@ -18,7 +18,8 @@ from support import DEADLINE
 SCRIPTS = ROOT / "simulator" / "cli" / "completions"
 NAMES = sorted(modules())
 # A line, and the words that its last one can become.
-LINES = [("camsim ", ["--help", *NAMES]), ("camsim fl", ["fleet"]), ("camsim up --fault platform.st", ["platform.status"]),
+LINES = [("camsim ", ["--help", *NAMES]), ("camsim fl", ["fleet"]),
+         ("camsim up --fault platform.st", ["platform.status"]),
          ("camsim send white", ["whiteListClear", "whiteListDown"]), ("camsim run --re", ["--record"]),
          ("camsim run client-l", ["client-late"]), ("camsim completion ", ["--help", "bash", "fish", "zsh"])]
 PATH = f"{CAMSIM.parent}:{os.environ['PATH']}"

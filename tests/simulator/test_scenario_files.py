@@ -126,7 +126,7 @@ def test_a_wrong_file_is_no_failed_scenario(camsim: Camsim, tmp_path: Path) -> N
 
 def test_those_that_come_with_camsim_are_played_by_name(camsim: Camsim) -> None:
     named = [(line["scenario"], line["about"]) for line in camsim.json("run", "--list")]
-    assert named == [(path.stem, load(path).about) for path in sorted(SCENARIOS.glob("*.json"), key=lambda path: path.stem)]
+    assert named == sorted((path.stem, load(path).about) for path in SCENARIOS.glob("*.json"))
     assert camsim.run("run", "--list").stdout.count("\n") == len(named)
     done = camsim.run("run", "platform-tls-1.1")
     assert (done.returncode, done.stdout.partition(": ")[2].partition(":")[0]) == (0, "platform-tls-1.1"), done.stderr

@@ -29,8 +29,8 @@ EXAMPLES = (
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     completing(parser.add_argument("scenarios", nargs="*", metavar="SCENARIO",
-                                   help="scenario files, or names of scenarios that come with camsim"), *shipped.names(),
-               files=True)
+                                   help="scenario files, or names of scenarios that come with camsim"),
+               *shipped.names(), files=True)
     parser.add_argument("--list", action="store_true", help="name the scenarios that come with camsim, and end")
     parser.add_argument("--watch", action="store_true", help="show what happens meanwhile, as camsim watch does")
     parser.add_argument("--verbose", action="store_true", help="with --watch: with all details; else: every comparison")
