@@ -108,6 +108,14 @@ def installed(tree: Path, home: Path) -> dict[str, str]:
             "PYTHONDONTWRITEBYTECODE": "1"}
 
 
+def test_what_is_installed_lies_where_the_readme_says(tree: Path) -> None:
+    table = (ROOT / "simulator/README.md").read_text().partition("### Installed")[2].partition("\n\nThe guides name")[0]
+    places = re.findall(r"\| `(/[\w/-]+)` \|$", table, re.MULTILINE)
+    assert len(places) >= 6
+    for place in places:
+        assert list((tree / place[1:]).iterdir()), place
+
+
 def test_links_between_the_guides_lead_to_files(tree: Path) -> None:
     guides = list((tree / DOCUMENTS[1:]).rglob("*.md"))
     assert len(guides) > 10
