@@ -17,8 +17,7 @@ COMMANDS = {"node": ["node", str(EXAMPLES / "platform/node/platform.js")],
 @pytest.fixture(params=COMMANDS)
 def platform(request: pytest.FixtureRequest, tmp_path: Path) -> Iterator[ExamplePlatform]:
     """One of them. What Go builds goes to a folder of the test; nothing is asked of a network."""
-    environment = {"GOCACHE": str(tmp_path / "cache"), "GOPATH": str(tmp_path / "path"), "GOPROXY": "off",
-                   "GOFLAGS": "-mod=mod", "GO111MODULE": "off"}
+    environment = {"GOCACHE": str(tmp_path / "cache"), "GOPATH": str(tmp_path / "path"), "GOPROXY": "off"}
     with running(COMMANDS[request.param], tmp_path, environment) as one:
         yield one
 

@@ -53,7 +53,7 @@ def test_script_for_bash_has_nothing_that_shellcheck_finds() -> None:
 
 @pytest.mark.parametrize("line, words", LINES)
 def test_fish_completes(line: str, words: list[str], tmp_path: Path) -> None:
-    script = f"source (camsim completion fish | psub); complete --do-complete {shlex.quote(line)}"
+    script = f"camsim completion fish | source; complete --do-complete {shlex.quote(line)}"
     found = dict(re.findall(r"^([^\t\n]+)\t?(.*)$", said(["fish", "--no-config", "-c", script], tmp_path), re.M))
     assert sorted(found) == words
     assert found.get("fleet", modules()["fleet"].HELP) == modules()["fleet"].HELP
@@ -61,7 +61,7 @@ def test_fish_completes(line: str, words: list[str], tmp_path: Path) -> None:
 
 def test_fish_completes_names_of_files(tmp_path: Path) -> None:
     (tmp_path / "with blank.json").touch()
-    script = 'source (camsim completion fish | psub); complete --do-complete "camsim run with"'
+    script = 'camsim completion fish | source; complete --do-complete "camsim run with"'
     assert said(["fish", "--no-config", "-c", script], tmp_path).rstrip() == "with blank.json"
 
 
