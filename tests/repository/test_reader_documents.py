@@ -77,3 +77,17 @@ def test_an_example_that_does_something_else_is_seen(wrong: str, folder: Path) -
 def test_commands_and_outputs_of_a_console() -> None:
     assert list(transcript("$ a \\\n  b\n1\n2\n$ c\n")) == [("a \\\n  b", "1\n2\n"), ("c", "")]
     assert matches("took ... s\n", "took 3 s\n") and not matches("took ... s\n", "took 3 ms\n")
+
+
+def test_every_example_is_listed_with_a_line_that_names_it() -> None:
+    folder = ROOT / "examples"
+    text = (folder / "README.md").read_text(encoding="utf-8")
+    rows = re.findall(r"^\| (`.*?`) \| .* \| (.*) \|$", text, re.MULTILINE)
+    listed = {}
+    for names, line in rows:
+        first, *others = re.findall(r"`([^`]+)`", names)
+        for name in (first, *(f"{first.rpartition('/')[0]}/{other}" for other in others)):
+            listed[name] = line
+            assert not line or name in line, name
+    assert set(listed) == {str(path.relative_to(folder)) for path in folder.rglob("*.*")
+                           if path.is_file() and path.name != "README.md"}
