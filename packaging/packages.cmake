@@ -5,17 +5,28 @@
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
+# compressed(COMPONENT FILE): a file of the package, which becomes FILE.gz.
+function(compressed component file)
+    install(CODE "execute_process(COMMAND gzip -9nf \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${file}\"
+        RESULT_VARIABLE result)
+        if(NOT result EQUAL 0)
+            message(FATAL_ERROR \"gzip failed\")
+        endif()" COMPONENT ${component})
+endfunction()
+
 # documentation(COMPONENT PACKAGE FILE...): the files in the package's folder of documents, with those that every
 # Debian package has there.
 function(documentation component package)
     set(folder usr/share/doc/${package})
     install(FILES packaging/copyright ${ARGN} DESTINATION ${folder} COMPONENT ${component})
     install(FILES packaging/changelog DESTINATION ${folder} COMPONENT ${component})
-    install(CODE "execute_process(COMMAND gzip -9nf \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${folder}/changelog\"
-        RESULT_VARIABLE result)
-        if(NOT result EQUAL 0)
-            message(FATAL_ERROR \"gzip failed\")
-        endif()" COMPONENT ${component})
+    compressed(${component} ${folder}/changelog)
+endfunction()
+
+# manual(COMPONENT SECTION NAME): a manual page of packaging/man.
+function(manual component section name)
+    install(FILES packaging/man/${name}.${section} DESTINATION usr/share/man/man${section} COMPONENT ${component})
+    compressed(${component} usr/share/man/man${section}/${name}.${section})
 endfunction()
 
 install(TARGETS protocol_process DESTINATION usr/sbin COMPONENT service)
@@ -25,6 +36,7 @@ install(CODE "file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/us
 install(PROGRAMS packaging/camgate.init DESTINATION etc/init.d RENAME camgate COMPONENT service)
 install(FILES packaging/camgate.service DESTINATION lib/systemd/system COMPONENT service)
 documentation(service camgate docs/camera.md docs/messages.md)
+manual(service 8 protocol_process)
 
 # The simulated camera looks for the binaries in folders beside its own.
 set(tree usr/lib/camgate)
@@ -50,7 +62,32 @@ if(EXISTS ${CMAKE_SOURCE_DIR}/simulator/camsim)
     install(PROGRAMS simulator/camsim DESTINATION ${tree}/simulator COMPONENT simulator)
     link(../lib/camgate/simulator/camsim usr/bin/camsim)
 endif()
-documentation(simulator camgate-simulator simulator/README.md)
+manual(simulator 1 ringbuf_cat)
+# camsim's manual page is made from what reads its command line.
+set(page usr/share/man/man1/camsim.1)
+install(CODE "set(path \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${page}\")
+    get_filename_component(folder \"\${path}\" DIRECTORY)
+    file(MAKE_DIRECTORY \"\${folder}\")
+    execute_process(COMMAND /usr/bin/python3 -B ${CMAKE_SOURCE_DIR}/scripts/manual_page.py ${PROJECT_VERSION}
+        OUTPUT_FILE \"\${path}\" RESULT_VARIABLE result)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR \"camsim's manual page cannot be made; scripts/bootstrap --demo installs what it takes\")
+    endif()" COMPONENT simulator)
+compressed(simulator ${page})
+# Completion, where the shells look for it.
+link(../../../lib/camgate/simulator/cli/completions/camsim.bash usr/share/bash-completion/completions/camsim)
+link(../../../lib/camgate/simulator/cli/completions/_camsim usr/share/zsh/vendor-completions/_camsim)
+link(../../../lib/camgate/simulator/cli/completions/camsim.fish usr/share/fish/vendor_completions.d/camsim.fish)
+# Scenarios, where they lie in the checkout, too; guides and examples, in its folders: they refer to each other.
+install(DIRECTORY tests/scenarios DESTINATION usr/share/camgate-simulator COMPONENT simulator)
+link(../../../share/camgate-simulator/scenarios ${tree}/tests/scenarios)
+documentation(simulator camgate-simulator)
+set(documents usr/share/doc/camgate-simulator)
+install(DIRECTORY docs examples DESTINATION ${documents} COMPONENT simulator
+    PATTERN __pycache__ EXCLUDE PATTERN trace.png EXCLUDE)
+link(../../../lib/camgate/contracts ${documents}/contracts)
+install(FILES simulator/README.md DESTINATION ${documents}/simulator COMPONENT simulator)
+install(FILES SECURITY.md DESTINATION ${documents} COMPONENT simulator)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "camgate maintainers <maintainers@camgate.invalid>")

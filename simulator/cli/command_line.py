@@ -133,9 +133,13 @@ def complete() -> None:
     argcomplete.autocomplete(make_parser(), always_complete_options="long")
 
 
-def completing(action: argparse.Action, *words: str) -> None:
-    """Names the words that an argument is likely to be, for shells to complete; it may be another."""
-    action.completer = lambda **_: words  # type: ignore[attr-defined] # what argcomplete asks for
+def completing(action: argparse.Action, *words: str, files: bool = False) -> None:
+    """Names the words that an argument is likely to be, for shells to complete; it may be another, or a file."""
+    def completer(prefix: str, **_: Any) -> Sequence[str]:
+        from argcomplete.completers import FilesCompleter  # late, as in complete()
+
+        return [*words, *FilesCompleter()(prefix)] if files else words
+    action.completer = completer  # type: ignore[attr-defined] # what argcomplete asks for
 
 
 def print_json(document: Any) -> None:

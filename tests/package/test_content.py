@@ -32,6 +32,7 @@ CAMGATE = {
     "/usr/share/doc/camgate/changelog.gz": FILE,
     "/usr/share/doc/camgate/copyright": FILE,
     "/usr/share/doc/camgate/messages.md": FILE,
+    "/usr/share/man/man8/protocol_process.8.gz": FILE,
 }
 
 
@@ -139,7 +140,8 @@ def test_documents_are_those_of_a_debian_package(tree: Path) -> None:
     documents = tree / "usr/share/doc" / tree.name
     assert "License:" in (documents / "copyright").read_text()
     packed = (documents / "changelog.gz").read_bytes()
-    assert packed[4:8] == b"\0\0\0\0", "the time of packing is in the file"
+    for path in tree.rglob("*.gz"):
+        assert path.read_bytes()[4:8] == b"\0\0\0\0", f"the time of packing is in {path}"
     newest = gzip.decompress(packed).decode().splitlines()[0]
     assert newest.startswith(f"camgate ({field(package(tree.name), 'Version')})")
 

@@ -65,6 +65,9 @@ class Drawn:
         self._master = master
         self.text = ""
 
+    def type(self, keys: str) -> None:
+        os.write(self._master, keys.encode())
+
     def wait_for(self, wanted: str, seconds: float = DEADLINE) -> str:
         """Reads until the text is there; returns everything so far."""
         deadline = time.monotonic() + seconds

@@ -4,11 +4,10 @@ from __future__ import annotations
 
 import re
 import shlex
-import subprocess
 
 import pytest
 
-from camsim_runs import CAMSIM, ROOT, Camsim
+from camsim_runs import ROOT, Camsim
 from simulator.cli.command_line import make_parser, modules
 
 NAMES = sorted(modules())
@@ -43,23 +42,6 @@ def test_wrong_words_exit_with_2(camsim: Camsim, words: list[str]) -> None:
     done = camsim.run(*words)
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr.startswith("usage: camsim")
-
-
-def completed(*lines: str) -> list[list[str]]:
-    """What bash offers for the last word of each line."""
-    script = f'camsim() {{ "{CAMSIM}" "$@"; }}\nsource <(camsim completion bash)\ncomplete -p camsim >&2\n'
-    for line in lines:
-        script += (f"COMP_LINE={shlex.quote(line)} COMP_POINT={len(line)} COMP_TYPE=9\n"
-                   f'_python_argcomplete "{CAMSIM}"; (IFS=" "; echo "${{COMPREPLY[*]}}")\n')
-    done = subprocess.run(["bash", "--norc", "-c", script], capture_output=True, text=True, timeout=60, check=False)
-    assert "-F _python_argcomplete camsim\n" in done.stderr, done.stderr
-    return [line.split() for line in done.stdout.splitlines()]
-
-
-def test_bash_completes_subcommands_options_and_faults() -> None:
-    assert completed("camsim ", "camsim fl", "camsim up --fault platform.st", "camsim send white",
-                     "camsim run --re") == [
-        ["--help", *NAMES], ["fleet"], ["platform.status"], ["whiteListDown", "whiteListClear"], ["--record"]]
 
 
 def test_every_subcommand_that_prints_has_json(camsim: Camsim) -> None:

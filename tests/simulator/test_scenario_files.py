@@ -122,3 +122,15 @@ def test_a_wrong_file_is_no_failed_scenario(camsim: Camsim, tmp_path: Path) -> N
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr.startswith(f"camsim run: {tmp_path}/s.json, line 2: this is not JSON: ")
     assert camsim.run("run", tmp_path / "missing.json").returncode == 2
+
+
+def test_those_that_come_with_camsim_are_played_by_name(camsim: Camsim) -> None:
+    named = [(line["scenario"], line["about"]) for line in camsim.json("run", "--list")]
+    assert named == sorted((path.stem, load(path).about) for path in SCENARIOS.glob("*.json"))
+    assert camsim.run("run", "--list").stdout.count("\n") == len(named)
+    done = camsim.run("run", "platform-tls-1.1")
+    assert (done.returncode, done.stdout.partition(": ")[2].partition(":")[0]) == (0, "platform-tls-1.1"), done.stderr
+    for words, complaint in (((), "name a scenario to play"), (("client-lat",), "did you mean 'client-late'?")):
+        done = camsim.run("run", *words)
+        assert (done.returncode, done.stdout) == (2, "")
+        assert complaint in done.stderr
