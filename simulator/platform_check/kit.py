@@ -1,0 +1,56 @@
+"""All checks, in the order in which they are made, and carrying them out."""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable, Collection, Iterator
+from dataclasses import dataclass
+
+from simulator.platform_check import cameras, connection, records, responses
+from simulator.platform_check.check import FAILED, NOT_JUDGED, Check, Finding, Subject, not_judged
+
+CHECKS: dict[str, Check] = {check.name: check for module in (connection, responses, records, cameras)
+                            for check in module.CHECKS}
+
+
+@dataclass(frozen=True)
+class Result:
+    """A check that was made: its finding, and the seconds that it took."""
+
+    check: Check
+    finding: Finding
+    seconds: float
+
+    @property
+    def good(self) -> bool:
+        """Whether nothing stands in the way of cameras: passed, perhaps with a warning."""
+        return self.finding.verdict not in (FAILED, NOT_JUDGED)
+
+
+def examine(subject: Subject, only: Collection[str] = (), tell: Callable[[Check], None] = lambda check: None
+            ) -> Iterator[Result]:
+    """Makes the checks, or only some, and those which they need, and yields each one's result when it is there.
+
+    tell  hears of each check that begins
+    """
+    with subject.stack:
+        made: dict[str, Result] = {}
+        for name in CHECKS:
+            if not only or name in only:
+                _make(name, subject, made, tell)
+                yield made[name]
+
+
+def _make(name: str, subject: Subject, made: dict[str, Result], tell: Callable[[Check], None]) -> Result:
+    if name in made:
+        return made[name]
+    check = CHECKS[name]
+    for needed in check.needs:
+        if not _make(needed, subject, made, tell).good:
+            made[name] = Result(check, not_judged(f"{needed} comes first"), 0.0)
+            return made[name]
+    tell(check)
+    begin = time.monotonic()
+    finding = check.judge(subject)
+    made[name] = Result(check, finding, time.monotonic() - begin)
+    return made[name]

@@ -1,0 +1,168 @@
+"""Checks of the answer to a page request, as HTTP: the first page, asked for as a camera asks."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+
+from simulator.peers.real.asking import GRANTED, LARGEST_BODY, Exchange, ask, page_request
+from simulator.platform_check.answer import Answer, read
+from simulator.platform_check.check import NEARLY, Check, Finding, Subject, failed, not_judged, passed, warning
+
+PAGE = 30  # records that a camera asks for at once
+_LINGER = 0.3  # seconds to look for bytes behind the end of the first answer
+_LARGE = 32 << 20  # bytes of a page, from which on it is told that a camera has little memory
+# Which rule comes before which: who breaks one cannot be judged by those behind it.
+_STAGES = (("tls",), ("answer-time",), ("http",), ("interim",), ("header-limits",), ("redirect", "status"),
+           ("compression",), ("length", "chunks", "close", "page-size"), ("nul",))
+_STAGE = {name: number for number, names in enumerate(_STAGES) for name in names}
+
+
+def exchanged(subject: Subject, start: int, count: int) -> tuple[Exchange, Answer]:
+    """The answer to a page request, asked once."""
+    def make() -> tuple[Exchange, Answer]:
+        exchange = ask(subject.address, page_request(subject.address, subject.task, start, count),
+                       _LINGER if start == 0 else 0.0)
+        return exchange, read(exchange)
+    return subject.once(("page", start, count), make)
+
+
+def first_page(subject: Subject) -> tuple[Exchange, Answer]:
+    return exchanged(subject, 0, min(PAGE, subject.faces))
+
+
+def known_fault(subject: Subject) -> str:
+    """What is known to be wrong with the pages that a camera asks for, if they were asked for; else ""."""
+    for start in range(0, subject.faces, PAGE):
+        exchange, answer = subject.known(("page", start, min(PAGE, subject.faces - start))) or (None, None)
+        if answer is not None and exchange is not None:
+            if answer.wrong is not None or answer.status != 200:
+                return str(answer.wrong or f"status {answer.status}")
+            if exchange.longest > GRANTED:
+                return f"an answer that took {exchange.longest:.1f} s"
+    return ""
+
+
+def _of_answer(name: str, do: str, judge: Callable[[Answer], Finding]) -> Callable[[Subject], Finding]:
+    """A check of the first page's answer: failed with `do` if it breaks this rule first, else as `judge` finds."""
+    def look(subject: Subject) -> Finding:
+        _, answer = first_page(subject)
+        if answer.wrong is not None:
+            if answer.wrong.check == name:
+                return failed(str(answer.wrong), do)
+            if _STAGE[answer.wrong.check] < _STAGE[name]:
+                return not_judged(f"the answer could not be read so far: {answer.wrong}")
+        return judge(answer)
+    return look
+
+
+def _answer_time(subject: Subject) -> Finding:
+    exchange, answer = first_page(subject)
+    do = "answer sooner, and without pauses: a camera waits 5 s for the first byte and for each further one"
+    if exchange.first is None:
+        if answer.wrong is not None and answer.wrong.check != "answer-time":
+            return not_judged(str(answer.wrong))
+        return failed("no answer within 10 s", do)
+    seen = f"first byte after {exchange.first:.3f} s"
+    if exchange.longest > exchange.first:
+        seen += f", longest pause {exchange.longest:.3f} s"
+    if exchange.first > GRANTED or exchange.longest > GRANTED and answer.wrong is None:
+        return failed(seen, do)
+    return warning(seen, do) if exchange.first > GRANTED * NEARLY else passed(seen)
+
+
+def _http(answer: Answer) -> Finding:
+    status = answer.status or answer.interim[0]
+    return passed(f"HTTP/1.1, {status} {answer.reason}".rstrip())
+
+
+def _interim(answer: Answer) -> Finding:
+    return passed(f"{len(answer.interim)}: {', '.join(map(str, answer.interim))}; skipped" if answer.interim else "none")
+
+
+def _header_limits(answer: Answer) -> Finding:
+    longest = max((len(value) for _, value in answer.fields), default=0)
+    return passed(f"{len(answer.fields)} fields, the longest value has {longest} bytes")
+
+
+def _redirect(answer: Answer) -> Finding:
+    if not 300 <= answer.status < 400:
+        return passed("none")
+    place = ", ".join(answer.values("location")) or "nowhere"
+    return failed(f"status {answer.status}, to {place}", "answer at the path of the URL itself: a camera follows no "
+                  "redirect (look for a slash at the end, and for a redirect to another name)")
+
+
+def _status(answer: Answer) -> Finding:
+    if answer.status == 200:
+        return passed("200")
+    hint = {401: "; a camera logs in nowhere: know it by securityCode in the request's body",
+            403: "; a camera logs in nowhere: know it by securityCode in the request's body",
+            404: "; is the path of the URL right?", 405: "; allow POST",
+            411: "; take the request's Content-Length", 413: "; allow bodies of 1 kB", 415: "; take application/json",
+            400: "; does the test task exist? --set taskID=... names it"}.get(answer.status, "")
+    return failed(f"status {answer.status} {answer.reason}".rstrip(), f"answer a page request with 200{hint}")
+
+
+def _compression(answer: Answer) -> Finding:
+    codings = [value for value in answer.values("content-encoding") if value.lower() != "identity"]
+    return failed(f"Content-Encoding: {', '.join(codings)}", "send pages as they are: a camera asks for no compression "
+                  "and undoes none") if codings else passed("none")
+
+
+def _length(answer: Answer) -> Finding:
+    return passed({"length": f"Content-Length: {answer.announced}, and as many bytes came"}.get(
+        answer.framing, "no Content-Length used"))
+
+
+def _chunks(answer: Answer) -> Finding:
+    return passed(f"{answer.chunks} chunks, {len(answer.body):,} bytes, and the end" if answer.framing == "chunks" else
+                  "not chunked")
+
+
+def _close(answer: Answer) -> Finding:
+    return passed(f"{len(answer.body):,} bytes, ended by close_notify" if answer.framing == "close" else
+                  "the answer tells its own length")
+
+
+def _page_size(answer: Answer) -> Finding:
+    seen = f"{len(answer.body):,} bytes"
+    return warning(seen, "send smaller pictures: a camera holds a page in memory while it comes"
+                   ) if len(answer.body) > _LARGE else passed(seen)
+
+
+def _nul(answer: Answer) -> Finding:
+    position = answer.body.find(b"\0")
+    return passed("none") if position < 0 else failed(
+        f"a NUL byte at position {position:,} of {len(answer.body):,}: a camera stores the {position:,} bytes before it",
+        "send text (UTF-8) without NUL bytes, pictures in base64")
+
+
+_COMPLETE = "What counts as complete"
+_RESPONSE = "What the camera does with a response"
+FRAMED = ("http", "interim", "header-limits", "redirect", "status", "compression", "length", "chunks", "close",
+          "page-size")
+
+CHECKS = (
+    Check("answer-time", "the first byte within 5 s, and no pause of 5 s", "Connection", _answer_time, ("tls",)),
+    Check("http", "an HTTP/1.1 answer with a whole head", _COMPLETE, _of_answer(
+        "http", "speak HTTP/1.1 (not HTTP/2), and end the head with an empty line", _http), ("tls",)),
+    Check("interim", "at most 100 interim answers (1xx), and then the answer", _RESPONSE, _of_answer(
+        "interim", "send the answer itself behind interim ones", _interim), ("http",)),
+    Check("header-limits", "at most 100 header fields, 256 bytes a name, 8192 a value, 512 of reason phrase", _COMPLETE,
+          _of_answer("header-limits", "send fewer and shorter header fields: cookies and security policies are of no "
+                     "use to a camera", _header_limits), ("http",)),
+    Check("redirect", "no redirect", _RESPONSE, _of_answer("redirect", "", _redirect), ("header-limits",)),
+    Check("status", "status 200, and no other", _RESPONSE, _of_answer("status", "", _status), ("redirect",)),
+    Check("compression", "no Content-Encoding", "Connection", _of_answer("compression", "", _compression), ("status",)),
+    Check("length", "as many bytes as Content-Length says, if it is there", _COMPLETE, _of_answer(
+        "length", "let Content-Length be the number of bytes, not of characters, of the body", _length), ("status",)),
+    Check("chunks", "chunks with their sizes, one of size 0 and an empty line, if Transfer-Encoding is there", _COMPLETE,
+          _of_answer("chunks", "leave chunks to the web server, or send Content-Length in their place", _chunks),
+          ("status",)),
+    Check("close", "without length and chunks: an end with close_notify", _COMPLETE, _of_answer(
+        "close", "send Content-Length, or chunks, or shut TLS down properly before the connection is closed", _close),
+        ("status",)),
+    Check("page-size", "at most 128 MiB a page; a warning from 32 MiB on", _RESPONSE, _of_answer(
+        "page-size", "send smaller pictures: 30 of them are a page", _page_size), ("status",)),
+    Check("nul", "no NUL byte in a page", _RESPONSE, _of_answer("nul", "", _nul), FRAMED))
+assert LARGEST_BODY == 128 << 20  # as the words above say
