@@ -87,11 +87,12 @@ def _download(subject: Subject) -> Finding:
         if fault := known_fault(subject):
             return not_judged(f"{done.why}; as seen above: {fault}")
         return failed(done.why, "the service itself says so: look for the same time in your server's log")
+    path = subject.address.task_path
     pages = [event for event in done.events
-             if event.matches("platform", "response", target=subject.address.task_path) and event.response.status == 200]
+             if event.matches("platform", "response", target=path) and event.response.status == 200]
     size = sum(len(event.response.body) for event in pages)
     slowest = max(_seconds(done.events, event.connection) for event in pages)
-    seen = (f"{subject.faces} faces in {len(pages)} pages, {size / 1e6:.1f} MB, in {done.seconds:.1f} s; the slowest "
+    seen = (f"{subject.faces} faces in {len(pages)} pages, {size:,} bytes, in {done.seconds:.1f} s; the slowest "
             f"page took {slowest:.3f} s")
     return passed(seen)
 

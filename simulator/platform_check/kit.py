@@ -6,8 +6,9 @@ import time
 from collections.abc import Callable, Collection, Iterator
 from dataclasses import dataclass
 
+from simulator.peers.real.asking import reason
 from simulator.platform_check import cameras, connection, records, responses
-from simulator.platform_check.check import FAILED, NOT_JUDGED, Check, Finding, Subject, not_judged
+from simulator.platform_check.check import FAILED, NOT_JUDGED, Check, Finding, Subject, failed, not_judged
 
 CHECKS: dict[str, Check] = {check.name: check for module in (connection, responses, records, cameras)
                             for check in module.CHECKS}
@@ -51,6 +52,9 @@ def _make(name: str, subject: Subject, made: dict[str, Result], tell: Callable[[
             return made[name]
     tell(check)
     begin = time.monotonic()
-    finding = check.judge(subject)
+    try:
+        finding = check.judge(subject)
+    except OSError as error:  # a connection that failed where one had worked, or a download without an end
+        finding = failed(reason(error).partition("\n")[0], "look into the server's log: it worked just before")
     made[name] = Result(check, finding, time.monotonic() - begin)
     return made[name]

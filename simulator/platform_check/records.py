@@ -72,7 +72,7 @@ def _records(subject: Subject) -> Finding:
         return failed(f"{first.asked}: {first.wrong}", "send a JSON object with a list \"records\", as the simulated "
                       "ITGT reads it; if yours reads another format, choose the other checks with --only")
     if len(first.records) != count:
-        return failed(f"{first.asked}: {len(first.records)} records", f"send as many as offset says; if there are fewer "
+        return failed(f"{first.asked}: {len(first.records)} records", "send as many as offset says; if there are fewer "
                       f"than {subject.faces} in the task, say so with --faces")
     if twice:
         return failed(f"{first.asked}: {twice} of {count} records came twice", "send each record once")
@@ -136,12 +136,14 @@ def _beyond(subject: Subject) -> Finding:
             return failed(f"{one.asked}, beyond the end: {len(one.records)} records", do)
         counts.append(len(one.records))
     more = f"; it holds more than the {subject.faces} of --faces" if any(counts) else ""
-    return passed(f"at {subject.faces}, {subject.faces + PAGE} and {_FAR:,}: {', '.join(map(str, counts))} records{more}")
+    numbers = ", ".join(map(str, counts))
+    return passed(f"at {subject.faces}, {subject.faces + PAGE} and {_FAR:,}: {numbers} records{more}")
 
 
 _WHO = "Who asks whom"
 CHECKS = (
-    Check("records", "a JSON page with as many different records as were asked for", _WHO, _records, (*FRAMED, "nul")),
+    Check("records", "a JSON page with as many different records as were asked for", _WHO, _records,
+          ("answer-time", *FRAMED, "nul")),
     Check("offset", "as many records as `offset` says: 1 and 15", _WHO, _offset, ("records",)),
     Check("start-index", "at `startIndex` 0, 1, 30 and 31 the records that belong there", _WHO, _start_index,
           ("offset",)),

@@ -12,9 +12,11 @@ from rich.status import Status
 from rich.table import Table
 from rich.text import Text
 
+from simulator.camera import build_folder
 from simulator.cli import options
 from simulator.cli.command_line import (DONE, FAILED, STOPPED, WRONG_ARGUMENTS, CodedError, Stopped, completing,
                                         print_json, stoppable)
+from simulator.device.service import version_of
 from simulator.errors import CameraError
 from simulator.peers.real.address import address_of
 from simulator.platform_check import check, junit
@@ -56,11 +58,15 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 def run(arguments: argparse.Namespace) -> int:
     subject = _subject(arguments)
+    service = subject.service or build_folder() / "bin" / "protocol_process"
+    if not service.exists():  # what cannot be done is to be known before everything else is
+        raise CameraError(f"{service} is missing; ./demo builds it")
     if arguments.junit:
-        arguments.junit.touch()  # what cannot be written is to be known before everything is done
+        arguments.junit.touch()
     console = Display(False).console
     if not arguments.json:
-        console.print(f"{arguments.url}, reports to {subject.address.result_path}, {subject.faces} records:")
+        console.print(f"{arguments.url}, reports to {subject.address.result_path}, {subject.faces} records; "
+                      f"the service has version {version_of(service) or 'unknown'}")
     results: list[Result] = []
     with stoppable():
         try:
