@@ -8,7 +8,7 @@ from dataclasses import dataclass
 from typing import Any
 
 from simulator.camera import Camera
-from simulator.cli.outcome import outcome
+from simulator.cli.outcome import in_words, outcome
 from simulator.errors import CameraError
 from simulator.journal import Event
 from simulator.messages import wire
@@ -23,6 +23,7 @@ AT_ONCE = 10
 _DOWNLOAD_SECONDS = 600.0
 _REPLY_SECONDS = 10.0
 _MOST_FAILURES = 3  # of downloads in a row, after which the rest says nothing new
+_REPORT_FAILED = 221  # the line number of what the service logs then
 _NO_SUCH_PATH = (404, 405, 410, 501)
 
 
@@ -132,13 +133,13 @@ def _report(subject: Subject) -> Finding:
     if not statuses:
         return not_judged("the service sent no report")
     do = "answer each report with 200, within 5 s: a camera sends it once, and goes on whatever comes"
+    said = [event.record.text for event in done.events if event.matches("service", "log")
+            and event.record.line == _REPORT_FAILED]
+    if said:
+        why = in_words(said[0].partition(" ")[2].strip(), "no answer, or no more of it, for 5 s")
+        return failed(f"{len(said)} of {len(statuses)} reports got no answer; the first: {why}", do)
     for number, status in enumerate(statuses.values(), 1):
-        if status is None:
-            said = [event.record.text for event in done.events if event.matches("service", "log")
-                    and event.record.text.startswith("SendMsgAndRecvResponse err:")]
-            return failed(f"report {number} of {len(statuses)}: no whole answer" + (f"; the service: {said[-1]}" if said
-                                                                                    else ""), do)
-        if not 200 <= status < 300:
+        if status is None or not 200 <= status < 300:
             return failed(f"report {number} of {len(statuses)}: status {status}", do)
     slowest = max(_seconds(done.events, connection) for connection in statuses)
     seen = f"{len(statuses)} reports, one for each page; the slowest answer took {slowest:.3f} s"

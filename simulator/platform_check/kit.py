@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable, Collection, Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 from simulator.peers.real.asking import reason
 from simulator.platform_check import cameras, connection, records, responses
@@ -56,5 +56,10 @@ def _make(name: str, subject: Subject, made: dict[str, Result], tell: Callable[[
         finding = check.judge(subject)
     except OSError as error:  # a connection that failed where one had worked, or a download without an end
         finding = failed(reason(error).partition("\n")[0], "look into the server's log: it worked just before")
-    made[name] = Result(check, finding, time.monotonic() - begin)
+    made[name] = Result(check, replace(finding, seen=_printable(finding.seen)), time.monotonic() - begin)
     return made[name]
+
+
+def _printable(text: str) -> str:
+    """The same without what would move a terminal's cursor, or what XML cannot hold: a platform may say anything."""
+    return "".join(one if one.isprintable() else ascii(one)[1:-1] for one in text)

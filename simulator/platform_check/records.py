@@ -64,6 +64,13 @@ def _list_of(document: Any) -> list[Any] | None:
     return document if isinstance(document, list) else None
 
 
+def _failed(one: Page, do: str) -> Finding:
+    """What is wrong with a page: with its answer, else with how many records it has."""
+    if one.wrong:
+        return failed(f"{one.asked}: {one.wrong}", "answer every page as the first one: at once, with 200 and records")
+    return failed(f"{one.asked}: {len(one.records)} records", do)
+
+
 def _records(subject: Subject) -> Finding:
     count = min(PAGE, subject.faces)
     first = page(subject, 0, count)
@@ -83,8 +90,7 @@ def _offset(subject: Subject) -> Finding:
     asked = [page(subject, 0, count) for count in (1, 15) if count <= subject.faces]
     for one, count in zip(asked, (1, 15)):
         if one.wrong or len(one.records) != count:
-            return failed(f"{one.asked}: {one.wrong or f'{len(one.records)} records'}",
-                          "send exactly as many records as offset says, while there are so many")
+            return _failed(one, "send exactly as many records as offset says, while there are so many")
     return passed(f"{' and '.join(str(len(one.records)) for one in asked)} records when so many were asked for")
 
 
@@ -94,17 +100,18 @@ def _start_index(subject: Subject) -> Finding:
     if faces > PAGE:
         second = page(subject, PAGE, min(PAGE, faces - PAGE))
         if second.wrong or not second.records:
-            return failed(f"{second.asked}: {second.wrong or 'no records'}", do)
+            return _failed(second, do)
         if again := len(set(known) & set(second.records)):
-            return failed(f"{second.asked}: {again} records that the page at 0 had, too", do)
+            return failed(f"{second.asked}: {again} of its records stood on the page at 0", do)
         known += second.records
     tried = [start for start in (1, PAGE, PAGE + 1) if start < min(faces, len(known))]
     for start in tried:
         one = page(subject, start, 1)
-        if one.wrong or one.records[:1] != known[start:start + 1]:
-            place = known.index(one.records[0]) if one.records and one.records[0] in known else None
-            other = "no record" if not one.records else "another record" if place is None else f"record {place}"
-            return failed(f"{one.asked}: {one.wrong or other}", do)
+        if one.wrong or not one.records:
+            return _failed(one, do)
+        if one.records[0] != known[start]:
+            other = f"record {known.index(one.records[0])}" if one.records[0] in known else "another record"
+            return failed(f"{one.asked}: {other}, not record {start}", do)
     return passed(f"at {', '.join(map(str, [0, *tried]))} came the records that belong there")
 
 
@@ -112,11 +119,9 @@ def _last_page(subject: Subject) -> Finding:
     start = (subject.faces - 1) // PAGE * PAGE
     rest = subject.faces - start
     last = page(subject, start, rest)
-    if last.wrong:
-        return failed(f"{last.asked}: {last.wrong}", "send the last records as any others")
-    if len(last.records) != rest:
-        return failed(f"{last.asked}: {len(last.records)} records", "send the rest, as many as offset says; if there "
-                      f"are not {subject.faces} in the task, say so with --faces; startIndex counts from 0")
+    if last.wrong or len(last.records) != rest:
+        return _failed(last, f"send the rest, as many as offset says; if there are not {subject.faces} in the task, "
+                       "say so with --faces; startIndex counts from 0")
     return passed(f"{last.asked}: {rest} records")
 
 
@@ -131,7 +136,7 @@ def _beyond(subject: Subject) -> Finding:
         if one.wrong:
             return failed(f"{one.asked}, beyond the end: {one.wrong}", do)
         if again := len(known & set(one.records)):
-            return failed(f"{one.asked}, beyond the end: {again} records that an earlier page had", do)
+            return failed(f"{one.asked}, beyond the end: {again} of its records stood on an earlier page", do)
         if len(one.records) > PAGE:
             return failed(f"{one.asked}, beyond the end: {len(one.records)} records", do)
         counts.append(len(one.records))

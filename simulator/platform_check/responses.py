@@ -22,7 +22,9 @@ def exchanged(subject: Subject, start: int, count: int) -> tuple[Exchange, Answe
     def make() -> tuple[Exchange, Answer]:
         exchange = ask(subject.address, page_request(subject.address, subject.task, start, count),
                        _LINGER if start == 0 else 0.0)
-        return exchange, read(exchange)
+        answer = read(exchange)
+        exchange.raw.clear()  # pages are large
+        return exchange, answer
     return subject.once(("page", start, count), make)
 
 
@@ -145,7 +147,8 @@ FRAMED = ("http", "interim", "header-limits", "redirect", "status", "compression
 CHECKS = (
     Check("answer-time", "the first byte within 5 s, and no pause of 5 s", "Connection", _answer_time, ("tls",)),
     Check("http", "an HTTP/1.1 answer with a whole head", _COMPLETE, _of_answer(
-        "http", "speak HTTP/1.1 (not HTTP/2), and end the head with an empty line", _http), ("tls",)),
+        "http", "look into the server's log; speak HTTP/1.1 (not HTTP/2), each header field as \"Name: value\", and "
+        "an empty line behind them", _http), ("tls",)),
     Check("interim", "at most 100 interim answers (1xx), and then the answer", _RESPONSE, _of_answer(
         "interim", "send the answer itself behind interim ones", _interim), ("http",)),
     Check("header-limits", "at most 100 header fields, 256 bytes a name, 8192 a value, 512 of reason phrase", _COMPLETE,

@@ -51,8 +51,8 @@ def test_lines_say_what_to_do(camsim: Camsim, platform: Platform) -> None:
     refuse(platform)
     done = camsim.run("check-platform", url_of(platform), *CHEAP)
     _, status, length, last = done.stdout.splitlines()
-    assert re.fullmatch(r"FAILED      status          status 500 Out of .* <order> -> answer a page request with 200 "
-                        r'\(docs/platform-engineer.md, "What the camera does with a response"\)', status)
+    assert re.fullmatch(r"FAILED      status          status 500 Out of \\x07 <order> -> answer a page request with "
+                        r'200 \(docs/platform-engineer.md, "What the camera does with a response"\)', status)
     assert length == "not judged  length          status comes first"
     assert last == "1 failed, 1 not judged"
     assert done.returncode == 1
