@@ -235,7 +235,12 @@ HARMLESS = ("Content-Length too small", "bytes behind the last chunk", "compress
             "serves a task once only", "serves five at a time")
 
 
-@pytest.mark.parametrize("mistake", MISTAKES)
+# Those that the kit waits for, 10 s, and the service, 5 s.
+SILENT = ("no answer", "Content-Length too large, kept open", "an answer after 5.5 s", "a pause of 5.5 s")
+
+
+@pytest.mark.parametrize("mistake", [
+    pytest.param(name, marks=[pytest.mark.seconds(15)] if name in SILENT else []) for name in MISTAKES])
 def test_mistake_is_found_and_named(mistake: str) -> None:
     name, twist = MISTAKES[mistake]
     with holding_75() as platform:
@@ -276,6 +281,7 @@ def test_nobody_there() -> None:
     assert verdicts(results, NOT_JUDGED).keys() == CHECKS.keys() - {"reachable"}
 
 
+@pytest.mark.seconds(10)
 def test_a_handshake_that_hangs() -> None:
     with socket.create_server(("127.0.0.1", 0)) as silent:
         subject = Subject(f"https://localhost:{silent.getsockname()[1]}/x")
