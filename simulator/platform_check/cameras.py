@@ -11,12 +11,12 @@ from simulator.camera import Camera
 from simulator.cli.outcome import in_words, outcome
 from simulator.errors import CameraError
 from simulator.journal import Event
-from simulator.messages import wire
 from simulator.messages.log import fails_download
+from simulator.messages.wire import PAGE_SIZE
 from simulator.peers.real.asking import GRANTED
 from simulator.peers.real.gateway import Gateway
 from simulator.platform_check.check import NEARLY, Check, Finding, Subject, failed, not_judged, passed, warning
-from simulator.platform_check.responses import PAGE, known_fault
+from simulator.platform_check.responses import known_fault
 
 IN_A_ROW = 20
 AT_ONCE = 10
@@ -171,7 +171,7 @@ def _in_a_row(subject: Subject) -> Finding:
 
 def _at_once(subject: Subject) -> Finding:
     cameras = [_first_camera(subject), *(_camera(subject) for _ in range(AT_ONCE - 1))]
-    faces = min(PAGE, subject.faces)
+    faces = min(PAGE_SIZE, subject.faces)
     begins = [_begin(subject, camera, faces) for camera in cameras]
     done = [_end(camera, begin) for camera, begin in zip(cameras, begins)]
     failures = [one.why for one in done if not one.fetched]
@@ -191,4 +191,3 @@ CHECKS = (
     Check("report", "every report is answered with 200 to 299, within 5 s", _WHO, _report, ("result-path",)),
     Check("in-a-row", f"{IN_A_ROW} downloads one after the other", "Connection", _in_a_row, ("download",)),
     Check("at-once", f"{AT_ONCE} cameras at once", "Connection", _at_once, ("download",)))
-assert wire.PAGE_SIZE == PAGE

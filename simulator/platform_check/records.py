@@ -6,9 +6,10 @@ import json
 from dataclasses import dataclass, field
 from typing import Any
 
+from simulator.messages.wire import PAGE_SIZE
 from simulator.platform_check.answer import shown
 from simulator.platform_check.check import Check, Finding, Subject, failed, passed
-from simulator.platform_check.responses import FRAMED, PAGE, exchanged
+from simulator.platform_check.responses import FRAMED, exchanged
 
 _FAR = 1_000_000  # records that no task has
 
@@ -37,6 +38,16 @@ def page(subject: Subject, start: int, count: int) -> Page:
             _take_records(answer.body, found)
         return found
     return subject.once(("records", start, count), make)
+
+
+def _first(subject: Subject) -> Page:
+    return page(subject, 0, min(PAGE_SIZE, subject.faces))
+
+
+def _last(subject: Subject) -> Page:
+    """The page of the rest, as a camera asks for it."""
+    start = (subject.faces - 1) // PAGE_SIZE * PAGE_SIZE
+    return page(subject, start, subject.faces - start)
 
 
 def _take_records(body: bytes, found: Page) -> None:
@@ -72,8 +83,8 @@ def _failed(one: Page, do: str) -> Finding:
 
 
 def _records(subject: Subject) -> Finding:
-    count = min(PAGE, subject.faces)
-    first = page(subject, 0, count)
+    count = min(PAGE_SIZE, subject.faces)
+    first = _first(subject)
     twice = len(first.records) - len(set(first.records))
     if first.wrong:
         return failed(f"{first.asked}: {first.wrong}", "send a JSON object with a list \"records\", as the simulated "
@@ -96,15 +107,15 @@ def _offset(subject: Subject) -> Finding:
 
 def _start_index(subject: Subject) -> Finding:
     do = "let startIndex be the number of records to leave out: 0 is the first record, 30 the thirty-first"
-    faces, known = subject.faces, list(page(subject, 0, min(PAGE, subject.faces)).records)
-    if faces > PAGE:
-        second = page(subject, PAGE, min(PAGE, faces - PAGE))
+    faces, known = subject.faces, list(_first(subject).records)
+    if faces > PAGE_SIZE:
+        second = page(subject, PAGE_SIZE, min(PAGE_SIZE, faces - PAGE_SIZE))
         if second.wrong or not second.records:
             return _failed(second, do)
         if again := len(set(known) & set(second.records)):
             return failed(f"{second.asked}: {again} of its records stood on the page at 0", do)
         known += second.records
-    tried = [start for start in (1, PAGE, PAGE + 1) if start < min(faces, len(known))]
+    tried = [start for start in (1, PAGE_SIZE, PAGE_SIZE + 1) if start < min(faces, len(known))]
     for start in tried:
         one = page(subject, start, 1)
         if one.wrong or not one.records:
@@ -116,9 +127,7 @@ def _start_index(subject: Subject) -> Finding:
 
 
 def _last_page(subject: Subject) -> Finding:
-    start = (subject.faces - 1) // PAGE * PAGE
-    rest = subject.faces - start
-    last = page(subject, start, rest)
+    last, rest = _last(subject), (subject.faces - 1) % PAGE_SIZE + 1
     if last.wrong or len(last.records) != rest:
         return _failed(last, f"send the rest, as many as offset says; if there are not {subject.faces} in the task, "
                        "say so with --faces; startIndex counts from 0")
@@ -126,23 +135,21 @@ def _last_page(subject: Subject) -> Finding:
 
 
 def _beyond(subject: Subject) -> Finding:
-    start = (subject.faces - 1) // PAGE * PAGE
-    known = {record for one in (page(subject, 0, min(PAGE, subject.faces)), page(subject, start, subject.faces - start))
-             for record in one.records}
+    known = {*_first(subject).records, *_last(subject).records}
     do = "send 200 and a page without records: a command's totalNum may be more than you hold by then"
     counts = []
-    for start in (subject.faces, subject.faces + PAGE, _FAR):
-        one = page(subject, start, PAGE)
+    for start in (subject.faces, subject.faces + PAGE_SIZE, _FAR):
+        one = page(subject, start, PAGE_SIZE)
         if one.wrong:
             return failed(f"{one.asked}, beyond the end: {one.wrong}", do)
         if again := len(known & set(one.records)):
             return failed(f"{one.asked}, beyond the end: {again} of its records stood on an earlier page", do)
-        if len(one.records) > PAGE:
+        if len(one.records) > PAGE_SIZE:
             return failed(f"{one.asked}, beyond the end: {len(one.records)} records", do)
         counts.append(len(one.records))
     more = f"; it holds more than the {subject.faces} of --faces" if any(counts) else ""
     numbers = ", ".join(map(str, counts))
-    return passed(f"at {subject.faces}, {subject.faces + PAGE} and {_FAR:,}: {numbers} records{more}")
+    return passed(f"at {subject.faces}, {subject.faces + PAGE_SIZE} and {_FAR:,}: {numbers} records{more}")
 
 
 _WHO = "Who asks whom"

@@ -4,11 +4,12 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
+from simulator.messages.wire import PAGE_SIZE
 from simulator.peers.real.asking import GRANTED, LARGEST_BODY, Exchange, ask, page_request
-from simulator.platform_check.answer import Answer, read
+from simulator.platform_check.answer import (LONGEST_NAME, LONGEST_REASON, LONGEST_VALUE, MOST_FIELDS, MOST_INTERIM,
+                                             Answer, read)
 from simulator.platform_check.check import NEARLY, Check, Finding, Subject, failed, not_judged, passed, warning
 
-PAGE = 30  # records that a camera asks for at once
 _LINGER = 0.3  # seconds to look for bytes behind the end of the first answer
 _LARGE = 32 << 20  # bytes of a page, from which on it is told that a camera has little memory
 # Which rule comes before which: who breaks one cannot be judged by those behind it.
@@ -29,13 +30,13 @@ def exchanged(subject: Subject, start: int, count: int) -> tuple[Exchange, Answe
 
 
 def first_page(subject: Subject) -> tuple[Exchange, Answer]:
-    return exchanged(subject, 0, min(PAGE, subject.faces))
+    return exchanged(subject, 0, min(PAGE_SIZE, subject.faces))
 
 
 def known_fault(subject: Subject) -> str:
     """What is known to be wrong with the pages that a camera asks for, if they were asked for; else ""."""
-    for start in range(0, subject.faces, PAGE):
-        exchange, answer = subject.known(("page", start, min(PAGE, subject.faces - start))) or (None, None)
+    for start in range(0, subject.faces, PAGE_SIZE):
+        exchange, answer = subject.known(("page", start, min(PAGE_SIZE, subject.faces - start))) or (None, None)
         if answer is not None and exchange is not None:
             if answer.wrong is not None or answer.status != 200:
                 return str(answer.wrong or f"status {answer.status}")
@@ -44,7 +45,8 @@ def known_fault(subject: Subject) -> str:
     return ""
 
 
-def _of_answer(name: str, do: str, judge: Callable[[Answer], Finding]) -> Callable[[Subject], Finding]:
+def _of_answer(name: str, demand: str, section: str, judge: Callable[[Answer], Finding], needs: tuple[str, ...],
+               do: str = "") -> Check:
     """A check of the first page's answer: failed with `do` if it breaks this rule first, else as `judge` finds."""
     def look(subject: Subject) -> Finding:
         _, answer = first_page(subject)
@@ -54,7 +56,7 @@ def _of_answer(name: str, do: str, judge: Callable[[Answer], Finding]) -> Callab
             if _STAGE[answer.wrong.check] < _STAGE[name]:
                 return not_judged(f"the answer could not be read so far: {answer.wrong}")
         return judge(answer)
-    return look
+    return Check(name, demand, section, look, needs)
 
 
 def _answer_time(subject: Subject) -> Finding:
@@ -146,26 +148,24 @@ FRAMED = ("http", "interim", "header-limits", "redirect", "status", "compression
 
 CHECKS = (
     Check("answer-time", "the first byte within 5 s, and no pause of 5 s", "Connection", _answer_time, ("tls",)),
-    Check("http", "an HTTP/1.1 answer with a whole head", _COMPLETE, _of_answer(
-        "http", "look into the server's log; speak HTTP/1.1 (not HTTP/2), each header field as \"Name: value\", and "
-        "an empty line behind them", _http), ("tls",)),
-    Check("interim", "at most 100 interim answers (1xx), and then the answer", _RESPONSE, _of_answer(
-        "interim", "send the answer itself behind interim ones", _interim), ("http",)),
-    Check("header-limits", "at most 100 header fields, 256 bytes a name, 8192 a value, 512 of reason phrase", _COMPLETE,
-          _of_answer("header-limits", "send fewer and shorter header fields: cookies and security policies are of no "
-                     "use to a camera", _header_limits), ("http",)),
-    Check("redirect", "no redirect", _RESPONSE, _of_answer("redirect", "", _redirect), ("header-limits",)),
-    Check("status", "status 200, and no other", _RESPONSE, _of_answer("status", "", _status), ("redirect",)),
-    Check("compression", "no Content-Encoding", "Connection", _of_answer("compression", "", _compression), ("status",)),
-    Check("length", "as many bytes as Content-Length says, if it is there", _COMPLETE, _of_answer(
-        "length", "let Content-Length be the number of bytes, not of characters, of the body", _length), ("status",)),
-    Check("chunks", "chunks with their sizes, one of size 0 and an empty line, if Transfer-Encoding is there",
-          _COMPLETE, _of_answer("chunks", "leave chunks to the web server, or send Content-Length in their place",
-                                _chunks), ("status",)),
-    Check("close", "without length and chunks: an end with close_notify", _COMPLETE, _of_answer(
-        "close", "send Content-Length, or chunks, or shut TLS down properly before the connection is closed", _close),
-        ("status",)),
-    Check("page-size", "at most 128 MiB a page; a warning from 32 MiB on", _RESPONSE, _of_answer(
-        "page-size", "send smaller pictures: 30 of them are a page", _page_size), ("status",)),
-    Check("nul", "no NUL byte in a page", _RESPONSE, _of_answer("nul", "", _nul), FRAMED))
-assert LARGEST_BODY == 128 << 20  # as the words above say
+    _of_answer("http", "an HTTP/1.1 answer with a whole head", _COMPLETE, _http, ("tls",),
+               "look into the server's log; speak HTTP/1.1 (not HTTP/2), each header field as \"Name: value\", and an "
+               "empty line behind them"),
+    _of_answer("interim", f"at most {MOST_INTERIM} interim answers (1xx), and then the answer", _RESPONSE, _interim,
+               ("http",), "send the answer itself behind interim ones"),
+    _of_answer("header-limits", f"at most {MOST_FIELDS} header fields, {LONGEST_NAME} bytes a name, {LONGEST_VALUE} a "
+               f"value, {LONGEST_REASON} of reason phrase", _COMPLETE, _header_limits, ("http",),
+               "send fewer and shorter header fields: cookies and security policies are of no use to a camera"),
+    _of_answer("redirect", "no redirect", _RESPONSE, _redirect, ("header-limits",)),
+    _of_answer("status", "status 200, and no other", _RESPONSE, _status, ("redirect",)),
+    _of_answer("compression", "no Content-Encoding", "Connection", _compression, ("status",)),
+    _of_answer("length", "as many bytes as Content-Length says, if it is there", _COMPLETE, _length, ("status",),
+               "let Content-Length be the number of bytes, not of characters, of the body"),
+    _of_answer("chunks", "chunks with their sizes, one of size 0 and an empty line, if Transfer-Encoding is there",
+               _COMPLETE, _chunks, ("status",),
+               "leave chunks to the web server, or send Content-Length in their place"),
+    _of_answer("close", "without length and chunks: an end with close_notify", _COMPLETE, _close, ("status",),
+               "send Content-Length, or chunks, or shut TLS down properly before the connection is closed"),
+    _of_answer("page-size", f"at most {LARGEST_BODY >> 20} MiB a page; a warning from {_LARGE >> 20} MiB on", _RESPONSE,
+               _page_size, ("status",), "send smaller pictures: 30 of them are a page"),
+    _of_answer("nul", "no NUL byte in a page", _RESPONSE, _nul, FRAMED))
