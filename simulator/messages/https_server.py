@@ -115,7 +115,12 @@ class Connection:
         self._dropped.wait(self.read_after)
         raw = b""
         while b"\r\n\r\n" not in raw:
-            data = self._socket.recv(65536)
+            try:
+                data = self._socket.recv(65536)
+            except ConnectionResetError:  # newer versions of Python tell it from an ordinary end
+                if raw or not self.requests:
+                    raise
+                return None  # who has its answer may leave so
             if not data:
                 if raw:
                     self._note("incomplete", raw=raw)

@@ -11,6 +11,7 @@ from collections.abc import Callable, Iterator
 import pytest
 
 from camsim_runs import Camsim, Up
+from served import free_port, served
 from simulator import Camera
 from simulator.errors import CameraError
 from simulator.journal import Journal
@@ -40,27 +41,6 @@ ODD_ANSWERS: dict[str, list[Step]] = {
     "no HTTP": [Send(b"\x00\x01 nothing that anybody knows"), Close()],
     "with a chunk that is none": [Send(CHUNKED + b"zz\r\n" + PAGE), Close()],
 }
-
-
-def free_port(host: str = "127.0.0.1") -> int:
-    with socket.create_server((host, 0), family=socket.AF_INET6 if ":" in host else socket.AF_INET) as one:
-        port: int = one.getsockname()[1]
-        return port
-
-
-@contextlib.contextmanager
-def served(host: str = "127.0.0.1", port: int = 0) -> Iterator[Platform]:
-    """A platform on this machine that somebody might have built; `port` is where it listens."""
-    family = socket.AF_INET6 if ":" in host else socket.AF_INET
-    platform = Platform(Journal())
-    platform.picture_sizes = (800, 900)
-    listener = socket.create_server((host, port), family=family, backlog=16)
-    platform.port = listener.getsockname()[1]
-    platform.start([listener])
-    try:
-        yield platform
-    finally:
-        platform.stop()
 
 
 @contextlib.contextmanager

@@ -27,8 +27,9 @@ class Received(Response):
 class ResponseReader:
     """Takes a response piece by piece. It is more patient than the service, which judges the same bytes itself.
 
-    raw    the bytes so far, without interim answers that were whole
-    whole  whether the response, behind all interim answers, is there to its end
+    raw     the bytes so far, without interim answers that were whole
+    whole   whether the response, behind all interim answers, is there to its end
+    length  what a head that is there announces, if it does
     """
 
     def __init__(self) -> None:
@@ -50,7 +51,7 @@ class ResponseReader:
 
     def end(self) -> list[Received]:
         """The response that the end of the connection completes, if it is one whose length nothing else tells."""
-        if self.whole or not self._body_begin or self._length is not None or self._chunked:
+        if self.whole or not self._body_begin or self.length is not None or self._chunked:
             return []
         self.whole = True
         self._pieces = [bytes(self.raw[self._body_begin:])]
@@ -60,7 +61,7 @@ class ResponseReader:
         self._searched = 0  # up to where nothing that is looked for begins
         self._body_begin = 0
         self._lines: list[str] = []
-        self._length: int | None = None
+        self.length: int | None = None
         self._chunked = False
         self._pieces: list[bytes] = []
 
@@ -69,9 +70,9 @@ class ResponseReader:
             return None
         if self._chunked:
             return self._end_of_chunks()
-        if self._length is None or len(self.raw) < self._body_begin + self._length:
+        if self.length is None or len(self.raw) < self._body_begin + self.length:
             return None
-        end = self._body_begin + self._length
+        end = self._body_begin + self.length
         self._pieces = [bytes(self.raw[self._body_begin:end])]
         return end
 
@@ -86,11 +87,11 @@ class ResponseReader:
                    (line.partition(":") for line in self._lines[1:])}
         status = self._status()
         if 100 <= status < 200 or status in _WITHOUT_BODY:
-            self._length = 0
+            self.length = 0
         elif "chunked" in headers.get("transfer-encoding", "").lower():
             self._chunked = True
         elif re.fullmatch(r"[0-9]{1,18}", headers.get("content-length", "")):
-            self._length = int(headers["content-length"])
+            self.length = int(headers["content-length"])
         return True
 
     def _status(self) -> int:
@@ -101,7 +102,7 @@ class ResponseReader:
         """`_searched` is where the next chunk begins, or after the last one a line of the trailers."""
         while (match := _LINE_END.search(self.raw, self._searched)) is not None:
             line = bytes(self.raw[self._searched:match.start()])
-            if self._length == 0:  # behind the last chunk: trailers, and the empty line
+            if self.length == 0:  # behind the last chunk: trailers, and the empty line
                 self._searched = match.end()
                 if not line:
                     return match.end()
@@ -111,7 +112,7 @@ class ResponseReader:
                 return None  # no chunk: nobody knows where this ends
             count = int(size[1], 16)
             if count == 0:
-                self._length, self._searched = 0, match.end()
+                self.length, self._searched = 0, match.end()
                 continue
             if len(self.raw) < match.end() + count + 2:
                 return None

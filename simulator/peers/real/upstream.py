@@ -42,19 +42,39 @@ def _context() -> ssl.SSLContext:
 class Upstream:
     """Owns a TCP connection to the platform from its handshake on, which __init__ carries out.
 
+    session  of a connection before, to resume if the platform does
+    wait     may be set anew at any time
+
     Raises OSError if there is no TLS, and Gone.
     """
 
-    def __init__(self, plain: socket.socket, address: Address, wait: Wait) -> None:
+    def __init__(self, plain: socket.socket, address: Address, wait: Wait,
+                 session: ssl.SSLSession | None = None) -> None:
         plain.settimeout(0)
-        self._wait = wait
-        self._socket = _context().wrap_socket(plain, server_hostname=address.server_name,
+        self.wait = wait
+        self._socket = _context().wrap_socket(plain, server_hostname=address.server_name, session=session,
                                               do_handshake_on_connect=False, suppress_ragged_eofs=False)
         try:
             self._complete(self._socket.do_handshake)
         except BaseException:
             self.close()
             raise
+
+    def __enter__(self) -> Upstream:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    @property
+    def session(self) -> ssl.SSLSession | None:
+        """For a later connection to resume."""
+        return self._socket.session
+
+    @property
+    def resumed(self) -> bool:
+        """Whether the platform knew the session."""
+        return bool(self._socket.session_reused)
 
     def tls(self) -> dict[str, str]:
         """Version, cipher and certificate, for people."""
@@ -85,7 +105,7 @@ class Upstream:
                 events = select.POLLIN
             except ssl.SSLWantWriteError:
                 events = select.POLLOUT
-            if not self._wait(self._socket.fileno(), events):
+            if not self.wait(self._socket.fileno(), events):
                 raise Gone
 
 

@@ -1,0 +1,1 @@
+"""The test kit for who builds a platform: whether cameras can fetch from it, check by check."""
