@@ -6,6 +6,7 @@ import threading
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, field
+from datetime import datetime, timezone
 from typing import Any, TypeVar
 
 T = TypeVar("T")
@@ -56,9 +57,12 @@ class Journal:
 
     patience  returns what every wait's `timeout` is multiplied by at its end, for a service or a machine that is slow
     take      adds what happened and is told of in no other way: what stands in the log
+    began     when it began, as `Event.time` counts, and began_at on the wall: the clock of all who tell of a run
     """
 
     def __init__(self) -> None:
+        self.began = time.monotonic()
+        self.began_at = datetime.now(timezone.utc)
         self.patience: Callable[[], float] = lambda: 1.0
         self.take: Callable[[], None] = lambda: None
         self._taking = False

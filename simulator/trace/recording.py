@@ -15,11 +15,9 @@ import hashlib
 import json
 import math
 import threading
-import time
 import zlib
 from collections.abc import Callable, Iterator, Mapping, Sequence
 from dataclasses import dataclass, field
-from datetime import datetime, timezone
 from pathlib import Path
 from types import TracebackType
 from typing import Any, BinaryIO, overload
@@ -98,12 +96,12 @@ class Recorder:
         self._kept: set[str] = set()  # what stands in the file already
         self._lock = threading.RLock()
         self._failure: OSError | None = None
-        self._begin = time.monotonic()
+        self._begin = journal.began
         try:
             self._file = self.path.open("wb")
         except OSError as error:
             raise CameraError(f"the run cannot be recorded: {error}") from error
-        self._write({"format": FORMAT, "version": VERSION, "began": datetime.now(timezone.utc).isoformat(),
+        self._write({"format": FORMAT, "version": VERSION, "began": journal.began_at.isoformat(),
                      "bodies": bodies, "about": dict(about or {})})
         self._end = journal.listen(self._note)
 

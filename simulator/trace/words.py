@@ -53,6 +53,10 @@ class Item:
     text            the data as text for people; "" if it is not text
     fault           names the fault that changed it, "" for none
     connection      number of the TCP connection it belongs to, 0 for none
+    number          in the order of the items, from 1
+    answers, after  number of the item that it answers, 0 for none, and the seconds between
+    asks            whether it asks for an answer
+    message, socket  what docs/messages.md calls it, and where it goes
 
     For who watches while it happens:
 
@@ -77,6 +81,12 @@ class Item:
     text: str = ""
     fault: str = ""
     connection: int = 0
+    number: int = 0
+    answers: int = 0
+    after: float = 0.0
+    asks: bool = False
+    message: str = ""
+    socket: str = ""
     short: str = ""
     whole: str = ""
     values: dict[str, Any] = field(default_factory=dict)
@@ -101,7 +111,7 @@ def cut(text: str, limit: int = _WHOLE_LIMIT) -> str:
 def _item(entry: Entry, source: str, target: str, title: str, **details: Any) -> Item:
     details.setdefault("size", length(details.get("data", b"")))
     return Item(entry.number, entry.time, entry.type, source, target, visible(title),
-                connection=entry.fields.get("connection") or 0, **details)
+                connection=entry.fields.get("connection") or 0, socket=entry.fields.get("socket", ""), **details)
 
 
 def _datagram(entry: Entry) -> Item:
@@ -219,7 +229,7 @@ def _file(entry: Entry) -> Item:
 
 def _buffer(entry: Entry) -> Item:
     return _item(entry, "events", "", f"put buffer {entry.buffer_id} into the event cache", data=entry.data,
-                 fields=_placed(describe_block(entry.data), entry.data),
+                 values={"identifier": entry.buffer_id}, fields=_placed(describe_block(entry.data), entry.data),
                  detail=f"{size(entry.data)}: {one_line(printable(entry.data[wire.BLOCK_HEADER_SIZE:]))}")
 
 

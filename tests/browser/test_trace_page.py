@@ -119,8 +119,8 @@ def lightness(driver: webdriver.Chrome, selector: str, name: str) -> int:
 def test_overview_tells_the_run(show: Callable[..., webdriver.Chrome]) -> None:
     driver = show()
     stages = [element.text.split("\n")[0] for element in driver.find_elements(By.CSS_SELECTOR, "button.stage")]
-    assert stages == ["Start", "whiteListDown", "page 0 to 29", "page 30 to 30", "whiteListDown", "page 0 to 0",
-                      "faceNotHitDown"]
+    assert [name for name in stages if name != "Idle"] == [  # idle it is on a slow machine
+        "Start", "whiteListDown", "page 0 to 29", "page 30 to 30", "whiteListDown", "page 0 to 0", "faceNotHitDown", "Stop"]
     first, second, broken = driver.find_elements(By.CSS_SELECTOR, ".stage.page > svg")
     for whole in (first, second):
         assert [bar.get_attribute("class") for bar in whole.find_elements(By.TAG_NAME, "rect")] == [
@@ -131,13 +131,13 @@ def test_overview_tells_the_run(show: Callable[..., webdriver.Chrome]) -> None:
     assert len(broken.find_elements(By.CSS_SELECTOR, ".mark")) == 1
     numbers = {tile.find_element(By.TAG_NAME, "span").text: tile.find_element(By.TAG_NAME, "b").text
                for tile in driver.find_elements(By.CSS_SELECTOR, ".number")}
-    assert [numbers[name] for name in ("pages", "pictures", "HTTPS requests", "fault")] == ["3", "31", "5", "1"]
+    assert [numbers[name] for name in ("pages", "pictures", "HTTPS requests", "failure")] == ["3", "31", "5", "1"]
 
 
 def test_arrows_go_from_process_to_process(show: Callable[..., webdriver.Chrome]) -> None:
     driver = show()
     heads = {element.text: element.rect["x"] + element.rect["width"] / 2
-             for element in driver.find_elements(By.CSS_SELECTOR, ".processes .lanes span")}
+             for element in driver.find_elements(By.CSS_SELECTOR, ".processes .lanes button")}
     assert list(heads) == ["event cache", "client", "service", "ITGT", "platform"]
     for text, left, right in (("service to ITGT: 7020", "service", "ITGT"),
                               ("ITGT to service: 7020", "service", "ITGT"),
@@ -203,7 +203,7 @@ def test_what_repeats_is_folded(show: Callable[..., webdriver.Chrome]) -> None:
     driver = show()
     before = len(messages(driver, "7021"))
     fold = driver.find_elements(By.CSS_SELECTOR, "button.more")[0]
-    assert "more times: 7021 face import progress" in fold.text
+    assert "more times: 7021 CMD_FACE_IMPORT_PROGRESS" in fold.text
     driver.execute_script("arguments[0].click()", fold)
     assert len(messages(driver, "7021")) > before
 
