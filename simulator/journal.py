@@ -11,6 +11,9 @@ from typing import Any, TypeVar
 
 T = TypeVar("T")
 
+# Seconds of one wait: a signal that comes just as Python begins to wait is handled only at its end.
+_STEP = 0.5
+
 
 @dataclass(frozen=True)
 class Event:
@@ -162,4 +165,4 @@ class Journal:
         if left <= 0:
             last = "\n  ".join(str(event) for event in self._events[-15:]) or "nothing at all"
             raise TimeoutError(f"not seen within {timeout:g} s; the last events were:\n  {last}")
-        self._changed.wait(left)
+        self._changed.wait(min(left, _STEP))

@@ -24,8 +24,8 @@ HOOKS = {"on_message": "a hook changed the answer", "on_request": "a hook change
 _MESSAGE_HEADER_END = 168  # bytes of a MSG_DATA up to its command
 _WHOLE_LIMIT = 900  # characters of a message with all its details
 # Fields that are the same in nearly every message.
-_LITTLE_SAID = {"destination", "source", "subtype", "module", "constant", "zero", "zero_244", "zero_260", "zero_264",
-                "magic", "header_length", "unused"}
+_LITTLE_SAID = {"destPath", "srcPath", "subType", "module", "Count", "ImportFileFlag", "reserved2", "reserved4",
+                "reserved5", "magic", "headerLength", "unused"}
 
 
 @dataclass(frozen=True)
@@ -157,18 +157,19 @@ def _command(data: bytes) -> tuple[str, str, dict[str, Any]]:
 
 
 def _ready(fields: dict[str, Any]) -> str:
-    return f"{fields.get('current')} of {fields.get('total')}, {'ready' if fields.get('status') == 1 else 'not ready'}"
+    ready = "ready" if fields.get("ProgressStatus") == 1 else "not ready"
+    return f"{fields.get('ProgressCurrent')} of {fields.get('ProgressTotal')}, {ready}"
 
 
 # By command: the few words of request and reply.
 _SHORT: dict[int, tuple[Callable[[dict[str, Any]], str], Callable[[dict[str, Any]], str]]] = {
     wire.READY: (lambda fields: "the service is up", lambda fields: ""),
-    wire.SET_LIST: (lambda fields: f"set list {fields.get('list_name')}", lambda fields: "set"),
-    wire.CLEAR_LISTS: (lambda fields: "clear the lists", lambda fields: f"status {fields.get('status')}"),
-    wire.IMPORT_FILE: (lambda fields: f"page file {fields.get('file_name')}",
-                       lambda fields: f"import task {fields.get('import_task_id')}"),
-    wire.IMPORT_PROGRESS: (lambda fields: f"how far is {fields.get('import_task_id')}?", _ready),
-    wire.IMPORT_TIME: (lambda fields: "what time?", lambda fields: str(fields.get("time_text")))}
+    wire.SET_LIST: (lambda fields: f"set list {fields.get('ListName')}", lambda fields: "set"),
+    wire.CLEAR_LISTS: (lambda fields: "clear the lists", lambda fields: f"status {fields.get('ClearStatus')}"),
+    wire.IMPORT_FILE: (lambda fields: f"page file {fields.get('ImportFileName')}",
+                       lambda fields: f"import task {fields.get('ImportFileTaskId')}"),
+    wire.IMPORT_PROGRESS: (lambda fields: f"how far is {fields.get('ProgressTaskId')}?", _ready),
+    wire.IMPORT_TIME: (lambda fields: "what time?", lambda fields: str(fields.get("PageTime")))}
 
 
 def _exchange(message: wire.Message, reply: bool) -> str:
@@ -294,8 +295,8 @@ def _report(data: dict[str, Any]) -> Words:
 
 def _list(data: dict[str, Any]) -> Words:
     fields = data["face_list"]
-    return (f"got face list {fields['list_id']} \"{fields['list_name']}\", type {fields['list_type']}, "
-            f"on control {fields['on_control']}, threshold {fields['threshold']}", "")
+    return (f"got face list {fields['ListId']} \"{fields['ListName']}\", type {fields['ListType']}, "
+            f"on control {fields['ListOnControl']}, threshold {fields['ListThreshold']}", "")
 
 
 # Each note in words, and to whom it is shown. Those of HIDDEN say again what messages say: only a viewer sees them.

@@ -34,7 +34,8 @@ def tell(journal: Journal) -> None:
     def log(text: str, level: str = "INFO") -> None:
         journal.add("service", "log", record=LogRecord("2026-01-01T00:00:00.000", level, "a/b", 7, text))
     journal.add("service", "started", pid=1)
-    journal.add("events", "subscribed", data=wire.encode(wire.SUBSCRIPTION, 304, magic=0x5331, publisher="gate.saas"))
+    journal.add("events", "subscribed", data=wire.encode(wire.SUBSCRIPTION, 304, magic=0x5331,
+                                                         publisherName="gate.saas"))
     journal.add("events", "published", buffer_id=9, data=wire.encode_block(b"{}\0"))
     journal.add("events", "notified", data=wire.encode_notification(9, 58, descriptor_offset=20))
     body = json.dumps({"taskName": "whiteListDown", "taskInfo": {"cameraCode": HOSTILE}}).encode()
@@ -50,10 +51,11 @@ def tell(journal: Journal) -> None:
     journal.add("platform", "request", request=request(1, b'{"startIndex": 30, "offset": 15}'), target="/list")
     journal.add("platform", "response", response=Response(body=PAGE), connection=1)
     journal.add("platform", "closed", connection=1, port=8443, requests=1)
-    told = wire.encode_request("/tmp/II", "/tmp/CP", 7020, constant=3, directory="/tmp/d/", file_name="white30")
+    told = wire.encode_request("/tmp/II", "/tmp/CP", 7020, Count=3, ImportFileDirectory="/tmp/d/",
+                               ImportFileName="white30")
     journal.add("itgt", "received", message=told, command=7020)
     journal.add("itgt", "page", page=Import(4_300_000_001, "white30", [{}] * 15))
-    journal.add("itgt", "sent", message=wire.encode_reply(told, import_task_id=4_300_000_001), path="/tmp/CP")
+    journal.add("itgt", "sent", message=wire.encode_reply(told, ImportFileTaskId=4_300_000_001), path="/tmp/CP")
     journal.add("itgt", "picture", task_id=1, record_id="x", result=0, done=1, total=15)
     journal.add("itgt", "file", path="/tmp/state", content=b'{"a": 1}')
     journal.add("itgt", "hooked", name="script", command=7021)
@@ -128,12 +130,12 @@ def test_who_said_what_to_whom(recorded: Path, run: Callable[..., str]) -> None:
 
 
 @pytest.mark.parametrize("title, field", [
-    ("7020 CMD_FACE_IMPORT_FILE request", {"name": "file_name", "offset": 448, "width": 132, "value": "white30"}),
-    ("7020 CMD_FACE_IMPORT_FILE reply", {"name": "import_task_id", "offset": 584, "width": 8, "value": "4300000001"}),
+    ("7020 CMD_FACE_IMPORT_FILE request", {"name": "ImportFileName", "offset": 448, "width": 132, "value": "white30"}),
+    ("7020 CMD_FACE_IMPORT_FILE reply", {"name": "ImportFileTaskId", "offset": 584, "width": 8, "value": "4300000001"}),
     ("command head", {"name": "tag", "offset": 240, "width": 4, "value": "77"}),
-    ("subscription record", {"name": "publisher", "offset": 32, "width": 16, "value": "gate.saas"}),
-    ("notification", {"name": "buffer_id", "offset": 20, "width": 4, "value": "9"}),
-    ("put buffer 9 into the event cache", {"name": "data_length", "offset": 52, "width": 4, "value": "3"}),
+    ("subscription record", {"name": "publisherName", "offset": 32, "width": 16, "value": "gate.saas"}),
+    ("notification", {"name": "identifier", "offset": 20, "width": 4, "value": "9"}),
+    ("put buffer 9 into the event cache", {"name": "dataLength", "offset": 52, "width": 4, "value": "3"}),
     ("POST /list", {"name": "Host", "offset": 21, "width": 7, "value": "h"}),
     ("POST /list", {"name": "body", "offset": 32, "width": 32, "value": "32 bytes"}),
 ])
@@ -165,8 +167,8 @@ def test_text(recorded: Path, run: Callable[..., str]) -> None:
     text = run(recorded)
     assert re.match(r"recorded 20\d\d-\d\d-\d\d \d\d:\d\d:\d\d UTC, build host, \d\.\d s: 11 datagrams, "
                     "2 HTTPS requests, 1 files, 4 log records, 1 faults\n", text)
-    assert re.search(r"^ +0\.\d{3} s  service → ITGT +7020 CMD_FACE_IMPORT_FILE request  directory='/tmp/d/' "
-                     "file_name='white30'$", text, re.MULTILINE)
+    assert re.search(r"^ +0\.\d{3} s  service → ITGT +7020 CMD_FACE_IMPORT_FILE request  ImportFileDirectory='/tmp/d/' "
+                     "ImportFileName='white30'$", text, re.MULTILINE)
     assert "[fault: script]" in text
 
 

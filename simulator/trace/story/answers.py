@@ -76,7 +76,7 @@ class Answers:
                 or self._take_out(lambda one: one.peer == item.source))
 
     def _events(self, item: Item) -> Asked | None:
-        return self._take_out(lambda one: (one.peer, one.key) == ("events", item.values.get("buffer_id")))
+        return self._take_out(lambda one: (one.peer, one.key) == ("events", item.values.get("identifier")))
 
     def _ask(self, item: Item, peer: str, key: int) -> None:
         self.waiting.append(Asked(item.number, item.time, item.title, peer, key))

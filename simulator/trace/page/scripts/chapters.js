@@ -36,8 +36,8 @@ function setOpen(chapter, open) {
 }
 
 // Opens as many chapters as are drawn quickly: those with failures first, then the newest of a run that goes on. What the
-// reader opened or closed stays so.
-function openSome() {
+// reader opened or closed stays so. What is open already is drawn anew only when it shows something else.
+function openSome(anew) {
   let left = ROWS_AT_ONCE;
   const opened = new Set();
   const inOrder = run.live ? [...chapters].reverse() : chapters;
@@ -48,7 +48,7 @@ function openSome() {
   }
   for (const chapter of chapters) {
     const open = chapter.chosen && !narrowed() ? chapter.open : opened.has(chapter);
-    if (open || chapter.open !== open) setOpen(chapter, open);
+    if (anew && open || chapter.open !== open) setOpen(chapter, open);
   }
 }
 
@@ -57,15 +57,19 @@ function reveal(item, found = false) {
   const chapter = chapters[item.chapter];
   if (!chapter.shown.some((row) => row.item === item || row.logs.includes(item))) showAll();
   showKind(item.kind);
-  document.querySelector(".target")?.classList.remove("target");
+  const before = document.querySelector(".target");
+  before?.classList.remove("target");
+  if (found && before?.querySelector(".detail") && target !== item) unfold(before, target, false);
   target = item;
   if (!chapter.open) setOpen(chapter, true);
   if (!document.getElementById(placeOf(item))) chapter.body.replaceChildren(...drawRows(chapter.shown, false));
   const element = document.getElementById(placeOf(item));
   element.classList.add("target");
-  if (item.kind !== "log" && !(found && element.querySelector("mark"))) unfold(element, item, true);
-  const mark = found && element.querySelector(item.kind === "log" ? "mark" : ".label mark, .detail mark");
-  (mark || element).scrollIntoView({ block: "center" });
+  if (item.kind !== "log") unfold(element, item, true);
+  const mark = found && (element.querySelector(".detail mark") ?? element.querySelector("mark"));
+  const scroll = () => (mark || element).scrollIntoView({ block: "center" });
+  scroll();
+  requestAnimationFrame(scroll);  // what came into view has its real height now, and moved what is below it
 }
 
 // Shows the item that the page's address names, when it is known.

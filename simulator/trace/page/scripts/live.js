@@ -14,7 +14,7 @@ async function follow() {
     run.seconds = Math.max(run.seconds, answer?.seconds ?? 0);
     const grown = [...changed].some((number) => !chapters[number].element);
     show(changed);
-    if (grown) openSome();
+    if (grown) openSome(false);
     followed ||= changed.size > 0 && followAddress();
     state.textContent = run.ended ? "it has ended" : "it goes on";
     await new Promise((done) => setTimeout(done, answer?.more ? 0 : AGAIN));

@@ -51,7 +51,7 @@ function narrowDown() {
   const shown = chapters.flatMap((chapter) => chapter.shown.flatMap((row) => [row.item, ...row.logs].filter(Boolean)));
   hits = words.length ? shown.map((item) => item.number) : [];
   current = -1;
-  openSome();
+  openSome(true);
   document.getElementById("found").textContent = narrowed() ? `${shown.length} of ${items.size}` : "";
   if (hits.length) showHit(1);
 }

@@ -3,9 +3,10 @@
 function show(changed) {
   for (const number of [...changed].sort((one, other) => one - other)) {
     const chapter = chapters[number];
-    const fresh = !chapter.element;
     drawChapter(chapter);
-    if (!fresh && chapter.open) setOpen(chapter, true);
+    const state = [chapter.items.length, chapter.over, ...failuresOf(chapter).map((failure) => failure.item)].join();
+    if (chapter.open && chapter.state !== state) setOpen(chapter, true);
+    chapter.state = state;
   }
   showNumbers();
   if (changed.size || chapters.some(goesOn)) showOverview();
@@ -18,6 +19,6 @@ showLegend();
 showTools();
 watchKeys();
 show(take(run.batch));
-openSome();
+openSome(true);
 followAddress();
 addEventListener("hashchange", followAddress);
