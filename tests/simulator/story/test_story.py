@@ -2,15 +2,20 @@
 
 from __future__ import annotations
 
+import base64
+import os
+import random
 import re
 import signal
+import subprocess
 from pathlib import Path
 
 import pytest
 
-from camsim_runs import ROOT, Camsim
+from camsim_runs import CAMSIM, ROOT, Camsim
+from simulator import Journal, Response
 from simulator.trace.chapters import chapters_of
-from simulator.trace.recording import read
+from simulator.trace.recording import Recorder, read
 from simulator.trace.story.chapter import Chapter, Failure
 from simulator.trace.words import Item
 from support import StartCamera, at_most, wait_end
@@ -163,3 +168,19 @@ def test_request_that_nobody_answers(camsim: Camsim, tmp_path: Path) -> None:
     answered = {item.answers for item in items.values()}
     assert [item.title for item in items.values() if item.asks and item.number not in answered] == [
         "POST /platform/whiteList"]
+
+
+@pytest.mark.seconds(20)
+def test_memory_of_a_thousand_faces(tmp_path: Path) -> None:
+    """The page of 34 pages with pictures: `camsim trace` reads them one after the other."""
+    journal = Journal()
+    with Recorder(journal, tmp_path / "run"):
+        for number in range(34):
+            page = base64.b64encode(random.Random(number).randbytes(3_000_000))
+            journal.add("platform", "response", response=Response(body=page), connection=number)
+            journal.add("itgt", "file", path=f"/{number}", content=page)
+            journal.forget()
+    process = subprocess.Popen([CAMSIM, "trace", tmp_path / "run", "--html", tmp_path / "page"],
+                               stdout=subprocess.DEVNULL)
+    _, status, used = os.wait4(process.pid, 0)
+    assert status == 0 and used.ru_maxrss < 150_000, "kilobytes"

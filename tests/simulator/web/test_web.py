@@ -8,6 +8,7 @@ import json
 import signal
 import socket
 import time
+import tracemalloc
 from pathlib import Path
 from typing import Any
 from urllib.parse import urlsplit
@@ -177,3 +178,17 @@ def test_ends_at_once_with_a_browser_connected(up: StartUp, number: int) -> None
         begin = time.monotonic()
         assert one.stop(number) == 0
         assert time.monotonic() - begin < at_most(5.0)
+
+
+def test_run_is_not_held_in_memory(tmp_path: Path) -> None:
+    journal = Journal()
+    with PageServer(journal, lambda path: tmp_path, {}) as server:
+        tracemalloc.start()
+        try:
+            for number in range(40):
+                journal.add("itgt", "file", path=f"/{number}", content=b"%d" % number * 1_000_000)
+                wait_told(server.url, f"wrote /{number}")
+                journal.forget()
+            assert tracemalloc.get_traced_memory()[0] < 20_000_000, "of 70 million bytes"
+        finally:
+            tracemalloc.stop()
