@@ -348,6 +348,15 @@ def test_only_one_process(show: Callable[..., webdriver.Chrome]) -> None:
     assert {text.partition(":")[0].replace("service", "").replace(" to ", "") for text in spoken} == {"ITGT", "client"}
 
 
+def test_what_is_open_stays_open(show: Callable[..., webdriver.Chrome]) -> None:
+    driver = show()
+    unfold(driver, messages(driver, "ITGT to service: 7031")[0])
+    press(driver, "ITGT")
+    assert len(driver.find_elements(By.CSS_SELECTOR, ".detail")) == 1
+    press(driver, "ITGT")
+    assert len(driver.find_elements(By.CSS_SELECTOR, ".detail")) == 1
+
+
 def test_only_failures(show: Callable[..., webdriver.Chrome]) -> None:
     driver = show()
     press(driver, "only failures")

@@ -13,7 +13,7 @@ from pathlib import Path
 import pytest
 
 from camsim_runs import CAMSIM, ROOT, Camsim
-from simulator import Journal, Response
+from simulator import Journal, Response, wire
 from simulator.trace.chapters import chapters_of
 from simulator.trace.recording import Recorder, read
 from simulator.trace.story.chapter import Chapter, Failure
@@ -76,12 +76,16 @@ def test_failure_has_its_reason_its_fault_and_its_place(camsim: Camsim, tmp_path
 
 
 def test_unanswered_page_and_the_download_that_it_held_up(camsim: Camsim, tmp_path: Path) -> None:
-    found = failures(played(camsim, tmp_path, "itgt-silent"))
+    chapters = played(camsim, tmp_path, "itgt-silent")
+    found = failures(chapters)
     assert re.fullmatch("(whiteListDown|a command during .*) was refused, status 409: not allowed,.*", found[0].text)
     assert [(failure.fault, failure.text.partition(",")[0]) for failure in found[1:]] == [
         ("itgt.silent", "ITGT did not answer 7020 CMD_FACE_IMPORT_FILE"),
         ("", "page 0 to 0 was not done when the service was stopped")]
     assert found[0].fault == ""
+    page, stop = chapters[-2:]
+    told = next(item for item in page.items if item.title == "7020 CMD_FACE_IMPORT_FILE request")
+    assert page.phases[-1] == ("import", told.time, stop.begin), "it goes on until the stop"
 
 
 def test_fault_without_a_failure_is_told_as_such(camsim: Camsim, tmp_path: Path) -> None:
@@ -161,6 +165,17 @@ def test_requests_are_paired_with_their_answers_on_every_wire(start_camera: Star
     assert len(pairs) == len({asked.number for asked, _ in pairs}), "no request is answered twice"
     assert not [item.title for item in items.values() if item.asks and item.number not in {
         asked.number for asked, _ in pairs}]
+
+
+def test_same_tag_twice(tmp_path: Path) -> None:
+    journal = Journal()
+    with Recorder(journal, tmp_path / "run"):
+        for status in (200, 400):
+            for direction, body in (("sent", b'{"taskName": "x"}'), ("received", b'{"StatusCode": %d}' % status)):
+                journal.add("client", direction, data=wire.encode_head(7, len(body)))
+                journal.add("client", direction, data=body)
+    items = all_items(chapters_of(read(tmp_path / "run")))
+    assert [(item.answers, item.number) for item in items.values() if item.answers] == [(2, 4), (6, 8)]
 
 
 def test_request_that_nobody_answers(camsim: Camsim, tmp_path: Path) -> None:

@@ -135,8 +135,9 @@ def test_only_the_loopback_listens(server: Any) -> None:
     assert listening == [f"0100007F:{port:04X}"]
 
 
-def test_browsers_that_do_not_read_hold_up_nobody(tmp_path: Path) -> None:
+def test_browsers_that_do_not_read_hold_up_nobody(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     """More of them than are served at once, too: those are turned away."""
+    monkeypatch.setattr("simulator.web.server._Handler.timeout", DEADLINE)
     journal = Journal()
     with contextlib.ExitStack() as silent, contextlib.ExitStack() as serving:
         server = serving.enter_context(PageServer(journal, lambda path: tmp_path, {}))
