@@ -11,6 +11,9 @@ from typing import Any, TypeVar
 
 T = TypeVar("T")
 
+# Seconds of one wait: a signal that comes just as Python begins to wait is handled only at its end.
+_STEP = 0.5
+
 
 @dataclass(frozen=True)
 class Event:
@@ -58,6 +61,7 @@ class Journal:
     began     monotonic seconds; what is shown and recorded counts from here, which is `began_at` on the wall clock
     patience  returns what every wait's `timeout` is multiplied by at its end, for a service or a machine that is slow
     take      adds what happened and is told of in no other way: what stands in the log
+    began     when it began, as `Event.time` counts, and began_at on the wall: the clock of all who tell of a run
     """
 
     def __init__(self) -> None:
@@ -162,4 +166,4 @@ class Journal:
         if left <= 0:
             last = "\n  ".join(str(event) for event in self._events[-15:]) or "nothing at all"
             raise TimeoutError(f"not seen within {timeout:g} s; the last events were:\n  {last}")
-        self._changed.wait(left)
+        self._changed.wait(min(left, _STEP))

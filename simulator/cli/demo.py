@@ -58,7 +58,7 @@ def white_list_down(camera: Camera, show: Display, faces: int) -> None:
 def white_list_clear(camera: Camera, show: Display) -> None:
     show.heading("whiteListClear: the face library clears its lists and gets the configured ones back")
     _command(camera, show, "whiteListClear", {"cameraCode": "C1"})
-    names = [fields["list_name"] for fields in camera.faces.applied]
+    names = [fields["ListName"] for fields in camera.faces.applied]
     _expect("face lists set", names, [element["FaceListName"] for element in camera.faces.lists])
 
 

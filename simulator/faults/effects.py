@@ -81,27 +81,27 @@ def twice(_peer: MessagePeer, _message: wire.Message, answer: Ask, _values: Valu
        Parameter("task", 0, "the number of that import"), command=wire.IMPORT_FILE)
 def import_refused(_peer: MessagePeer, message: wire.Message, _answer: Ask, values: Values) -> Reply:
     """No import begins, and no import has the number in the reply."""
-    return wire.encode_reply(message, import_task_id=values.task)
+    return wire.encode_reply(message, ImportFileTaskId=values.task)
 
 
 fault(ANSWER, "itgt.never-ready", "reports every import as unfinished", command=wire.IMPORT_PROGRESS)(
-    lambda _peer, _message, answer, _values: _overwritten(answer, status=0))
+    lambda _peer, _message, answer, _values: _overwritten(answer, ProgressStatus=0))
 
 
 @fault(ANSWER, "itgt.ready-after", "reports an import as unfinished a number of times",
        Parameter("polls", 3, "how many times"), command=wire.IMPORT_PROGRESS)
 def progress_after(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -> Reply:
     reply = answer()
-    page = peer.imports.get(message.request["import_task_id"])
+    page = peer.imports.get(message.request["ProgressTaskId"])
     if page is None or page.polls > values.polls or not isinstance(reply, bytes):
         return reply
-    return wire.encode_reply(reply, same_header=True, status=0)
+    return wire.encode_reply(reply, same_header=True, ProgressStatus=0)
 
 
 @fault(ANSWER, "itgt.bad-pictures", "finds every picture unreadable", command=wire.IMPORT_FILE)
 def bad_pictures(_peer: MessagePeer, message: wire.Message, answer: Ask, _values: Values) -> Reply:
     """Overwrites the page file before ITGT looks into it."""
-    path = _peer.outside(message.request["directory"] + message.request["file_name"])
+    path = _peer.outside(message.request["ImportFileDirectory"] + message.request["ImportFileName"])
     path.write_bytes(path.read_bytes().replace(b'"picture": "', b'"picture": "!'))
     return answer()
 
@@ -112,9 +112,9 @@ def bad_pictures(_peer: MessagePeer, message: wire.Message, answer: Ask, _values
 def state_file(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -> Reply:
     """Spoils the state file once the import is done."""
     reply = answer()
-    page = peer.imports.get(message.request["import_task_id"])
+    page = peer.imports.get(message.request["ProgressTaskId"])
     if page is not None and page.finished:
-        path = peer.outside(wire.Message(reply).reply["state_file"])
+        path = peer.outside(wire.Message(reply).reply["ProgressStatePath"])
         if values.what == "missing":
             path.unlink(missing_ok=True)
         else:
@@ -124,7 +124,7 @@ def state_file(peer: Itgt, message: wire.Message, answer: Ask, values: Values) -
 
 fault(ANSWER, "faces.refuses", "refuses to clear its lists",
       Parameter("status", 1, "the status that it answers", at_least=1), command=wire.CLEAR_LISTS)(
-    lambda _peer, _message, answer, values: _overwritten(answer, status=values.status))
+    lambda _peer, _message, answer, values: _overwritten(answer, ClearStatus=values.status))
 
 
 @fault(ANSWER, "faces.configuration", "hands out an unusable configuration",
@@ -245,7 +245,7 @@ fault(SEND, "client.garbage", "sends random bytes as the body", _bytes(100, "how
 @fault(SEND, "client.wrong-command", "sends a command that does not exist")
 def client_wrong_command(_client: Client, datagrams: Datagrams, _values: Values) -> Datagrams:
     body = b'{"taskName":"noSuchCommand","taskInfo":{}}'
-    return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=len(body)), body]
+    return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], bodyLength=len(body)), body]
 
 
 fault(SEND, "client.truncated", "leaves out the last bytes of the body",
@@ -255,7 +255,7 @@ fault(SEND, "client.truncated", "leaves out the last bytes of the body",
 
 @fault(SEND, "client.claims", "claims a different length in the head", _bytes(0, "the length"))
 def client_claims(_client: Client, datagrams: Datagrams, values: Values) -> Datagrams:
-    return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], body_length=values.bytes), *datagrams[1:]]
+    return [wire.encode(wire.HEAD, wire.HEAD_SIZE, base=datagrams[0], bodyLength=values.bytes), *datagrams[1:]]
 
 
 # What the event cache's publisher sends in place of a notification.
@@ -283,7 +283,7 @@ def event_status(_events: EventPublisher, packets: list[bytes], values: Values) 
 def event_buffer(_events: EventPublisher, packets: list[bytes], values: Values) -> list[bytes]:
     """The descriptor behind the head names a buffer that is not there."""
     return [packet[:-wire.DESCRIPTOR_SIZE] + wire.encode(wire.DESCRIPTOR, wire.DESCRIPTOR_SIZE,
-                                                         base=packet[-wire.DESCRIPTOR_SIZE:], buffer_id=values.number)
+                                                         base=packet[-wire.DESCRIPTOR_SIZE:], identifier=values.number)
             for packet in packets]
 
 

@@ -36,7 +36,7 @@ def describe(data: bytes, reply: bool = False) -> Description:
 
 def describe_notification(data: bytes) -> Description:
     """A notification of the event cache, with its descriptor when that lies inside the packet."""
-    offset = wire.decode(wire.NOTIFICATION, data).get("descriptor_offset", len(data))
+    offset = wire.decode(wire.NOTIFICATION, data).get("descriptorOffset", len(data))
     moved = tuple(dataclasses.replace(field, offset=offset + field.offset) for field in wire.DESCRIPTOR)
     return _decoded("notification", wire.NOTIFICATION + moved, data)
 

@@ -73,9 +73,9 @@ def _to_end(offset: int) -> int:
 
 # MSG_DATA: the header that every message has, and the payload of each command's request and reply.
 HEADER: Table = (
-    Field("destination", 0, "text", 8),
-    Field("source", 8, "text", 8),
-    Field("subtype", 160, "u32"),
+    Field("destPath", 0, "text", 8),
+    Field("srcPath", 8, "text", 8),
+    Field("subType", 160, "u32"),
     Field("command", 164, "u32"),
     Field("module", 200, "i64"),
 )
@@ -94,70 +94,70 @@ class Command:
 COMMANDS: dict[int, Command] = {command.code: command for command in (
     Command(READY, "CMD_CUSTOM_PROTOCOL_READY", 4, 0),
     Command(SET_LIST, "CMD_ALARM_FACE_LIB_SET", 1, 101, request=(
-        Field("constant", 208, "u32"),
-        Field("list_id", 216, "u64"),
-        Field("list_type", 224, "i32"),
-        Field("on_control", 228, "i32"),
-        Field("threshold", 232, "i64"),
-        Field("list_name", 240, "text", 65),
+        Field("Count", 208, "u32"),
+        Field("ListId", 216, "u64"),
+        Field("ListType", 224, "i32"),
+        Field("ListOnControl", 228, "i32"),
+        Field("ListThreshold", 232, "i64"),
+        Field("ListName", 240, "text", 65),
     )),
     Command(CLEAR_LISTS, "CMD_FACE_LIB_CLEAR", 0, 101, reply=(
-        Field("status", 176, "u32"),
-        Field("configuration", 216, "text", _to_end(216)),
+        Field("ClearStatus", 176, "u32"),
+        Field("ClearConfigPath", 216, "text", _to_end(216)),
     )),
     Command(IMPORT_FILE, "CMD_FACE_IMPORT_FILE", 1, 101, request=(
-        Field("constant", 208, "u32"),
-        Field("zero", 312, "u32"),
-        Field("directory", 316, "text", 132),
-        Field("file_name", 448, "text", 132),
+        Field("Count", 208, "u32"),
+        Field("ImportFileFlag", 312, "u32"),
+        Field("ImportFileDirectory", 316, "text", 132),
+        Field("ImportFileName", 448, "text", 132),
     ), reply=(
-        Field("import_task_id", 584, "i64"),
+        Field("ImportFileTaskId", 584, "i64"),
     )),
     Command(IMPORT_PROGRESS, "CMD_FACE_IMPORT_PROGRESS", 0, 101, request=(
-        Field("import_task_id", 304, "i64"),
+        Field("ProgressTaskId", 304, "i64"),
     ), reply=(
-        Field("status", 312, "u32"),
-        Field("total", 320, "i64"),
-        Field("current", 328, "i64"),
-        Field("state_file", 336, "text", _to_end(336)),
+        Field("ProgressStatus", 312, "u32"),
+        Field("ProgressTotal", 320, "i64"),
+        Field("ProgressCurrent", 328, "i64"),
+        Field("ProgressStatePath", 336, "text", _to_end(336)),
     )),
     Command(IMPORT_TIME, "CMD_FACE_IMPORT_PAGE", 0, 101, reply=(
-        Field("time_text", 304, "text", _to_end(304)),
+        Field("PageTime", 304, "text", _to_end(304)),
     )),
 )}
 
 # The two datagrams of a command or reply: this head, then the body.
 HEAD: Table = (
-    Field("destination", 0, "text", 8),
-    Field("source", 8, "text", 8),
+    Field("destPath", 0, "text", 8),
+    Field("srcPath", 8, "text", 8),
     Field("tag", 240, "u32"),
-    Field("zero_244", 244, "u32"),
-    Field("body_length", 256, "u32"),
-    Field("zero_260", 260, "u32"),
-    Field("zero_264", 264, "u32"),
+    Field("reserved2", 244, "u32"),
+    Field("bodyLength", 256, "u32"),
+    Field("reserved4", 260, "u32"),
+    Field("reserved5", 264, "u32"),
 )
 
 # The event node: what a subscriber writes, what it reads, and the buffer that it maps.
 SUBSCRIPTION: Table = (
     Field("magic", 0, "u16"),
-    Field("record_type", 3, "u8"),
-    Field("header_length", 8, "u16"),
-    Field("body_length", 12, "u32"),
-    Field("publisher", 32, "text", 16),
-    Field("subscriber_tag", 48, "text", 16),
+    Field("type", 3, "u8"),
+    Field("headerLength", 8, "u16"),
+    Field("bodyLength", 12, "u32"),
+    Field("publisherName", 32, "text", 16),
+    Field("subscriberTag", 48, "text", 16),
 )
 NOTIFICATION: Table = (
-    Field("no_buffer", 4, "u16"),
+    Field("noBuffer", 4, "u16"),
     Field("status", 6, "u16"),
-    Field("descriptor_offset", 8, "u16"),
+    Field("descriptorOffset", 8, "u16"),
 )
 DESCRIPTOR: Table = (
-    Field("buffer_id", 0, "u32"),
+    Field("identifier", 0, "u32"),
     Field("unused", 4, "u32"),
     Field("length", 8, "u32"),
     Field("attribute", 12, "u32"),
 )
-BLOCK_HEADER: Table = (Field("data_length", 52, "u32"),)
+BLOCK_HEADER: Table = (Field("dataLength", 52, "u32"),)
 
 
 def encode(table: Table, size: int, base: bytes = b"", **values: Any) -> bytes:
@@ -191,11 +191,11 @@ class Message(bytes):
 
     @property
     def destination(self) -> str:
-        return str(self.header.get("destination", ""))
+        return str(self.header.get("destPath", ""))
 
     @property
     def source(self) -> str:
-        return str(self.header.get("source", ""))
+        return str(self.header.get("srcPath", ""))
 
     @property
     def command(self) -> int:
@@ -219,8 +219,8 @@ class Message(bytes):
 def encode_request(destination: str, source: str, code: int, **payload: Any) -> Message:
     """A request as the service would send it."""
     command = COMMANDS[code]
-    return Message(encode(HEADER + command.request, MESSAGE_SIZE, destination=destination, source=source, command=code,
-                          subtype=command.subtype, module=command.module, **payload))
+    return Message(encode(HEADER + command.request, MESSAGE_SIZE, destPath=destination, srcPath=source, command=code,
+                          subType=command.subtype, module=command.module, **payload))
 
 
 def encode_reply(request: bytes, same_header: bool = False, **values: Any) -> Message:
@@ -233,24 +233,24 @@ def encode_reply(request: bytes, same_header: bool = False, **values: Any) -> Me
     table = HEADER + (COMMANDS[asked.command].reply if asked.command in COMMANDS else ())
     if same_header:
         return Message(encode(table, MESSAGE_SIZE, base=request, **values))
-    header = {**asked.header, "destination": asked.source, "source": asked.destination}
+    header = {**asked.header, "destPath": asked.source, "srcPath": asked.destination}
     return Message(encode(table, MESSAGE_SIZE, **{**header, **values}))
 
 
 def encode_head(tag: int, body_length: int, destination: str = COMMAND_SOCKET, source: str = CLIENT_SOCKET) -> bytes:
     """The head of a command."""
-    return encode(HEAD, HEAD_SIZE, destination=destination, source=source, tag=tag, body_length=body_length)
+    return encode(HEAD, HEAD_SIZE, destPath=destination, srcPath=source, tag=tag, bodyLength=body_length)
 
 
 def encode_notification(buffer_id: int, length: int, attribute: int = 0, *, status: int = 200, no_buffer: int = 0,
                         descriptor_offset: int = 16) -> bytes:
     """A notification with its buffer descriptor behind it, at `descriptor_offset`."""
-    head = encode(NOTIFICATION, max(descriptor_offset, 10), no_buffer=no_buffer, status=status,
-                  descriptor_offset=descriptor_offset)
-    return head + encode(DESCRIPTOR, DESCRIPTOR_SIZE, buffer_id=buffer_id, length=length, attribute=attribute)
+    head = encode(NOTIFICATION, max(descriptor_offset, 10), noBuffer=no_buffer, status=status,
+                  descriptorOffset=descriptor_offset)
+    return head + encode(DESCRIPTOR, DESCRIPTOR_SIZE, identifier=buffer_id, length=length, attribute=attribute)
 
 
 def encode_block(data: bytes, old_producer: bool = False) -> bytes:
     """A buffer of the event cache: block header and data. Producers before 8.0.1 put 8 more bytes between them."""
     gap = b"\0" * 8 if old_producer else b""
-    return encode(BLOCK_HEADER, BLOCK_HEADER_SIZE, data_length=len(data)) + gap + data
+    return encode(BLOCK_HEADER, BLOCK_HEADER_SIZE, dataLength=len(data)) + gap + data

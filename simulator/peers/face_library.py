@@ -51,7 +51,8 @@ class FaceLibrary(MessagePeer):
             content = json.dumps({"FaceListsArry": self.lists}, ensure_ascii=False).encode()
         self.journal.add(self.name, "cleared", status=self.status)
         file_event(self, self.configuration_path, content)
-        return wire.encode_reply(message, same_header=True, status=self.status, configuration=self.configuration_path)
+        return wire.encode_reply(message, same_header=True, ClearStatus=self.status,
+                                 ClearConfigPath=self.configuration_path)
 
 
 def face_list(list_id: Any, name: Any, *, list_type: Any = 1, on_control: Any = 1,

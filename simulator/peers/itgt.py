@@ -68,12 +68,12 @@ class Itgt(MessagePeer):
         if message.command == wire.IMPORT_PROGRESS:
             return self._progress(message)
         if message.command == wire.IMPORT_TIME:
-            return wire.encode_reply(message, time_text=self.time_text)
+            return wire.encode_reply(message, PageTime=self.time_text)
         return None
 
     def _accept(self, message: wire.Message) -> Reply:
-        path = message.request["directory"] + message.request["file_name"]
-        page = Import(self.next_task_id, message.request["file_name"], _records(self.outside(path)))
+        path = message.request["ImportFileDirectory"] + message.request["ImportFileName"]
+        page = Import(self.next_task_id, message.request["ImportFileName"], _records(self.outside(path)))
         self.next_task_id += 1
         self.imports[page.task_id] = page
         self.journal.add(self.name, "page", page=page)
@@ -83,7 +83,7 @@ class Itgt(MessagePeer):
             importer.start()
         else:
             self._import(page)
-        return wire.encode_reply(message, import_task_id=page.task_id)
+        return wire.encode_reply(message, ImportFileTaskId=page.task_id)
 
     def _import(self, page: Import) -> None:
         for record in page.records:
@@ -101,13 +101,13 @@ class Itgt(MessagePeer):
         page.finished = True
 
     def _progress(self, message: wire.Message) -> Reply:
-        page = self.imports.get(message.request["import_task_id"])
+        page = self.imports.get(message.request["ProgressTaskId"])
         if page is None:
-            return wire.encode_reply(message, status=0)
+            return wire.encode_reply(message, ProgressStatus=0)
         page.polls += 1
         ready = page.finished and page.polls > self.not_ready_answers
-        return wire.encode_reply(message, status=1 if ready else 0, total=len(page.records),
-                                 current=len(page.results), state_file=_state_file(page))
+        return wire.encode_reply(message, ProgressStatus=1 if ready else 0, ProgressTotal=len(page.records),
+                                 ProgressCurrent=len(page.results), ProgressStatePath=_state_file(page))
 
 
 def _state_file(page: Import) -> str:

@@ -122,15 +122,15 @@ def wrong_in_head(head: bytes) -> list[str]:
     if len(head) != wire.HEAD_SIZE:
         return [f"it has {len(head)} bytes, not {wire.HEAD_SIZE}"]
     fields = wire.decode(wire.HEAD, head)
-    wrong = [f"{name} is {fields[field]!r}, not {wanted!r}" for name, field, wanted in (
-        ("destPath", "destination", wire.COMMAND_SOCKET), ("srcPath", "source", wire.CLIENT_SOCKET))
-        if fields[field] != wanted]
-    length = fields["body_length"]
+    wrong = [f"{name} is {fields[name]!r}, not {wanted!r}" for name, wanted in (
+        ("destPath", wire.COMMAND_SOCKET), ("srcPath", wire.CLIENT_SOCKET))
+        if fields[name] != wanted]
+    length = fields["bodyLength"]
     if length == 0:
         wrong.append("bodyLength is 0")
     elif length >= 1 << 24 and (swapped := int.from_bytes(length.to_bytes(4, "little"), "big")) < 1 << 24:
         wrong.append(f"bodyLength is {length}; big-endian it would be {swapped}, and numbers are little-endian")
-    known = [range(field.offset, field.end) for field in wire.HEAD if not field.name.startswith("zero")]
+    known = [range(field.offset, field.end) for field in wire.HEAD if not field.name.startswith("reserved")]
     stray = [offset for offset, byte in enumerate(head) if byte and not any(offset in one for one in known)]
     if stray:
         wrong.append(f"byte {stray[0]} is {head[stray[0]]}, not 0")
@@ -139,7 +139,7 @@ def wrong_in_head(head: bytes) -> list[str]:
 
 def wrong_in_body(head: bytes, body: bytes) -> list[str]:
     """What does not fit in the body behind a head."""
-    announced = wire.decode(wire.HEAD, head).get("body_length", len(body))
+    announced = wire.decode(wire.HEAD, head).get("bodyLength", len(body))
     wrong = [] if announced == len(body) else [f"it has {len(body)} bytes, and its head announced {announced}"]
     try:
         document = json.loads(body)

@@ -101,7 +101,7 @@ def _details(event: Event) -> dict[str, Any]:
 
 def _page_file(message: wire.Message, outside: Callable[[str], Path]) -> list[tuple[str, dict[str, Any]]]:
     """The file that a request tells ITGT to read, as it is at that moment."""
-    path = f"{message.request.get('directory', '')}{message.request.get('file_name', '')}"
+    path = f"{message.request.get('ImportFileDirectory', '')}{message.request.get('ImportFileName', '')}"
     place = outside(path)
     try:
         if ".." in place.parts or not place.is_file():

@@ -35,6 +35,8 @@ class Explainer:
             if entry.name in HOOKS and self._faults.get(entry.source, entry.name) not in HOOKS:
                 return None  # the hook that makes the fault that was named just before
             self._faults[entry.source] = entry.name
+        elif entry.type == "note" and entry.kind == "fault_off":
+            self._faults.pop(entry.source, None)  # what comes from here on is as it should be
         elif item.source in self._faults and item.kind in ("datagram", "response", "step"):
             item = replace(item, fault=self._faults.pop(item.source))
         return item
@@ -48,7 +50,12 @@ def explain(entries: Iterable[Entry]) -> Iterator[Item]:
             continue
         item = explainer.take(entry)
         if item is not None:
-            yield item if len(item.data) <= _KEPT_BYTES else replace(item, data=b"", parts=shown_bytes(item.data))
+            yield trimmed(item)
+
+
+def trimmed(item: Item) -> Item:
+    """An item with only those bytes of a long message that are worth showing."""
+    return item if len(item.data) <= _KEPT_BYTES else replace(item, data=b"", parts=shown_bytes(item.data))
 
 
 def shown_bytes(data: bytes) -> tuple[tuple[int, bytes], ...]:

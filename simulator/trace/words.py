@@ -24,8 +24,8 @@ HOOKS = {"on_message": "a hook changed the answer", "on_request": "a hook change
 _MESSAGE_HEADER_END = 168  # bytes of a MSG_DATA up to its command
 _WHOLE_LIMIT = 900  # characters of a message with all its details
 # Fields that are the same in nearly every message.
-_LITTLE_SAID = {"destination", "source", "subtype", "module", "constant", "zero", "zero_244", "zero_260", "zero_264",
-                "magic", "header_length", "unused"}
+_LITTLE_SAID = {"destPath", "srcPath", "subType", "module", "Count", "ImportFileFlag", "reserved2", "reserved4",
+                "reserved5", "magic", "headerLength", "unused"}
 
 
 @dataclass(frozen=True)
@@ -53,6 +53,10 @@ class Item:
     text            the data as text for people; "" if it is not text
     fault           names the fault that changed it, "" for none
     connection      number of the TCP connection it belongs to, 0 for none
+    number          in the order of the items, from 1
+    answers, after  number of the item that it answers, 0 for none, and the seconds between
+    asks            whether it asks for an answer
+    message, socket  what docs/messages.md calls it, and where it goes
 
     For who watches while it happens:
 
@@ -77,6 +81,12 @@ class Item:
     text: str = ""
     fault: str = ""
     connection: int = 0
+    number: int = 0
+    answers: int = 0
+    after: float = 0.0
+    asks: bool = False
+    message: str = ""
+    socket: str = ""
     short: str = ""
     whole: str = ""
     values: dict[str, Any] = field(default_factory=dict)
@@ -101,7 +111,7 @@ def cut(text: str, limit: int = _WHOLE_LIMIT) -> str:
 def _item(entry: Entry, source: str, target: str, title: str, **details: Any) -> Item:
     details.setdefault("size", length(details.get("data", b"")))
     return Item(entry.number, entry.time, entry.type, source, target, visible(title),
-                connection=entry.fields.get("connection") or 0, **details)
+                connection=entry.fields.get("connection") or 0, socket=entry.fields.get("socket", ""), **details)
 
 
 def _datagram(entry: Entry) -> Item:
@@ -147,18 +157,19 @@ def _command(data: bytes) -> tuple[str, str, dict[str, Any]]:
 
 
 def _ready(fields: dict[str, Any]) -> str:
-    return f"{fields.get('current')} of {fields.get('total')}, {'ready' if fields.get('status') == 1 else 'not ready'}"
+    ready = "ready" if fields.get("ProgressStatus") == 1 else "not ready"
+    return f"{fields.get('ProgressCurrent')} of {fields.get('ProgressTotal')}, {ready}"
 
 
 # By command: the few words of request and reply.
 _SHORT: dict[int, tuple[Callable[[dict[str, Any]], str], Callable[[dict[str, Any]], str]]] = {
     wire.READY: (lambda fields: "the service is up", lambda fields: ""),
-    wire.SET_LIST: (lambda fields: f"set list {fields.get('list_name')}", lambda fields: "set"),
-    wire.CLEAR_LISTS: (lambda fields: "clear the lists", lambda fields: f"status {fields.get('status')}"),
-    wire.IMPORT_FILE: (lambda fields: f"page file {fields.get('file_name')}",
-                       lambda fields: f"import task {fields.get('import_task_id')}"),
-    wire.IMPORT_PROGRESS: (lambda fields: f"how far is {fields.get('import_task_id')}?", _ready),
-    wire.IMPORT_TIME: (lambda fields: "what time?", lambda fields: str(fields.get("time_text")))}
+    wire.SET_LIST: (lambda fields: f"set list {fields.get('ListName')}", lambda fields: "set"),
+    wire.CLEAR_LISTS: (lambda fields: "clear the lists", lambda fields: f"status {fields.get('ClearStatus')}"),
+    wire.IMPORT_FILE: (lambda fields: f"page file {fields.get('ImportFileName')}",
+                       lambda fields: f"import task {fields.get('ImportFileTaskId')}"),
+    wire.IMPORT_PROGRESS: (lambda fields: f"how far is {fields.get('ProgressTaskId')}?", _ready),
+    wire.IMPORT_TIME: (lambda fields: "what time?", lambda fields: str(fields.get("PageTime")))}
 
 
 def _exchange(message: wire.Message, reply: bool) -> str:
@@ -219,7 +230,7 @@ def _file(entry: Entry) -> Item:
 
 def _buffer(entry: Entry) -> Item:
     return _item(entry, "events", "", f"put buffer {entry.buffer_id} into the event cache", data=entry.data,
-                 fields=_placed(describe_block(entry.data), entry.data),
+                 values={"identifier": entry.buffer_id}, fields=_placed(describe_block(entry.data), entry.data),
                  detail=f"{size(entry.data)}: {one_line(printable(entry.data[wire.BLOCK_HEADER_SIZE:]))}")
 
 
@@ -284,8 +295,8 @@ def _report(data: dict[str, Any]) -> Words:
 
 def _list(data: dict[str, Any]) -> Words:
     fields = data["face_list"]
-    return (f"got face list {fields['list_id']} \"{fields['list_name']}\", type {fields['list_type']}, "
-            f"on control {fields['on_control']}, threshold {fields['threshold']}", "")
+    return (f"got face list {fields['ListId']} \"{fields['ListName']}\", type {fields['ListType']}, "
+            f"on control {fields['ListOnControl']}, threshold {fields['ListThreshold']}", "")
 
 
 # Each note in words, and to whom it is shown. Those of HIDDEN say again what messages say: only a viewer sees them.

@@ -118,7 +118,7 @@ def test_page_file_that_is_not_there(tmp_path: Path, name: str) -> None:
     camera, outside = tmp_path / "camera", tmp_path / "outside"
     (camera / "folder").mkdir(parents=True)
     outside.write_text("not the camera's")
-    request = wire.encode_request("/tmp/II", "/tmp/CP", 7020, directory="/", file_name=name)
+    request = wire.encode_request("/tmp/II", "/tmp/CP", 7020, ImportFileDirectory="/", ImportFileName=name)
     entries = recorded(tmp_path, lambda journal: journal.add("itgt", "received", message=request, command=7020),
                        outside=lambda path: camera / path.lstrip("/"))
     assert [entry.type for entry in entries] == ["datagram"]

@@ -34,7 +34,8 @@ def tell(journal: Journal) -> None:
     def log(text: str, level: str = "INFO") -> None:
         journal.add("service", "log", record=LogRecord("2026-01-01T00:00:00.000", level, "a/b", 7, text))
     journal.add("service", "started", pid=1)
-    journal.add("events", "subscribed", data=wire.encode(wire.SUBSCRIPTION, 304, magic=0x5331, publisher="gate.saas"))
+    journal.add("events", "subscribed", data=wire.encode(wire.SUBSCRIPTION, 304, magic=0x5331,
+                                                         publisherName="gate.saas"))
     journal.add("events", "published", buffer_id=9, data=wire.encode_block(b"{}\0"))
     journal.add("events", "notified", data=wire.encode_notification(9, 58, descriptor_offset=20))
     body = json.dumps({"taskName": "whiteListDown", "taskInfo": {"cameraCode": HOSTILE}}).encode()
@@ -42,16 +43,19 @@ def tell(journal: Journal) -> None:
     journal.add("client", "sent", data=body)
     journal.add("client", "received", data=wire.encode_head(77, 24, "/tmp/KH", "/tmp/HK"))
     journal.add("client", "received", data=b'{\n  "StatusCode" : 200\n}')
+    log(" DownLoad Picture begin D1.")
+    log(' RegisterProcObj::SendSysObj, ContentData:{\\n "startIndex" : 30,\\n "offset" : 15,\\n "datatime" : ""\\n}')
     journal.add("platform", "accepted", connection=1, port=8443)
     log(HOSTILE, "ERROR")
     journal.add("platform", "handshake", connection=1, port=8443, tls_version="TLSv1.2", cipher="CIPHER")
     journal.add("platform", "request", request=request(1, b'{"startIndex": 30, "offset": 15}'), target="/list")
     journal.add("platform", "response", response=Response(body=PAGE), connection=1)
     journal.add("platform", "closed", connection=1, port=8443, requests=1)
-    told = wire.encode_request("/tmp/II", "/tmp/CP", 7020, constant=3, directory="/tmp/d/", file_name="white30")
+    told = wire.encode_request("/tmp/II", "/tmp/CP", 7020, Count=3, ImportFileDirectory="/tmp/d/",
+                               ImportFileName="white30")
     journal.add("itgt", "received", message=told, command=7020)
     journal.add("itgt", "page", page=Import(4_300_000_001, "white30", [{}] * 15))
-    journal.add("itgt", "sent", message=wire.encode_reply(told, import_task_id=4_300_000_001), path="/tmp/CP")
+    journal.add("itgt", "sent", message=wire.encode_reply(told, ImportFileTaskId=4_300_000_001), path="/tmp/CP")
     journal.add("itgt", "picture", task_id=1, record_id="x", result=0, done=1, total=15)
     journal.add("itgt", "file", path="/tmp/state", content=b'{"a": 1}')
     journal.add("itgt", "hooked", name="script", command=7021)
@@ -96,10 +100,12 @@ def items(run: Callable[..., str], path: Path) -> Iterator[dict[str, Any]]:
 
 def test_chapters(recorded: Path, run: Callable[..., str]) -> None:
     told = chapters(run, recorded)
-    assert [chapter["title"] for chapter in told] == ["Start", "whiteListDown", "page 30 to 44", "datagram of 2 bytes"]
+    assert [chapter["title"] for chapter in told] == ["Start", "whiteListDown", "page 30 to 44", "datagram of 2 bytes",
+                                                     "Stop"]
     assert [phase["name"] for phase in told[2]["phases"]] == ["fetch", "import", "report"]
-    assert told[2]["items"][0]["title"] == "TCP connection 1", "a page begins with its connection"
-    assert [chapter["pictures"] for chapter in told] == [0, 0, 1, 0]
+    assert told[2]["items"][2]["title"] == "TCP connection 1"
+    assert told[2]["phases"][0]["begin"] == told[2]["items"][2]["time"], "it is fetched as soon as it is connected"
+    assert [chapter["pictures"] for chapter in told] == [0, 0, 1, 0, 0]
 
 
 def test_who_said_what_to_whom(recorded: Path, run: Callable[..., str]) -> None:
@@ -109,6 +115,7 @@ def test_who_said_what_to_whom(recorded: Path, run: Callable[..., str]) -> None:
         ("events", None, "put buffer 9 into the event cache"), ("events", "service", "notification"),
         ("client", "service", "command head"), ("client", "service", "command whiteListDown"),
         ("service", "client", "reply head"), ("service", "client", "reply: status 200"),
+        ("service", None, "INFO a/b:7"), ("service", None, "INFO a/b:7"),
         ("service", "platform", "TCP connection 1"), ("service", None, "ERROR a/b:7"),
         ("platform", "service", "TLSv1.2 handshake"), ("service", "platform", "POST /list"),
         ("platform", "service", "200 OK"), ("platform", "service", "connection 1 closed"),
@@ -123,12 +130,12 @@ def test_who_said_what_to_whom(recorded: Path, run: Callable[..., str]) -> None:
 
 
 @pytest.mark.parametrize("title, field", [
-    ("7020 CMD_FACE_IMPORT_FILE request", {"name": "file_name", "offset": 448, "width": 132, "value": "white30"}),
-    ("7020 CMD_FACE_IMPORT_FILE reply", {"name": "import_task_id", "offset": 584, "width": 8, "value": "4300000001"}),
+    ("7020 CMD_FACE_IMPORT_FILE request", {"name": "ImportFileName", "offset": 448, "width": 132, "value": "white30"}),
+    ("7020 CMD_FACE_IMPORT_FILE reply", {"name": "ImportFileTaskId", "offset": 584, "width": 8, "value": "4300000001"}),
     ("command head", {"name": "tag", "offset": 240, "width": 4, "value": "77"}),
-    ("subscription record", {"name": "publisher", "offset": 32, "width": 16, "value": "gate.saas"}),
-    ("notification", {"name": "buffer_id", "offset": 20, "width": 4, "value": "9"}),
-    ("put buffer 9 into the event cache", {"name": "data_length", "offset": 52, "width": 4, "value": "3"}),
+    ("subscription record", {"name": "publisherName", "offset": 32, "width": 16, "value": "gate.saas"}),
+    ("notification", {"name": "identifier", "offset": 20, "width": 4, "value": "9"}),
+    ("put buffer 9 into the event cache", {"name": "dataLength", "offset": 52, "width": 4, "value": "3"}),
     ("POST /list", {"name": "Host", "offset": 21, "width": 7, "value": "h"}),
     ("POST /list", {"name": "body", "offset": 32, "width": 32, "value": "32 bytes"}),
 ])
@@ -159,10 +166,10 @@ def test_hook_that_makes_a_named_fault_is_no_second_one(tmp_path: Path, run: Cal
 def test_text(recorded: Path, run: Callable[..., str]) -> None:
     text = run(recorded)
     assert re.match(r"recorded 20\d\d-\d\d-\d\d \d\d:\d\d:\d\d UTC, build host, \d\.\d s: 11 datagrams, "
-                    "2 HTTPS requests, 1 files, 2 log records, 1 faults\n", text)
+                    "2 HTTPS requests, 1 files, 4 log records, 1 faults\n", text)
     assert re.search(r"^ +0\.\d{3} s  \d\d:\d\d:\d\d\.\d{3}  service → ITGT +7020 CMD_FACE_IMPORT_FILE request  "
-                     r"directory='/tmp/d/' "
-                     "file_name='white30'$", text, re.MULTILINE)
+                     r"ImportFileDirectory='/tmp/d/' "
+                     "ImportFileName='white30'$", text, re.MULTILINE)
     assert "[fault: script]" in text
 
 
@@ -217,7 +224,7 @@ def test_page_of_a_run_without_bodies_says_what_is_not_there(tmp_path: Path, run
     with Recorder(journal, tmp_path / "run", bodies=False):
         tell(journal)
     assert "it was recorded without long bodies" in run(tmp_path / "run")
-    answer, = (item for chapter in data_of(written_page(tmp_path / "run", run))["chapters"] for item in chapter["items"]
+    answer, = (item for item in data_of(written_page(tmp_path / "run", run))["batch"]["items"]
                if item["kind"] == "response")
     shown, = answer["bytes"]["parts"]
     assert bytes.fromhex(shown[1]).endswith(b"\r\n\r\n")
@@ -249,8 +256,7 @@ def test_page_has_nothing_of_a_peer_as_markup(recorded: Path, run: Callable[...,
 def test_large_bodies_are_cut_in_the_page(recorded: Path, run: Callable[..., str]) -> None:
     page = written_page(recorded, run)
     assert len(page) < 100_000
-    answer = next(item for chapter in data_of(page)["chapters"] for item in chapter["items"]
-                  if item["title"] == "200 OK")
+    answer = next(item for item in data_of(page)["batch"]["items"] if item["title"] == "200 OK")
     head = len(b"HTTP/1.1 200 OK\r\nContent-Type: application/json;charset=UTF-8\r\nContent-Length: 3000030\r\n\r\n")
     assert answer["bytes"]["size"] == head + len(PAGE)
     assert "3,000,000 characters" in answer["text"]
@@ -260,7 +266,7 @@ def test_large_bodies_are_cut_in_the_page(recorded: Path, run: Callable[..., str
 
 
 def test_zeros_of_a_message_are_left_out_of_the_page(recorded: Path, run: Callable[..., str]) -> None:
-    told = next(item for chapter in data_of(written_page(recorded, run))["chapters"] for item in chapter["items"]
+    told = next(item for item in data_of(written_page(recorded, run))["batch"]["items"]
                 if item["title"] == "7020 CMD_FACE_IMPORT_FILE request")
     assert told["bytes"]["size"] == 21408 and not told["bytes"]["cut"]
     assert [offset for offset, _ in told["bytes"]["parts"]] == [0, 160, 192, 304, 448]

@@ -89,7 +89,7 @@ def test_json_has_each_message_decoded_and_the_faults(camsim: Camsim, up: StartU
         frozenset(("time", "source", "target", "kind", "title", "text", "fields"))}
     clear = next(document for document in documents if document["title"] == "7019 status 1")
     assert (clear["source"], clear["target"], clear["kind"]) == ("faces", "service", "message")
-    assert clear["fields"]["configuration"] == "/tmp/mmcblk0/face_basic/facelists.json"
+    assert clear["fields"]["ClearConfigPath"] == "/tmp/mmcblk0/face_basic/facelists.json"
     assert [document["text"] for document in documents if document["kind"] == "fault"] == [
         "fault faces.refuses is switched on", "fault faces.refuses takes hold"]
 

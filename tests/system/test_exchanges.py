@@ -44,10 +44,10 @@ def test_first_7021_request_byte_for_byte(camera: Camera) -> None:
 
 @pytest.mark.parametrize("task_id", [0, 1, -1, 2**63 - 1, -2**63, 2**32])
 def test_progress_is_asked_with_the_id_that_the_page_got(camera: Camera, task_id: int) -> None:
-    camera.itgt.script(7020, lambda request: wire.encode_reply(request, import_task_id=task_id))
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=1))
+    camera.itgt.script(7020, lambda request: wire.encode_reply(request, ImportFileTaskId=task_id))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(request, ProgressStatus=1))
     download(camera, 1)
-    assert [message.request["import_task_id"] for message in camera.itgt.requests(7021)] == [task_id]
+    assert [message.request["ProgressTaskId"] for message in camera.itgt.requests(7021)] == [task_id]
     expect_log(camera, "INFO", DOWNLOAD, f"taskID is {task_id}")
     expect_log(camera, "INFO", DOWNLOAD, f"Task ID is {task_id}")
 
@@ -56,7 +56,7 @@ def test_another_answer_to_7020_keeps_the_id_of_the_page_before(camera: Camera) 
     default = camera.itgt.default
     camera.itgt.script(7020, default, lambda request: wire.encode_reply(request, command=7777, same_header=True))
     download(camera, 31)
-    assert [message.request["import_task_id"] for message in camera.itgt.requests(7021)] == [FIRST_ID, FIRST_ID]
+    assert [message.request["ProgressTaskId"] for message in camera.itgt.requests(7021)] == [FIRST_ID, FIRST_ID]
     assert len(camera.platform.reports) == 2
     assert count_text(camera, f"taskID is {FIRST_ID}") == 1
     assert count_text(camera, " Notify ITGT result:0") == 2
@@ -64,17 +64,17 @@ def test_another_answer_to_7020_keeps_the_id_of_the_page_before(camera: Camera) 
 
 def test_another_answer_to_the_first_7020_leaves_the_id_0(camera: Camera) -> None:
     camera.itgt.script(7020, lambda request: wire.encode_reply(request, command=0))
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=1))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(request, ProgressStatus=1))
     download(camera, 1)
-    assert [message.request["import_task_id"] for message in camera.itgt.requests(7021)] == [0]
+    assert [message.request["ProgressTaskId"] for message in camera.itgt.requests(7021)] == [0]
 
 
 def test_id_is_not_carried_into_the_next_task(camera: Camera) -> None:
     download(camera, 1)
     camera.itgt.script(7020, lambda request: wire.encode_reply(request, command=7777))
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=1))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(request, ProgressStatus=1))
     download(camera, 1)
-    assert [message.request["import_task_id"] for message in camera.itgt.requests(7021)] == [FIRST_ID, 0]
+    assert [message.request["ProgressTaskId"] for message in camera.itgt.requests(7021)] == [FIRST_ID, 0]
 
 
 def test_exchange_socket_has_mode_0660_while_it_is_used(camera: Camera) -> None:
@@ -126,9 +126,10 @@ def test_not_ready_is_asked_again_a_second_later(camera: Camera) -> None:
 
 @pytest.mark.seconds(13)
 def test_ten_answers_not_ready_give_up_and_other_answers_do_not_count(camera: Camera) -> None:
-    other = [lambda request: wire.encode_reply(request, command=7777, status=1)] * 3
+    other = [lambda request: wire.encode_reply(request, command=7777, ProgressStatus=1)] * 3
     camera.itgt.script(7021, *other, *[lambda request: wire.encode_reply(
-        request, status=0, total=30, current=7, state_file="/tmp/mmcblk0/face_basic/white0.state.json")] * 10)
+        request, ProgressStatus=0, ProgressTotal=30, ProgressCurrent=7,
+        ProgressStatePath="/tmp/mmcblk0/face_basic/white0.state.json")] * 10)
     begin = len(camera.journal)
     start_download(camera, 31)
     camera.wait_for_log("Tried ", timeout=30)
@@ -145,8 +146,10 @@ def test_ten_answers_not_ready_give_up_and_other_answers_do_not_count(camera: Ca
 @pytest.mark.seconds(10)
 def test_page_that_was_never_ready_is_reported_with_the_file_of_the_last_answer(camera: Camera) -> None:
     camera.path("/tmp/last.json").write_text('{"TaskResultArry":[{"ID":"x","RESULT_TYPE_E":9}]}')
-    camera.itgt.script(7021, *[lambda request: wire.encode_reply(request, status=0, state_file="/tmp/first.json")] * 9,
-                       lambda request: wire.encode_reply(request, status=2, state_file="/tmp/last.json"))
+    first, last = ({"ProgressStatus": status, "ProgressStatePath": path}
+                   for status, path in ((0, "/tmp/first.json"), (2, "/tmp/last.json")))
+    camera.itgt.script(7021, *[lambda request: wire.encode_reply(request, **first)] * 9,
+                       lambda request: wire.encode_reply(request, **last))
     download(camera, 1, timeout=30)
     assert camera.platform.reports[0].json()["ImportInfo"] == [{"credentialNumber": "x", "importStatus": 9}]
     lines = texts(camera, DOWNLOAD)
@@ -156,7 +159,7 @@ def test_page_that_was_never_ready_is_reported_with_the_file_of_the_last_answer(
 
 @pytest.mark.parametrize("status", [0, 2, 256, 2**32 - 1])
 def test_only_status_1_means_imported(camera: Camera, status: int) -> None:
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=status))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(request, ProgressStatus=status))
     download(camera, 1)
     assert len(camera.itgt.requests(7021)) == 2
     assert count_text(camera, "Not Ready, try ") == 1
@@ -165,7 +168,7 @@ def test_only_status_1_means_imported(camera: Camera, status: int) -> None:
 @pytest.mark.parametrize("current, total", [(0, 0), (-1, 2**63 - 1), (2**40, 2**40)])
 def test_progress_is_logged_as_signed_numbers_of_the_processor(camera: Camera, current: int, total: int) -> None:
     camera.itgt.script(7021, lambda request: wire.encode_reply(
-        request, status=1, current=current, total=total, state_file="/tmp/none"))
+        request, ProgressStatus=1, ProgressCurrent=current, ProgressTotal=total, ProgressStatePath="/tmp/none"))
     download(camera, 1)
     if emulated():  # the 32-bit camera logs the low half
         current, total = (struct.unpack("<i", struct.pack("<q", number)[:4])[0] for number in (current, total))
@@ -174,8 +177,8 @@ def test_progress_is_logged_as_signed_numbers_of_the_processor(camera: Camera, c
 
 def test_what_an_answer_left_in_the_message_goes_out_with_the_next_try(camera: Camera) -> None:
     """One message for all tries: only header and import task id are written anew."""
-    camera.itgt.script(7021, patched_reply(1000, b"left behind", status=0, destination="/tmp/XX", source="/tmp/YY",
-                                           subtype=9, module=7, state_file="/tmp/old"))
+    camera.itgt.script(7021, patched_reply(1000, b"left behind", ProgressStatus=0, destPath="/tmp/XX",
+                                           srcPath="/tmp/YY", subType=9, module=7, ProgressStatePath="/tmp/old"))
     download(camera, 1)
     again = camera.itgt.requests(7021)[1]
     assert again[:16] == b"/tmp/II\0/tmp/CP\0"

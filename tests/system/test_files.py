@@ -17,7 +17,7 @@ LARGE = b"x" * 500_000
 
 def imported(request: wire.Message) -> bytes:
     """ITGT's answer to 7021 without a look at the page, which may lie where only the service sees it."""
-    return wire.encode_reply(request, status=1, state_file="/tmp/state.json")
+    return wire.encode_reply(request, ProgressStatus=1, ProgressStatePath="/tmp/state.json")
 
 
 def test_page_that_fills_the_disk_is_not_handed_on_and_the_next_that_fits_is(start_camera: StartCamera) -> None:

@@ -27,7 +27,7 @@ class Watch:
         at_request(camera.itgt, 7020, self._look)
 
     def _look(self, message: wire.Message) -> None:
-        name = message.request["file_name"]
+        name = message.request["ImportFileName"]
         self.told.append((name, self._camera.path(f"{FOLDER}/{name}").read_bytes()))
 
 

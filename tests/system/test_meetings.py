@@ -31,7 +31,7 @@ def expect_all_done(camera: Camera, faces: int, lists: int) -> None:
     assert [len(camera.itgt.requests(command)) for command in (7020, 7031)] == [len(starts)] * 2
     assert [report.json()["startIndex"] for report in camera.platform.reports] == starts
     assert all(report.json()["datatime"] for report in camera.platform.reports)
-    assert [face["list_name"] for face in camera.faces.applied] == [face["FaceListName"] for face in camera.faces.lists]
+    assert [face["ListName"] for face in camera.faces.applied] == [face["FaceListName"] for face in camera.faces.lists]
     assert len(camera.faces.applied) == lists
     expect_working(camera)
 

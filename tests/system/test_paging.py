@@ -61,7 +61,7 @@ def test_empty_answer_gives_an_empty_file_that_itgt_is_told_of(camera: Camera) -
     camera.platform.script(camera.platform.task_path, Response(body=b""))
     download(camera, 1)
     assert camera.path(PAGE).read_bytes() == b""
-    assert [message.request["file_name"] for message in camera.itgt.requests(7020)] == ["white0"]
+    assert [message.request["ImportFileName"] for message in camera.itgt.requests(7020)] == ["white0"]
 
 
 def test_large_pages_arrive_whole(camera: Camera) -> None:
@@ -150,7 +150,7 @@ def test_page_that_is_not_answered_200_ends_the_task_after_the_pages_before_it(c
     expect_log(camera, "INFO", DOWNLOAD, " DownLoad Picture Fail.")
     expect_log(camera, "ERROR", PICTURE_TASK, "DownloadPictureProcess fail.")
     assert not camera.path(f"{FOLDER}/white30").exists()
-    assert [message.request["file_name"] for message in camera.itgt.requests(7020)] == ["white0"]
+    assert [message.request["ImportFileName"] for message in camera.itgt.requests(7020)] == ["white0"]
 
 
 def test_pages_follow_each_other_after_the_report_of_the_one_before(camera: Camera) -> None:

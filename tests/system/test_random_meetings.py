@@ -87,7 +87,7 @@ class Meetings:
         assert all(report["datatime"] and len(report["ImportInfo"]) == report["offset"] for report in reports)
         assert [len(camera.itgt.requests(command)) for command in (7020, 7031)] == [len(starts)] * 2
         clears = sum(name == "whiteListClear" for name, _ in self._tags.values())
-        assert [face["list_name"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"] * clears
+        assert [face["ListName"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"] * clears
         expect_working(camera)
 
 

@@ -177,7 +177,8 @@ def test_large_state_file_is_read_whole(camera: Camera) -> None:
 
 
 def test_missing_state_file_is_logged_and_the_next_page_is_fetched(camera: Camera) -> None:
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=1, state_file="/tmp/no/such"))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(
+        request, ProgressStatus=1, ProgressStatePath="/tmp/no/such"))
     download(camera, 31)
     expect_log(camera, "ERROR", DOWNLOAD, " [Custom] download picture, open file /tmp/no/such error.", 77)
     assert [request.json()["startIndex"] for request in camera.platform.reports] == [30]
@@ -186,13 +187,14 @@ def test_missing_state_file_is_logged_and_the_next_page_is_fetched(camera: Camer
 @pytest.mark.parametrize("path", ["", "relative", "/tmp/%s%n%d", "/" + "d/" * 3000, "/tmp/secret"])
 def test_state_file_that_cannot_be_opened_is_logged_with_its_path(camera: Camera, path: str) -> None:
     camera.path("/tmp/secret").touch(mode=0)
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=1, state_file=path))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(request, ProgressStatus=1, ProgressStatePath=path))
     download(camera, 1)
     expect_log(camera, "ERROR", DOWNLOAD, f" [Custom] download picture, open file {path} error.", 77)
 
 
 def test_folder_in_place_of_the_state_file_is_a_read_error(camera: Camera) -> None:
-    camera.itgt.script(7021, lambda request: wire.encode_reply(request, status=1, state_file="/tmp/mmcblk0"))
+    camera.itgt.script(7021, lambda request: wire.encode_reply(
+        request, ProgressStatus=1, ProgressStatePath="/tmp/mmcblk0"))
     download(camera, 1)
     expect_log(camera, "ERROR", DOWNLOAD, "fread error.", 100)
     assert camera.platform.reports == []

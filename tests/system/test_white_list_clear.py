@@ -66,7 +66,7 @@ def test_reply_comes_after_the_last_list(camera: Camera) -> None:
     events = [(event.source, event.kind) for event in camera.journal.events]
     assert events.index(("client", "reply")) > max(index for index, event in enumerate(events)
                                                    if event == ("faces", "list"))
-    assert [face["list_name"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"]
+    assert [face["ListName"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"]
 
 
 def test_configuration_is_only_read(camera: Camera) -> None:
@@ -94,7 +94,7 @@ def test_missing_camera_code_is_an_error_of_the_command(camera: Camera, informat
 @pytest.mark.parametrize("status", [1, 2, 256, 2**31, 2**32 - 1])
 def test_refusal_is_not_answered_at_all_and_leaves_no_record(camera: Camera, status: int) -> None:
     camera.faces.script(7019, lambda message: wire.encode_reply(
-        message, same_header=True, status=status, configuration=CONFIGURATION))
+        message, same_header=True, ClearStatus=status, ClearConfigPath=CONFIGURATION))
     tag = camera.client.send("whiteListClear", {"cameraCode": "C1"})
     expect_working(camera)
     assert tag not in [reply.tag for reply in camera.client.replies]
@@ -105,7 +105,7 @@ def test_refusal_is_not_answered_at_all_and_leaves_no_record(camera: Camera, sta
 
 
 def test_another_answer_to_the_clear_request_is_a_refusal(camera: Camera) -> None:
-    camera.faces.script(7019, lambda message: wire.encode_reply(message, same_header=True, command=7018, status=0))
+    camera.faces.script(7019, lambda message: wire.encode_reply(message, same_header=True, command=7018, ClearStatus=0))
     tag = camera.client.send("whiteListClear", {"cameraCode": "C1"})
     expect_working(camera)
     assert tag not in [reply.tag for reply in camera.client.replies]
@@ -115,7 +115,7 @@ def test_another_answer_to_the_clear_request_is_a_refusal(camera: Camera) -> Non
 @pytest.mark.parametrize("path", ["/no/such/file", "", "relative", "/tmp/%s%n", "/tmp/secret"])
 def test_configuration_that_cannot_be_opened(camera: Camera, path: str) -> None:
     camera.path("/tmp/secret").touch(mode=0)
-    camera.faces.script(7019, lambda message: wire.encode_reply(message, same_header=True, configuration=path))
+    camera.faces.script(7019, lambda message: wire.encode_reply(message, same_header=True, ClearConfigPath=path))
     clear(camera, 400)
     expect_log(camera, "INFO", LOOP, f" [Custom] download picture file {path}.", 306)
     expect_failure_after_the_reply(camera, f" [Custom] download picture, open file {path} error.", 311)
@@ -131,7 +131,7 @@ def test_path_without_its_nul_ends_with_the_message(camera: Camera) -> None:
 
 def test_configuration_that_cannot_be_read(camera: Camera) -> None:
     camera.faces.script(7019, lambda message: wire.encode_reply(
-        message, same_header=True, configuration="/tmp/mmcblk0"))
+        message, same_header=True, ClearConfigPath="/tmp/mmcblk0"))
     clear(camera, 400)
     expect_failure_after_the_reply(camera, " fread pJsonConfig error.", 337)
 
@@ -160,7 +160,7 @@ def test_empty_configuration_counts_as_done_or_as_a_syntax_error(camera: Camera,
 
 def test_configuration_ends_at_its_first_nul(camera: Camera) -> None:
     with_configuration(camera, json.dumps({"FaceListsArry": [face_list(1, "a")]}).encode() + b"\0 {{{")
-    assert [face["list_name"] for face in camera.faces.applied] == ["a"]
+    assert [face["ListName"] for face in camera.faces.applied] == ["a"]
 
 
 def test_no_lists_are_a_success_without_a_message(camera: Camera) -> None:
@@ -191,7 +191,7 @@ def expect_array_failure(camera: Camera) -> str:
 def test_bad_element_ends_the_command_after_the_elements_before_it(camera: Camera, element: Any) -> None:
     with_configuration(camera, {"FaceListsArry": [GOOD, element, GOOD]}, 400)
     expect_array_failure(camera)
-    assert [face["list_name"] for face in camera.faces.applied] == ["good"]
+    assert [face["ListName"] for face in camera.faces.applied] == ["good"]
     assert count_text(camera, "CMD_ALARM_FACE_LIB_SET TaskID:1 FaceListName good") == 1
 
 
@@ -206,8 +206,8 @@ def test_missing_or_mistyped_array(camera: Camera, content: Any) -> None:
 def test_numbers_as_text_are_converted(camera: Camera) -> None:
     with_configuration(camera, {"FaceListsArry": [
         face_list("18446744073709551615", 12, list_type="-3", on_control="0", threshold="80")]})
-    assert camera.faces.applied == [{"constant": 3, "list_id": 2**64 - 1, "list_type": -3, "on_control": 0,
-                                     "threshold": 80, "list_name": "12"}]
+    assert camera.faces.applied == [{"Count": 3, "ListId": 2**64 - 1, "ListType": -3, "ListOnControl": 0,
+                                     "ListThreshold": 80, "ListName": "12"}]
 
 
 @pytest.mark.parametrize("length, sent", [(0, 0), (1, 1), (64, 64), (65, 0), (66, 0), (100_000, 0)])
@@ -216,14 +216,14 @@ def test_name_of_more_than_64_bytes_is_left_empty(camera: Camera, length: int, s
     first, second = camera.faces.requests(7018)
     assert first[240:240 + sent + 1] == b"n" * sent + b"\0"
     assert not any(first[240 + sent:])
-    assert second.request["list_name"] == "next"
+    assert second.request["ListName"] == "next"
     expect_log(camera, "INFO", LOOP, f"CMD_ALARM_FACE_LIB_SET TaskID:1 FaceListName {'n' * length}", 407)
 
 
 def test_next_request_has_the_header_of_the_reply_before_it(camera: Camera) -> None:
     """Only the five fields are written anew, and the message goes where that header says."""
     camera.faces.script(7018, lambda message: wire.patched(wire.encode_reply(
-        message, same_header=True, destination="/tmp/II", source="/tmp/XY", subtype=77, module=-5), 208, b"\x09\0\0\0"))
+        message, same_header=True, destPath="/tmp/II", srcPath="/tmp/XY", subType=77, module=-5), 208, b"\x09\0\0\0"))
     camera.itgt.script(7018, lambda message: None)
     camera.faces.lists = [face_list(1, "one"), face_list(2, "two")]
     camera.client.send("whiteListClear", {"cameraCode": "C1"})
@@ -231,8 +231,8 @@ def test_next_request_has_the_header_of_the_reply_before_it(camera: Camera) -> N
     assert (moved.destination, moved.source) == ("/tmp/II", "/tmp/XY")
     assert struct.unpack_from("<II", moved, 160) == (77, 7018)
     assert struct.unpack_from("<qI", moved, 200) == (-5, 9)
-    assert moved.request["list_id"] == 2
-    assert moved.request["list_name"] == "two"
+    assert moved.request["ListId"] == 2
+    assert moved.request["ListName"] == "two"
     camera.itgt.send(wire.encode_reply(moved, same_header=True), "/tmp/CP")
     assert camera.wait_until(lambda: camera.client.replies)[0].status == 200
 
@@ -269,14 +269,14 @@ def test_face_library_that_is_away_for_a_list_gets_it_when_it_is_back(camera: Ca
     camera.faces.on_message = None
     camera.path("/tmp/A").chmod(0o666)
     assert camera.client.wait_reply(tag).status == 200
-    assert [face["list_name"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"]
+    assert [face["ListName"] for face in camera.faces.applied] == ["Staff", "Visitors", "Watched"]
     expect_unsent(camera)
 
 
 @pytest.mark.parametrize("destination", ["", "/tmp/CP"], ids=["nobody", "the service itself"])
 def test_answer_that_sends_the_next_list_to_nobody_ends_the_command(camera: Camera, destination: str) -> None:
     """The header goes out again with the next list; nobody there could ever answer it."""
-    camera.faces.script(7018, lambda message: wire.encode_reply(message, same_header=True, destination=destination))
+    camera.faces.script(7018, lambda message: wire.encode_reply(message, same_header=True, destPath=destination))
     clear(camera, 400)
     record = camera.wait_for_log("facelist_ary parser Err ")
     assert (record.level, record.path, record.line) == ("ERROR", LOOP, 416)
@@ -287,4 +287,4 @@ def test_answer_that_sends_the_next_list_to_nobody_ends_the_command(camera: Came
 def test_configuration_that_is_repaired_is_used_by_the_next_command(camera: Camera) -> None:
     with_configuration(camera, b"{", 400)
     with_configuration(camera, {"FaceListsArry": [GOOD]})
-    assert [face["list_name"] for face in camera.faces.applied] == ["good"]
+    assert [face["ListName"] for face in camera.faces.applied] == ["good"]

@@ -1,15 +1,27 @@
-// One message unfolded: its fields, its text and its bytes.
+// One message unfolded: what it is, its fields, its text and its bytes.
 
 function drawDetail(item) {
-  const head = make("p", "head", `${spoken(item)}`.slice(0, 300), make("br"),
-    `at ${seconds(item.time)} s, line ${item.line} of the recording`,
-    item.bytes.size ? `, ${count(item.bytes.size, "byte")}` : "", item.connection ? `, connection ${item.connection}` : "");
-  const panel = make("div", "detail", head);
+  const panel = make("div", "detail", drawHead(item));
   if (item.fields.length) panel.append(drawFields(item));
   if (item.text) panel.append(make("div", "", make("h3", "", "Text"), make("pre", "", highlighted(item.text))));
   if (item.bytes.size) panel.append(drawBytes(item));
   panel.addEventListener("pointerover", (event) => light(panel, event.target.closest("[data-field]")?.dataset.field));
   return panel;
+}
+
+function drawHead(item) {
+  const facts = [`at ${seconds(item.time)} s, ${wallTime(item)}`];
+  if (item.line) facts.push(`line ${item.line} of the recording`);
+  if (item.bytes.size) facts.push(count(item.bytes.size, "byte"));
+  if (item.connection) facts.push(`connection ${item.connection}`);
+  const head = make("p", "head", `${spoken(item)}`.slice(0, 300), make("br"), facts.join(", "), make("br"));
+  if (item.message) head.append(highlighted(item.message), item.socket ? " on " : "", highlighted(item.socket), make("br"));
+  const asked = items.get(item.answers), answer = answers.get(item.number);
+  if (asked) head.append("answers ", link(asked, asked.title), ` after ${duration(item.after)}`, make("br"));
+  if (answer) head.append("answered by ", link(answer, answer.title), ` after ${duration(answer.after)}`, make("br"));
+  else if (unanswered(item)) head.append("never answered", make("br"));
+  head.append(link(item, "link to this message"));
+  return head;
 }
 
 // Shows which bytes a field has, and which field a byte belongs to.

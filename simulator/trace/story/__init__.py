@@ -1,0 +1,1 @@
+"""What belongs together in a run: requests and their answers, work and what failed in it."""

@@ -1,0 +1,1 @@
+"""A running camera as a page in a browser of this machine."""
