@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import os
 import re
 import tempfile
 import time
@@ -23,6 +24,9 @@ PAGE_OF_LIBCURL = "libcurl_page"
 # A program under callgrind is fifty times as slow.
 PATIENCE = 400.0
 BUSY_SECONDS = 5.0
+# On some processors the C library copies and clears with one instruction, of which callgrind counts each byte.
+TUNABLES = ("GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=1000000000"
+            ":glibc.cpu.x86_rep_stosb_threshold=1000000000")
 _COUNTS = "/tmp/counts"
 
 Work = Callable[[Camera], None]
@@ -33,6 +37,12 @@ def program(name: str) -> Path:
     if not path.exists():
         raise CameraError(f"{path} is missing; build it with: cmake --build --preset benchmarks")
     return path
+
+
+def subject(name: str) -> Path:
+    """A program that belongs to what is measured, of the build that $CAMGATE_SUBJECT names, else as program()."""
+    folder = os.environ.get("CAMGATE_SUBJECT")
+    return Path(folder) / "bin" / name if folder else program(name)
 
 
 def empty_platform() -> dict[str, list[Path]]:
@@ -82,10 +92,10 @@ def download(one: Camera, pages: int) -> None:
     one.wait_until(lambda: len(one.platform.reports) == before + pages, PATIENCE)
 
 
-def callgrind(function: str | None = None) -> str:
+def callgrind(function: str | None = None, output: str | Path = _COUNTS) -> str:
     """The words that count the instructions of a program, or only those below a function."""
     collect = f"--toggle-collect='{function}'" if function else ""
-    return f"valgrind --tool=callgrind {collect} --callgrind-out-file={_COUNTS}"
+    return f"env {TUNABLES} valgrind --tool=callgrind {collect} --callgrind-out-file={output}"
 
 
 def instructions(command: str, work: Work, **settings: Any) -> float:

@@ -20,6 +20,7 @@ class Row:
     tolerance  how much greater than the committed one it may be, as a part of that one
     aim        the most it should be, None where there is no aim
     parts      what it was made from, for the reader
+    timed      whether it was measured by the clock, so that the machine has a part in it
     """
 
     group: str
@@ -30,6 +31,7 @@ class Row:
     tolerance: float = 0.03
     aim: float | None = None
     parts: Mapping[str, float] = field(default_factory=dict)
+    timed: bool = False
 
     @property
     def key(self) -> str:
