@@ -7,7 +7,7 @@ from collections.abc import Callable
 
 from benchmarks import measuring
 from benchmarks.measuring import PAGE, PAGE_OF_LIBCURL, PAGE_OF_SERVICE, PATIENCE, SERVICE, Work
-from benchmarks.results import Row, Series
+from benchmarks.comparison.results import Row, Series
 from simulator import Camera, CameraError, Request, Response
 from simulator.device import process_status
 from simulator.journal import Journal
@@ -20,6 +20,8 @@ ROUNDS = 5
 # One small and quick to play, for many pages.
 SMALL_PICTURES = (500, 500)
 NUMBERS_OF_PAGES = (1, 10, 100, 1000)
+FIRST_PAGE = ("Only the first page of a download shakes hands in full, the others resume its TLS session, and OpenSSL "
+              "makes its list of decoders for the first certificate.")
 MEGABYTES = (1, 10, 50)
 PEAKS = 5
 
@@ -138,8 +140,9 @@ def _growth() -> tuple[list[Row], Series]:
         _service(pages, SMALL_PICTURES)) / pages for pages in NUMBERS_OF_PAGES}
     parts = {f"{pages} pages, million instructions a page": cost / 1e6 for pages, cost in costs.items()}
     points = [(float(pages), cost / 1e6) for pages, cost in costs.items()]
-    return ([Row(GROUP, f"cost a page of {pages}", "that of the first 10", costs[pages] / costs[10], aim=1.03,
-                 parts=parts) for pages in NUMBERS_OF_PAGES if pages != 10],
+    return ([Row(GROUP, f"cost a page of {pages}", "that of the first 10", costs[pages] / costs[10],
+                 aim=1.05 if pages == 1 else 1.03, parts=parts, reason=FIRST_PAGE if pages == 1 else "")
+             for pages in NUMBERS_OF_PAGES if pages != 10],
             Series(GROUP, "Cost a page as a download grows", "pages", "million instructions a page", points))
 
 

@@ -9,7 +9,7 @@ from benchmarks import measuring
 from benchmarks.line.line import Line
 from benchmarks.line.packets import Cost
 from benchmarks.measuring import PAGE, PATIENCE, SERVICE
-from benchmarks.results import Row, Series
+from benchmarks.comparison.results import Row, Series
 from simulator import CameraError
 from simulator.journal import Journal
 from simulator.peers.platform import Platform

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 from html import escape
 
-from benchmarks import plots
-from benchmarks.results import Results, Row, Series
+from benchmarks.shown import plots
+from benchmarks.comparison.results import Results, Row, Series
 
 STYLE = """
 :root { color-scheme: light dark; --text: #1c2430; --soft: #5b6675; --ground: #fff; --card: #f3f5f8; --good: #2b7a5b;
