@@ -41,7 +41,7 @@ def timed() -> list[Row]:
             for row in _round_trips(f"{name}{ending}", body, settings)[0]]
 
 
-def _ask(camera: Camera, body: str, count: int) -> list[float]:
+def ask(camera: Camera, body: str, count: int) -> list[float]:
     """Microseconds of each round trip of the command, sent by a program in the same sandbox."""
     printed = camera.sandbox.run([measuring.program("command_client"), str(count), body], timeout=120)
     if printed.returncode != 0:
@@ -56,10 +56,10 @@ def _round_trips(name: str, body: str, settings: dict[str, list[Path]]) -> tuple
           measuring.camera(f"exec {measuring.program('datagram_loop')}", client=False) as loop):
         for camera in (service, loop):
             measuring.wait_for_commands(camera)
-            _ask(camera, body, COMMANDS_A_ROUND)
+            ask(camera, body, COMMANDS_A_ROUND)
         for _ in range(ROUNDS):
-            ours.append(_ask(service, body, COMMANDS_A_ROUND))
-            theirs.append(_ask(loop, body, COMMANDS_A_ROUND))
+            ours.append(ask(service, body, COMMANDS_A_ROUND))
+            theirs.append(ask(loop, body, COMMANDS_A_ROUND))
 
     def ratio(part: float) -> float:
         return statistics.median(_quantile(one, part) / _quantile(other, part) for one, other in zip(ours, theirs))
@@ -90,7 +90,7 @@ def _counts(name: str, body: str) -> list[Row]:
     def work(count: int) -> measuring.Work:
         def ask(camera: Camera) -> None:
             measuring.wait_for_commands(camera)
-            _ask(camera, body, count)
+            ask(camera, body, count)
         return ask
     more = COUNTED_COMMANDS
     ran = [measuring.instructions(f"exec {measuring.callgrind()} {binary}", work(count), client=False)

@@ -27,7 +27,7 @@ def rows() -> tuple[list[Row], list[Series]]:
     found, points = [], []
     with tempfile.TemporaryDirectory(prefix="benchmark") as folder:
         for size in KILOBYTES:
-            record = _written(folder, size)
+            record = written(folder, size)
             row, time = _instructions(record, size), _time(record, size)
             points.append((float(size), row.parts["service, thousand"]))
             found += [row, time]
@@ -37,10 +37,10 @@ def rows() -> tuple[list[Row], list[Series]]:
 def timed() -> list[Row]:
     """The rows that depend on how fast the machine is, alone."""
     with tempfile.TemporaryDirectory(prefix="benchmark") as folder:
-        return [_time(_written(folder, size), size) for size in KILOBYTES]
+        return [_time(written(folder, size), size) for size in KILOBYTES]
 
 
-def _written(folder: str, size: int) -> Path:
+def written(folder: str, size: int) -> Path:
     record = Path(folder) / "record"
     record.write_text(_record(size * 1000))
     return record

@@ -31,7 +31,7 @@ def rows() -> tuple[list[Row], list[Series]]:
     return [*_instructions(), *_kernel_figures(), _system_calls(), *growth, *_peaks()], [series]
 
 
-def _service(pages: int, pictures: tuple[int, int] | None = None) -> Work:
+def service(pages: int, pictures: tuple[int, int] | None = None) -> Work:
     """Has the service download; without pictures of a given size these are the simulator's own, 20 to 200 KB."""
     def work(camera: Camera) -> None:
         if pictures:
@@ -66,16 +66,16 @@ cat /tmp/counts.* >/tmp/counts
 
 def _instructions() -> list[Row]:
     pages = COUNTED_PAGES
-    service = measuring.instructions(f"exec {measuring.callgrind(PAGE_OF_SERVICE)} {measuring.program(SERVICE)}",
-                                     _service(pages)) / pages
+    ours = measuring.instructions(f"exec {measuring.callgrind(PAGE_OF_SERVICE)} {measuring.program(SERVICE)}",
+                                     service(pages)) / pages
     libcurl = measuring.instructions(
         f"exec {measuring.callgrind(PAGE_OF_LIBCURL)} {measuring.program('libcurl_page')}", _end,
         **_libcurl(pages)) / pages
     command = measuring.instructions(_curl_command(), _end)
-    parts = {"service, million": service / 1e6, "program on libcurl, million": libcurl / 1e6,
+    parts = {"service, million": ours / 1e6, "program on libcurl, million": libcurl / 1e6,
              "curl command, million": command / 1e6}
-    return [Row(GROUP, "instructions", "program on libcurl", service / libcurl, aim=0.65, parts=parts),
-            Row(GROUP, "instructions, beside curl", "curl command", service / command, aim=1.0, parts=parts)]
+    return [Row(GROUP, "instructions", "program on libcurl", ours / libcurl, aim=0.65, parts=parts),
+            Row(GROUP, "instructions, beside curl", "curl command", ours / command, aim=1.0, parts=parts)]
 
 
 def timed() -> list[Row]:
@@ -89,14 +89,15 @@ def _kernel_figures() -> list[Row]:
     theirs: list[dict[str, float]] = []
     for _ in range(ROUNDS):
         with measuring.camera(f"exec {measuring.subject(SERVICE)}") as camera:
-            _service(1)(camera)
+            service(1)(camera)
             before = _used(camera.service.pid)
             measuring.download(camera, TIMED_PAGES)
             ours.append({name: (value - before[name]) / TIMED_PAGES
                          for name, value in _used(camera.service.pid).items()})
-        with measuring.camera(f"exec {measuring.program('libcurl_page')}", **_libcurl(1 + TIMED_PAGES)) as camera:
+        with measuring.camera(f"exec {measuring.program('libcurl_page')} >/tmp/used",
+                              **_libcurl(1 + TIMED_PAGES)) as camera:
             _end(camera)
-            used = map(float, camera.service.stdout.split())
+            used = map(float, camera.path("/tmp/used").read_text().split())
             theirs.append({name: value / TIMED_PAGES for name, value in zip(("ms", "page faults"), used)})
     ratio = statistics.median(one["ms"] / other["ms"] for one, other in zip(ours, theirs))
     spread = {f"{who}, {label}, ms": pick([one["ms"] for one in rounds])
@@ -108,7 +109,7 @@ def _kernel_figures() -> list[Row]:
     return [Row(GROUP, "processor time, user and system", "program on libcurl", ratio, tolerance=0.5, parts=spread,
                 timed=True),
             Row(GROUP, "page faults", "", faults["service"], tolerance=0.25, parts=faults),
-            Row(GROUP, "bytes through system calls", "size of the page", sum(moved.values()) * 1e6 / _average_page(),
+            Row(GROUP, "bytes through system calls", "size of the page", sum(moved.values()) * 1e6 / page_size(pages=TIMED_PAGES),
                 aim=2.1, tolerance=0.02, parts=moved)]
 
 
@@ -119,25 +120,28 @@ def _used(pid: int) -> dict[str, float]:
             "MB in": moved[0] / 1e6, "MB out": moved[1] / 1e6}
 
 
-def _average_page() -> float:
+def page_size(pictures: tuple[int, int] | None = None, pages: int = 5) -> float:
+    """Bytes of a page on average, of so many pages."""
     platform = Platform(Journal())
-    return statistics.fmean(len(platform.page(start, PAGE)) for start in range(0, TIMED_PAGES * PAGE, PAGE))
+    if pictures:
+        platform.picture_sizes = pictures
+    return statistics.fmean(len(platform.page(start, PAGE)) for start in range(0, pages * PAGE, PAGE))
 
 
 def _system_calls() -> Row:
     """Those of ten pages without those of one, so that start and end do not count."""
     def calls(name: str, pages: int, work: Work) -> int:
         return sum(measuring.system_calls(str(measuring.program(name)), work, **_libcurl(pages)).values())
-    service = (calls(SERVICE, 11, _service(11)) - calls(SERVICE, 1, _service(1))) / 10
+    ours = (calls(SERVICE, 11, service(11)) - calls(SERVICE, 1, service(1))) / 10
     libcurl = (calls("libcurl_page", 11, _end) - calls("libcurl_page", 1, _end)) / 10
-    return Row(GROUP, "system calls", "", service, tolerance=0.1,
-               parts={"service": service, "program on libcurl": libcurl})
+    return Row(GROUP, "system calls", "", ours, tolerance=0.1,
+               parts={"service": ours, "program on libcurl": libcurl})
 
 
 def _growth() -> tuple[list[Row], Series]:
     costs = {pages: measuring.instructions(
         f"exec {measuring.callgrind(PAGE_OF_SERVICE)} {measuring.program(SERVICE)}",
-        _service(pages, SMALL_PICTURES)) / pages for pages in NUMBERS_OF_PAGES}
+        service(pages, SMALL_PICTURES)) / pages for pages in NUMBERS_OF_PAGES}
     parts = {f"{pages} pages, million instructions a page": cost / 1e6 for pages, cost in costs.items()}
     points = [(float(pages), cost / 1e6) for pages, cost in costs.items()]
     return ([Row(GROUP, f"cost a page of {pages}", "that of the first 10", costs[pages] / costs[10],
