@@ -88,10 +88,10 @@ def _counts(name: str, body: str) -> list[Row]:
     binary = measuring.program(SERVICE)
 
     def work(count: int) -> measuring.Work:
-        def ask(camera: Camera) -> None:
+        def several(camera: Camera) -> None:
             measuring.wait_for_commands(camera)
             ask(camera, body, count)
-        return ask
+        return several
     more = COUNTED_COMMANDS
     ran = [measuring.instructions(f"exec {measuring.callgrind()} {binary}", work(count), client=False)
            for count in (1, 1 + more)]

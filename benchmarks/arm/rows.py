@@ -13,7 +13,7 @@ from pathlib import Path
 from benchmarks import command_rows, measuring, metadata_rows, page_rows, standing_rows
 from benchmarks.comparison.results import Row, Series
 from benchmarks.measuring import SERVICE
-from simulator import CameraError, wire
+from simulator import CameraError
 from simulator.device import emulator
 
 GROUP = "The camera's processor"

@@ -17,6 +17,7 @@ from simulator.peers.platform import Platform
 GROUP = "The line"
 PAGES = 3
 LATENCIES = (20, 50, 200)  # milliseconds
+ROUNDS = 2
 LIBCURL = "program on libcurl"
 CURL = "curl command"
 _GO = "/tmp/go"
@@ -38,8 +39,11 @@ def timed() -> list[Row]:
 
 
 def _measure(latency: float) -> dict[str, Pages]:
-    return {"service": _service(latency), LIBCURL: _other(latency, f"exec {measuring.program('libcurl_page')}"),
-            CURL: _other(latency, _curl_command())}
+    """The best of a few times for each page: a busy machine only adds to them."""
+    rounds = [{"service": _service(latency), LIBCURL: _other(latency, f"exec {measuring.program('libcurl_page')}"),
+               CURL: _other(latency, _curl_command())} for _ in range(ROUNDS)]
+    return {who: [min(same, key=lambda page: page.seconds) for same in zip(*(one[who] for one in rounds))]
+            for who in rounds[0]}
 
 
 def _service(latency: float) -> Pages:

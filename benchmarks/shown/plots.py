@@ -73,7 +73,7 @@ def bars(values: Mapping[str, float], unit: str) -> str:
 def line(points: Sequence[tuple[float, float]], x_label: str, y_label: str) -> str:
     """A line through points, from zero upwards; x is laid out by powers of ten where it spans several."""
     xs, ys = zip(*points)
-    logarithmic = min(xs) > 0 and max(xs) / min(xs) >= 100 and max(xs) != 99
+    logarithmic = min(xs) > 0 and max(xs) / min(xs) >= 100
     y_marks = ticks(max(ys))
     x_marks = list(xs) if logarithmic else ticks(max(xs))
     low, high = (math.log(min(xs)), math.log(max(xs))) if logarithmic else (0.0, x_marks[-1])

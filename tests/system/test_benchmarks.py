@@ -15,8 +15,9 @@ import pytest
 import benchmarks
 from benchmarks.comparison import results, turns
 from benchmarks.line import packets
-from benchmarks.shown import report
+from benchmarks.shown import documents, plots, report, story
 
+COMMITTED = Path(benchmarks.__file__).parent / "results.json"
 FIGURES = """{
  "rows": [
   {"group": "A page", "name": "instructions", "against": "a <program>", "value": 0.9, "unit": "", "tolerance": 0.1,
@@ -89,7 +90,7 @@ def test_a_missed_aim_is_shown() -> None:
 
 
 def test_the_committed_figures_make_a_page() -> None:
-    committed = results.read((Path(benchmarks.__file__).parent / "results.json").read_text())
+    committed = results.read(COMMITTED.read_text())
     assert all(row.name in html.unescape(report.page(committed)) for row in committed.rows)
 
 
@@ -153,3 +154,30 @@ def test_connections_are_told_apart_and_other_packets_left_out() -> None:
     costs = packets.connections(packets.parse("\n".join(lines)))
     assert [(cost.round_trips, cost.packets_out, cost.packets_in) for cost in costs] == [(0, 1, 0), (1, 1, 1)]
     assert sum(costs[1:], costs[0]).round_trips == 1
+
+
+@pytest.mark.parametrize("name", documents.DOCUMENTS)
+def test_the_figures_in_the_documents_are_the_committed_ones(name: str) -> None:
+    text = (COMMITTED.parents[1] / name).read_text()
+    assert documents.written(text, name, results.read(COMMITTED.read_text())) == text, "scripts/bench report"
+
+
+def test_every_figure_that_the_story_names_was_measured() -> None:
+    figures = story.Figures(results.read(COMMITTED.read_text()))
+    for chapter in story.CHAPTERS:
+        assert None not in [figures.sentence(template) for template in chapter.sentences], chapter.title
+        assert not isinstance(chapter.plot, story.Bars) or figures.bars(chapter.plot), chapter.title
+
+
+def test_a_sentence_whose_figure_was_not_measured_is_left_out() -> None:
+    figures = story.Figures(results.read(FIGURES))
+    assert figures.sentence("{Idle: threads} threads, {A page: instructions / service, million} million") \
+        == "3.00 threads, 28.3 million"
+    assert figures.sentence("{Idle: descriptors} descriptors") is None
+
+
+@pytest.mark.parametrize("greatest, expected", [
+    (4.2, [0, 1, 2, 3, 4, 5]), (26.6, [0, 10, 20, 30]), (100, [0, 20, 40, 60, 80, 100]), (0.07, [0, 0.02, 0.04, 0.06, 0.08]),
+    (3540, [0, 1000, 2000, 3000, 4000]), (0, [0, 1])])
+def test_ticks_are_round_numbers(greatest: float, expected: list[float]) -> None:
+    assert plots.ticks(greatest) == pytest.approx(expected)
