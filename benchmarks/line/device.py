@@ -14,7 +14,6 @@ import fcntl
 import os
 import socket
 import struct
-import subprocess
 import sys
 
 MTU = 1500
@@ -25,6 +24,12 @@ QUEUE = 20_000
 TUNSETIFF = 0x400454CA
 IFF_TUN_WITHOUT_HEADER = 0x1001
 NS_GET_USERNS = 0xB701
+SIOCSIFFLAGS = 0x8914
+SIOCSIFADDR = 0x8916
+SIOCSIFDSTADDR = 0x8918
+SIOCSIFMTU = 0x8922
+SIOCSIFTXQLEN = 0x8943
+IFF_UP = 1
 
 
 def enter_network(pid: int) -> None:
@@ -42,10 +47,17 @@ def make(name: str, address: str, peer: str) -> int:
     """Makes the device; it lasts as long as the descriptor that is returned."""
     descriptor = os.open("/dev/net/tun", os.O_RDWR | os.O_NONBLOCK)
     fcntl.ioctl(descriptor, TUNSETIFF, struct.pack("16sH22x", name.encode(), IFF_TUN_WITHOUT_HEADER))
-    for words in (["addr", "add", address, "peer", peer, "dev", name],
-                  ["link", "set", name, "mtu", str(MTU), "txqueuelen", str(QUEUE), "up"]):
-        subprocess.run(["ip", *words], check=True)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
+        for request, value in ((SIOCSIFADDR, _address(address)), (SIOCSIFDSTADDR, _address(peer)),
+                               (SIOCSIFMTU, struct.pack("i", MTU)), (SIOCSIFTXQLEN, struct.pack("i", QUEUE)),
+                               (SIOCSIFFLAGS, struct.pack("h", IFF_UP))):
+            fcntl.ioctl(any_socket, request, struct.pack("16s24s", name.encode(), value))
     return descriptor
+
+
+def _address(text: str) -> bytes:
+    """struct sockaddr_in"""
+    return struct.pack("=HH4s8x", socket.AF_INET, 0, socket.inet_aton(text))
 
 
 def main() -> None:

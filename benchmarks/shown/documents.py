@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 from benchmarks.comparison.results import Results
-from benchmarks.shown import plots
-from benchmarks.shown.story import CHAPTERS, Chapter, Figures
+from benchmarks.shown.story import CHAPTERS, FLEET, Chapter, Figures
 
 BEGIN, END = "<!-- figures -->\n", "<!-- end of figures -->\n"
 # The documents, from the root, and the chapters that each has.
-DOCUMENTS = {"benchmarks/README.md": [chapter for chapter in CHAPTERS if "The platform" not in chapter.groups],
-             "docs/fleet.md": [chapter for chapter in CHAPTERS if "The platform" in chapter.groups]}
+DOCUMENTS = {"benchmarks/README.md": [chapter for chapter in CHAPTERS if chapter is not FLEET],
+             "docs/fleet.md": [FLEET]}
 
 
 def written(text: str, path: str, results: Results) -> str:
@@ -25,10 +24,8 @@ def written(text: str, path: str, results: Results) -> str:
 
 def _chapter(chapter: Chapter, figures: Figures, results: Results) -> str:
     sentences = [text for text in map(figures.sentence, chapter.sentences) if text is not None]
-    missed = [f"Missed: {row.name} is {plots.number(row.value)}, at most {plots.number(row.aim or 0)} was wanted. "
-              f"{row.reason}".rstrip() for row in results.rows if row.group in chapter.groups and not row.meets_aim]
+    missed = "".join(f"- {text}\n" for text in chapter.missed(results))
     if not sentences and not missed:
         return ""
     lines = "\n".join(sentences)
-    listed = "".join(f"- {line}\n" for line in missed)
-    return f"**{chapter.title}.** {lines}\n\n" + (f"{listed}\n" if listed else "")
+    return f"**{chapter.title}.** {lines}\n\n" + (f"{missed}\n" if missed else "")

@@ -15,8 +15,8 @@ MOST_TICKS = 5
 
 
 def number(value: float) -> str:
-    """Three digits that count, without an exponent."""
-    if value == 0 or abs(value) >= 100:
+    """Three digits that count, without an exponent; a whole number as one."""
+    if value == round(value) or abs(value) >= 100:
         return f"{value:,.0f}".replace(",", "\u202f")
     return f"{value:.{max(0, 2 - math.floor(math.log10(abs(value))))}f}"
 

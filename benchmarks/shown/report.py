@@ -48,11 +48,11 @@ def page(results: Results) -> str:
     figures = Figures(results)
     aimed = [row for row in rows if row.aim is not None]
     versions = ", ".join(f"{escape(name)} {escape(version)}" for name, version in results.versions.items())
-    told = {group for chapter in CHAPTERS for group in chapter.groups}
+    untold = [row for row in rows if not any(chapter.tells_of(row) for chapter in CHAPTERS)]
     chapters = "".join(_chapter(chapter, figures, results) for chapter in CHAPTERS)
     others = "".join(f"<h2>{escape(group)}</h2>\n"
-                     f"{_rows([row for row in rows if row.group == group], _other_plots((group,), results))}"
-                     for group in dict.fromkeys(row.group for row in rows) if group not in told)
+                     f"{_rows([row for row in untold if row.group == group], _other_plots({group}, results))}"
+                     for group in dict.fromkeys(row.group for row in untold))
     return (f'<!DOCTYPE html>\n<html lang="en">\n<head>\n<meta charset="utf-8">\n'
             f'<meta name="viewport" content="width=device-width, initial-scale=1">\n<title>camgate, measured</title>\n'
             f"<style>{STYLE}</style>\n</head>\n<body>\n<h1>camgate, measured</h1>\n<p>{INTRODUCTION}</p>\n"
@@ -63,13 +63,14 @@ def page(results: Results) -> str:
 def _chapter(chapter: Chapter, figures: Figures, results: Results) -> str:
     """Nothing where nothing of it was measured."""
     sentences = [text for text in map(figures.sentence, chapter.sentences) if text is not None]
-    rows = [row for row in results.rows if row.group in chapter.groups]
+    rows = [row for row in results.rows if chapter.tells_of(row)]
     plot = _plot(chapter, figures, results)
     if not rows and not plot:
         return ""
     said = "".join(f"<p>{escape(text)}</p>\n" for text in sentences)
-    return (f'<h2>{escape(chapter.title)}</h2>\n<div class="chapter"><div>{said}{_missed(rows)}</div>{plot}</div>\n'
-            f"{_rows(rows, _other_plots(chapter.groups, results))}")
+    missed = "".join(f'<p class="missed">{escape(text)}</p>\n' for text in chapter.missed(results))
+    return (f'<h2>{escape(chapter.title)}</h2>\n<div class="chapter"><div>{said}{missed}</div>{plot}</div>\n'
+            f"{_rows(rows, _other_plots({row.group for row in rows}, results))}")
 
 
 def _plot(chapter: Chapter, figures: Figures, results: Results) -> str:
@@ -81,7 +82,7 @@ def _plot(chapter: Chapter, figures: Figures, results: Results) -> str:
                    if one.name == series)
 
 
-def _other_plots(groups: tuple[str, ...], results: Results) -> str:
+def _other_plots(groups: set[str], results: Results) -> str:
     """Those of the groups that no chapter begins with."""
     shown = {chapter.plot.series for chapter in CHAPTERS if isinstance(chapter.plot, Line)}
     return "".join(_figure(one.name, plots.line(one.points, one.x, one.y)) for one in results.series
@@ -90,13 +91,6 @@ def _other_plots(groups: tuple[str, ...], results: Results) -> str:
 
 def _figure(title: str, drawn: str) -> str:
     return f"<figure><figcaption>{escape(title)}</figcaption>{drawn}</figure>\n"
-
-
-def _missed(rows: list[Row]) -> str:
-    """The missed aims, with what is known of the reason."""
-    return "".join(f'<p class="missed">Aim missed: {escape(row.name)} is {plots.number(row.value)}, at most '
-                   f"{plots.number(row.aim or 0)} was wanted. {escape(row.reason)}</p>\n"
-                   for row in rows if not row.meets_aim)
 
 
 def _rows(rows: list[Row], drawn: str = "") -> str:

@@ -1,7 +1,7 @@
 """What the page says of the figures: a chapter for each thing that costs something.
 
-A sentence names its figures in braces, as "group: name" for the value of a row, with " / part" for a part of it. One
-whose figures were not measured is left out.
+A sentence names its figures in braces, as "group: name" for the value of a row, with " / part" for a part of it, and
+with " ÷ 1000" for thousands. One whose figures were not measured is left out.
 """
 
 from __future__ import annotations
@@ -10,7 +10,7 @@ import re
 from collections.abc import Callable
 from dataclasses import dataclass
 
-from benchmarks.comparison.results import Results
+from benchmarks.comparison.results import Results, Row
 from benchmarks.shown import plots
 
 CAMERAS = 100_000
@@ -36,14 +36,43 @@ class Line:
 
 @dataclass(frozen=True)
 class Chapter:
-    """groups: the rows that it tells of, which stand below it."""
+    """begins: how the keys of the rows that it tells of begin. They stand below it."""
 
     title: str
     sentences: tuple[str, ...]
     plot: Bars | Line
-    groups: tuple[str, ...]
+    begins: tuple[str, ...]
+
+    def tells_of(self, row: Row) -> bool:
+        return row.key.startswith(self.begins)
+
+    def missed(self, results: Results) -> list[str]:
+        """A sentence for each reason of missed aims."""
+        named: dict[str, list[str]] = {}
+        for row in results.rows:
+            if self.tells_of(row) and not row.meets_aim:
+                named.setdefault(row.reason, []).append(
+                    f"{row.name} is {plots.number(row.value)} ({plots.number(row.aim or 0)} was wanted)")
+        return [f"Missed: {'; '.join(names)}. {reason}".rstrip() for reason, names in named.items()]
 
 
+FLEET = Chapter("What 100,000 cameras cost", (
+    "A download of 75 faces is three pages and six connections, of which five resume the TLS session of the first. "
+    "A full handshake takes a platform "
+    "{The platform: handshakes of a download of 75 faces, P-256 / a full handshake, thousand instructions ÷ 1000} million "
+    "instructions with a P-256 key, and "
+    "{The platform: handshakes of a download of 75 faces, RSA of 2048 bits / a full handshake, thousand instructions "
+    "÷ 1000} million with RSA of 2048 bits; a resumed one takes "
+    "{The platform: handshakes of a download of 75 faces, P-256 / a resumed one, thousand instructions ÷ 1000} "
+    "million.",
+    "The handshakes of 100,000 downloads therefore take it {fleet: billions} billion instructions in place of "
+    "{fleet: full billions}; with RSA {fleet: RSA billions} in place of {fleet: full RSA billions}.",
+    "They bring {fleet: TB} TB down the line, and their cameras wait for {fleet: million round trips} million round "
+    "trips in all, {fleet: saved round trips} million fewer than without resumption."),
+    Bars("Handshakes of 100,000 downloads", "billion instructions", {
+        "P-256, resumed": "fleet: billions", "P-256, all in full": "fleet: full billions",
+        "RSA, resumed": "fleet: RSA billions", "RSA, all in full": "fleet: full RSA billions"}),
+    ("The platform: ",))
 CHAPTERS = (
     Chapter("What a page costs the camera", (
         "A page has up to 30 faces and some 4.5 MB. To fetch it, keep it and report what became of it takes the camera "
@@ -61,7 +90,7 @@ CHAPTERS = (
         Bars("Instructions of a page with its report", "million instructions", {
             "service": "A page: instructions / service, million",
             "program on libcurl": "A page: instructions / program on libcurl, million",
-            "curl command": "A page: instructions / curl command, million"}), ("A page",)),
+            "curl command": "A page: instructions / curl command, million"}), ("A page: ",)),
     Chapter("What a page costs the line", (
         "A page with its report waits for the line {The line: round trips of a page with its report} times: each of "
         "its two connections once for TCP, once for TLS and once for the answer. The first page of a download waits "
@@ -75,7 +104,7 @@ CHAPTERS = (
         "libcurl. What is more than the round trips is the platform's TCP, which begins with ten packets and doubles.",
         "On the wire a page is {The line: bytes on the wire of a page with its report} times its size, with the "
         "headers of all packets in both directions."),
-        Line("A page with its report on a longer line"), ("The line",)),
+        Line("A page with its report on a longer line"), ("The line: ",)),
     Chapter("What a command costs", (
         "A faceNotHitDown takes {A command: faceNotHitDown: instructions} thousand instructions and "
         "{A command: faceNotHitDown: system calls} system calls, from the datagram to the reply.",
@@ -84,12 +113,12 @@ CHAPTERS = (
         "{A command: faceNotHitDown: round trip, median / bare loop, median, µs} µs.",
         "Without the stand-ins of log and ring buffer, which on the camera are the vendor's, it would be "
         "{A command: faceNotHitDown, empty platform: round trip, median / service, median, µs} µs."),
-        Line("Round trips of faceNotHitDown"), ("A command",)),
+        Line("Round trips of faceNotHitDown"), ("A command: ",)),
     Chapter("What a metadata record costs", (
-        "A record of 10 KB takes {A metadata record: 10 KB: instructions / service, thousand} thousand instructions; "
-        "{A metadata record: 10 KB: instructions / parser alone, thousand} thousand of them are the JSON library's, "
+        "A record of 10 KB takes {A metadata record: 10 KB: instructions / service, thousand ÷ 1000} million instructions; "
+        "{A metadata record: 10 KB: instructions / parser alone, thousand ÷ 1000} million of them are the JSON library's, "
         "which would take them anywhere.",),
-        Line("A record through the receive task"), ("A metadata record",)),
+        Line("A record through the receive task"), ("A metadata record: ",)),
     Chapter("What a second of idling costs", (
         "With nothing to do the service wakes up {Standing by: wake-ups when idle} times a second, with "
         "{Standing by: threads when idle} threads and {Standing by: descriptors when idle} descriptors.",
@@ -97,7 +126,7 @@ CHAPTERS = (
         "server with the same libraries holds {Standing by: private memory when idle / smallest server, KiB} KiB."),
         Bars("Private memory when idle", "KiB", {
             "service": "Standing by: private memory when idle / service, KiB",
-            "smallest server": "Standing by: private memory when idle / smallest server, KiB"}), ("Standing by",)),
+            "smallest server": "Standing by: private memory when idle / smallest server, KiB"}), tuple(f"Standing by: {what}" for what in ("wake", "private", "threads", "descriptors", "stripped"))),
     Chapter("What a start costs", (
         "From its start to its command socket it takes {Standing by: start to command socket / service, ms} ms, the "
         "smallest server {Standing by: start to command socket / smallest server, ms} ms: nearly all of it is the "
@@ -106,37 +135,23 @@ CHAPTERS = (
         "instructions, {Standing by: start and stop: instructions} times those of the smallest server."),
         Bars("Start and stop", "million instructions", {
             "service": "Standing by: start and stop: instructions / service, million",
-            "smallest server": "Standing by: start and stop: instructions / smallest server, million"}), ()),
+            "smallest server": "Standing by: start and stop: instructions / smallest server, million"}),
+        ("Standing by: start",)),
     Chapter("What the camera's own processor does", (
         "In instructions of a 32-bit ARM without help for AES, counted by its emulator: a page with its report takes "
         "{The camera's processor: a page with its report, without its pictures} million, and "
         "{The camera's processor: each MB of a page} million for each MB of pictures, nearly all of it to decrypt.",
-        "A command takes {The camera's processor: a command, faceNotHitDown} thousand, a record of 10 KB "
-        "{The camera's processor: a record of 10 KB / service, thousand} thousand, start and stop "
+        "A command takes {The camera's processor: a command, faceNotHitDown} thousand instructions, a record of 10 KB "
+        "{The camera's processor: a record of 10 KB / service, thousand ÷ 1000} million, start and stop "
         "{The camera's processor: start and stop / service, million} million."),
         Bars("A megabyte of a page, and a start", "million instructions", {
             "each MB of a page": "The camera's processor: each MB of a page",
             "start and stop": "The camera's processor: start and stop / service, million"}),
-        ("The camera's processor",)),
-    Chapter("What 100,000 cameras cost", (
-        "A download of 75 faces is three pages and six connections, of which five resume the TLS session of the first. "
-        "A full handshake takes a platform "
-        "{The platform: handshakes of a download of 75 faces, P-256 / a full handshake, thousand instructions} thousand "
-        "instructions with a P-256 key, and "
-        "{The platform: handshakes of a download of 75 faces, RSA of 2048 bits / a full handshake, thousand instructions} "
-        "thousand with RSA of 2048 bits; a resumed one takes "
-        "{The platform: handshakes of a download of 75 faces, P-256 / a resumed one, thousand instructions} thousand.",
-        "The handshakes of 100,000 downloads therefore take it {fleet: billions} billion instructions in place of "
-        "{fleet: full billions}; with RSA {fleet: RSA billions} in place of {fleet: full RSA billions}.",
-        "They bring {fleet: TB} TB down the line, and their cameras wait for {fleet: million round trips} million round "
-        "trips in all, {fleet: saved round trips} million fewer than without resumption."),
-        Bars("Handshakes of 100,000 downloads", "billion instructions", {
-            "P-256, resumed": "fleet: billions", "P-256, all in full": "fleet: full billions",
-            "RSA, resumed": "fleet: RSA billions", "RSA, all in full": "fleet: full RSA billions"}),
-        ("The platform",)),
+        ("The camera's processor: ",)),
+    FLEET,
     Chapter("What the pieces of work cost", (), Bars("Instructions of one round", "instructions", {
         "request": "Pieces of work: requestDocument", "message": "Pieces of work: messageBuilding",
-        "command": "Pieces of work: commandDecoding", "report": "Pieces of work: reportDocument"}), ("Pieces of work",)),
+        "command": "Pieces of work: commandDecoding", "report": "Pieces of work: reportDocument"}), ("Pieces of work: ",)),
 )
 
 
@@ -158,7 +173,8 @@ class Figures:
     def sentence(self, template: str) -> str | None:
         """The template with its figures; None when one was not measured."""
         try:
-            return re.sub(r"\{([^}]+)\}", lambda match: plots.number(self[match[1]]), template)
+            return re.sub(r"\{([^}÷]+)( ÷ 1000)?\}",
+                          lambda match: plots.number(self[match[1]] / (1000 if match[2] else 1)), template)
         except KeyError:
             return None
 

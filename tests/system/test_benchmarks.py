@@ -86,7 +86,7 @@ def test_the_page_is_whole_and_fetches_nothing() -> None:
 
 def test_a_missed_aim_is_shown() -> None:
     page = report.page(results.Results(changed(0, value=1.2), [], {}))
-    assert "aim: at most 1.00, missed" in page and 'class="bad"' in page
+    assert "aim: at most 1, missed" in page and 'class="bad"' in page
 
 
 def test_the_committed_figures_make_a_page() -> None:
@@ -172,7 +172,7 @@ def test_every_figure_that_the_story_names_was_measured() -> None:
 def test_a_sentence_whose_figure_was_not_measured_is_left_out() -> None:
     figures = story.Figures(results.read(FIGURES))
     assert figures.sentence("{Idle: threads} threads, {A page: instructions / service, million} million") \
-        == "3.00 threads, 28.3 million"
+        == "3 threads, 28.3 million"
     assert figures.sentence("{Idle: descriptors} descriptors") is None
 
 
