@@ -16,8 +16,8 @@ GROUP = "A command"
 COMMANDS = {"faceNotHitDown": '{"taskName":"faceNotHitDown","taskInfo":{"faceID":"F1","similarity":42}}',
             "a refused command": '{"taskName":"unknown","taskInfo":{}}'}
 AIMS = {"faceNotHitDown": 1.3, "a refused command": 1.2}
-FLOOR = ("The library's JSON, the log's three or four lines and the waits between datagrams are what is left beyond the "
-         "bare loop, which parses and logs nothing.")
+FLOOR = ("The library's JSON, the log's three or four lines and the waits between datagrams are what is left beyond "
+         "the bare loop, which parses and logs nothing.")
 ROUNDS = 15
 COMMANDS_A_ROUND = 400
 COUNTED_COMMANDS = 1000

@@ -109,7 +109,8 @@ def _kernel_figures() -> list[Row]:
     return [Row(GROUP, "processor time, user and system", "program on libcurl", ratio, tolerance=0.5, parts=spread,
                 timed=True),
             Row(GROUP, "page faults", "", faults["service"], tolerance=0.25, parts=faults),
-            Row(GROUP, "bytes through system calls", "size of the page", sum(moved.values()) * 1e6 / page_size(pages=TIMED_PAGES),
+            Row(GROUP, "bytes through system calls", "size of the page",
+                sum(moved.values()) * 1e6 / page_size(pages=TIMED_PAGES),
                 aim=2.1, tolerance=0.02, parts=moved)]
 
 

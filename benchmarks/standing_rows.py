@@ -20,8 +20,8 @@ STARTS = 25
 COUNTED_STARTS = 3
 AGAINST = "smallest POCO server"
 LARGER = "A larger program is relocated, and it makes the event queue's connection and its sockets first."
-STAND_INS = ("The stand-ins of the ring buffer, which reserves 4 MB at once, and of the account switch take the rest; on "
-             "the camera both are the vendor's.")
+STAND_INS = ("The stand-ins of the ring buffer, which reserves 4 MB at once, and of the account switch take the rest; "
+             "on the camera both are the vendor's.")
 
 
 def rows() -> tuple[list[Row], list[Series]]:

@@ -68,7 +68,8 @@ def _preload() -> str:
 def _words(plugin: Path, name: str, counts: str) -> list[str]:
     """The command that runs a program of the camera's and writes how many instructions it took."""
     words, _ = emulator.process(_binary(name), {"LD_PRELOAD": _preload()})
-    return [words[0], "-cpu", PROCESSOR, "-U", "LD_LIBRARY_PATH", "-plugin", f"file={plugin},counts={counts}", *words[1:]]
+    return [words[0], "-cpu", PROCESSOR, "-U", "LD_LIBRARY_PATH", "-plugin", f"file={plugin},counts={counts}",
+            *words[1:]]
 
 
 def _count(plugin: Path, name: str, work: measuring.Work, **settings: object) -> float:

@@ -17,8 +17,8 @@ KEYS = {"P-256": ["-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256"],
         "RSA of 2048 bits": ["-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048"]}
 FUNCTION = "platform_step"
 _SEVERAL = 20
-FLOOR = ("One handshake of the six is a full one, a sixth by itself; a resumed one still derives keys, takes the ticket "
-         "apart and compares hashes, a fifth of a full one with a P-256 key.")
+FLOOR = ("One handshake of the six is a full one, a sixth by itself; a resumed one still derives keys, takes the "
+         "ticket apart and compares hashes, a fifth of a full one with a P-256 key.")
 
 
 def rows() -> tuple[list[Row], list[Series]]:

@@ -62,7 +62,7 @@ def _service(latency: float) -> Pages:
 
 def _other(latency: float, command: str) -> Pages:
     """A program that makes the same requests, once there is a platform."""
-    waiting = f"while [ ! -e {_GO} ]; do sleep 0.05; done\n"
+    waiting = f"while [ ! -e {_GO} ]; do sleep 0.05; done\n"  # pause: nothing tells of a new file
     environment = {"PAGES": str(PAGES), "PLATFORM": Line.url}
     with measuring.camera(waiting + command, environment=environment) as camera:
         with Line(camera, latency) as line:

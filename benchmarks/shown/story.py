@@ -59,8 +59,8 @@ class Chapter:
 FLEET = Chapter("What 100,000 cameras cost", (
     "A download of 75 faces is three pages and six connections, of which five resume the TLS session of the first. "
     "A full handshake takes a platform "
-    "{The platform: handshakes of a download of 75 faces, P-256 / a full handshake, thousand instructions ÷ 1000} million "
-    "instructions with a P-256 key, and "
+    "{The platform: handshakes of a download of 75 faces, P-256 / a full handshake, thousand instructions ÷ 1000} "
+    "million instructions with a P-256 key, and "
     "{The platform: handshakes of a download of 75 faces, RSA of 2048 bits / a full handshake, thousand instructions "
     "÷ 1000} million with RSA of 2048 bits; a resumed one takes "
     "{The platform: handshakes of a download of 75 faces, P-256 / a resumed one, thousand instructions ÷ 1000} "
@@ -115,9 +115,9 @@ CHAPTERS = (
         "{A command: faceNotHitDown, empty platform: round trip, median / service, median, µs} µs."),
         Line("Round trips of faceNotHitDown"), ("A command: ",)),
     Chapter("What a metadata record costs", (
-        "A record of 10 KB takes {A metadata record: 10 KB: instructions / service, thousand ÷ 1000} million instructions; "
-        "{A metadata record: 10 KB: instructions / parser alone, thousand ÷ 1000} million of them are the JSON library's, "
-        "which would take them anywhere.",),
+        "A record of 10 KB takes {A metadata record: 10 KB: instructions / service, thousand ÷ 1000} million "
+        "instructions; {A metadata record: 10 KB: instructions / parser alone, thousand ÷ 1000} million of them are "
+        "the JSON library's, which would take them anywhere.",),
         Line("A record through the receive task"), ("A metadata record: ",)),
     Chapter("What a second of idling costs", (
         "With nothing to do the service wakes up {Standing by: wake-ups when idle} times a second, with "
@@ -126,7 +126,8 @@ CHAPTERS = (
         "server with the same libraries holds {Standing by: private memory when idle / smallest server, KiB} KiB."),
         Bars("Private memory when idle", "KiB", {
             "service": "Standing by: private memory when idle / service, KiB",
-            "smallest server": "Standing by: private memory when idle / smallest server, KiB"}), tuple(f"Standing by: {what}" for what in ("wake", "private", "threads", "descriptors", "stripped"))),
+            "smallest server": "Standing by: private memory when idle / smallest server, KiB"}),
+        tuple(f"Standing by: {what}" for what in ("wake", "private", "threads", "descriptors", "stripped"))),
     Chapter("What a start costs", (
         "From its start to its command socket it takes {Standing by: start to command socket / service, ms} ms, the "
         "smallest server {Standing by: start to command socket / smallest server, ms} ms: nearly all of it is the "
@@ -151,7 +152,8 @@ CHAPTERS = (
     FLEET,
     Chapter("What the pieces of work cost", (), Bars("Instructions of one round", "instructions", {
         "request": "Pieces of work: requestDocument", "message": "Pieces of work: messageBuilding",
-        "command": "Pieces of work: commandDecoding", "report": "Pieces of work: reportDocument"}), ("Pieces of work: ",)),
+        "command": "Pieces of work: commandDecoding", "report": "Pieces of work: reportDocument"}),
+        ("Pieces of work: ",)),
 )
 
 
@@ -206,7 +208,8 @@ def _saved(figures: Figures) -> float:
 
 _FLEET: dict[str, Callable[[Figures], float]] = {
     "billions": _handshakes("P-256", 1), "full billions": _handshakes("P-256", CONNECTIONS),
-    "RSA billions": _handshakes("RSA of 2048 bits", 1), "full RSA billions": _handshakes("RSA of 2048 bits", CONNECTIONS),
+    "RSA billions": _handshakes("RSA of 2048 bits", 1),
+    "full RSA billions": _handshakes("RSA of 2048 bits", CONNECTIONS),
     "TB": lambda figures: CAMERAS / 1e6 * FACES / FACES_A_PAGE
     * figures["The line: bytes on the wire of a page with its report / service, MB down"],
     "million round trips": _round_trips, "saved round trips": _saved}

@@ -177,7 +177,8 @@ def test_a_sentence_whose_figure_was_not_measured_is_left_out() -> None:
 
 
 @pytest.mark.parametrize("greatest, expected", [
-    (4.2, [0, 1, 2, 3, 4, 5]), (26.6, [0, 10, 20, 30]), (100, [0, 20, 40, 60, 80, 100]), (0.07, [0, 0.02, 0.04, 0.06, 0.08]),
+    (4.2, [0, 1, 2, 3, 4, 5]), (26.6, [0, 10, 20, 30]), (100, [0, 20, 40, 60, 80, 100]),
+    (0.07, [0, 0.02, 0.04, 0.06, 0.08]),
     (3540, [0, 1000, 2000, 3000, 4000]), (0, [0, 1])])
 def test_ticks_are_round_numbers(greatest: float, expected: list[float]) -> None:
     assert plots.ticks(greatest) == pytest.approx(expected)
