@@ -2,6 +2,7 @@
  * The least that a command can cost: receives the two datagrams of a command and answers with the two of a reply, over
  * the same sockets, without looking at them.
  */
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +13,13 @@ enum { HEAD_SIZE = 280, LONGEST_BODY = 65536 };
 
 static const char REPLY[] = "{\n  \"StatusCode\" : 200\n}";
 
+/* An end in order, for whoever counts up to it. */
+static void end(int number)
+{
+    (void)number;
+    _exit(0);
+}
+
 int main(void)
 {
     static char head[HEAD_SIZE];
@@ -19,6 +27,7 @@ int main(void)
     struct sockaddr_un own = {AF_UNIX, "/tmp/HK"};
     struct sockaddr_un client = {AF_UNIX, "/tmp/KH"};
     const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    signal(SIGTERM, end);
     unlink(own.sun_path);
     if (descriptor < 0 || bind(descriptor, (struct sockaddr*)&own, sizeof(own)) != 0) {
         return 1;

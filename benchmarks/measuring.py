@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import contextlib
+import os
 import re
 import tempfile
 import time
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Callable, Iterator, Mapping, Sequence
 from pathlib import Path
 from typing import Any
 
@@ -23,7 +24,10 @@ PAGE_OF_LIBCURL = "libcurl_page"
 # A program under callgrind is fifty times as slow.
 PATIENCE = 400.0
 BUSY_SECONDS = 5.0
-_COUNTS = "/tmp/counts"
+# On some processors the C library copies and clears with one instruction, of which callgrind counts each byte.
+TUNABLES = ("GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=1000000000"
+            ":glibc.cpu.x86_rep_stosb_threshold=1000000000")
+COUNTS = "/tmp/counts"
 
 Work = Callable[[Camera], None]
 
@@ -33,6 +37,12 @@ def program(name: str) -> Path:
     if not path.exists():
         raise CameraError(f"{path} is missing; build it with: cmake --build --preset benchmarks")
     return path
+
+
+def subject(name: str) -> Path:
+    """A program that belongs to what is measured, of the build that $CAMGATE_SUBJECT names, else as program()."""
+    folder = os.environ.get("CAMGATE_SUBJECT")
+    return Path(folder) / "bin" / name if folder else program(name)
 
 
 def empty_platform() -> dict[str, list[Path]]:
@@ -48,16 +58,21 @@ def armhf_folder() -> Path | None:
 
 
 @contextlib.contextmanager
-def camera(command: str, **settings: Any) -> Iterator[Camera]:
-    """A camera in which a shell command stands in place of the service. Its log goes to a file, not to Python."""
+def camera(command: str, visible: Sequence[Path] = (), **settings: Any) -> Iterator[Camera]:
+    """A camera in which a shell command stands in place of the service. Its log goes to a file, not to Python.
+
+    visible  folders of this machine that the command needs, wherever they lie
+    """
     folder = build_folder()
     with tempfile.TemporaryDirectory(prefix="benchmark", dir=folder) as scripts:
         script = Path(scripts) / "service"
         # The service switches its user before the counts are written.
-        script.write_text(f"#!/bin/sh\nexec 2>/tmp/log\ntouch {_COUNTS}\nchmod 666 {_COUNTS}\n{command}\n")
+        script.write_text(f"#!/bin/sh\nexec 2>/tmp/log\ntouch {COUNTS}\nchmod 666 {COUNTS}\n{command}\n")
         script.chmod(0o755)
-        with Camera(service=script, libraries=[folder / "lib"], wait=False, filtered=False,
-                    **settings) as one:
+        one = Camera(service=script, libraries=[folder / "lib"], wait=False, filtered=False, **settings)
+        for path in visible:
+            one.sandbox.mounts += ["--ro-bind", str(path), str(path)]
+        with one:
             yield one
 
 
@@ -82,10 +97,10 @@ def download(one: Camera, pages: int) -> None:
     one.wait_until(lambda: len(one.platform.reports) == before + pages, PATIENCE)
 
 
-def callgrind(function: str | None = None) -> str:
+def callgrind(function: str | None = None, output: str | Path = COUNTS) -> str:
     """The words that count the instructions of a program, or only those below a function."""
     collect = f"--toggle-collect='{function}'" if function else ""
-    return f"valgrind --tool=callgrind {collect} --callgrind-out-file={_COUNTS}"
+    return f"env {TUNABLES} valgrind --tool=callgrind {collect} --callgrind-out-file={output}"
 
 
 def instructions(command: str, work: Work, **settings: Any) -> float:
@@ -100,7 +115,7 @@ def total(counts: str) -> float:
 
 def system_calls(command: str, work: Work, **settings: Any) -> dict[str, int]:
     """The system calls of a program by name, from its start to its end."""
-    table = _counts(f"exec strace -D -f -c -U calls,name -o {_COUNTS} {command}", work, settings)
+    table = _counts(f"exec strace -D -f -c -U calls,name -o {COUNTS} {command}", work, settings)
     return {name: int(calls) for calls, name in re.findall(r"^ *(\d+) ([a-z]\w*)$", table, re.MULTILINE)
             if name != "total"}
 
@@ -109,7 +124,7 @@ def _counts(command: str, work: Work, settings: Mapping[str, Any]) -> str:
     with camera(command, **settings) as one:
         work(one)
         one.service.stop(PATIENCE)
-        file = one.path(_COUNTS)
+        file = one.path(COUNTS)
         deadline = time.monotonic() + 10
         # strace writes its table after the end of the program.
         while not (file.exists() and file.stat().st_size):

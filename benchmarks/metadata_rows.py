@@ -4,13 +4,14 @@ from __future__ import annotations
 
 import json
 import os
+import shlex
 import statistics
 import subprocess
 import tempfile
 from pathlib import Path
 
 from benchmarks import measuring
-from benchmarks.results import Row, Series
+from benchmarks.comparison.results import Row, Series
 from simulator import build_folder
 
 GROUP = "A metadata record"
@@ -26,14 +27,29 @@ def rows() -> tuple[list[Row], list[Series]]:
     found, points = [], []
     with tempfile.TemporaryDirectory(prefix="benchmark") as folder:
         for size in KILOBYTES:
-            record = Path(folder) / "record"
-            record.write_text(_record(size * 1000))
-            row = _instructions(record, size)
-            rates = _rates(record, size)
-            points.append((float(size), rates["service, records a second"]))
-            ratio = rates["parser alone, records a second"] / rates["service, records a second"]
-            found += [row, Row(GROUP, f"{size} KB: time", "parser alone", ratio, tolerance=0.5, parts=rates)]
-    return found, [Series(GROUP, "Records through the receive task", "KB a record", "records a second", points)]
+            record = written(folder, size)
+            row, time = _instructions(record, size), _time(record, size)
+            points.append((float(size), row.parts["service, thousand"]))
+            found += [row, time]
+    return found, [Series(GROUP, "A record through the receive task", "KB a record", "thousand instructions", points)]
+
+
+def timed() -> list[Row]:
+    """The rows that depend on how fast the machine is, alone."""
+    with tempfile.TemporaryDirectory(prefix="benchmark") as folder:
+        return [_time(written(folder, size), size) for size in KILOBYTES]
+
+
+def written(folder: str, size: int) -> Path:
+    record = Path(folder) / "record"
+    record.write_text(_record(size * 1000))
+    return record
+
+
+def _time(record: Path, size: int) -> Row:
+    rates = _rates(record, size)
+    ratio = rates["parser alone, records a second"] / rates["service, records a second"]
+    return Row(GROUP, f"{size} KB: time", "parser alone", ratio, tolerance=0.5, parts=rates, timed=True)
 
 
 def _record(size: int) -> str:
@@ -51,7 +67,7 @@ def _record(size: int) -> str:
 
 def _run(before: list[str], how: str, record: Path, count: int) -> int:
     """Runs the program; returns the nanoseconds that it took."""
-    command = [*before, str(measuring.program("metadata_records")), how, str(record.parent), str(record), str(count)]
+    command = [*before, str(measuring.subject("metadata_records")), how, str(record.parent), str(record), str(count)]
     environment = {"PATH": os.environ["PATH"], "LD_PRELOAD": str(build_folder() / "lib" / "libcamera_devices.so")}
     return int(subprocess.run(command, env=environment, capture_output=True, text=True, check=True,
                               timeout=measuring.PATIENCE).stdout)
@@ -59,8 +75,7 @@ def _run(before: list[str], how: str, record: Path, count: int) -> int:
 
 def _counted(how: str, record: Path, count: int) -> float:
     output = record.parent / "counts"
-    _run(["valgrind", "--tool=callgrind", f"--toggle-collect={FUNCTIONS[how]}",
-          f"--callgrind-out-file={output}"], how, record, count)
+    _run(shlex.split(measuring.callgrind(FUNCTIONS[how], output)), how, record, count)
     return measuring.total(output.read_text()) / count
 
 

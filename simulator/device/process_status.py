@@ -44,6 +44,18 @@ def wake_ups(pid: int) -> int:
                for task in Path(f"/proc/{pid}/task").iterdir())
 
 
+def page_faults(pid: int) -> int:
+    """How often its threads, ended ones too, met memory that the kernel had yet to supply."""
+    # Behind the name, which may have spaces and brackets itself.
+    return int(Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[7])
+
+
+def bytes_moved(pid: int) -> tuple[int, int]:
+    """Bytes that its system calls have read and written so far, of files and connections."""
+    file = Path(f"/proc/{pid}/io")
+    return int(_field(file, "rchar")), int(_field(file, "wchar"))
+
+
 def processor_seconds(pid: int) -> float:
     """User and system time of all its threads, ended ones too, to the nanosecond."""
     # The number that clock_getcpuclockid(3) gives for a process.

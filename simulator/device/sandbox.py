@@ -71,8 +71,8 @@ class Sandbox:
             arguments += ["--tmpfs", name] * Path(name).is_dir()
         arguments += ["--bind", str((self.folder / "dev/shm").resolve()), "/dev/shm"]
         arguments += self._camera_folders()
-        for name in ("etc/passwd", "etc/group", "etc/hosts"):
-            arguments += ["--ro-bind", str(self.folder / name), f"/{name}"]
+        for name in ("etc/passwd", "etc/group", "etc/hosts", "etc/nsswitch.conf"):
+            arguments += ["--ro-bind", str(self.folder / name), f"/{name}"] * Path(f"/{name}").exists()
         for path in dict.fromkeys(path.resolve() for path in (*visible, *_suppressions())):
             if str(path).startswith(tuple(f"{hidden}/" for hidden in (*_OWN, *_EMPTY))):
                 arguments += ["--ro-bind", str(path), str(path)]
@@ -113,3 +113,5 @@ class Sandbox:
         (folder / "passwd").write_text("root:x:0:0:root:/root:/bin/sh\n"
                                        f"sshd:x:{uid}:{gid}:sshd:/tmp:/usr/sbin/nologin\n")
         (folder / "group").write_text(f"root:x:0:\nsshd:x:{gid}:\n")
+        # Not the modules that this machine asks besides, which no camera has and which take time to load.
+        (folder / "nsswitch.conf").write_text("passwd: files\ngroup: files\nhosts: files dns\n")

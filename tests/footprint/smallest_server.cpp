@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -28,6 +29,7 @@ class SmallestServer : public Poco::Util::ServerApplication
 protected:
     int main(const std::vector<std::string>&) override
     {
+        holdStopSignal();
         Poco::Net::initializeSSL();
         const Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLSV1_2_CLIENT_USE, "", "", "",
                                                                      Poco::Net::Context::VERIFY_NONE));
@@ -53,6 +55,15 @@ private:
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_stopped.wait(lock, [this] { return m_stop; });
+    }
+
+    /// Until the wait for it begins, in all threads: whoever sees the socket may send it before.
+    static void holdStopSignal()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     }
 
     /// Keeps the descriptor to the end of the process.

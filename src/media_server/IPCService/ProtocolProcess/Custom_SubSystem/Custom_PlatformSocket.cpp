@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <string>
 
 #include "media_server/IPCService/Public/Interruption.h"
@@ -85,7 +86,30 @@ struct SystemFailure : Poco::Net::SocketImpl
     using SocketImpl::error;
 };
 
+using SessionCallback = int (*)(SSL*, SSL_SESSION*);
+
+SessionCallback s_learnOfSession = nullptr;
+
+/// @return as OpenSSL wants it: whether the session was taken
+int learnOrForget(SSL* connection, SSL_SESSION* session) noexcept
+{
+    try {
+        return s_learnOfSession(connection, session);
+    } catch (const std::exception&) {
+        return 0;
+    }
+}
+
 }  // namespace
+
+void forgetSessionsWithoutMemory(SSL_CTX* context)
+{
+    // Older versions of the library have none, and ask the connection.
+    if (const SessionCallback own = SSL_CTX_sess_get_new_cb(context)) {
+        s_learnOfSession = own;
+        SSL_CTX_sess_set_new_cb(context, &learnOrForget);
+    }
+}
 
 ResumptionScope::ResumptionScope()
 {

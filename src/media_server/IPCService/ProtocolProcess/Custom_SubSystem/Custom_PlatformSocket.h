@@ -4,6 +4,7 @@
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/Session.h>
 #include <Poco/Types.h>
+#include <openssl/ssl.h>
 
 #include <cstddef>
 #include <string>
@@ -28,6 +29,11 @@ private:
     std::string m_server;  ///< whose session it is: host and port
     Poco::Net::Session::Ptr m_pSession;
 };
+
+/// Has a context's connections learn of their sessions where that takes memory and there is none: what the library
+/// learns them by throws through OpenSSL, which ends the process. The session is then forgotten, and the next handshake
+/// is a full one. For contexts of the library alone.
+void forgetSessionsWithoutMemory(SSL_CTX* context);
 
 /// A TLS connection with the process's default client context that never blocks inside the library: the library's own
 /// time-out covers neither the handshake nor, from 1.11 on, a read, which it tries twice. Every function throws

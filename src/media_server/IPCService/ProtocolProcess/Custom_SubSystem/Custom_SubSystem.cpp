@@ -15,6 +15,7 @@
 
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_HandOver.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonMsgLoop.h"
+#include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
 #include "media_server/IPCService/Public/MsgData.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 #include "media_server/IPCService/Public/StopSignals.h"
@@ -81,6 +82,7 @@ void setUpTls()
     // Newer versions of the library (1.13) learn of a session only so. It is kept by its ResumptionScope and not by
     // OpenSSL.
     SSL_CTX_set_session_cache_mode(pContext->sslContext(), SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+    forgetSessionsWithoutMemory(pContext->sslContext());
     Poco::Net::SSLManager::instance().initializeClient(nullptr, pCertificateHandler, pContext);
 }
 

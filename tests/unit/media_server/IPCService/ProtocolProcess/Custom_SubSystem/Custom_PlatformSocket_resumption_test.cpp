@@ -1,7 +1,10 @@
 #include <Poco/Exception.h>
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 
 #include <array>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -147,6 +150,36 @@ TEST_F(ResumptionTest, AResponseThatBreaksOffCostsTheNextConnectionNothing)
     EXPECT_THROW(exchange(server), Poco::Exception);
     EXPECT_THROW(exchange(server), Poco::Exception);
     EXPECT_EQ(server.requests().size(), 2U);
+}
+
+/** What a new version of the library sets: it takes the session, unless there is no memory. */
+bool g_memoryIsShort = false;
+
+int takeSession(SSL* /*connection*/, SSL_SESSION* /*session*/)
+{
+    if (g_memoryIsShort) {
+        throw std::bad_alloc();
+    }
+    return 1;
+}
+
+TEST(SessionCallbackTest, ASessionThereIsNoMemoryForIsForgotten)
+{
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free);
+    SSL_CTX_sess_set_new_cb(context.get(), &takeSession);
+    IPCService::MetaDataGW::forgetSessionsWithoutMemory(context.get());
+    const auto callback = SSL_CTX_sess_get_new_cb(context.get());
+    g_memoryIsShort = false;
+    EXPECT_EQ(callback(nullptr, nullptr), 1);
+    g_memoryIsShort = true;
+    EXPECT_EQ(callback(nullptr, nullptr), 0);
+}
+
+TEST(SessionCallbackTest, AContextWithoutOneIsLeftAlone)
+{
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free);
+    IPCService::MetaDataGW::forgetSessionsWithoutMemory(context.get());
+    EXPECT_EQ(SSL_CTX_sess_get_new_cb(context.get()), nullptr);
 }
 
 }  // namespace

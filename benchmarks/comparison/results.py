@@ -20,6 +20,8 @@ class Row:
     tolerance  how much greater than the committed one it may be, as a part of that one
     aim        the most it should be, None where there is no aim
     parts      what it was made from, for the reader
+    timed      whether it was measured by the clock, so that the machine has a part in it
+    reason     why the aim is missed when it is: what the figure is made of, in a sentence
     """
 
     group: str
@@ -30,6 +32,8 @@ class Row:
     tolerance: float = 0.03
     aim: float | None = None
     parts: Mapping[str, float] = field(default_factory=dict)
+    timed: bool = False
+    reason: str = ""
 
     @property
     def key(self) -> str:
@@ -78,15 +82,27 @@ def read(text: str) -> Results:
                    document["versions"])
 
 
-def worse(measured: Iterable[Row], committed: Iterable[Row]) -> list[str]:
-    """One sentence for each committed row that is missing now or greater by more than the committed tolerance."""
+@dataclass(frozen=True)
+class Finding:
+    """A committed figure, and what was measured instead: nothing, or more than its tolerance allows."""
+
+    before: Row
+    now: Row | None
+
+    @property
+    def timed(self) -> bool:
+        """Whether the machine may be the reason."""
+        return self.now is not None and self.now.timed
+
+    def __str__(self) -> str:
+        if self.now is None:
+            return f"{self.before.key}: was not measured"
+        return (f"{self.before.key}: {self.now.value:.4g} {self.now.unit}".rstrip()
+                + f" is more than {self.before.value:.4g} by more than {self.before.tolerance:.0%}")
+
+
+def worse(measured: Iterable[Row], committed: Iterable[Row]) -> list[Finding]:
+    """The committed rows that are missing now or greater by more than the committed tolerance."""
     now = {row.key: row for row in measured}
-    findings = []
-    for before in committed:
-        row = now.get(before.key)
-        if row is None:
-            findings.append(f"{before.key}: was not measured")
-        elif row.value > before.value * (1 + before.tolerance):
-            findings.append(f"{before.key}: {row.value:.4g} {row.unit}".rstrip()
-                            + f" is more than {before.value:.4g} by more than {before.tolerance:.0%}")
-    return findings
+    return [Finding(before, now.get(before.key)) for before in committed
+            if before.key not in now or now[before.key].value > before.value * (1 + before.tolerance)]
