@@ -24,12 +24,14 @@ EXAMPLES = (
     "camsim up --name gate --quiet --record gate.run",
     "camsim up --fault platform.status=503 --fault itgt.late=3",
     "camsim up --pictures ~/faces",
+    "camsim up --machine",
     "camsim up --platform https://localhost:9443/platform/whiteList")
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     options.add_name(parser)
     options.add_service(parser)
+    options.add_machine(parser)
     options.add_platform(parser)
     options.add_transparent(parser)
     options.add_pictures(parser)
@@ -60,7 +62,9 @@ def run(arguments: argparse.Namespace) -> int:
                 camera.start_service(wait=ready)
                 own.there.wait(_SOON if ready else 0)
                 _greet(running, show, arguments)
-                code = camera.wait_for(lambda event: event.matches("service", "ended"), _FOREVER).exit_code
+                # In a booted camera systemd brings it up again.
+                code = camera.wait_for(lambda event: not arguments.machine and event.matches("service", "ended"),
+                                       _FOREVER).exit_code
                 raise CameraError(f"the service ended by itself, with code {code}; its last output:\n"
                                   + "\n".join(record.text for record in camera.service.log[-10:]))
         except Stopped:
