@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import shutil
+import subprocess
 import sys
 import time
 from pathlib import Path
@@ -15,8 +17,10 @@ _READY = ("until systemctl is-active --quiet multi-user.target; do sleep 0.2; do
 
 
 def keep_state(made: Path) -> None:
-    """Writes the file "state" beside the disks in the folder."""
-    machine = Machine(made=made, boots=True)
+    """Writes the files "state" and "state-disk" beside the disks in the folder."""
+    machine = Machine(made=made, boots=True, disk="/tmp/.camera/disk")
+    disk = machine.outside("/tmp/.camera/disk")
+    subprocess.run(["cp", "--sparse=always", made / "disk", disk], check=True)
     try:
         machine.switch_on(lambda _what, _data: None, (), 0)
         machine.shell(_READY)
@@ -27,7 +31,9 @@ def keep_state(made: Path) -> None:
             if status == "failed" or time.monotonic() > deadline:
                 raise CameraError(f"the machine's memory could not be kept: {status}")
             time.sleep(0.1)  # pause: the emulator says nothing of the end of it
-        (made / "state").write_bytes(machine.outside("/tmp/.camera/state").read_bytes())
+        machine.monitor("quit")
+        shutil.move(machine.outside("/tmp/.camera/state"), made / "state")
+        subprocess.run(["cp", "--sparse=always", disk, made / "state-disk"], check=True)
     finally:
         machine.remove()
 

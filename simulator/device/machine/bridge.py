@@ -143,8 +143,11 @@ class Bridge:
     def _begin(self) -> None:
         """After a boot nothing of what was told is known any more."""
         with self._looking:
-            for word in tuple(self._events):
-                self._end_event(word)
+            for number, (name, one) in tuple(self._sockets.items()):
+                if name not in _OF_SERVICE:
+                    self._remove(number)
+                    one.close()
+            self._events.clear()
             self._present.clear()
             self._pushed.clear()
             self.look()

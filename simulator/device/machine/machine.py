@@ -53,17 +53,20 @@ class Machine(Sandbox):
     made        the folder with the disks, from scripts/machine
     megabytes   of memory; with others than MEGABYTES it boots, which takes a while, and does not go on from the state
     boots       whether it boots in any case
-    card        the file of the card; what is written to it stays. None for a new one
+    card, disk  files in place of the made ones, as the emulator sees and names them; what is written to them stays
     """
 
     def __init__(self, hosts: Sequence[str] = (), *, made: Path, megabytes: int = MEGABYTES,
-                 boots: bool = False, card: str | None = None) -> None:
+                 boots: bool = False, card: str | None = None, disk: str | None = None) -> None:
         super().__init__()
         self._names = " ".join(name for name in hosts if name != HOST)
         self._made = made
         self._megabytes = megabytes
         self.boots = boots or megabytes != MEGABYTES
-        self._card = card
+        # Of the kept memory is the disk as it was then.
+        kept = made / ("disk" if self.boots else "state-disk")
+        self._drives = [_drive("card", card or str(made / "card"), card is None),
+                        _drive("disk", disk or str(kept), disk is None)]
         self._hardware: Service | None = None
         self._bridge: Bridge | None = None
         self._kept: list[socket.socket] = []
@@ -78,7 +81,7 @@ class Machine(Sandbox):
         self._hardware = Service(
             Journal(), self, Path("/usr/bin/qemu-system-arm"), preload=(), filtered=False, ports=ports,
             full_port=full_port, environment={"TMPDIR": "/tmp/.camera"}, arguments=self._arguments(),
-            visible=[self._made, *([Path(self._card)] if self._card and self._card.startswith("/") else [])])
+            visible=[self._made])
         self._kept = self._hardware.start()
         deadline = time.monotonic() + BOOT_SECONDS
         self._bridge = Bridge(self.folder, service)
@@ -158,8 +161,6 @@ class Machine(Sandbox):
 
     def _arguments(self) -> list[str]:
         """The machine of the recipe; the disk of the system comes last, and is the first one that way."""
-        card = self._card or str(self._made / "card")
-        keep_card = "off" if self._card else "on"
         line = "console=ttyAMA0 quiet loglevel=4 systemd.show_status=false"
         line += _SMALLER_KERNEL * (self._megabytes <= _SMALL)
         words = ["-M", "virt,highmem=off", "-cpu", "cortex-a15", "-accel", "tcg,tb-size=64", "-m", str(self._megabytes),
@@ -173,10 +174,12 @@ class Machine(Sandbox):
                              "logfile=/tmp/.camera/console.log",
                  "-serial", "chardev:console",
                  "-qmp", "unix:/tmp/.camera/monitor,server=on,wait=off",
-                 "-drive", f"if=none,id=card,format=raw,file={card},snapshot={keep_card}",
-                 "-device", "virtio-blk-device,drive=card,queue-size=16",
-                 "-drive", f"if=none,id=disk,format=raw,file={self._made / 'disk'},snapshot=on",
-                 "-device", "virtio-blk-device,drive=disk,queue-size=16"]
+                 *self._drives[0], *self._drives[1]]
         if not self.boots:
             words += ["-incoming", f"exec:gzip -dc {shlex.quote(str(self._made / 'state'))}"]
         return words
+
+
+def _drive(name: str, file: str, forgets: bool) -> list[str]:
+    return ["-drive", f"if=none,id={name},format=raw,file={file},snapshot={'on' if forgets else 'off'}",
+            "-device", f"virtio-blk-device,drive={name},queue-size=16"]

@@ -1,0 +1,45 @@
+"""However the service ends, systemd has it back within 3 seconds, and it serves."""
+
+from __future__ import annotations
+
+from booted import LONG, SOON, complete, inside, wait_back
+from simulator import Camera
+from support import at_most
+
+# The unit waits for 2 of them.
+BACK_SECONDS = 3.0
+
+
+def test_after_a_signal(booted: Camera) -> None:
+    since = len(booted.journal)
+    booted.service.send_signal(9)
+    seconds = wait_back(booted, since)
+    assert seconds <= at_most(BACK_SECONDS)
+    complete(booted)
+
+
+def test_after_the_kernel_ended_it_because_memory_was_short(booted: Camera) -> None:
+    since = len(booted.journal)
+    inside(booted, f"echo 1000 >/proc/{booted.service.pid}/oom_score_adj; echo f >/proc/sysrq-trigger")
+    seconds = wait_back(booted, since)
+    assert "Out of memory: Killed process" in inside(booted, "dmesg")
+    assert seconds <= at_most(BACK_SECONDS)
+    complete(booted)
+
+
+def test_after_starts_that_failed(booted: Camera) -> None:
+    """Without the event node it ends with 70; as soon as there is one, it serves."""
+    booted.events.stop()
+    since = len(booted.journal)
+    booted.service.send_signal(9)
+    booted.wait_for(lambda event: event.matches("service", "ended", exit_code=70), LONG, since)
+    booted.events.start()
+    since = len(booted.journal)
+    booted.wait_serving(LONG, since)
+    complete(booted)
+
+
+def test_a_stop_is_no_failure(booted: Camera) -> None:
+    inside(booted, "systemctl stop camgate")
+    assert booted.service.wait(SOON) == 0
+    assert "ActiveState=inactive" in inside(booted, "systemctl show camgate -p ActiveState")
