@@ -11,8 +11,8 @@ from simulator.device.machine.machine import Machine
 
 FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 # Seconds for what a booted camera does at most; Journal.patience makes more of them.
-SOON = 20.0
-LONG = 60.0
+SOON = 10.0
+LONG = 30.0
 
 
 @functools.lru_cache

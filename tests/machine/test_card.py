@@ -7,7 +7,12 @@ from simulator import Camera, wire
 
 # The driver of the card's disk, which lets go of it as if it were pulled out.
 DRIVER = "/sys/bus/virtio/drivers/virtio_blk"
-DEVICE = "$(basename $(readlink -f /sys/block/vdb/device))"
+
+
+def throttle(booted: Camera, bytes_per_second: int) -> None:
+    """0: as fast as it can."""
+    booted.sandbox.monitor("block_set_io_throttle", device="card", bps=bytes_per_second, bps_rd=0, bps_wr=0, iops=0,
+                           iops_rd=0, iops_wr=0)
 
 
 def give_back(booted: Camera) -> None:
@@ -25,12 +30,11 @@ def failed_download(booted: Camera) -> None:
 
 def test_card_that_is_pulled_out_while_a_page_is_written(booted: Camera) -> None:
     """The disk is slow, so that it still has most of the page to take."""
-    booted.sandbox.monitor("block_set_io_throttle", id="card", bps=0, bps_rd=0, bps_wr=500_000, iops=0, iops_rd=0,
-                           iops_wr=0)
+    throttle(booted, 500_000)
     begin = download(booted)
     inside(booted, f"until [ -s {FOLDER}/white0 ]; do :; done; "
                    f"basename $(readlink -f /sys/block/vdb/device) >/tmp/card; echo $(cat /tmp/card) >{DRIVER}/unbind")
-    booted.sandbox.monitor("block_set_io_throttle", id="card", bps=0, bps_rd=0, bps_wr=0, iops=0, iops_rd=0, iops_wr=0)
+    throttle(booted, 0)
     booted.wait_download(LONG, begin)
     assert booted.service.exit_code is None
     give_back(booted)
@@ -53,7 +57,9 @@ def test_read_only_card(booted: Camera) -> None:
 
 def test_card_that_is_mounted_late(booted: Camera) -> None:
     """The service runs already, in a file system view of its own, and sees the card all the same."""
+    since = len(booted.journal)
     inside(booted, "systemctl stop camera-card; systemctl restart camgate")
+    booted.wait_serving(LONG, since)
     failed_download(booted)
     inside(booted, "systemctl start camera-card")
     complete(booted)
@@ -61,6 +67,5 @@ def test_card_that_is_mounted_late(booted: Camera) -> None:
 
 
 def test_slow_card(booted: Camera) -> None:
-    booted.sandbox.monitor("block_set_io_throttle", id="card", bps=1_000_000, bps_rd=0, bps_wr=0, iops=0, iops_rd=0,
-                           iops_wr=0)
+    throttle(booted, 1_000_000)
     complete(booted, 60)

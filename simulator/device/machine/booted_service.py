@@ -14,6 +14,10 @@ from simulator.journal import Journal
 
 _SIGNALLED = 128
 _EXITED = "1"
+# Of one that was started again meanwhile systemd knows only whether that was because it had failed.
+_ASK = ("while set -- $(systemctl show camgate --value -p NRestarts -p ExecMainPID -p ExecMainCode -p ExecMainStatus); "
+        "[ $2 = {pid} ] && [ $3 = 0 ]; do :; done; "
+        "if [ $2 = {pid} ]; then echo $3 $4; elif [ $1 = 0 ]; then echo 1 0; else echo 1 255; fi")
 # What systemd would say of a service that a machine that goes down takes with it.
 _WITH_MACHINE = ["2", "9"]
 
@@ -82,9 +86,7 @@ class BootedService(Service):
     def _ask_for_end(self, pid: int) -> None:
         """Its log has ended; what it ended with, systemd knows a moment later."""
         try:
-            answer = self._machine.shell(
-                "while set -- $(systemctl show camgate --value -p ExecMainPID -p ExecMainCode -p ExecMainStatus); "
-                f"[ $1 = {pid} ] && [ $2 = 0 ]; do :; done; echo $2 $3").text.split()
+            answer = self._machine.shell(_ASK.format(pid=pid)).text.split()
         except CameraError:
             answer = _WITH_MACHINE
         code = int(answer[1]) + (0 if answer[0] == _EXITED else _SIGNALLED)
