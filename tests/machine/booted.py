@@ -50,8 +50,7 @@ def complete(camera: Camera, faces: int = 30) -> None:
 
 
 def wait_back(camera: Camera, since: int) -> float:
-    """Waits until the service takes commands again after its end; returns the seconds from one to the other."""
-    end = camera.wait_for(lambda event: event.matches("service", "ended"), LONG, since)
-    again = camera.wait_for(lambda event: event.matches("service", "started"), LONG, camera.journal.events.index(end))
-    camera.wait_serving(LONG, camera.journal.events.index(again))
-    return again.time - end.time
+    """Waits until the service, which is about to end or has ended, takes commands again; returns when it started."""
+    again = camera.wait_for(lambda event: event.matches("service", "started"), LONG, since)
+    camera.wait_for_log("waitForTerminationRequest sucess!", LONG, camera.journal.events.index(again))
+    return again.time

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from booted import FOLDER, LONG, complete, download, inside
+from booted import FOLDER, LONG, complete, download, inside, wait_back
 from simulator import Camera, wire
 
 # The driver of the card's disk, which lets go of it as if it were pulled out.
@@ -59,7 +59,7 @@ def test_card_that_is_mounted_late(booted: Camera) -> None:
     """The service runs already, in a file system view of its own, and sees the card all the same."""
     since = len(booted.journal)
     inside(booted, "systemctl stop camera-card; systemctl restart camgate")
-    booted.wait_serving(LONG, since)
+    wait_back(booted, since)
     failed_download(booted)
     inside(booted, "systemctl start camera-card")
     complete(booted)

@@ -50,14 +50,3 @@ def test_a_hundred_commands_while_every_processor_is_busy(booted: Camera) -> Non
     for _ in range(100):
         assert booted.client.command("faceNotHitDown", {"a": 1}, LONG).status == 200
     assert booted.service.exit_code is None
-
-
-@pytest.mark.parametrize("step", STEPS)
-def test_reboot_during_a_download(booted: Camera, step: str) -> None:
-    """The service starts with the camera, and the next download is complete."""
-    so_far(booted, step)
-    since = len(booted.journal)
-    booted.sandbox.shell("systemctl start --no-block reboot.target")
-    booted.wait_for(lambda event: event.matches("service", "started"), 5 * LONG, since)
-    booted.wait_serving(LONG, since)
-    complete(booted)

@@ -19,6 +19,7 @@ from pathlib import Path
 from typing import Any
 
 from simulator.device.machine.channel import Channel
+from simulator.errors import CameraError
 from simulator.messages import wire
 
 _PEERS = {wire.ITGT_SOCKET: "+", wire.FACE_LIBRARY_SOCKET: "+", wire.CLIENT_SOCKET: "+", "/tmp/.camera/event": "="}
@@ -234,7 +235,10 @@ class Bridge:
         if message.command != wire.IMPORT_FILE:
             return
         path = message.request["directory"] + message.request["file_name"]
-        read = self.channel.run(f"cat {shlex.quote(path)}")
+        try:
+            read = self.channel.run(f"cat {shlex.quote(path)}")
+        except CameraError:  # the machine has ended meanwhile
+            return
         if read.code == 0:
             self._outside(path).parent.mkdir(parents=True, exist_ok=True)
             self._outside(path).write_bytes(read.output)

@@ -8,6 +8,7 @@ import shlex
 import shutil
 import socket
 import subprocess
+import sys
 import time
 from collections.abc import Callable, Sequence
 from pathlib import Path
@@ -42,7 +43,7 @@ def machine_folder() -> Path:
         raise CameraError("a booted camera needs a checkout of camgate; this is an installed simulator")
     if shutil.which("qemu-system-arm") is None:
         raise CameraError("qemu-system-arm is missing; scripts/bootstrap --machine installs it and makes the machine")
-    if subprocess.run([str(_SCRIPT)], check=False).returncode != 0:
+    if subprocess.run([str(_SCRIPT)], stdout=sys.stderr, check=False).returncode != 0:
         raise CameraError("the machine could not be made (above)")
     return build_folder() / "machine"
 
