@@ -39,7 +39,7 @@ class Stopped(BaseException):
 
 def modules(wanted: str = "") -> dict[str, ModuleType]:
     """The subcommands by name; only the wanted one, if there is such a one: that is quicker than all."""
-    names = {info.name: f"{__package__}.{folder}.{info.name}" for folder in ("commands", "about")
+    names = {info.name: f"{__package__}.{folder}.{info.name}" for folder in ("commands", "about", "machine")
              for info in pkgutil.iter_modules([str(Path(__file__).with_name(folder))])}
     return {name: importlib.import_module(names[name]) for name in ([wanted] if wanted in names else sorted(names))}
 

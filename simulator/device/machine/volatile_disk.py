@@ -20,18 +20,28 @@ _SECTOR = 512
 
 
 class VolatileDisk:
-    """Serves a copy of an image on a unix socket."""
+    """Serves a copy of an image on a unix socket.
+
+    hangs  is set once it has taken as many writes as hang_after() said; it does nothing more then
+    """
 
     def __init__(self, image: bytes, path: Path) -> None:
         self._content = bytearray(image)
         self._stable = bytearray(image)
         self._waiting: list[tuple[int, bytes]] = []
         self._lock = threading.Lock()
+        self._writes_left = 0
+        self.hangs = threading.Event()
+        self._closing = threading.Event()
         self._listener = socket.socket(socket.AF_UNIX)
         self._listener.bind(str(path))
         self._listener.listen()
         self._thread = threading.Thread(target=self._serve, name="volatile disk", daemon=True)
         self._thread.start()
+
+    def hang_after(self, writes: int) -> None:
+        """Holds the moment at which so many more writes have come, of which the last ones are not flushed."""
+        self._writes_left = writes
 
     def cut(self, source: random.Random) -> bytes:
         """What is on the disk when the power goes now: of what waits, any sectors, as a cache writes them."""
@@ -55,6 +65,7 @@ class VolatileDisk:
             return sum(len(data) for _, data in self._waiting) // _SECTOR
 
     def close(self) -> None:
+        self._closing.set()
         with contextlib.suppress(OSError):
             self._listener.shutdown(socket.SHUT_RDWR)
         self._thread.join()
@@ -100,6 +111,10 @@ class VolatileDisk:
         with self._lock:
             self._content[offset:offset + len(data)] = data
             self._waiting.append((offset, data))
+            self._writes_left -= 1
+        if self._writes_left == 0:
+            self.hangs.set()
+            self._closing.wait()
 
     def _flush(self) -> None:
         with self._lock:
