@@ -12,7 +12,7 @@ def test_every_command_comes_to_its_end_and_nothing_is_refused_by_the_kernel(boo
     booted.wait_until(lambda: len(booted.faces.applied) == 3, SOON)
     assert booted.client.command("faceNotHitDown", {"a": 1}, SOON).status == 200
     assert booted.read_ring_buffer() == ['{"a":1}']
-    assert "audit" not in inside(booted, "dmesg")
+    assert "protocol_proces" not in inside(booted, "dmesg"), "no audit record, and no end by the kernel"
 
 
 def test_the_service_subscribes_to_the_event_cache(booted: Camera) -> None:

@@ -64,7 +64,7 @@ def test_bash_completes_subcommands_options_and_faults() -> None:
 
 def test_every_subcommand_that_prints_has_json(camsim: Camsim) -> None:
     for name in NAMES:
-        assert name == "completion" or "--json" in camsim.run(name, "--help").stdout, name
+        assert name in ("completion", "shell") or "--json" in camsim.run(name, "--help").stdout, name
 
 
 def test_executable_is_one() -> None:

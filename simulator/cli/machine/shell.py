@@ -20,7 +20,7 @@ DESCRIPTION = """\
 Connects this terminal with the serial console of a booted camera, on which a root shell reads. What is typed there
 goes to the camera, Ctrl-C as well; Ctrl-] goes away from it. Without a terminal, commands come from standard input,
 and the shell is left where they end."""
-EXAMPLES = ("camsim shell", "echo systemctl status camgate | camsim shell")
+EXAMPLES = ("camsim shell", "camsim shell | tee console.txt")
 
 _LEAVE = b"\x1d"
 # The shell tells nobody when it has done what it was told: without a terminal a line of its own says so.
