@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 import time
+from collections.abc import Callable
 
-from booted import LONG, SOON, complete, inside, wait_back
+from booted import LONG, SOON, complete, inside, machine, wait_back
 from simulator import Camera
 from support import at_most
 
@@ -29,8 +30,9 @@ def test_after_the_kernel_ended_it_because_memory_was_short(booted: Camera) -> N
     complete(booted)
 
 
-def test_after_starts_that_failed(booted: Camera) -> None:
-    """Without the event node it ends with 70; as soon as there is one, it serves."""
+def test_after_starts_that_failed(start_camera: Callable[..., Camera]) -> None:
+    """Without the event node it ends with 70, and says why; as soon as there is one, it serves."""
+    booted = start_camera(machine=machine(), records_only=False)
     booted.events.stop()
     since = len(booted.journal)
     booted.service.send_signal(9)

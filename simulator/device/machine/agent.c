@@ -22,7 +22,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -387,8 +386,8 @@ int main(int count, char** arguments)
         fail("usage: camera-agent CHANNEL");
     }
     umask(0);
-    signal(SIGPIPE, SIG_IGN);
     mkdir("/tmp/.camera", 0777);
+    mkdir("/tmp/.camera/cache", 0777);
     newSlot(CHANNEL, channel, "");
     bindSocket(LOG_LISTENER, SOCK_STREAM, LOG_SOCKET);
     tellReady();
