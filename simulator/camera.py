@@ -11,6 +11,8 @@ from types import TracebackType
 from typing import Any, TypeVar
 
 from simulator.device import emulator
+from simulator.device.machine import machine as booted
+from simulator.device.machine.booted_service import BootedService
 from simulator.device.sandbox import Sandbox
 from simulator.device.service import Service, sanitizer_runtimes, version_of
 from simulator.errors import CameraError
@@ -61,6 +63,8 @@ class Camera:
     wait       whether starting waits until the service takes commands; without a marker it never does
     recording  file to record the run in (see trace/recording.py)
     bodies     whether the recording keeps bodies and files beyond 4 KiB, which pages are
+    machine    what makes a machine of its own for the camera, from names of this side; None: a sandbox of this one.
+               There the service is the one of its packages, and what is said of the sandbox's is of no use
 
     Attributes: journal, sandbox, itgt, faces, client, events, platform, service.
     Must be entered on a thread that lives as long as the camera.
@@ -70,10 +74,12 @@ class Camera:
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None, marker: bool = True,
                  itgt: bool = True, faces: bool = True, client: bool = True, events: bool = True, start: bool = True,
                  wait: bool = True, filtered: bool = True, platform: Callable[[Journal], Any] = Platform,
-                 recording: Path | None = None, bodies: bool = True) -> None:
+                 recording: Path | None = None, bodies: bool = True,
+                 machine: Callable[[Sequence[str]], booted.Machine] | None = None) -> None:
+        build = booted.build_folder() if machine else build_folder()
         if preload is None:
-            preload = [build_folder() / "lib" / "libcamera_devices.so"]
-        binary = service or build_folder() / "bin" / "protocol_process"
+            preload = [build / "lib" / "libcamera_devices.so"]
+        binary = service or build / "bin" / "protocol_process"
         how = "; ./demo builds it" + " when CAMGATE_BUILD is not set" * ("CAMGATE_BUILD" in os.environ)
         for path in (binary, *preload):
             if not path.exists():
@@ -83,20 +89,27 @@ class Camera:
         self._wait = wait and marker
         self.journal = Journal()
         self.platform = platform(self.journal)
-        self.sandbox = Sandbox([self.platform.host])
+        if machine and self.platform.host == Platform.host:
+            self.platform.host = booted.HOST
+        self.sandbox = machine([self.platform.host]) if machine else Sandbox([self.platform.host])
         self._recorder = None
         if recording:
             self._recorder = Recorder(self.journal, recording, self.path, {
-                "build": build_folder().name, "version": version_of(binary.resolve())}, bodies)
+                "build": build.name, "version": version_of(binary.resolve())}, bodies)
         self.itgt = Itgt(self.journal, self.sandbox.folder)
         self.faces = FaceLibrary(self.journal, self.sandbox.folder)
         self.client = Client(self.journal, self.sandbox.folder)
         self.events = EventPublisher(self.journal, self.path("/tmp/.camera/event"), self.path("/tmp/.camera/cache"))
         self._parts = [part for part, wanted in ((self.itgt, itgt), (self.faces, faces), (self.client, client),
                                                  (self.events, events)) if wanted]
-        self.service = Service(self.journal, self.sandbox, binary,
-                               preload=preload, libraries=libraries, environment=environment, filtered=filtered,
-                               ports=self.platform.ports, full_port=self.platform.full_port)
+        self.service: Service
+        if isinstance(self.sandbox, booted.Machine):
+            self.service = BootedService(self.journal, self.sandbox, binary, ports=self.platform.ports,
+                                         full_port=self.platform.full_port)
+        else:
+            self.service = Service(self.journal, self.sandbox, binary,
+                                   preload=preload, libraries=libraries, environment=environment, filtered=filtered,
+                                   ports=self.platform.ports, full_port=self.platform.full_port)
         if emulator.is_foreign(binary) or sanitizer_runtimes(binary):
             self.journal.patience = lambda: _SLOW_PATIENCE
 

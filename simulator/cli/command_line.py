@@ -60,7 +60,7 @@ class CodedError(CameraError):
 def modules(wanted: str = "") -> dict[str, ModuleType]:
     """The subcommands by name; only the wanted one, if there is such a one: that is quicker than all."""
     names = {info.name.replace("_", "-"): f"{__package__}.{folder}.{info.name}"
-             for folder in ("commands", "platforms", "recordings", "about")
+             for folder in ("commands", "platforms", "recordings", "about", "machine")
              for info in pkgutil.iter_modules([str(Path(__file__).with_name(folder))])}
     return {name: importlib.import_module(names[name]) for name in ([wanted] if wanted in names else sorted(names))}
 

@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 import argparse
+import functools
 import os
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from pathlib import Path
 from typing import Any
 
@@ -12,6 +13,7 @@ from simulator import faults
 from simulator.camera import Camera
 from simulator.cli.command_line import WRONG_ARGUMENTS, CodedError, completing
 from simulator.cli.scenarios.settings import SETTINGS
+from simulator.device.machine.machine import Machine, machine_folder
 from simulator.errors import CameraError
 from simulator.faults.switches import FaultSwitches
 from simulator.journal import Journal
@@ -42,6 +44,21 @@ def service_of(arguments: argparse.Namespace) -> Path | None:
     if service is not None and not service.exists():
         raise CodedError(f"{service} is missing; --service takes a built protocol_process", WRONG_ARGUMENTS)
     return service
+
+
+def add_machine(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--machine", action="store_true", help="boot a whole camera instead of a sandbox: its own "
+                        "kernel and systemd under emulation, and the service from its package for 32-bit ARM")
+
+
+def machine_of(arguments: argparse.Namespace) -> Callable[[Sequence[str]], Machine] | None:
+    """What makes the machine of a camera that is to boot; it is made itself, if it is not there."""
+    if not arguments.machine:
+        return None
+    if arguments.service is not None:
+        raise CodedError("--service is of no use with --machine, whose service is the one of its package",
+                         WRONG_ARGUMENTS)
+    return functools.partial(Machine, made=machine_folder())
 
 
 def add_record(parser: argparse.ArgumentParser) -> None:
@@ -92,7 +109,7 @@ def make_camera(arguments: argparse.Namespace) -> Camera:
     """A camera that is not started yet, as the arguments want it."""
     check_record(arguments)
     camera = Camera(service=service_of(arguments), start=False, platform=platform_maker(arguments),
-                    recording=arguments.record, bodies=not arguments.no_bodies)
+                    recording=arguments.record, bodies=not arguments.no_bodies, machine=machine_of(arguments))
     try:
         apply_settings(camera, arguments)
     except BaseException:

@@ -44,6 +44,7 @@ class Service:
     log        every record that it has written to its standard error, also those just before its last message
     stderr     standard error as it came
     stdout     standard output as it came; the service is to print nothing
+    arguments, visible  of the binary: its arguments, and what else it must see
     ports      opened inside the sandbox before the service starts; full_port, if not 0, takes no connection
 
     Journal: "starting" a moment before the binary is executed, "started" with `pid`, "log" with `record`, "ended" with
@@ -55,7 +56,8 @@ class Service:
 
     def __init__(self, journal: Journal, sandbox: Sandbox, binary: Path, *, preload: Sequence[Path] = (),
                  libraries: Sequence[Path] = (), environment: Mapping[str, str] | None = None,
-                 ports: Sequence[int] = (), full_port: int = 0, filtered: bool = True) -> None:
+                 ports: Sequence[int] = (), full_port: int = 0, filtered: bool = True,
+                 arguments: Sequence[str] = (), visible: Sequence[Path] = ()) -> None:
         self.pid = 0
         self._filtered = filtered
         self._log: list[LogRecord] = []
@@ -69,6 +71,8 @@ class Service:
         self._environment = dict(environment or {})
         self._ports = list(ports)
         self._full_port = full_port
+        self._arguments = list(arguments)
+        self._visible = list(visible)
         self._process: subprocess.Popen[bytes] | None = None
         self._readers: list[threading.Thread] = []
         self._output: dict[str, list[bytes]] = {"stdout": [], "stderr": []}
@@ -111,8 +115,9 @@ class Service:
             order = restrictions.launch_order(
                 emulator.is_foreign(self._binary) or not self._filtered, bool(sanitizer_runtimes(self._binary)))
             with contextlib.suppress(BrokenPipeError):  # what ended the sandbox so soon is told below
-                ours.send(json.dumps({"argv": argv, "environment": environment, "ports": self._ports,
-                                      "full_port": self._full_port, "restrictions": order}).encode())
+                ours.send(json.dumps({"argv": [*argv, *self._arguments], "environment": environment,
+                                      "ports": self._ports, "full_port": self._full_port,
+                                      "restrictions": order}).encode())
             sockets = self._receive_sockets(ours)
             self._journal.add(self.name, "started", pid=self.pid)
             return sockets
@@ -169,7 +174,7 @@ class Service:
     def _spawn(self, channel: socket.socket) -> None:
         channel.set_inheritable(True)
         launcher = Path(__file__).with_name("launcher.py").read_text()
-        visible = [self._binary.parent.parent, self._binary.parent, *self._preload, *self._libraries,
+        visible = [self._binary.parent.parent, self._binary.parent, *self._preload, *self._libraries, *self._visible,
                    *emulator.needed_folders(self._binary)]
         command = [*self._sandbox.command(visible),
                    "/usr/bin/python3", "-I", "-S", "-c", launcher, str(channel.fileno())]
@@ -252,14 +257,17 @@ class Service:
             except BlockingIOError:
                 return
             self._stderr_ended = not data
-            self._output["stderr"].append(data)
-            # The end finishes a line that has no line break.
-            lines = (self._unfinished_line + (data or b"\n" * bool(self._unfinished_line))).split(b"\n")
-            self._unfinished_line = lines.pop()
-            for line in lines:
-                record = parse_record(line.decode("utf-8", "backslashreplace"))
-                self._log.append(record)
-                self._journal.add(self.name, "log", record=record)
+            self._take_output(data)
+
+    def _take_output(self, data: bytes) -> None:
+        """Takes what was written to standard error; nothing is its end, and finishes a line without a line break."""
+        self._output["stderr"].append(data)
+        lines = (self._unfinished_line + (data or b"\n" * bool(self._unfinished_line))).split(b"\n")
+        self._unfinished_line = lines.pop()
+        for line in lines:
+            record = parse_record(line.decode("utf-8", "backslashreplace"))
+            self._log.append(record)
+            self._journal.add(self.name, "log", record=record)
 
 
 @functools.lru_cache

@@ -164,7 +164,7 @@ def response_status(_platform: Platform, _request: Request, answer: PlatformAsk,
 
 @fault(ANSWER, "platform.redirect", "redirects to another port", Parameter("code", 302, "the status", at_least=300))
 def response_redirect(platform: Platform, request: Request, _answer: PlatformAsk, values: Values) -> Answer:
-    target = f"https://127.0.0.1:{platform.second_port}{request.target}"
+    target = f"https://{platform.host}:{platform.second_port}{request.target}"
     return Response(values.code, headers=[("Location", target)])
 
 

@@ -26,6 +26,7 @@ class Platform:
 
     port, second_port    where it listens, on 127.0.0.1 and ::1; both behave alike unless on_connect tells them apart
     full_port            127.0.0.1 only: connects to it hang, because nobody takes them
+    host                 under which the service asks for it: another one for a camera that has a machine of its own
     picture_sizes        smallest and largest picture in bytes
     pictures             names and contents of pictures to serve in place of made-up ones
     requests, reports    every request so far; those to the result path
@@ -94,8 +95,8 @@ class Platform:
         """
         if faces is None:
             faces = len(self.pictures) or 75
-        return task_info(faces, f"https://127.0.0.1:{self.port}{self.task_path}",
-                         f"https://127.0.0.1:{self.port}{self.result_path}", changes)
+        return task_info(faces, f"https://{self.host}:{self.port}{self.task_path}",
+                         f"https://{self.host}:{self.port}{self.result_path}", changes)
 
     def start(self, listeners: Sequence[socket.socket], kept: Sequence[socket.socket] = ()) -> None:
         """Serves the listening sockets; those of `kept` are only held open. Owns all of them until stop."""

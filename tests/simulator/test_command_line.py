@@ -46,7 +46,7 @@ def test_wrong_words_exit_with_2(camsim: Camsim, words: list[str]) -> None:
 
 def test_every_subcommand_that_prints_has_json(camsim: Camsim) -> None:
     for name in NAMES:
-        assert name == "completion" or "--json" in camsim.run(name, "--help").stdout, name
+        assert name in ("completion", "shell") or "--json" in camsim.run(name, "--help").stdout, name
 
 
 def test_executable_is_one() -> None:

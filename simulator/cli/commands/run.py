@@ -36,6 +36,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--watch", action="store_true", help="show what happens meanwhile, as camsim watch does")
     parser.add_argument("--verbose", action="store_true", help="with --watch: with all details; else: every comparison")
     options.add_service(parser)
+    options.add_machine(parser)
     options.add_record(parser)
     options.add_json(parser, "print JSON: a line for each scenario, with every comparison")
 
@@ -75,7 +76,7 @@ def _list(arguments: argparse.Namespace) -> int:
 
 def _play(scenario: Scenario, arguments: argparse.Namespace) -> bool:
     camera = Camera(service=options.service_of(arguments), start=False, recording=arguments.record,
-                    bodies=not arguments.no_bodies)
+                    bodies=not arguments.no_bodies, machine=options.machine_of(arguments))
     try:
         player = Player(scenario, camera)
         show = Display(arguments.verbose)

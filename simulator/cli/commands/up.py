@@ -27,12 +27,14 @@ EXAMPLES = (
     "camsim up --fault platform.status=503 --fault itgt.late=3",
     "camsim up --pictures ~/faces",
     "camsim up --web",
+    "camsim up --machine",
     "camsim up --platform https://localhost:9443/platform/whiteList")
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     options.add_name(parser)
     options.add_service(parser)
+    options.add_machine(parser)
     options.add_platform(parser)
     options.add_transparent(parser)
     options.add_pictures(parser)
@@ -74,7 +76,9 @@ def run(arguments: argparse.Namespace) -> int:
                 own.there.wait(_SOON if ready else 0)
                 running.is_up = True
                 _greet(running, show, arguments, server.url if server else "")
-                code = camera.wait_for(lambda event: event.matches("service", "ended"), _FOREVER).exit_code
+                # In a booted camera systemd brings it up again.
+                code = camera.wait_for(lambda event: not arguments.machine and event.matches("service", "ended"),
+                                       _FOREVER).exit_code
                 raise CameraError(f"the service ended by itself, with code {code}; its last output:\n"
                                   + "\n".join(record.text for record in camera.service.log[-10:]))
         except Stopped:

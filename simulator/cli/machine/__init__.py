@@ -1,0 +1,1 @@
+"""Subcommands of camsim for a camera that has booted."""
