@@ -170,7 +170,7 @@ def head(tag: int, length: int) -> bytes:
     return wire.encode_head(tag, length)
 
 
-GOOD = wire.encode_request("/tmp/II", "/tmp/CP", wire.IMPORT_PROGRESS, import_task_id=-7)
+GOOD = wire.encode_request("/tmp/II", "/tmp/CP", wire.IMPORT_PROGRESS, ProgressTaskId=-7)
 NOTIFICATION = struct.pack("<4xHHHxx", 0, 200, 12)
 # Who sends, what, and how many of the packets are marked as malformed and as strange.
 WRONG: dict[str, tuple[str, list[bytes], int, int]] = {

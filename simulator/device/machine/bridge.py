@@ -234,7 +234,7 @@ class Bridge:
     def _pull(self, message: wire.Message) -> None:
         if message.command != wire.IMPORT_FILE:
             return
-        path = message.request["directory"] + message.request["file_name"]
+        path = message.request["ImportFileDirectory"] + message.request["ImportFileName"]
         try:
             read = self.channel.run(f"cat {shlex.quote(path)}")
         except CameraError:  # the machine has ended meanwhile
