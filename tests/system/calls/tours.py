@@ -89,11 +89,9 @@ class Tours:
     """
 
     def __init__(self, with_library: StartCamera) -> None:
-        source = (Path(__file__).parent / "failing_calls.c").read_text()
+        source = (Path(__file__).parent / "failing_calls.c").read_text() if possible() else ""
         self.camera = with_library(source, start=False, records_only=False)
         self.control = Control(self.camera)
-        if not possible():
-            self.camera.path(_CONTROL).unlink()
         self.camera.faces.lists = self.camera.faces.lists[:2]
         self.made = 0
         self.violations: list[str] = []

@@ -113,11 +113,6 @@ std::string TlsConnection::readRequest()
     }
 }
 
-void TlsConnection::sendUnencrypted(const std::string& bytes) const
-{
-    ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-}
-
 std::string TlsConnection::serverName() const
 {
     const char* const name = SSL_get_servername(m_ssl.get(), TLSEXT_NAMETYPE_host_name);

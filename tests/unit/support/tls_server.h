@@ -34,9 +34,6 @@ public:
     void reset() override;
     void waitUntilClientLeaves() override;
 
-    /** Sends bytes as they are, between the records. */
-    void sendUnencrypted(const std::string& bytes) const;
-
     /** Waits until the server ends, without reading. */
     void waitUntilServerEnds() const;
 
