@@ -95,6 +95,7 @@ class Tours:
         self.control = Control(self.camera)
         self.camera.faces.lists = self.camera.faces.lists[:2]
         self.made = 0
+        self._played = False
         self.violations: list[str] = []
         self._told: list[tuple[str, bytes]] = []
         self._usual: set[str] = set()
@@ -268,6 +269,7 @@ class Tours:
     def each(self, failures: Iterable[Failure], play: Callable[[Failure], None]) -> None:
         """Plays all of them, also those behind one that does harm."""
         for failure in failures:
+            self._played = True
             try:
                 play(failure)
             except Exception as error:  # whatever it is, it is the finding
@@ -281,7 +283,7 @@ class Tours:
         """Counts what was played, under a name, in the record of the run."""
         record_property(name, self.made)
         assert self.violations == []
-        assert not possible() or self.made > 0
+        assert self.made > 0 or not self._played
 
     def _end(self) -> None:
         """Whatever state the service is in, it ends and begins anew."""
