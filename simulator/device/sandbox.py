@@ -18,6 +18,8 @@ from simulator.errors import CameraError
 _ACCOUNT_ID = 74
 # Folders of this machine that the sandbox hides: behind the camera's own, and, as the init unit says, behind nothing.
 _OWN = ("/tmp", "/mnt", "/dev")
+# Where a service that was built for coverage adds its counts; outside it is $GCOV_PREFIX.
+COUNTS = "/mnt/counts"
 _EMPTY = ("/home", "/root", "/run/user", "/usr/lib/modules")
 
 
@@ -51,6 +53,8 @@ class Sandbox:
         atexit.register(self.remove)  # for an end before the camera was closed
         for name in ("tmp", "tmp/.camera", "tmp/mmcblk0", "tmp/mmcblk0/face_basic", "mnt", "mnt/srvfs", "dev"):
             self._make_folder(name)
+        if "GCOV_PREFIX" in os.environ:
+            self._make_folder(COUNTS.lstrip("/"))
         (self.folder / "dev/shm").symlink_to(self._shared_memory)
         self._write_accounts()
         names = " ".join(dict.fromkeys(["localhost", *hosts]))
@@ -98,6 +102,8 @@ class Sandbox:
         for kind, paths in (("--ro-bind", ["/tmp", "/mnt"]), ("--bind", writable)):
             for path in paths:
                 arguments += [kind, str(self.outside(path)), path]
+        if counts := os.environ.get("GCOV_PREFIX"):
+            arguments += ["--bind", counts, COUNTS]
         return arguments
 
     def _make_folder(self, name: str) -> None:

@@ -17,7 +17,7 @@ from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 
 from simulator.device import emulator, restrictions
-from simulator.device.sandbox import Sandbox
+from simulator.device.sandbox import COUNTS, Sandbox
 from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.messages.log import LogRecord, parse_record
@@ -166,6 +166,8 @@ class Service:
     def _service_environment(self) -> dict[str, str]:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8"}
         environment.update({name: os.environ[name] for name in _PASSED_ON if name in os.environ})
+        if "GCOV_PREFIX" in os.environ:
+            environment["GCOV_PREFIX"] = COUNTS
         environment["LD_PRELOAD"] = ":".join([*sanitizer_runtimes(self._binary), *map(str, self._preload)])
         if self._libraries:
             environment["LD_LIBRARY_PATH"] = ":".join(map(str, self._libraries))

@@ -1,5 +1,6 @@
 #include "support/system_calls.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <features.h>
@@ -58,6 +59,9 @@ int __real_munmap(void* address, std::size_t length);
 ssize_t __real_writev(int descriptor, const iovec* parts, int count);
 int __real_sigemptyset(sigset_t* signals);
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* before);
+DIR* __real_fdopendir(int descriptor);
+errno_t __real__memcpy_s_chk(void* target, rsize_t size, const void* source, rsize_t count, std::size_t known,
+                             std::size_t knownSource);
 errno_t __real__memset_s_chk(void* target, rsize_t size, int value, rsize_t count, std::size_t known);
 
 int __wrap_open(const char* path, int flags, ...)
@@ -147,6 +151,21 @@ int __wrap_sigaction(int signal, const struct sigaction* action, struct sigactio
 errno_t __wrap__memset_s_chk(void* target, rsize_t size, int value, rsize_t count, std::size_t known)
 {
     return systemCalls().memsetFails ? EINVAL : __real__memset_s_chk(target, size, value, count, known);
+}
+
+errno_t __wrap__memcpy_s_chk(void* target, rsize_t size, const void* source, rsize_t count, std::size_t known,
+                             std::size_t knownSource)
+{
+    return systemCalls().memcpyFails ? EINVAL : __real__memcpy_s_chk(target, size, source, count, known, knownSource);
+}
+
+DIR* __wrap_fdopendir(int descriptor)
+{
+    if (systemCalls().fdopendirFails) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_fdopendir(descriptor);
 }
 
 int __wrap__sprintf_s_chk(char* target, rsize_t size, std::size_t known, const char* format, ...)

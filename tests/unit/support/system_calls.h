@@ -51,6 +51,8 @@ struct SystemCalls
     /// before 3.0.
     bool tlsEndWithoutNoticeFails = false;
     bool fstatFails = false;
+    bool fdopendirFails = false;
+    bool memcpyFails = false;       ///< memcpy_s
     bool pollFails = false;         ///< with ENOMEM
     bool sigemptysetFails = false;  ///< after its work
     bool sigactionFails = false;

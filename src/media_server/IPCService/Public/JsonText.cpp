@@ -118,7 +118,7 @@ public:
             writeArray(*array, level);
         } else if (value.isEmpty()) {
             m_text += "null";
-        } else if (value.isNumeric() || value.isBoolean()) {
+        } else if (value.isNumeric()) {
             m_text += value.convert<std::string>();
         } else {
             writeString(value.convert<std::string>());

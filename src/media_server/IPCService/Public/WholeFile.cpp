@@ -69,7 +69,7 @@ WholeFileResult readWholeFile(const std::string& path, std::string& text, std::s
     if (::fstat(::fileno(file.get()), &status) != 0) {
         return WholeFileResult::SizeFailed;
     }
-    if (status.st_size < 0 || static_cast<std::uint64_t>(status.st_size) > std::numeric_limits<std::uint32_t>::max()) {
+    if (static_cast<std::uint64_t>(status.st_size) > std::numeric_limits<std::uint32_t>::max()) {
         return WholeFileResult::ReadFailed;
     }
     const auto size = static_cast<std::size_t>(status.st_size);

@@ -228,6 +228,34 @@ TEST(ExchangesMeet, WhatIsLeftOverIsNobodysWhileItsExchangeStandsInLine)
     EXPECT_THAT(clear.replies(), ElementsAre(reply(7018, 'f'), reply(7018, 'g')));
 }
 
+TEST(ExchangesMeet, OtherCommandIsForWhoAskedItsSenderFirst)
+{
+    UnixSocket itgt(ITGT_PATH);
+    IPCService::MessageExchange first;
+    MSG_DATA message = request(7020);
+    first.send(message);
+    ASSERT_TRUE(itgt.receive().has_value());
+    Exchanging second({7031});
+    ASSERT_EQ(commandOf(itgt.receive(milliseconds(7000))), 7031U);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7777, 'o')));
+    EXPECT_EQ(first.receive(message), 7777);
+    EXPECT_FALSE(second.hasEnded(milliseconds(100)));
+}
+
+TEST(ExchangesMeet, WhoIsAnsweredWhileItStandsInLineToSendAgainLeavesTheLine)
+{
+    UnixSocket faces(FACES_PATH);
+    Exchanging absent({7021});
+    ASSERT_TRUE(eventually([] { return CapturedLog::withFormat("sendTo fail:%s.").size() == 1; }));
+    Exchanging silent({7019}, FACES_PATH);
+    ASSERT_EQ(commandOf(faces.receive()), 7019U);
+    EXPECT_FALSE(absent.hasEnded(milliseconds(1500))) << "it stands in line from one second on, for five";
+    UnixSocket itgt(ITGT_PATH);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'r')));
+    EXPECT_THAT(absent.replies(), ElementsAre(reply(7021, 'r')));
+    EXPECT_FALSE(itgt.receive(milliseconds(100)).has_value()) << "it was sent all the same";
+}
+
 TEST(ExchangesMeet, InterruptWakesWhoStandsInLineAndTheNextGoes)
 {
     Line line;

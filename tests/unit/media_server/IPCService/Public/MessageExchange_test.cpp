@@ -125,6 +125,39 @@ TEST(MessageExchange, PathThatLeadsToWhatChangedSinceIsBoundAnew)
     EXPECT_NE(ownInode(), bound.st_ino);
 }
 
+TEST(MessageExchange, PathThatLeadsElsewhereIsBoundAnew)
+{
+    const MessageExchange first;
+    const ino_t before = ownInode();
+    ASSERT_EQ(::unlink(OWN_PATH), 0);
+    ASSERT_EQ(::symlink("/dev/null", OWN_PATH), 0);
+    const MessageExchange second;
+    EXPECT_NE(ownInode(), before);
+    EXPECT_TRUE(UnixSocket().send(OWN_PATH, "x"));
+}
+
+TEST(MessageExchange, ReplyThatCameBeforeThePathWasBoundAnewIsNotLost)
+{
+    UnixSocket itgt(ITGT_PATH);
+    for (const bool fails : {false, true}) {
+        MessageExchange first;
+        MSG_DATA message = request(7020);
+        first.send(message);
+        ASSERT_TRUE(itgt.receive().has_value());
+        ASSERT_TRUE(itgt.send(OWN_PATH, reply(7020, 'r')));
+        ASSERT_EQ(::unlink(OWN_PATH), 0);
+        systemCalls().recvFails = [fails] { return fails; };
+        const MessageExchange second;
+        systemCalls().recvFails = nullptr;
+        if (fails) {
+            EXPECT_EQ(CapturedLog::withFormat("receiveBytes fail:%s.").size(), 1U);
+        } else {
+            EXPECT_EQ(first.receive(message), 7020);
+            EXPECT_EQ(bytesOf(message), reply(7020, 'r'));
+        }
+    }
+}
+
 TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
 {
     Exchanging exchanging({7031});

@@ -2,9 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "download_fixture.h"
 #include "support/system_calls.h"
@@ -80,6 +86,44 @@ TEST_F(SendSysObjTest, RequestThatCannotBeSerialisedFailsThePage)
     EXPECT_EQ(m_platform.accepted(), 0);
     EXPECT_TRUE(m_itgt.requests().empty());
     EXPECT_FALSE(pageFileExists("white0"));
+}
+
+TEST_F(SendSysObjTest, FileThatMayBeAPipeIsNotWritten)
+{
+    systemCalls().fstatFails = true;
+    EXPECT_EQ(send(page()), -1);
+    systemCalls().fstatFails = false;
+    EXPECT_EQ(countLogged(LOG_FILE, " [Custom] download picture, open file %s error."), 1);
+    EXPECT_TRUE(m_itgt.requests().empty());
+}
+
+TEST_F(SendSysObjTest, FolderThatCannotBeReadKeepsItsNamesAllTheSameAndAnyOtherFailureOfItCounts)
+{
+    const std::vector<std::pair<int, int>> cases = {{EACCES, 0}, {EMFILE, -1}, {ENOMEM, -1}, {EIO, -1}};
+    for (const auto& [error, result] : cases) {
+        systemCalls().open = [error = error](const std::string& path, int flags) -> std::optional<int> {
+            if ((flags & O_DIRECTORY) == 0 || path.find("/tmp/mmcblk0") != 0) {
+                return std::nullopt;
+            }
+            errno = error;
+            return -1;
+        };
+        CapturedLog::clear();
+        EXPECT_EQ(send(page()), result) << error;
+        EXPECT_EQ(countLogged(LOG_FILE, " [Custom] download picture, write file %s error."), -result) << error;
+    }
+}
+
+TEST_F(SendSysObjTest, PageThatFitsInMemoryAndNotOnTheDiskIsNone)
+{
+    ASSERT_NE(::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
+    const rlimit nothing = {0, RLIM_INFINITY};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &nothing), 0);
+    EXPECT_EQ(send(page()), -1);
+    const rlimit everything = {RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &everything), 0);
+    EXPECT_EQ(countLogged(LOG_FILE, " [Custom] download picture, write file %s error."), 1);
+    EXPECT_TRUE(m_itgt.requests().empty());
 }
 
 /** One page from its request to its report. */

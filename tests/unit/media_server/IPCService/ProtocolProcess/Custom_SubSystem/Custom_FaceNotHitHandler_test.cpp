@@ -76,6 +76,15 @@ TEST_F(FaceNotHitTest, WithoutMemoryIsAnsweredAndThenLogged)
     EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{replied(), error("malloc fail.")}));
 }
 
+TEST_F(FaceNotHitTest, RecordThatCannotBeCopiedIsAnsweredAndThenLogged)
+{
+    systemCalls().memcpyFails = true;
+    EXPECT_EQ(handle("{}"), 0);
+    expectReply(55, 400);
+    EXPECT_TRUE(FakePlatform::sent().empty());
+    EXPECT_EQ(loggedBy(LOG_FILE), (std::vector<LogLine>{replied(), error("malloc fail.")}));
+}
+
 TEST_F(FaceNotHitTest, TakesOneByteMoreThanItsText)
 {
     systemCalls().largestArray = 100;

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "support/system_calls.h"
 #include "support/unix_socket.h"
 
 namespace {
@@ -117,6 +118,32 @@ TEST_F(HandOverTest, WithoutAFolderThereIsNothingToGive)
     fs::remove_all(FOLDER);
     handOverTo(ACCOUNT);
     EXPECT_FALSE(fs::exists(FOLDER));
+}
+
+TEST_F(HandOverTest, WhatCannotBeLookedAtIsNotGivenAway)
+{
+    systemCalls().fstatFails = true;
+    handOverTo(ACCOUNT);
+    systemCalls().fstatFails = false;
+    EXPECT_EQ(ownerOf(FOLDER / "white0"), ::geteuid());
+    systemCalls().fdopendirFails = true;
+    const int next = ::dup(0);
+    ::close(next);
+    handOverTo(ACCOUNT);
+    systemCalls().fdopendirFails = false;
+    EXPECT_EQ(ownerOf(FOLDER / "white0"), ::geteuid());
+    EXPECT_EQ(::dup(0), next) << "a descriptor stays open";
+}
+
+TEST_F(HandOverTest, WhoIsNotRootGivesNothingAwayAndKeepsTheSocketFiles)
+{
+    const UnixSocket commands("/tmp/HK");
+    const uid_t before = ::geteuid();
+    ASSERT_EQ(::seteuid(m_account), 0);
+    handOverTo(ACCOUNT);
+    ASSERT_EQ(::seteuid(before), 0);
+    EXPECT_EQ(ownerOf(FOLDER / "white0"), before);
+    EXPECT_TRUE(fs::exists("/tmp/HK"));
 }
 
 }  // namespace

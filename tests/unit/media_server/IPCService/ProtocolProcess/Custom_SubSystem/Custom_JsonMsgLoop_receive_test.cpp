@@ -81,7 +81,8 @@ TEST_P(LostBodyTest, CostsItsOwnCommandOnlyWhateverTheNextHeadHasInItsPaths)
 
 INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, LostBodyTest,
                          testing::Values(std::string(16, '\0'), "/tmp/HK", "/run/HK", std::string(16, '\xFF'),
-                                         "@hidden", " \n", "HK", "}", "tmp/HK", "truth", "nul", "f", "-", "-x"));
+                                         "@hidden", " \n", "HK", "}", "tmp/HK", "truth", "nul", "f", "-", "-/",
+                                         "-:", "-x"));
 
 /** Bodies of the size of a head that begin JSON text. Another size was announced. */
 class TextOfTheSizeOfAHeadTest : public ReceiveCommandTest, public testing::WithParamInterface<std::string>
@@ -108,6 +109,18 @@ TEST_F(ReceiveCommandTest, OwnRepliesBeforeHeadAndBodyArePassedOver)
     sendDatagram(head(2, 4));
     m_loop->SendJsonMsg("/tmp/KH", 9, 200);
     sendDatagram("more");
+    expectReceived(2, "more");
+}
+
+TEST_F(ReceiveCommandTest, OwnReplyThatCannotBePassedOverIsPassedOverLater)
+{
+    ASSERT_EQ(::unlink("/tmp/KH"), 0);
+    ASSERT_EQ(::symlink("HK", "/tmp/KH"), 0);
+    m_loop->SendJsonMsg("/tmp/KH", 8, 200);
+    sendCommand(2, "more");
+    failReceives({1});
+    receiveCommand();
+    EXPECT_EQ(countLogged("Custom_JsonMsgLoop", "receiveBytes fail:%s."), 1);
     expectReceived(2, "more");
 }
 

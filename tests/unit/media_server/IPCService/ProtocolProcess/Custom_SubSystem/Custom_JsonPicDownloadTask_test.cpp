@@ -1,10 +1,14 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_JsonPicDownloadTask.h"
 
 #include <Poco/AutoPtr.h>
+#include <Poco/Observer.h>
+#include <Poco/TaskManager.h>
+#include <Poco/TaskNotification.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -15,6 +19,16 @@ using namespace IPCService::MetaDataGW;
 namespace {
 
 constexpr char LOG_FILE[] = "Custom_JsonPicDownloadTask";
+
+/** Fails when it is told of a task's start. */
+struct NoMemoryAtTheStart
+{
+    void fail(Poco::TaskStartedNotification* notification)
+    {
+        notification->release();
+        throw std::bad_alloc();
+    }
+};
 
 /** The task of one accepted command, on the application's task manager or on the test's own thread. */
 class JsonPicDownloadTaskTest : public DownloadTest
@@ -73,6 +87,18 @@ TEST_F(JsonPicDownloadTaskTest, IsBusyFromItsBeginToItsEnd)
     makeTask()->runTask();
     EXPECT_EQ(timesBusy, 6);
     EXPECT_FALSE(busy());
+}
+
+TEST_F(JsonPicDownloadTaskTest, WhoseManagerHasNoMemoryToTellOfItsStartIsLoggedAndNotBusy)
+{
+    NoMemoryAtTheStart observer;
+    Poco::TaskManager manager;
+    manager.addObserver(
+        Poco::Observer<NoMemoryAtTheStart, Poco::TaskStartedNotification>(observer, &NoMemoryAtTheStart::fail));
+    manager.start(makeTask().duplicate());
+    EXPECT_TRUE(CapturedLog::waitForFormat("CustomJsonPicDownloadTask Err %s "));
+    EXPECT_FALSE(busy());
+    EXPECT_EQ(m_platform.accepted(), 0);
 }
 
 TEST_F(JsonPicDownloadTaskTest, TaskThatHasEndedDoesNotClearTheMarkOfTheNext)

@@ -1,6 +1,9 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -8,7 +11,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "ready_service.h"
@@ -122,6 +128,9 @@ TEST_F(PlatformSocketTest, NoServerNameIsSentForAnAddress)
     PlatformSocket("127.1", server.port()).send("\r\n\r\n");
     EXPECT_TRUE(eventually([&] { return server.requests().size() == 3; }));
     EXPECT_EQ(server.handshakes().back().serverName, "") << "an address in the resolver's eyes";
+    PlatformSocket("::ffff:127.0.0.1", server.port()).send("\r\n\r\n");
+    EXPECT_TRUE(eventually([&] { return server.requests().size() == 4; }));
+    EXPECT_EQ(server.handshakes().back().serverName, "") << "an address with letters";
 }
 
 TEST_F(PlatformSocketTest, SaysWithWhomAConnectFailed)
@@ -144,6 +153,48 @@ TEST_F(PlatformSocketTest, SaysThatAConnectTimedOut)
     } catch (const Poco::Exception& exc) {
         EXPECT_EQ(exc.displayText(), "Timeout: connect timed out: 127.0.0.1:" + std::to_string(listener.port()));
     }
+}
+
+TEST_F(PlatformSocketTest, HandshakeDoesNotBeginToWaitWhenItsTimeIsOver)
+{
+    const Poco::Net::ServerSocket silent(Poco::Net::SocketAddress("127.0.0.1", 0));
+    bool first = true;
+    systemCalls().poll = [&first](pollfd* waited, nfds_t, int) -> std::optional<int> {
+        if (!std::exchange(first, false)) {
+            return std::nullopt;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5100));  // pause: connecting takes all the time there is
+        waited->revents = waited->events;
+        return 1;
+    };
+    EXPECT_THROW(PlatformSocket("127.0.0.1", silent.address().port()), Poco::TimeoutException);
+}
+
+/** What a connect to a server that answers its first bytes so comes to. */
+std::string failureOf(const std::string& answer)
+{
+    Poco::Net::ServerSocket listener(Poco::Net::SocketAddress("127.0.0.1", 0));
+    std::thread server([&] {
+        Poco::Net::StreamSocket connection = listener.acceptConnection();
+        std::array<char, 1000> hello{};
+        connection.receiveBytes(hello.data(), static_cast<int>(hello.size()));
+        connection.sendBytes(answer.data(), static_cast<int>(answer.size()));
+        connection.shutdownSend();
+        connection.receiveBytes(hello.data(), static_cast<int>(hello.size()));
+    });
+    std::string failure;
+    try {
+        const PlatformSocket socket("127.0.0.1", listener.address().port());
+    } catch (const Poco::Exception& exc) {
+        failure = exc.displayText();
+    }
+    server.join();
+    return failure;
+}
+
+TEST_F(PlatformSocketTest, NoticeOfTheEndInPlaceOfAHandshakeIsAFailure)
+{
+    EXPECT_EQ(failureOf(std::string("\x15\x03\x03\0\2\1\0", 7)), "SSL connection unexpectedly closed");
 }
 
 TEST_F(PlatformSocketTest, TellsThePeerOfItsEnd)

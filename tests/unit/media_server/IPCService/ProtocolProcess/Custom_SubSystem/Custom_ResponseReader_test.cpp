@@ -286,6 +286,8 @@ INSTANTIATE_TEST_SUITE_P(Head, OutcomeTest,
 INSTANTIATE_TEST_SUITE_P(
     Length, OutcomeTest,
     testing::Values(Outcome{STATUS_OK + "Content-Length:\r\n 4\r\n\r\nbody and more", "\"body\""},
+                    Outcome{STATUS_OK + "Content-Length:\r\n\t4\r\n\r\nbody and more", "\"body\""},
+                    Outcome{STATUS_OK + "Content-Length: 4x\r\n\r\nbody", NO_LENGTH},
                     Outcome{STATUS_OK + "Content-Length: 4\r\ncontent-length: 4\r\n\r\nbody", "\"body\""},
                     Outcome{STATUS_OK + "Content-Length: 4\r\ncontent-length: 3\r\n\r\nbody", NO_LENGTH},
                     Outcome{STATUS_OK + "Content-Length: -5\r\n\r\n", NO_LENGTH},

@@ -1,0 +1,55 @@
+"""Each system call of a start, a tour and a stop fails once, in each way that is plausible."""
+
+from __future__ import annotations
+
+import signal
+
+import pytest
+
+import plan
+from sample import PARTS, part_of
+from support import StartCamera
+from tours import Record, Tours
+
+TOURS_OF_A_SAMPLE = 25
+STARTS_OF_A_SAMPLE = 10
+STOPS_OF_A_SAMPLE = 3
+
+
+@pytest.mark.seconds(30)
+@pytest.mark.parametrize("part", range(PARTS))
+def test_failing_call_of_a_tour_costs_at_most_the_tour(with_library: StartCamera, part: int,
+                                                       record_property: Record) -> None:
+    tours = Tours(with_library)
+    tours.start()
+    tours.control.begin()
+    tours.whole()
+    failures = plan.failures(tours.control.counts())
+    tours.each(part_of(failures, part, TOURS_OF_A_SAMPLE), tours.failing)
+    tours.expect_no_violations(record_property, "tours with a failing call")
+
+
+@pytest.mark.seconds(30)
+@pytest.mark.parametrize("part", range(PARTS))
+def test_failing_call_of_a_start_ends_it_with_70_or_does_no_harm(with_library: StartCamera, part: int,
+                                                                 record_property: Record) -> None:
+    tours = Tours(with_library)
+    tours.control.begin()
+    tours.camera.start_service()
+    failures = plan.failures(tours.control.counts())
+    tours.each(part_of(failures, part, STARTS_OF_A_SAMPLE), tours.starting)
+    tours.expect_no_violations(record_property, "starts with a failing call")
+
+
+@pytest.mark.seconds(30)
+@pytest.mark.parametrize("part", range(PARTS))
+def test_failing_call_of_a_stop_does_not_hinder_it(with_library: StartCamera, part: int,
+                                                   record_property: Record) -> None:
+    tours = Tours(with_library)
+    tours.start()
+    tours.control.begin()
+    tours.camera.service.send_signal(signal.SIGTERM)
+    tours.camera.service.wait()
+    failures = plan.failures(tours.control.counts())
+    tours.each(part_of(failures, part, STOPS_OF_A_SAMPLE), tours.stopping)
+    tours.expect_no_violations(record_property, "stops with a failing call")

@@ -1,0 +1,296 @@
+"""Tours of the service, in each of which one system call fails, and what must hold for every one of them."""
+
+from __future__ import annotations
+
+import mmap
+import os
+import platform
+import re
+import signal
+import struct
+from collections.abc import Callable, Iterable
+from contextlib import suppress
+from pathlib import Path
+from typing import Any
+
+import plan
+from plan import Failure
+from sample import ALL
+from simulator import Camera, CameraError, wire
+from support import BEGIN, END, FOLDER, StartCamera, at_request, descriptors, emulated, poll_until, sanitized, threads
+
+# What did not hold, as soon as it is known: a run of all takes long.
+FINDINGS = Path(__file__).resolve().parents[3] / "build" / "logs" / "calls.txt"
+_CONTROL = "/tmp/calls"
+_CALLS = 512
+# role, call, number, error, failed; behind them the counts.
+_HEAD = struct.Struct("5i")
+_COUNTS = struct.Struct(f"{len(plan.ROLES) * _CALLS}i")
+FACES = 2
+# A test's record_property.
+Record = Callable[[str, object], None]
+# Of the pool, whose threads end and begin as it sees fit.
+_SPARE_THREADS = 2
+# A failure that lasts is tried again after a second or five; a reply that is lost never comes.
+_LATEST_REPLY = 12.0
+# A call that the tour does not come to again does not kill it, and a record that is lost does not come.
+_LATEST_KILL = 1.0
+_START_FAILED = 70
+# A start that says this goes on: without taking commands, or as root, who cannot write what the service's user has.
+_GOES_ON_WITHOUT = ("Utils_ProcessRingBufProducerInit fail", "Fail to run ChangeProcUser")
+_RECORD_LOST = "metadata put ring buf fail."
+# What it says when it has started.
+_STARTED = "waitForTerminationRequest sucess!"
+_LOG = "write to the log"
+_REPLY_LOST = "SendJsonMsg fail"
+
+
+def possible() -> bool:
+    """Whether calls can be made to fail: not those of sanitizers and counters in the service, nor an emulator's.
+
+    Where not, nothing fails, and only the service's way through is tested.
+    """
+    return not sanitized() and not emulated() and platform.machine() == "x86_64" and "GCOV_PREFIX" not in os.environ
+
+
+class Control:
+    """What the preloaded library is told, and what it tells: see failing_calls.c."""
+
+    def __init__(self, camera: Camera) -> None:
+        path = camera.path(_CONTROL)
+        size = _HEAD.size + _COUNTS.size
+        path.write_bytes(bytes(size))
+        path.chmod(0o666)
+        with path.open("r+b") as file:
+            self._memory = mmap.mmap(file.fileno(), size)
+
+    def begin(self, failure: Failure | None = None) -> None:
+        """Counts anew from here, and has this one fail."""
+        self._memory[:] = bytes(len(self._memory))
+        if failure is not None:
+            call = plan.call_number(failure.call)
+            self._memory[:_HEAD.size] = _HEAD.pack(failure.role, call, 0, failure.error, 0)
+            self._memory[8:12] = struct.pack("i", failure.number)  # last: it is what makes it valid
+
+    def failed(self) -> bool:
+        """Whether it has come to the failing call."""
+        return bool(struct.unpack("i", self._memory[16:20])[0])
+
+    def counts(self) -> dict[tuple[int, str], int]:
+        """How often each call was made since `begin`, by role and name."""
+        numbers = _COUNTS.unpack(self._memory[_HEAD.size:])
+        return {(index // _CALLS, plan.call_name(index % _CALLS)): count for index, count in enumerate(numbers)
+                if count}
+
+
+class Tours:
+    """One camera, and tours of its service: a download of a page, a clear with two lists, a notHit record.
+
+    made        how many of the failures the service came to
+    violations  what did not hold, and with which failure
+    """
+
+    def __init__(self, with_library: StartCamera) -> None:
+        source = (Path(__file__).parent / "failing_calls.c").read_text() if possible() else ""
+        self.camera = with_library(source, start=False, records_only=False)
+        self.control = Control(self.camera)
+        self.camera.faces.lists = self.camera.faces.lists[:2]
+        self.made = 0
+        self._played = False
+        self.violations: list[str] = []
+        self._told: list[tuple[str, bytes]] = []
+        self._usual: set[str] = set()
+        at_request(self.camera.itgt, wire.IMPORT_FILE, self._look)
+
+    def start(self) -> None:
+        """Starts the service, and has it do all once, so that what is done only once is done."""
+        self.camera.start_service()
+        since = len(self.camera.journal)
+        self.whole()
+        self.whole()
+        self._usual = self._texts(since)
+        self._kept = descriptors(self.camera), threads(self.camera) + _SPARE_THREADS
+
+    def whole(self, records: bool = True) -> None:
+        """A tour in which nothing fails: it begins when no download is going on, and must be whole."""
+        camera = self.camera
+        begin = self._begin_download()
+        self._command("whiteListClear", {"cameraCode": "C1"})
+        if records:
+            self._command("faceNotHitDown", {"a": "b"})
+        camera.wait_for(lambda event: event.kind == "report", 20.0, begin)
+        camera.wait_for_log(END, 20.0, begin)
+        assert self._outcome(begin) >= (1, 1, 2), "pages told, reports, lists"
+
+    def _command(self, name: str, information: dict[str, Any]) -> int | None:
+        """The status of a command, which has one reply."""
+        tag = self.camera.client.send(name, information)
+        status = self.camera.client.wait_reply(tag, 20.0).status
+        assert status == 200 or name == "whiteListDown" and status == 409, f"{name}: {status}"
+        assert self._replies(tag) == 1, "one reply each"
+        return status
+
+    def _begin_download(self) -> int:
+        """Starts a download as soon as the one before is over; returns where in the journal it begins."""
+        begins: list[int] = []
+
+        def accepted() -> bool:
+            begins.append(len(self.camera.journal))
+            return self._command("whiteListDown", self.camera.platform.task(FACES)) == 200
+        poll_until(accepted)
+        # The one before may have told of its end only now.
+        begun = self.camera.wait_for_log(BEGIN, 20.0, begins[-1])
+        return next(number for number, event in enumerate(self.camera.journal.events)
+                    if event.matches("service", "log") and event.record is begun)
+
+    def _look(self, message: wire.Message) -> None:
+        name = message.request["file_name"]
+        self._told.append((name, self.camera.path(f"{FOLDER}/{name}").read_bytes()))
+
+    def _outcome(self, since: int) -> tuple[int, int, int]:
+        """How many pages ITGT was told of from there on, how many were reported, how many lists were set."""
+        events = self.camera.journal.events[since:]
+        page = ("white0", self.camera.platform.page(0, FACES))
+        assert all(told == page for told in self._told), "ITGT is told of nothing but whole pages"
+        told = sum(event.kind == "page" and event.source == "itgt" for event in events)
+        reports = [event.request.json() for event in events if event.kind == "report"]
+        assert all((report["startIndex"], report["offset"]) == (0, FACES) for report in reports)
+        imported = [report for report in reports
+                    if [one["importStatus"] for one in report["ImportInfo"]] == [0] * FACES]
+        lists = [event.face_list["list_name"] for event in events if event.kind == "list"]
+        assert lists == ["Staff", "Visitors"][:len(lists)], "lists in order, each once"
+        self._told.clear()
+        return told, len(imported), len(lists)
+
+    def _replies(self, tag: int) -> int:
+        return sum(reply.tag == tag for reply in self.camera.client.replies)
+
+    def _texts(self, since: int) -> set[str]:
+        """The texts of the log from there on, without numbers."""
+        return {re.sub(r"\d+", "0", event.record.text) for event in self.camera.journal.events[since:]
+                if event.matches("service", "log")}
+
+    def _try(self, name: str, information: dict[str, Any]) -> int:
+        """Sends a command that may get no reply, and waits for it or for the record that says so; returns its tag."""
+        camera, begin = self.camera, len(self.camera.journal)
+        tag = camera.client.send(name, information)
+        with suppress(TimeoutError):
+            camera.wait_for(lambda event: event.matches("client", "reply", tag=tag) or event.matches("service", "ended")
+                            or event.matches("service", "log") and _REPLY_LOST in event.record.text,
+                            _LATEST_REPLY, begin)
+        return tag
+
+    def failing(self, failure: Failure) -> None:
+        """A tour in which this call fails; what it may cost is checked, and the next one must be whole."""
+        camera, begin = self.camera, len(self.camera.journal)
+        self.control.begin(failure)
+        tags = [self._try("whiteListDown", camera.platform.task(FACES)),
+                self._try("whiteListClear", {"cameraCode": "C1"}), self._try("faceNotHitDown", {"a": "b"})]
+        statuses = [reply.status for reply in camera.client.replies if reply.tag in tags]
+        if 200 in statuses[:1] and failure.call != _LOG:
+            with suppress(TimeoutError):
+                camera.wait_for_log(END, _LATEST_REPLY, begin)
+        self.made += self.control.failed()
+        self.control.begin()
+        assert camera.service.exit_code is None, f"the service ended: {camera.service.exit_code}"
+        is_whole = (self._outcome(begin), statuses) == ((1, 1, 2), [200] * 3)
+        told_of = failure.call == _LOG or self._texts(begin) - self._usual
+        assert is_whole or told_of, "no record tells of it"
+        self.whole()
+        assert all(self._replies(tag) <= 1 for tag in tags), "at most one reply"
+        kept, most_threads = self._kept
+        poll_until(lambda: descriptors(camera) <= kept and threads(camera) <= most_threads)
+
+    def starting(self, failure: Failure) -> None:
+        """A start in which this call fails: it ends with 70 and the reason, or the service is as good as any."""
+        self._stop()
+        camera, begin, said = self.camera, len(self.camera.journal), len(self.camera.service.stderr)
+        self.control.begin(failure)
+        camera.start_service(wait=False)
+        log_fails = failure.call == _LOG  # it may be the record that is waited for
+        with suppress(*([TimeoutError] if log_fails else [])):
+            camera.wait_for(lambda event: event.matches("service", "ended") or event.matches("service", "log")
+                            and _STARTED in event.record.text, _LATEST_KILL if log_fails else 20.0, begin)
+        self.made += self.control.failed()
+        self.control.begin()
+        if camera.service.exit_code is not None:
+            assert camera.service.exit_code == _START_FAILED, f"exit code {camera.service.exit_code}"
+            assert camera.service.stderr[said:].strip(), "the reason is told"
+        elif not any(told in text for text in self._texts(begin) for told in _GOES_ON_WITHOUT):
+            self.whole(records=self._takes_records())
+
+    def _takes_records(self) -> bool:
+        """False when the start left the ring buffer closed, which each record tells then."""
+        begin = len(self.camera.journal)
+        status = self.camera.client.command("faceNotHitDown", {"a": "b"}).status
+        return status == 200 or _RECORD_LOST not in self._texts(begin)
+
+    def stopping(self, failure: Failure) -> None:
+        """A stop in which this call fails is a stop all the same."""
+        self._stop()
+        self.camera.start_service()
+        self.whole()
+        self.control.begin(failure)
+        self.camera.service.send_signal(signal.SIGTERM)
+        code = self.camera.service.wait()
+        self.made += self.control.failed()
+        self.control.begin()
+        assert code == 0, f"exit code {code}"
+
+    def _stop(self) -> None:
+        if self.camera.service.pid and self.camera.service.exit_code is None:
+            self.camera.service.send_signal(signal.SIGTERM)
+            assert self.camera.service.wait() == 0
+
+    def tour(self) -> None:
+        """All commands once; some may have no reply."""
+        self._try("whiteListDown", self.camera.platform.task(FACES))
+        self._try("whiteListClear", {"cameraCode": "C1"})
+        self._try("faceNotHitDown", {"a": "b"})
+
+    def killed(self, failure: Failure, when: Callable[[], object]) -> None:
+        """The process is killed during `when`, or a while later; the next one's tour is whole."""
+        camera, begin = self.camera, len(self.camera.journal)
+        self.control.begin(failure)
+        # It may be gone before the last command is sent.
+        with suppress(TimeoutError, OSError, AssertionError, CameraError):
+            when()
+            camera.wait_for(lambda event: event.matches("service", "ended"), _LATEST_KILL, begin)
+        was_killed = self.control.failed()
+        if not was_killed:  # fewer calls than in the tour that was counted
+            camera.service.send_signal(signal.SIGKILL)
+        self.made += was_killed
+        code = camera.service.wait()
+        assert code == 128 + signal.SIGKILL or not was_killed, f"exit code {code}"
+        self._outcome(begin)
+        self.control.begin()
+        camera.start_service()
+        self.whole()
+
+    def each(self, failures: Iterable[Failure], play: Callable[[Failure], None]) -> None:
+        """Plays all of them, also those behind one that does harm."""
+        for failure in failures:
+            self._played = True
+            try:
+                play(failure)
+            except Exception as error:  # whatever it is, it is the finding
+                self.violations.append(f"{failure}: {type(error).__name__} {error}"[:300])
+                FINDINGS.parent.mkdir(parents=True, exist_ok=True)
+                with FINDINGS.open("a") as file:
+                    file.write(self.violations[-1] + "\n")
+                self._end()
+
+    def expect_no_violations(self, record_property: Record, name: str) -> None:
+        """Counts what was played, under a name, in the record of the run."""
+        record_property(name, self.made)
+        assert self.violations == []
+        assert self.made > 0 or not self._played or ALL  # one call more or less is made from run to run
+
+    def _end(self) -> None:
+        """Whatever state the service is in, it ends and begins anew."""
+        self.control.begin()
+        if self.camera.service.exit_code is None:
+            self.camera.service.send_signal(signal.SIGKILL)
+            self.camera.service.wait()
+        self._told.clear()
+        self.start()
