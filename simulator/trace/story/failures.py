@@ -26,8 +26,8 @@ _SOON = 1.0
 _FAILED_NOTES = ("a hook failed:", "is not there:", "the reply to your own", "the service does not take your own",
                  "no TLS for a camera")
 # Whose fault an error of the log can be: a part of where it was logged, and the peers.
-_SUSPECTS = (("HttpParam", ("platform",)), ("DownloadPicture", ("platform", "itgt")), ("JsonMsgLoop", ("client",)),
-             ("DownWhite", ("client",)), ("WhiteListClear", ("faces",)),
+_SUSPECTS = (("HttpParam", ("platform",)), ("DownloadPicture", ("platform", "itgt")),
+             ("JsonMsgLoop", ("client", "faces")), ("DownWhite", ("client",)), ("WhiteListClear", ("faces",)),
              ("eventcache", ("events",)), ("MetaData", ("events",)), ("", ("itgt", "faces", "client", "platform")))
 
 
