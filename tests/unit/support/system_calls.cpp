@@ -192,11 +192,26 @@ int __wrap_fstat(int descriptor, struct stat* status)
 {
     return systemCalls().fstatFails ? failed(EIO) : __real_fstat(descriptor, status);
 }
+int __real_stat64(const char* path, struct stat64* status);
+int __wrap_stat64(const char* path, struct stat64* status)
+{
+    return systemCalls().statFails ? failed(ENOMEM) : __real_stat64(path, status);
+}
+int __real_stat(const char* path, struct stat* status);
+int __wrap_stat(const char* path, struct stat* status)
+{
+    return systemCalls().statFails ? failed(ENOMEM) : __real_stat(path, status);
+}
 #else
 int __real___fxstat64(int version, int descriptor, struct stat64* status);
 int __wrap___fxstat64(int version, int descriptor, struct stat64* status)
 {
     return systemCalls().fstatFails ? failed(EIO) : __real___fxstat64(version, descriptor, status);
+}
+int __real___xstat64(int version, const char* path, struct stat64* status);
+int __wrap___xstat64(int version, const char* path, struct stat64* status)
+{
+    return systemCalls().statFails ? failed(ENOMEM) : __real___xstat64(version, path, status);
 }
 #endif
 

@@ -51,6 +51,7 @@ struct SystemCalls
     /// before 3.0.
     bool tlsEndWithoutNoticeFails = false;
     bool fstatFails = false;
+    bool statFails = false;  ///< with ENOMEM
     bool fdopendirFails = false;
     bool memcpyFails = false;       ///< memcpy_s
     bool pollFails = false;         ///< with ENOMEM

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
@@ -54,11 +55,15 @@ void ExchangeSocket::bind()
     }
 }
 
-/// Whether the path still leads to the socket. Replies would reach nobody else.
+/// Whether the path still leads to the socket. Replies would reach nobody else. A path that cannot be looked at is not
+/// gone: the way of a reply that is due would be.
 bool ExchangeSocket::isBound() const
 {
     struct stat status = {};
-    return ::stat(EXCHANGE_PATH, &status) == 0 && status.st_dev == m_file.st_dev && status.st_ino == m_file.st_ino &&
+    if (::stat(EXCHANGE_PATH, &status) != 0) {
+        return errno != ENOENT;
+    }
+    return status.st_dev == m_file.st_dev && status.st_ino == m_file.st_ino &&
            status.st_ctim.tv_sec == m_file.st_ctim.tv_sec && status.st_ctim.tv_nsec == m_file.st_ctim.tv_nsec;
 }
 

@@ -17,6 +17,7 @@
 #include "media_server/IPCService/Public/exchanging.h"
 #include "support/captured_log.h"
 #include "support/raw_bytes.h"
+#include "support/system_calls.h"
 #include "support/unix_socket.h"
 #include "support/waiting.h"
 
@@ -189,6 +190,24 @@ TEST(ExchangesMeet, PathThatWasTakenAwayIsMadeAnewByTheNextExchange)
     EXPECT_EQ(commandOf(faces.receive()), 7019U);
     ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
     EXPECT_THAT(clear.replies(), ElementsAre(reply(7019, 'f')));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
+}
+
+TEST(ExchangesMeet, PathThatCannotBeLookedAtIsNotMadeAnew)
+{
+    UnixSocket itgt(ITGT_PATH);
+    Exchanging silent({7021});
+    ASSERT_TRUE(itgt.receive().has_value());
+    struct stat before = {};
+    ASSERT_EQ(::stat(OWN_PATH, &before), 0);
+    systemCalls().statFails = true;
+    EXPECT_NO_THROW(IPCService::MessageExchange());
+    systemCalls().statFails = false;
+    struct stat after = {};
+    ASSERT_EQ(::stat(OWN_PATH, &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
     EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
 }
