@@ -122,7 +122,8 @@ with the camera's firmware; camgate-simulator has a stand-in.")
 # A firmware need not have its libraries in packages: nothing that it has could satisfy a dependency.
 set(CPACK_DEBIAN_SERVICE_PACKAGE_RECOMMENDS camgate-platform)
 set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_CURRENT_LIST_DIR}/postinst ${CMAKE_CURRENT_LIST_DIR}/prerm ${CMAKE_CURRENT_LIST_DIR}/postrm
+    ${CMAKE_CURRENT_LIST_DIR}/preinst ${CMAKE_CURRENT_LIST_DIR}/postinst
+    ${CMAKE_CURRENT_LIST_DIR}/prerm ${CMAKE_CURRENT_LIST_DIR}/postrm
     ${CMAKE_CURRENT_LIST_DIR}/conffiles)
 
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME camgate-simulator)

@@ -93,6 +93,15 @@ def test_an_upgrade_leaves_a_stopped_service_stopped(serving: InstalledCamera, t
     assert not serving.processes()
 
 
+def test_installed_again_after_a_removal_it_starts(serving: InstalledCamera) -> None:
+    serving.run("dpkg --remove camgate")
+    assert not serving.processes()
+    serving.forget_log()
+    serving.dpkg("--install", package("camgate"))
+    serving.wait_serving()
+    expect_answer(serving)
+
+
 def test_removed_and_purged_it_leaves_no_trace(camera: InstalledCamera) -> None:
     camera.dpkg("--install", package("camgate-simulator"))
     before = camera.files()
