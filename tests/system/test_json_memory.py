@@ -90,7 +90,7 @@ def test_state_file_takes_at_most_24_megabytes(camera: Camera, size: int) -> Non
 def test_thousand_face_lists_are_set(camera: Camera) -> None:
     camera.faces.lists = [face_list(number, f"List {number}") for number in range(1000)]
     assert camera.client.command("whiteListClear", {"cameraCode": "C1"}, timeout=30).status == 200
-    assert [applied["list_id"] for applied in camera.faces.applied] == list(range(1000))
+    assert [applied["ListId"] for applied in camera.faces.applied] == list(range(1000))
 
 
 @pytest.mark.parametrize("count, status", [(9_996, 200), (9_997, 400)])

@@ -144,7 +144,7 @@ class Tours:
                     if event.matches("service", "log") and event.record is begun)
 
     def _look(self, message: wire.Message) -> None:
-        name = message.request["file_name"]
+        name = message.request["ImportFileName"]
         self._told.append((name, self.camera.path(f"{FOLDER}/{name}").read_bytes()))
 
     def _outcome(self, since: int) -> tuple[int, int, int]:
@@ -157,7 +157,7 @@ class Tours:
         assert all((report["startIndex"], report["offset"]) == (0, FACES) for report in reports)
         imported = [report for report in reports
                     if [one["importStatus"] for one in report["ImportInfo"]] == [0] * FACES]
-        lists = [event.face_list["list_name"] for event in events if event.kind == "list"]
+        lists = [event.face_list["ListName"] for event in events if event.kind == "list"]
         assert lists == ["Staff", "Visitors"][:len(lists)], "lists in order, each once"
         self._told.clear()
         return told, len(imported), len(lists)
