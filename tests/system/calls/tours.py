@@ -35,7 +35,7 @@ _SPARE_THREADS = 2
 _LATEST_REPLY = 12.0
 # A call that the tour does not come to again does not kill it, and a record that is lost does not come.
 _LATEST_KILL = 1.0
-_START_FAILED = 70
+START_FAILED = 70
 # A start that says this goes on: without taking commands, or as root, who cannot write what the service's user has.
 _GOES_ON_WITHOUT = ("Utils_ProcessRingBufProducerInit fail", "Fail to run ChangeProcUser")
 _RECORD_LOST = "metadata put ring buf fail."
@@ -90,9 +90,9 @@ class Tours:
     violations  what did not hold, and with which failure
     """
 
-    def __init__(self, with_library: StartCamera) -> None:
+    def __init__(self, with_library: StartCamera, **arguments: Any) -> None:
         source = (Path(__file__).parent / "failing_calls.c").read_text() if possible() else ""
-        self.camera = with_library(source, start=False, records_only=False)
+        self.camera = with_library(source, start=False, records_only=False, **arguments)
         self.control = Control(self.camera)
         self.camera.faces.lists = self.camera.faces.lists[:2]
         self.made = 0
@@ -214,7 +214,7 @@ class Tours:
         self.made += self.control.failed()
         self.control.begin()
         if camera.service.exit_code is not None:
-            assert camera.service.exit_code == _START_FAILED, f"exit code {camera.service.exit_code}"
+            assert camera.service.exit_code == START_FAILED, f"exit code {camera.service.exit_code}"
             assert camera.service.stderr[said:].strip(), "the reason is told"
         elif not any(told in text for text in self._texts(begin) for told in _GOES_ON_WITHOUT):
             self.whole(records=self._takes_records())
