@@ -15,7 +15,7 @@ from simulator.cli import options
 from simulator.cli.command_line import DONE, NO_CAMERA, CodedError
 from simulator.cli.control import ask
 
-HELP = "open a root shell in a camera that was brought up with --machine"
+HELP = "open a root shell in a booted camera"
 DESCRIPTION = """\
 Connects this terminal with the serial console of a booted camera, on which a root shell reads. What is typed there
 goes to the camera, Ctrl-C as well; Ctrl-] goes away from it. Without a terminal, commands come from standard input,
