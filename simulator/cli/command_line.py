@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import errno
 import importlib
 import itertools
 import json
@@ -106,6 +107,8 @@ def _code(arguments: argparse.Namespace) -> int:
     except BrokenPipeError:
         return OUTPUT_CLOSED
     except (CameraError, TimeoutError, OSError) as error:
+        if isinstance(error, OSError) and error.errno == errno.ENOSPC and error.filename is None:
+            Failure.note(error)  # a long text's first part could not be written
         if error is Failure.first:
             return FAILED
         if getattr(arguments, "json", False):

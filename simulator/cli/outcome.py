@@ -13,6 +13,9 @@ from simulator.messages import wire
 from simulator.messages.log import ends_download, fails_download
 
 _PAGE = "Http Param:"  # what the service logs when it asks for a page
+_REPORT = b'"ImportInfo"'  # what every report has, and no other request
+_REPORT_FAILED = re.compile(r"metadata (?!put ring buf)")
+_NO_ANSWER = re.compile(r"SendMsgAndRecvResponse err:(.*)")
 _SECONDS = "5 s"  # what the service grants each step
 # What the service says of an exchange that failed, and what that is in plain words; the first that matches counts.
 _FAILURES: tuple[tuple[str, Callable[[re.Match[str], str], str]], ...] = (
@@ -27,6 +30,8 @@ _FAILURES: tuple[tuple[str, Callable[[re.Match[str], str], str]], ...] = (
 
 def outcome(events: Sequence[Event], end: Event | None) -> dict[str, Any]:
     """Pages that were handed to ITGT, pictures that it imported and refused, and whether all is well; else `why`.
+
+    Reports that the platform did not take are there as `unreported`: the pictures are on the camera all the same.
 
     end  of the download; None when it stands still
     """
@@ -46,7 +51,19 @@ def outcome(events: Sequence[Event], end: Event | None) -> dict[str, Any]:
     elif pages and not imported:
         why = "ITGT imported no picture"
     seen = {"pages": pages, "pictures": imported, "refused": len(results) - imported, "complete": not why}
-    return {**seen, "why": why} if why else seen
+    if why:
+        return {**seen, "why": why}
+    unreported = _unreported(events, lines)
+    return {**seen, "unreported": unreported} if unreported else seen
+
+
+def _unreported(events: Sequence[Event], lines: Sequence[str]) -> int:
+    """How many reports were refused, or not answered, in a download whose pages all came."""
+    reports = {event.request.connection for event in events
+               if event.matches("platform", "request") and _REPORT in event.request.raw}
+    refused = sum(event.matches("platform", "response") and event.connection in reports
+                  and not 200 <= event.response.status < 300 for event in events)
+    return refused + sum(bool(_REPORT_FAILED.match(line)) for line in lines)
 
 
 def _why_still(events: Sequence[Event]) -> str:
@@ -60,7 +77,7 @@ def _why_still(events: Sequence[Event]) -> str:
 def _why_no_page(lines: Sequence[str], events: Sequence[Event]) -> str:
     page = f"page {lines.count(_PAGE)} could not be fetched"
     for line in reversed(lines):
-        if match := re.match(r"SendMsgAndRecvResponse err:(.*)", line):
+        if match := _NO_ANSWER.match(line):
             return f"{page}: {in_words(match[1].strip(), _stage(events))}"
         if match := re.match(r"Http Status \$(\d+)", line):
             if match[1] != "200":
@@ -128,4 +145,5 @@ def in_a_line(download: dict[str, Any]) -> str:
     """Whether it was complete, and if not, why."""
     how = "complete" if download["complete"] else f"NOT complete, {download['why']}"
     refused = f", {download['refused']} refused" if download["refused"] else ""
-    return f"{how}: {download['pages']} pages, {download['pictures']} pictures imported{refused}"
+    unreported = f", {download['unreported']} reports not taken" if download.get("unreported") else ""
+    return f"{how}: {download['pages']} pages, {download['pictures']} pictures imported{refused}{unreported}"

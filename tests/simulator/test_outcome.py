@@ -65,6 +65,8 @@ def test_a_platform_that_is_not_there(transparent: list[str], camsim: Camsim, up
 @pytest.mark.parametrize("fault, said, code", [
     ("itgt.bad-pictures", "NOT complete, ITGT refused every picture: 2 pages, 0 pictures imported, 31 refused, ", 7),
     ("itgt.bad-pictures=times=1", "complete: 2 pages, 1 pictures imported, 30 refused, ", 0),
+    ("platform.status=code=503,at=results", "complete: 2 pages, 31 pictures imported, 2 reports not taken, ", 0),
+    ("platform.garbage=at=results", "complete: 2 pages, 31 pictures imported, 2 reports not taken, ", 0),
     ("itgt.refuses", "NOT complete, ITGT imported no picture: 2 pages, 0 pictures imported, ", 7)])
 def test_pages_without_a_picture_are_no_success(fault: str, said: str, code: int, camsim: Camsim, up: StartUp) -> None:
     up("--picture-bytes", 800, 900, "--fault", fault)
