@@ -17,6 +17,7 @@ from simulator.trace.diagram import STYLES
 from simulator.trace.page.web_page import page
 from simulator.trace.recording import Recording, read
 from simulator.trace.terminal.clock import wall_clock
+from simulator.trace.terminal.output import say
 from simulator.trace.terminal.terminal import Terminal
 from simulator.trace.words import NAMES, Item
 
@@ -53,7 +54,7 @@ def write_page(path: Path, text: str) -> int:
         path.write_text(text, encoding="utf-8")
     except OSError as error:
         raise CameraError(f"the page cannot be written: {error}") from error
-    print(f"{path}: open it in a browser ({path.stat().st_size / 1e6:.1f} MB)")
+    say(f"{path}: open it in a browser ({path.stat().st_size / 1e6:.1f} MB)")
     return 0
 
 
@@ -71,8 +72,8 @@ def show(recording: Recording, chapters: list[Chapter]) -> None:
 def show_comparison(one: Recording, other: Recording) -> int:
     differences = compare(one, other)
     for line in differences or [f"the same: {', '.join(f'{number} {name}' for name, number in counts(one).items())}"]:
-        print(line)
-    print("not compared: " + ", ".join(NOT_COMPARED))
+        say(line)
+    say("not compared: " + ", ".join(NOT_COMPARED))
     return 1 if differences else 0
 
 
