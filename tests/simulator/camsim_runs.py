@@ -53,6 +53,16 @@ class Camsim:
         return Drawn([str(CAMSIM), *map(str, words)], {**self.environment, **environment}, columns)
 
 
+def read_terminal(master: int, seconds: float) -> bytes:
+    """What a program has drawn, or draws within so many seconds; empty when it drew nothing, or has ended."""
+    if not select.select([master], [], [], max(0.0, seconds))[0]:
+        return b""
+    try:
+        return os.read(master, 65536)
+    except OSError:  # the other end is closed
+        return b""
+
+
 class Drawn:
     """A program on a pseudo terminal. `text` is what it wrote so far."""
 
@@ -84,12 +94,7 @@ class Drawn:
         return self.text
 
     def _read(self, seconds: float) -> bool:
-        if not select.select([self._master], [], [], max(0.0, seconds))[0]:
-            return False
-        try:
-            data = os.read(self._master, 65536)
-        except OSError:  # the other end is closed
-            return False
+        data = read_terminal(self._master, seconds)
         self.text += data.decode("utf-8", "replace")
         return bool(data)
 

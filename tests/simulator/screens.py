@@ -7,7 +7,6 @@ import json
 import os
 import pty
 import re
-import select
 import struct
 import subprocess
 import termios
@@ -16,7 +15,7 @@ from typing import Any
 
 import pyte
 
-from camsim_runs import ROOT
+from camsim_runs import ROOT, read_terminal
 from support import DEADLINE
 
 ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
@@ -102,12 +101,7 @@ class Screen:
         return "\n".join(line.rstrip() for line in [*history, *self._screen.display]).rstrip().split("\n")
 
     def _read(self, seconds: float) -> bool:
-        if not select.select([self._master], [], [], max(0.0, seconds))[0]:
-            return False
-        try:
-            data = os.read(self._master, 65536)
-        except OSError:  # the other end is closed
-            return False
+        data = read_terminal(self._master, seconds)
         self.text += data.decode("utf-8", "replace")
         self._stream.feed(data)
-        return True
+        return bool(data)
