@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import signal
 import sys
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -26,6 +27,11 @@ CAMERAS: pytest.StashKey[list[Camera]] = pytest.StashKey()
 
 def pytest_configure(config: pytest.Config) -> None:
     config.addinivalue_line("markers", "seconds(n): takes so long, because the service waits; the longest go first")
+    # nohup, and a script's "&", have these signals ignored, and so would all programs that tests start. A handler is
+    # not inherited.
+    for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, lambda *_: None)
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:

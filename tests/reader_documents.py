@@ -154,10 +154,9 @@ class Reader:
                               timeout=DEADLINE, check=False)
 
     def _open_terminal(self, command: str) -> None:
-        # What a shell runs in the background ignores Ctrl-C, and so would all that it starts.
-        terminal = subprocess.Popen(["env", "--default-signal=INT", "bash", "-c", command], cwd=self._folder,
-                                    env=self._environment, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                    stderr=subprocess.STDOUT, start_new_session=True)
+        terminal = subprocess.Popen(["bash", "-c", command], cwd=self._folder, env=self._environment, text=True,
+                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                    start_new_session=True)
         self._terminals.append(terminal)
         lines: list[str] = []
         up = threading.Event()
