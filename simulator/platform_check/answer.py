@@ -5,7 +5,8 @@ from __future__ import annotations
 import re
 from dataclasses import dataclass, field
 
-from simulator.peers.real.asking import CUT, FAREWELL, LARGEST_BODY, RESET, SILENT, TOO_LARGE, UNCONNECTED, Exchange
+from simulator.peers.real.asking import (CUT, ENDLESS, FAREWELL, LARGEST_BODY, LONGEST_ANSWER, RESET, SILENT, TOO_LARGE,
+                                           UNCONNECTED, Exchange)
 
 # The limits of the camera's HTTP library, and of the service.
 MOST_FIELDS, LONGEST_NAME, LONGEST_VALUE, LONGEST_REASON = 100, 256, 8192, 512
@@ -13,7 +14,8 @@ MOST_INTERIM = 100
 _LARGEST_HEAD = 1 << 20
 _ENDS = {FAREWELL: "the platform closed the connection", CUT: "the platform closed the connection without close_notify",
          RESET: "the platform reset the connection", SILENT: "nothing more came for 10 s",
-         TOO_LARGE: "more came than a camera takes"}
+         TOO_LARGE: "more came than a camera takes",
+         ENDLESS: f"it still trickled after {LONGEST_ANSWER:g} s"}
 
 
 class Wrong(Exception):

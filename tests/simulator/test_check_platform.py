@@ -21,6 +21,7 @@ from served import free_port, served
 from simulator.messages.http import NEVER, Close, Request, Response, Send, Wait
 from simulator.peers.pictures import picture
 from simulator.peers.platform import Platform
+from simulator.peers.real import asking
 from simulator.peers.real.asking import page_request
 from simulator.platform_check.check import FAILED, NOT_JUDGED, PASSED, WARNING, Subject
 from simulator.platform_check.kit import CHECKS, Result, examine
@@ -287,6 +288,16 @@ def test_a_handshake_that_hangs() -> None:
         subject = Subject(f"https://localhost:{silent.getsockname()[1]}/x")
         [result] = examine(subject, ["tls"])
     assert (result.finding.verdict, result.finding.seen) == (FAILED, "the TLS handshake did not end in 10 s")
+
+
+def test_an_answer_that_trickles_for_ever(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(asking, "LONGEST_ANSWER", 1.0)
+    with holding_75() as platform:
+        steps = [Send(headed("Content-Length: 1000", b"")), *[Wait(0.1), Send(b"t")] * 1000]
+        answering(lambda _, right: steps)(platform)
+        results = checked(platform, ["length"], faces=2)
+    assert verdicts(results, FAILED).keys() == {"length"}
+    assert "still trickled after" in results["length"].finding.seen
 
 
 def test_warnings_are_no_failures() -> None:

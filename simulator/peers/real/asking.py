@@ -17,13 +17,15 @@ from simulator.peers.real.upstream import Gone, Upstream
 
 GRANTED = 5.0  # seconds that a camera grants each step
 PATIENCE = 10.0  # seconds that are granted here, to tell late from never
+LONGEST_ANSWER = 600.0  # seconds after which an answer that trickles is not waited for any more
 LARGEST_BODY = 128 << 20  # bytes that a camera takes
 _LARGEST = LARGEST_BODY + (2 << 20)  # bytes after which nobody has to wait for the end
 
 # How an exchange ended: the answer was whole; the platform said farewell (close_notify), cut the connection without,
-# or reset it; nothing more came; more came than a camera takes; there was no connection or no TLS.
-WHOLE, FAREWELL, CUT, RESET, SILENT, TOO_LARGE, UNCONNECTED = (
-    "whole", "farewell", "cut", "reset", "silent", "too large", "unconnected")
+# or reset it; nothing more came; more came than a camera takes, or came for longer than anybody waits; there was no
+# connection or no TLS.
+WHOLE, FAREWELL, CUT, RESET, SILENT, TOO_LARGE, ENDLESS, UNCONNECTED = (
+    "whole", "farewell", "cut", "reset", "silent", "too large", "endless", "unconnected")
 Session = Optional[ssl.SSLSession]
 
 
@@ -105,6 +107,9 @@ def _take(upstream: Upstream, request: bytes, exchange: Exchange, linger: float)
             reader.feed(data)
             if (reader.length or 0) > LARGEST_BODY or len(exchange.raw) > _LARGEST:
                 exchange.end = TOO_LARGE
+                return
+            if not reader.whole and now - begin > LONGEST_ANSWER:
+                exchange.end = ENDLESS
                 return
             if reader.whole:
                 exchange.end = WHOLE
