@@ -4,9 +4,10 @@ from __future__ import annotations
 
 import pytest
 
-from booted import complete, inside, wait_back
+from booted import BUDGET, complete, inside, wait_back
 from simulator import Camera
 from steps import STEPS, download_up_to
+from support import at_most
 
 
 @pytest.mark.parametrize("step", STEPS)
@@ -14,4 +15,6 @@ def test_after_a_reboot_the_next_download_is_complete(booted: Camera, step: str)
     begin = download_up_to(booted, step)
     inside(booted, "systemctl reboot")
     wait_back(booted, begin)
+    since_boot = float(inside(booted, "cut -d' ' -f1 /proc/uptime"))
+    assert since_boot <= at_most(BUDGET["boot to the command socket, seconds"])
     complete(booted)
