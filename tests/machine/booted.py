@@ -3,12 +3,14 @@
 from __future__ import annotations
 
 import functools
+import json
 import os
 from pathlib import Path
 
 from simulator import Camera
 from simulator.device.machine.machine import Machine
 
+BUDGET = json.loads(Path(__file__).with_name("budget.json").read_text())
 FOLDER = "/tmp/mmcblk0/face_basic/faceLib"
 # Seconds for what a booted camera does at most; Journal.patience makes more of them.
 SOON = 10.0

@@ -4,15 +4,10 @@ from __future__ import annotations
 
 from booted import FOLDER, LONG, complete, download, inside, wait_back
 from simulator import Camera, wire
+from steps import throttle
 
 # The driver of the card's disk, which lets go of it as if it were pulled out.
 DRIVER = "/sys/bus/virtio/drivers/virtio_blk"
-
-
-def throttle(booted: Camera, bytes_per_second: int) -> None:
-    """0: as fast as it can."""
-    booted.sandbox.monitor("block_set_io_throttle", device="card", bps=bytes_per_second, bps_rd=0, bps_wr=0, iops=0,
-                           iops_rd=0, iops_wr=0)
 
 
 def give_back(booted: Camera) -> None:

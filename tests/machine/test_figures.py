@@ -2,15 +2,12 @@
 
 from __future__ import annotations
 
-import json
 import time
-from pathlib import Path
 
-from booted import LONG, download, inside
+from booted import BUDGET, LONG, download, inside
 from simulator import Camera
 from support import at_most
 
-BUDGET = json.loads(Path(__file__).with_name("budget.json").read_text())
 # Long enough for several of the receive task's seconds.
 SECONDS = 5.0
 

@@ -33,8 +33,9 @@ TRIES: dict[str, tuple[str, int | str]] = {
     "ProtectHome": ("ls /root", "Permission denied"),
     "PrivateMounts": ("mount -t tmpfs none /tmp", KILLED),
     "PrivateDevices": ("ls /dev/vda", "No such file"),
+    "BindPaths": ("exec 3</dev/cache && echo opened", "opened"),
     "DevicePolicy": ("cat </mnt/srvfs/block", "Operation not permitted"),
-    "DeviceAllow": ("perl -e 'open F, \"/mnt/srvfs/character\" and print read F, $x, 1'", "1"),
+    "DeviceAllow": ("exec 3</mnt/srvfs/character && echo opened", "opened"),
     "ProtectKernelTunables": ("touch /sys/kernel/mm/ksm/run", "Read-only file system"),
     "ProtectKernelModules": (call(128, 0, 0, 0), KILLED),
     "ProtectKernelLogs": (call(103, 3, 0, 0), KILLED),
@@ -53,8 +54,8 @@ TRIES: dict[str, tuple[str, int | str]] = {
     "MemoryDenyWriteExecute": (call(192, 0, 4096, 7, 0x22, -1, 0), EPERM),
     "SystemCallFilter": (call(88, 0, 0, 0), KILLED),
 }
-# There is one set of system calls on this processor; the cache is a node of the camera's driver, which is not here.
-NOT_TRIED = {"SystemCallArchitectures", "BindPaths"}
+# There is one set of system calls on this processor.
+NOT_TRIED = {"SystemCallArchitectures"}
 NO_RESTRICTION = {"Type", "ExecStart", "Restart", "RestartSec", "KillSignal", "TimeoutStopSec", "StandardInput",
                   "StandardOutput", "StandardError", "SyslogIdentifier"}
 
@@ -70,7 +71,8 @@ def tried(booted: Camera) -> dict[str, tuple[int, str]]:
                      for name, words in TRIES.items())
     inside(booted, "systemctl stop camgate; mkdir -p /run/systemd/system/camgate.service.d /root; "
                    "echo secret >/mnt/srvfs/secret; chown 74 /mnt/srvfs/secret; chmod 600 /mnt/srvfs/secret; "
-                   "mknod -m 666 /mnt/srvfs/block b 254 0; mknod -m 666 /mnt/srvfs/character c 1 5; "
+                   "mknod -m 666 /mnt/srvfs/block b 254 0; mknod -m 666 /mnt/srvfs/character c 204 64; "
+                   "mknod -m 666 /dev/cache c 204 64; "
                    "printf '[Service]\\nExecStart=\\nExecStart=/bin/sh /tmp/tries\\nEnvironment=LD_PRELOAD=\\n"
                    "StandardError=journal\\nType=oneshot\\nRestart=no\\n' "
                    ">/run/systemd/system/camgate.service.d/tries.conf; "
