@@ -44,6 +44,17 @@ def test_tour_behind_one_without_memory_is_whole(with_library: StartCamera, part
     tours.expect_no_violations(record_property, "tours without memory from an allocation on")
 
 
+@pytest.mark.parametrize("lasts", [False, True], ids=["one", "all"])
+def test_download_whose_thread_has_no_memory_to_begin_leaves_the_service_free(with_library: StartCamera, lasts: bool,
+                                                                              record_property: Record) -> None:
+    tours = Tours(with_library)
+    tours.start()
+    thread = plan.ROLES.index("other thread")
+    first = plan.allocations({(thread, plan.ALLOCATION): 4 if tours.control.allocations() else 0}, lasts)
+    tours.each(first, lambda failure: tours.without_memory(failure, tours.memory_comes_back))
+    tours.expect_no_violations(record_property, "downloads without memory to begin")
+
+
 @pytest.mark.seconds(30)
 @pytest.mark.parametrize("part", range(PARTS))
 def test_stop_ends_where_a_tour_has_no_memory_any_more(with_library: StartCamera, part: int,
@@ -63,11 +74,12 @@ def test_stop_ends_where_a_tour_has_no_memory_any_more(with_library: StartCamera
 @pytest.mark.parametrize("part", range(PARTS))
 def test_failing_allocation_of_a_start_ends_it_with_70_or_does_no_harm(with_library: StartCamera, part: int,
                                                                        lasts: bool, record_property: Record) -> None:
-    tours = Tours(with_library, ends_with=(0, START_FAILED))
+    tours = Tours(with_library, ends_with=(0, START_FAILED, 128 + signal.SIGABRT))
     tours.control.begin()
     tours.camera.start_service()
     failures = plan.allocations(tours.control.counts(), lasts)
     tours.each(part_of(failures, part, STARTS_OF_A_SAMPLE), tours.starting)
+    record_property("starts that OpenSSL did not survive whole", tours.without_tls)
     tours.expect_no_violations(record_property, "starts with a failing allocation" + ", and all behind it" * lasts)
 
 

@@ -39,6 +39,10 @@ _LATEST_REPLY = 12.0
 # A call that the tour does not come to again does not kill it, and a record that is lost does not come.
 _LATEST_KILL = 1.0
 START_FAILED = 70
+# A library that ends the process.
+_ABORTED = 128 + signal.SIGABRT
+# The record before the TLS library begins.
+_TLS_BEGINS = "client open name"
 # A start that says this goes on: without taking commands, or as root, who cannot write what the service's user has.
 _GOES_ON_WITHOUT = ("Utils_ProcessRingBufProducerInit fail", "Fail to run ChangeProcUser")
 _RECORD_LOST = "metadata put ring buf fail."
@@ -97,6 +101,8 @@ class Tours:
     """One camera, and tours of its service: a download of a page, a clear with two lists, a notHit record.
 
     made        how many of the failures the service came to
+    without_tls how many starts ended in OpenSSL, or without one of its algorithms: where a single allocation fails
+                while it begins, it may take no notice
     violations  what did not hold, and with which failure
     """
 
@@ -105,6 +111,7 @@ class Tours:
         self.control = Control(self.camera)
         self.camera.faces.lists = self.camera.faces.lists[:2]
         self.made = 0
+        self.without_tls = 0
         self._played = False
         self.violations: list[str] = []
         self._told: list[tuple[str, bytes]] = []
@@ -218,6 +225,7 @@ class Tours:
         assert is_whole or told_of, "no record tells of it"
         self.whole()
         assert all(self._replies(tag) <= 1 for tag in tags), "at most one reply"
+        assert failure.call != plan.ALLOCATION or len(statuses) == len(tags), "one reply each"
         kept, most_threads = self._kept
         poll_until(lambda: descriptors(camera) <= kept and threads(camera) <= most_threads)
 
@@ -272,12 +280,23 @@ class Tours:
         with suppress(*([AssertionError] if failure.lasts else [])):
             poll_until(lambda: camera.service.exit_code is not None or self._goes_on_without(begin)
                        or self._takes_commands(), _LATEST_KILL if failure.lasts else 20.0)
-        if camera.service.exit_code is not None:
+        if camera.service.exit_code == _ABORTED and failure.call == plan.ALLOCATION and not failure.lasts:
+            assert _TLS_BEGINS in camera.service.log[-1].text
+            self.without_tls += 1
+        elif camera.service.exit_code is not None:
             assert camera.service.exit_code == START_FAILED, f"exit code {camera.service.exit_code}"
             reason = camera.service.stderr[said:].decode(errors="replace").strip().rpartition("\n")[2]
             assert reason and not re.match(_RECORD, reason), f"the reason is told behind the log, not: {reason}"
         elif not self._goes_on_without(begin) and self._takes_commands():
-            self.whole(records=self._takes_records())
+            if failure.call == plan.ALLOCATION and not self._has_tls():
+                self.without_tls += 1
+            else:
+                self.whole(records=self._takes_records())
+
+    def _has_tls(self) -> bool:
+        begin = self._begin_download()
+        self.camera.wait_for_log(END, 20.0, begin)
+        return not any("SSL Exception" in text for text in self._texts(begin))
 
     def _has_started(self, since: int) -> bool:
         return any(event.matches("service", "ended") or event.matches("service", "log")
