@@ -1,4 +1,4 @@
-"""Which system calls and allocations fail, and how: each call in the ways in which the kernel can fail it on a camera."""
+"""Which calls and allocations fail, and how: each call in the ways in which the kernel can fail it on a camera."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Tours of the service, in each of which one system call fails, and what must hold for every one of them."""
+"""Tours of the service, in each of which a system call or an allocation fails, and what must hold for all of them."""
 
 from __future__ import annotations
 
@@ -245,7 +245,7 @@ class Tours:
         assert all(self._replies(tag) <= 1 for tag in tags), "at most one reply"
 
     def memory_comes_back(self) -> None:
-        camera, begin = self.camera, len(self.camera.journal)
+        camera = self.camera
         self.control.begin()
         assert camera.service.exit_code is None, f"the service ended: {camera.service.exit_code}"
         self._command("faceNotHitDown", {"a": "b"})  # behind all commands without memory
