@@ -12,8 +12,8 @@ from support import StartCamera
 from tours import START_FAILED, Record, Tours
 
 
-TOURS_OF_A_SAMPLE = 15
-STARTS_OF_A_SAMPLE = 10
+TOURS_OF_A_SAMPLE = 10
+STARTS_OF_A_SAMPLE = 5
 STOPS_OF_A_SAMPLE = 3
 
 
