@@ -30,8 +30,9 @@ constexpr char PUBLISHER_NAME[] = "gate.saas.olv";
 /// Line that a failed subscription is reported with, wherever the check stands.
 constexpr int SUBSCRIPTION_ASSERTION_LINE = 91;
 constexpr std::chrono::milliseconds LONGEST_TASK_END(1000);
-constexpr long TASK_END_STEP = 2;      // milliseconds
-constexpr long MEMORY_INTERVAL = 100;  // milliseconds
+constexpr long TASK_END_STEP = 2;  // milliseconds
+/// Milliseconds, until memory that was short is tried anew.
+constexpr long MEMORY_INTERVAL = 100;
 
 /// The default thread pool. Its first threads start with it.
 Poco::ThreadPool& threadPool()
