@@ -12,6 +12,8 @@ from typing import NamedTuple
 
 import pytest
 
+from known_tests import system_tests, unit_tests
+
 ROOT = Path(__file__).resolve().parents[2]
 DOCUMENT = ROOT / "docs/architecture.md"
 MOST_MODULES = 8  # of a folder of the simulator
@@ -141,6 +143,29 @@ def test_modules_of_the_simulator_make_no_circle() -> None:
         for name in free:
             del left[name]
     assert left == {}
+
+
+def meeting_problems(text: str, known: frozenset[str]) -> list[str]:
+    """What is wrong with the table of places where two threads meet."""
+    table = text.partition("\n| where | who comes first, or is there meanwhile | tests |\n")[2].partition("\n\n")[0]
+    rows = [line.strip("| ").split(" | ") for line in table.splitlines()[1:]]
+    named = {row[0]: re.findall(r"`([^`]+)`", row[-1]) for row in rows}
+    found = [f"{place}: no test" for place, tests in named.items() if not tests]
+    found += [f"{place}: there is no test {test}" for place, tests in named.items() for test in tests
+              if test not in known]
+    return found if named else ["no table of places"]
+
+
+def test_every_place_where_threads_meet_has_tests_that_exist() -> None:
+    text = DOCUMENT.read_text(encoding="utf-8")
+    assert meeting_problems(text, system_tests() | unit_tests()) == []
+
+
+def test_place_without_tests_or_with_one_that_is_gone_is_told() -> None:
+    text = DOCUMENT.read_text(encoding="utf-8")
+    assert "log: no test" in meeting_problems(re.sub(r"`WriteLog\.\w+`", "", text), frozenset())
+    assert len(meeting_problems(text, frozenset())) > 20
+    assert meeting_problems("", frozenset()) == ["no table of places"]
 
 
 ROWS = [Row(["a"], ["b", "c"]), Row(["b"], ["c"]), Row(["c"], []), Row(["c/d.py"], [])]

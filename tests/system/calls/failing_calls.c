@@ -1,28 +1,16 @@
-/* Preloaded into the service: has a chosen system call fail, or kills the process in its place.
+/* Has a chosen system call fail, or kills the process in its place, see control.c.
  *
  * A filter turns each system call into a signal, except those made here, which are known by the address they come from.
  * The signal's handler makes the call itself, or does not. That reaches the calls that the C library makes within
- * itself, too, and costs some microseconds each. What to do is in /tmp/calls, see tours.py; without that file nothing
- * is done. No call of ld.so's, which comes earlier, and none of a thread's making and end.
+ * itself, too, and costs some microseconds each. No call of ld.so's, which comes earlier, and none of a thread's making
+ * and end.
  *
  * x86-64 only.
  */
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <ucontext.h>
-
-enum { MAIN, LOOP, OTHER, ROLES, CALLS = 512, WRITE_LOG = 511, KILLS = -1 };
-
-struct control {
-    int role, call, number; /* which fails: the number-th of such a call of such a thread; number 0: none */
-    int error;              /* an errno value, or KILLS */
-    int failed;             /* how many did */
-    int counts[ROLES][CALLS];
-};
-static struct control* volatile control;
-static __thread int role __attribute__((tls_model("initial-exec"))) = OTHER;
 
 extern char end_of_own_call[];
 long own_call(long number, long a, long b, long c, long d, long e, long f);
@@ -39,15 +27,11 @@ static int waits(long operation) {
     return command == 0 || command == 9;
 }
 
-static int fails(long call) {
-    struct control* order = control;
-    if (order == NULL || call >= CALLS) return 0;
-    int number = __atomic_add_fetch(&order->counts[role][call], 1, __ATOMIC_ACQ_REL);
-    if (number != __atomic_load_n(&order->number, __ATOMIC_ACQUIRE)) return 0;
-    if (call != order->call || role != order->role) return 0;
-    __atomic_add_fetch(&order->failed, 1, __ATOMIC_ACQ_REL);
-    if (order->error == KILLS) own_call(SYS_kill, own_call(SYS_getpid, 0, 0, 0, 0, 0, 0), SIGKILL, 0, 0, 0, 0);
-    return order->error;
+/* How a system call fails, or 0. */
+static int call_fails(long call) {
+    int error = fails(call);
+    if (error == KILLS) own_call(SYS_kill, own_call(SYS_getpid, 0, 0, 0, 0, 0, 0), SIGKILL, 0, 0, 0, 0);
+    return error;
 }
 
 /* Here the mask is the one from before the signal; and the signal itself must never be held back. */
@@ -76,13 +60,9 @@ static void on_call(int signal, siginfo_t* info, void* data) {
         at[REG_RAX] = 0;
         return;
     }
-    if (call == SYS_prctl && at[REG_RDI] == PR_SET_NAME) {
-        const char* name = (const char*)at[REG_RSI];
-        role = strcmp(name, "Json Msg Loop") == 0 ? LOOP : OTHER;
-    }
     /* A record of the log that cannot be written is no business of who logs: counted apart. */
     int error = call == SYS_futex && !waits(at[REG_RSI]) ? 0
-              : fails(call == SYS_write && at[REG_RDI] == STDERR_FILENO ? WRITE_LOG : call);
+              : call_fails(call == SYS_write && at[REG_RDI] == STDERR_FILENO ? WRITE_LOG : call);
     long result = -error;
     /* A descriptor is gone also when closing it fails. Memory that cannot be had leaves the break where it is. */
     if (error == 0 || call == SYS_close)
@@ -118,19 +98,12 @@ static void install(void) {
     if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) abort();
 }
 
-__attribute__((constructor)) static void begin(void) {
-    int file = open("/tmp/calls", O_RDWR);
-    if (file < 0) return;
-    void* data = mmap(NULL, sizeof *control, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    close(file);
-    if (data == MAP_FAILED) return;
-    control = data;
-    role = MAIN;
-    install();
+__attribute__((constructor(102))) static void filter_calls(void) {
+    if (control != NULL) install();
 }
 
 /* A thread that cannot be made: the clone itself is not filtered. */
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument) {
-    int error = fails(SYS_clone);
+    int error = call_fails(SYS_clone);
     return error != 0 ? error : NEXT(pthread_create)(thread, attributes, run, argument);
 }

@@ -1,4 +1,4 @@
-"""Which system calls fail, and how: each in the ways in which the kernel can fail it on a camera."""
+"""Which calls and allocations fail, and how: each call in the ways in which the kernel can fail it on a camera."""
 
 from __future__ import annotations
 
@@ -8,9 +8,11 @@ from errno import (EACCES, EADDRINUSE, EAGAIN, ECONNREFUSED, ECONNRESET, EINTR, 
 
 import seccomp
 
-# Numbers of failing_calls.c.
+# Numbers of control.c.
 KILLS = -1
-_WRITE_LOG = 511
+ALLOCATION = "allocation"
+_OWN_NUMBERS = {ALLOCATION: 510, "write to the log": 511}
+_OWN_NAMES = {number: name for name, number in _OWN_NUMBERS.items()}
 ROLES = ("main thread", "command loop", "other thread")
 
 _FILE = (EACCES, EIO, ENOMEM)
@@ -54,33 +56,45 @@ NEVER_FAIL = frozenset({
 
 @dataclass(frozen=True, order=True)
 class Failure:
-    """The number-th call of this kind by such a thread fails so; `error` is an errno value or KILLS."""
+    """The number-th call of this kind by such a thread fails so; `error` is an errno value or KILLS.
+
+    lasts  whether all calls of this kind fail from there on, of every thread
+    """
 
     role: int
     call: str
     number: int
     error: int
+    lasts: bool = False
 
     def __str__(self) -> str:
         how = "kills" if self.error == KILLS else f"fails with {errorcode[self.error]}"
+        how += ", and all behind it" if self.lasts else ""
         return f"{self.call} number {self.number} of the {ROLES[self.role]} {how}"
 
 
 def call_number(name: str) -> int:
-    return _WRITE_LOG if name == "write to the log" else int(seccomp.resolve_syscall(seccomp.Arch(), name))
+    return _OWN_NUMBERS.get(name) or int(seccomp.resolve_syscall(seccomp.Arch(), name))
 
 
 def call_name(number: int) -> str:
-    return "write to the log" if number == _WRITE_LOG else seccomp.resolve_syscall(seccomp.Arch(), number).decode()
+    return _OWN_NAMES.get(number) or seccomp.resolve_syscall(seccomp.Arch(), number).decode()
 
 
 def failures(counts: dict[tuple[int, str], int]) -> list[Failure]:
     """Each call fails once in each of its ways; a call that is in no table above is an error."""
     return sorted(Failure(role, call, number + 1, error) for (role, call), count in counts.items()
-                  if call not in NEVER_FAIL for number in range(count) for error in ERRORS[call])
+                  if call not in NEVER_FAIL and call != ALLOCATION
+                  for number in range(count) for error in ERRORS[call])
 
 
 def kills(counts: dict[tuple[int, str], int]) -> list[Failure]:
     """The process is killed in the place of each call."""
     return sorted(Failure(role, call, number + 1, KILLS) for (role, call), count in counts.items()
-                  for number in range(count))
+                  if call != ALLOCATION for number in range(count))
+
+
+def allocations(counts: dict[tuple[int, str], int], lasts: bool) -> list[Failure]:
+    """Each allocation fails: it alone, or with all that come behind it."""
+    return [Failure(role, ALLOCATION, number + 1, ENOMEM, lasts) for role in range(len(ROLES))
+            for number in range(counts.get((role, ALLOCATION), 0))]

@@ -1,4 +1,4 @@
-"""Tours of the service, in each of which one system call fails, and what must hold for every one of them."""
+"""Tours of the service, in each of which a system call or an allocation fails, and what must hold for all of them."""
 
 from __future__ import annotations
 
@@ -8,6 +8,7 @@ import platform
 import re
 import signal
 import struct
+import time
 from collections.abc import Callable, Iterable
 from contextlib import suppress
 from pathlib import Path
@@ -23,10 +24,12 @@ from support import BEGIN, END, FOLDER, StartCamera, at_request, descriptors, em
 FINDINGS = Path(__file__).resolve().parents[3] / "build" / "logs" / "calls.txt"
 _CONTROL = "/tmp/calls"
 _CALLS = 512
-# role, call, number, error, failed; behind them the counts.
-_HEAD = struct.Struct("5i")
+# role, call, number, error, lasts, failed; behind them the counts.
+_HEAD = struct.Struct("6i")
 _COUNTS = struct.Struct(f"{len(plan.ROLES) * _CALLS}i")
 FACES = 2
+# Nothing has been tried for so long: what fails has failed, for the moment. Longer than the pause before a new attempt.
+_QUIET = 0.05
 # A test's record_property.
 Record = Callable[[str, object], None]
 # Of the pool, whose threads end and begin as it sees fit.
@@ -36,25 +39,32 @@ _LATEST_REPLY = 12.0
 # A call that the tour does not come to again does not kill it, and a record that is lost does not come.
 _LATEST_KILL = 1.0
 START_FAILED = 70
+# A library that ends the process.
+_ABORTED = 128 + signal.SIGABRT
+# The record before the TLS library begins.
+_TLS_BEGINS = "client open name"
 # A start that says this goes on: without taking commands, or as root, who cannot write what the service's user has.
 _GOES_ON_WITHOUT = ("Utils_ProcessRingBufProducerInit fail", "Fail to run ChangeProcUser")
 _RECORD_LOST = "metadata put ring buf fail."
 # What it says when it has started.
 _STARTED = "waitForTerminationRequest sucess!"
 _LOG = "write to the log"
+_RECORD = r"\d{4}-\d\d-\d\dT"
 _REPLY_LOST = "SendJsonMsg fail"
 
 
-def possible() -> bool:
-    """Whether calls can be made to fail: not those of sanitizers and counters in the service, nor an emulator's.
-
-    Where not, nothing fails, and only the service's way through is tested.
+def _library() -> str:
+    """What can be made to fail: the calls not with sanitizers and counters in the service, nor under an emulator, and
+    the allocations not with sanitizers, whose own come before. Where nothing can, only the service's way through is
+    tested.
     """
-    return not sanitized() and not emulated() and platform.machine() == "x86_64" and "GCOV_PREFIX" not in os.environ
+    calls = platform.machine() == "x86_64" and not emulated() and "GCOV_PREFIX" not in os.environ
+    sources = ["control.c", *["failing_calls.c"] * calls, "failing_allocations.c"] if not sanitized() else []
+    return "".join((Path(__file__).parent / name).read_text() for name in sources)
 
 
 class Control:
-    """What the preloaded library is told, and what it tells: see failing_calls.c."""
+    """What the preloaded library is told, and what it tells: see control.c."""
 
     def __init__(self, camera: Camera) -> None:
         path = camera.path(_CONTROL)
@@ -69,12 +79,12 @@ class Control:
         self._memory[:] = bytes(len(self._memory))
         if failure is not None:
             call = plan.call_number(failure.call)
-            self._memory[:_HEAD.size] = _HEAD.pack(failure.role, call, 0, failure.error, 0)
+            self._memory[:_HEAD.size] = _HEAD.pack(failure.role, call, 0, failure.error, failure.lasts, 0)
             self._memory[8:12] = struct.pack("i", failure.number)  # last: it is what makes it valid
 
-    def failed(self) -> bool:
-        """Whether it has come to the failing call."""
-        return bool(struct.unpack("i", self._memory[16:20])[0])
+    def failed(self) -> int:
+        """How many calls have failed."""
+        return int(struct.unpack("i", self._memory[20:24])[0])
 
     def counts(self) -> dict[tuple[int, str], int]:
         """How often each call was made since `begin`, by role and name."""
@@ -82,20 +92,26 @@ class Control:
         return {(index // _CALLS, plan.call_name(index % _CALLS)): count for index, count in enumerate(numbers)
                 if count}
 
+    def allocations(self) -> int:
+        """How many were tried since `begin`."""
+        return sum(count for (_, call), count in self.counts().items() if call == plan.ALLOCATION)
+
 
 class Tours:
     """One camera, and tours of its service: a download of a page, a clear with two lists, a notHit record.
 
     made        how many of the failures the service came to
+    without_tls how many starts ended in OpenSSL, or without one of its algorithms: where a single allocation fails
+                while it begins, it may take no notice
     violations  what did not hold, and with which failure
     """
 
     def __init__(self, with_library: StartCamera, **arguments: Any) -> None:
-        source = (Path(__file__).parent / "failing_calls.c").read_text() if possible() else ""
-        self.camera = with_library(source, start=False, records_only=False, **arguments)
+        self.camera = with_library(_library(), start=False, records_only=False, **arguments)
         self.control = Control(self.camera)
         self.camera.faces.lists = self.camera.faces.lists[:2]
         self.made = 0
+        self.without_tls = 0
         self._played = False
         self.violations: list[str] = []
         self._told: list[tuple[str, bytes]] = []
@@ -142,6 +158,17 @@ class Tours:
         begun = self.camera.wait_for_log(BEGIN, 20.0, begins[-1])
         return next(number for number, event in enumerate(self.camera.journal.events)
                     if event.matches("service", "log") and event.record is begun)
+
+    def _until(self, done: Callable[[], bool]) -> None:
+        """Waits until this is so; or, once something has failed, until no more memory is asked for."""
+        asked, since = -1, 0.0
+
+        def quiet() -> bool:
+            nonlocal asked, since
+            if asked != (now := self.control.allocations()):
+                asked, since = now, time.monotonic()
+            return self.control.failed() > 0 and time.monotonic() > since + _QUIET
+        poll_until(lambda: done() or quiet())
 
     def _look(self, message: wire.Message) -> None:
         name = message.request["ImportFileName"]
@@ -190,7 +217,7 @@ class Tours:
         if 200 in statuses[:1] and failure.call != _LOG:
             with suppress(TimeoutError):
                 camera.wait_for_log(END, _LATEST_REPLY, begin)
-        self.made += self.control.failed()
+        self.made += bool(self.control.failed())
         self.control.begin()
         assert camera.service.exit_code is None, f"the service ended: {camera.service.exit_code}"
         is_whole = (self._outcome(begin), statuses) == ((1, 1, 2), [200] * 3)
@@ -198,8 +225,40 @@ class Tours:
         assert is_whole or told_of, "no record tells of it"
         self.whole()
         assert all(self._replies(tag) <= 1 for tag in tags), "at most one reply"
+        assert failure.call != plan.ALLOCATION or len(statuses) == len(tags), "one reply each"
         kept, most_threads = self._kept
         poll_until(lambda: descriptors(camera) <= kept and threads(camera) <= most_threads)
+
+    def without_memory(self, failure: Failure, then: Callable[[], object]) -> None:
+        """A tour in which this allocation fails and all behind it, for a while: what comes then is whole again."""
+        camera, begin = self.camera, len(self.camera.journal)
+        self.control.begin(failure)
+        tags = []
+        for name, information in (("whiteListDown", camera.platform.task(FACES)),
+                                  ("whiteListClear", {"cameraCode": "C1"}), ("faceNotHitDown", {"a": "b"})):
+            tags.append(camera.client.send(name, information))
+            self._until(lambda: self._replies(tags[-1]) > 0)
+        self._until(lambda: any(event.matches("service", "log") and event.record.text == END
+                                for event in camera.journal.events[begin:]))
+        self.made += bool(self.control.failed())
+        then()
+        assert all(self._replies(tag) <= 1 for tag in tags), "at most one reply"
+
+    def memory_comes_back(self) -> None:
+        camera = self.camera
+        self.control.begin()
+        assert camera.service.exit_code is None, f"the service ended: {camera.service.exit_code}"
+        self._command("faceNotHitDown", {"a": "b"})  # behind all commands without memory
+        self.whole()
+        kept, most_threads = self._kept
+        poll_until(lambda: descriptors(camera) <= kept and threads(camera) <= most_threads)
+
+    def stop_without_memory(self) -> None:
+        self.camera.service.send_signal(signal.SIGTERM)
+        code = self.camera.service.wait()
+        self.control.begin()
+        assert code == 0, f"exit code {code}"
+        self.camera.start_service()
 
     def starting(self, failure: Failure) -> None:
         """A start in which this call fails: it ends with 70 and the reason, or the service is as good as any."""
@@ -207,17 +266,51 @@ class Tours:
         camera, begin, said = self.camera, len(self.camera.journal), len(self.camera.service.stderr)
         self.control.begin(failure)
         camera.start_service(wait=False)
-        log_fails = failure.call == _LOG  # it may be the record that is waited for
-        with suppress(*([TimeoutError] if log_fails else [])):
-            camera.wait_for(lambda event: event.matches("service", "ended") or event.matches("service", "log")
-                            and _STARTED in event.record.text, _LATEST_KILL if log_fails else 20.0, begin)
-        self.made += self.control.failed()
+
+        if failure.call == plan.ALLOCATION:
+            self._until(lambda: self._has_started(begin))
+        else:
+            log_fails = failure.call == _LOG  # it may be the record that is waited for
+            with suppress(*([TimeoutError] if log_fails else [])):
+                camera.wait_for(lambda event: event.matches("service", "ended") or event.matches("service", "log")
+                                and _STARTED in event.record.text, _LATEST_KILL if log_fails else 20.0, begin)
+        self.made += bool(self.control.failed())
         self.control.begin()
-        if camera.service.exit_code is not None:
+        # The record that tells of a start that goes on without may be lost with what it tells of.
+        with suppress(*([AssertionError] if failure.lasts else [])):
+            poll_until(lambda: camera.service.exit_code is not None or self._goes_on_without(begin)
+                       or self._takes_commands(), _LATEST_KILL if failure.lasts else 20.0)
+        if camera.service.exit_code == _ABORTED and failure.call == plan.ALLOCATION and not failure.lasts:
+            assert _TLS_BEGINS in camera.service.log[-1].text
+            self.without_tls += 1
+        elif camera.service.exit_code is not None:
             assert camera.service.exit_code == START_FAILED, f"exit code {camera.service.exit_code}"
-            assert camera.service.stderr[said:].strip(), "the reason is told"
-        elif not any(told in text for text in self._texts(begin) for told in _GOES_ON_WITHOUT):
-            self.whole(records=self._takes_records())
+            reason = camera.service.stderr[said:].decode(errors="replace").strip().rpartition("\n")[2]
+            assert reason and not re.match(_RECORD, reason), f"the reason is told behind the log, not: {reason}"
+        elif not self._goes_on_without(begin) and self._takes_commands():
+            if failure.call == plan.ALLOCATION and not self._has_tls():
+                self.without_tls += 1
+            else:
+                self.whole(records=self._takes_records())
+
+    def _has_tls(self) -> bool:
+        begin = self._begin_download()
+        self.camera.wait_for_log(END, 20.0, begin)
+        return not any("SSL Exception" in text for text in self._texts(begin))
+
+    def _has_started(self, since: int) -> bool:
+        return any(event.matches("service", "ended") or event.matches("service", "log")
+                   and _STARTED in event.record.text for event in self.camera.journal.events[since:])
+
+    def _goes_on_without(self, since: int) -> bool:
+        return any(told in text for text in self._texts(since) for told in _GOES_ON_WITHOUT)
+
+    def _takes_commands(self) -> bool:
+        """Whether there is somebody to take one: it may be answered later."""
+        with suppress(OSError):
+            self.camera.client.send("nothing", {})
+            return True
+        return False
 
     def _takes_records(self) -> bool:
         """False when the start left the ring buffer closed, which each record tells then."""
@@ -233,7 +326,7 @@ class Tours:
         self.control.begin(failure)
         self.camera.service.send_signal(signal.SIGTERM)
         code = self.camera.service.wait()
-        self.made += self.control.failed()
+        self.made += bool(self.control.failed())
         self.control.begin()
         assert code == 0, f"exit code {code}"
 
@@ -256,7 +349,7 @@ class Tours:
         with suppress(TimeoutError, OSError, AssertionError, CameraError):
             when()
             camera.wait_for(lambda event: event.matches("service", "ended"), _LATEST_KILL, begin)
-        was_killed = self.control.failed()
+        was_killed = bool(self.control.failed())
         if not was_killed:  # fewer calls than in the tour that was counted
             camera.service.send_signal(signal.SIGKILL)
         self.made += was_killed

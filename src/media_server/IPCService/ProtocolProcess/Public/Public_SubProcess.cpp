@@ -31,6 +31,8 @@ constexpr char PUBLISHER_NAME[] = "gate.saas.olv";
 constexpr int SUBSCRIPTION_ASSERTION_LINE = 91;
 constexpr std::chrono::milliseconds LONGEST_TASK_END(1000);
 constexpr long TASK_END_STEP = 2;  // milliseconds
+/// Milliseconds, until memory that was short is tried anew.
+constexpr long MEMORY_INTERVAL = 100;
 
 /// The default thread pool. Its first threads start with it.
 Poco::ThreadPool& threadPool()
@@ -55,17 +57,15 @@ public:
         m_pTask->cancel();
     }
 
-    /// The manager tells of the start first. Should it have no memory for that, which concerns nobody here, the task
-    /// runs all the same: it has to tidy up behind itself.
+    /// The manager tells of the start and of the end, and forgets the task only then. Should it have no memory for that
+    /// the task runs all the same, as it has to tidy up behind itself, and comes to its end once there is memory.
     void run() override
     {
         const Poco::AutoPtr<ListedTask> self(this, true);  // the manager lets go of what has run
-        try {
-            Poco::Task::run();
-        } catch (const std::exception&) {
-            // See above.
+        while (!runToItsEnd()) {
+            runTask();
+            Poco::Thread::sleep(MEMORY_INTERVAL);
         }
-        runTask();
     }
 
     void runTask() override
@@ -82,6 +82,17 @@ public:
     void abandon() { m_pTask = nullptr; }
 
 private:
+    /// @return false when there was no memory to tell the manager
+    bool runToItsEnd()
+    {
+        try {
+            Poco::Task::run();
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+
     Poco::AutoPtr<Poco::Task> listedTask()
     {
         const std::lock_guard<std::mutex> listed(m_listing);
@@ -192,7 +203,12 @@ void Public_SubProcess::startUp(Poco::Util::Application& self)
 
 void Public_SubProcess::uninitialize()
 {
-    Poco::Util::Application::uninitialize();
+    try {
+        Poco::Util::Application::uninitialize();
+    } catch (const std::bad_alloc&) {
+        // It names the subsystems to its log, which nobody reads. A stop without memory for that is a stop all the
+        // same.
+    }
 }
 
 int Public_SubProcess::main(const std::vector<std::string>& /*args*/)

@@ -2,9 +2,12 @@
 #include <Poco/Util/Application.h>
 #include <malloc.h>
 
+#include <exception>
 #include <iostream>
+#include <new>
 
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+#include "media_server/IPCService/Public/ExceptionText.h"
 
 namespace {
 
@@ -12,18 +15,37 @@ namespace {
 /// library raises the size as it sees large blocks, and keeps the memory of a page for good.
 constexpr int RETURNED_BLOCK_SIZE = 256 * 1024;
 
+/// Tells why the service cannot be, also when there is no memory for it. @return the exit code
+int fail(const std::exception& exc)
+{
+    std::cerr << IPCService::exceptionText(exc) << std::endl;
+    return Poco::Util::Application::EXIT_SOFTWARE;
+}
+
+template <typename Work>
+int guarded(const Work& work)
+{
+    try {
+        return work();
+    } catch (const Poco::Exception& exc) {
+        return fail(exc);
+    } catch (const std::bad_alloc& exc) {
+        return fail(exc);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     ::mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK_SIZE);  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
-    try {
+    return guarded([argc, argv] {
         IPCService::ProtocalProcess::Public_SubProcess process;
-        const int exitCode = process.run(argc, argv);
-        process.rethrowStartFailure();
-        return exitCode;
-    } catch (const Poco::Exception& exc) {
-        std::cerr << exc.displayText() << std::endl;
-        return Poco::Util::Application::EXIT_SOFTWARE;
-    }
+        // Told before the application's end, which may be the end of the process.
+        return guarded([argc, argv, &process] {
+            const int exitCode = process.run(argc, argv);
+            process.rethrowStartFailure();
+            return exitCode;
+        });
+    });
 }

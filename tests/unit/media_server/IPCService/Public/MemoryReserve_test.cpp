@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <new>
 #include <thread>
 
@@ -75,6 +76,44 @@ TEST(MemoryReserveTest, IsForItsOwnThread)
     std::thread([&elsewhere] { elsewhere = triesAgain(); }).join();
     EXPECT_FALSE(elsewhere);
     EXPECT_TRUE(triesAgain());
+}
+
+/// Another thread's reserve, which ends when it is told to.
+class ReserveElsewhere
+{
+public:
+    ReserveElsewhere() { m_isThere.get_future().wait(); }
+    bool end()
+    {
+        m_mayEnd.set_value();
+        m_thread.join();
+        return m_triedAgain;
+    }
+
+private:
+    std::promise<void> m_isThere;
+    std::promise<void> m_mayEnd;
+    bool m_triedAgain = false;
+    std::thread m_thread{[this] {
+        const MemoryReserve reserve(1);
+        m_isThere.set_value();
+        m_mayEnd.get_future().wait();
+        m_triedAgain = triesAgain();
+    }};
+};
+
+TEST(MemoryReserveTest, OfTwoThreadsEachHasItsOwnWhicheverEndsFirst)
+{
+    {
+        ReserveElsewhere first;
+        ReserveElsewhere second;
+        EXPECT_TRUE(first.end());
+        EXPECT_TRUE(second.end());
+    }
+    ReserveElsewhere first;
+    ReserveElsewhere second;
+    EXPECT_TRUE(second.end());
+    EXPECT_TRUE(first.end());
 }
 
 TEST(MemoryReserveTest, ThrowsWhenItCannotBeHad)

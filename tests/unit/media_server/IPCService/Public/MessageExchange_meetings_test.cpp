@@ -91,6 +91,30 @@ TEST_F(TwoWaiting, OtherCommandOfAStrangerIsForNobody)
     EXPECT_THAT(m_first.replies(), ElementsAre(reply(1, 'w'))) << "who waits alone gets it";
 }
 
+TEST(ExchangesMeet, WhoIsWokenByWhatAnotherTookWaitsOnAndHoldsUpNobody)
+{
+    std::atomic<bool> isWoken{false};
+    systemCalls().poll = [&isWoken](pollfd* waited, nfds_t count, int timeout) -> std::optional<int> {
+        // Of a wait for a reply: the wake-up, and the socket.
+        if (count < 3 || timeout == 0 || isWoken.exchange(true)) {
+            return std::nullopt;
+        }
+        waited[1].revents = POLLIN;
+        return 1;
+    };
+    UnixSocket itgt(ITGT_PATH);
+    UnixSocket faces(FACES_PATH);
+    Exchanging first({7021});
+    ASSERT_EQ(commandOf(itgt.receive()), 7021U);
+    ASSERT_TRUE(eventually([&isWoken] { return isWoken.load(); }));
+    Exchanging second({7019}, FACES_PATH);
+    EXPECT_EQ(commandOf(faces.receive()), 7019U) << "at the end of the first one's turn";
+    ASSERT_TRUE(faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(second.replies(), ElementsAre(reply(7019, 'f')));
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(first.replies(), ElementsAre(reply(7021, 'i')));
+}
+
 TEST(ExchangesMeet, NextOneGoesWhenTheReplyIsThereAndNotBefore)
 {
     Line line;

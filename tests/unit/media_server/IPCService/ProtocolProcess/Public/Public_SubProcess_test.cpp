@@ -12,6 +12,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -258,6 +259,50 @@ TEST(SubProcess, NoTaskStartsOnceTheTasksWereToldToEnd)
         ASSERT_TRUE(eventually([&started] { return started.load(); }));
     }
     EXPECT_TRUE(refused);
+}
+
+/// A task in whose cancelling another starts a third.
+class CancelledWhileStartingTask : public WorkTask
+{
+public:
+    CancelledWhileStartingTask(std::atomic<bool>& runs, std::promise<void>& mayStart, std::future<void>& isStarted)
+        : WorkTask([&runs](WorkTask& task) {
+              runs = true;
+              EXPECT_TRUE(eventually([&] { return task.isCancelled(); }));
+          }),
+          m_mayStart(mayStart),
+          m_isStarted(isStarted)
+    {
+    }
+    void cancel() override
+    {
+        m_mayStart.set_value();
+        EXPECT_EQ(m_isStarted.wait_for(milliseconds(50)), std::future_status::timeout) << "it waits for the others";
+        Poco::Task::cancel();
+    }
+
+private:
+    std::promise<void>& m_mayStart;
+    std::future<void>& m_isStarted;
+};
+
+TEST(SubProcess, TaskThatIsStartedWhileTheOthersAreToldToEndIsRefused)
+{
+    std::atomic<bool> runs{false};
+    std::promise<void> mayStart;
+    std::promise<void> start;
+    std::future<void> isStarted = start.get_future();
+    {
+        Public_SubProcess process;
+        process.startTask(new WorkTask([&](WorkTask&) {
+            mayStart.get_future().wait();
+            EXPECT_THROW(process.startTask(new WorkTask([](WorkTask&) {})), Poco::IllegalStateException);
+            start.set_value();
+        }));
+        process.startTask(new CancelledWhileStartingTask(runs, mayStart, isStarted));
+        ASSERT_TRUE(eventually([&runs] { return runs.load(); }));
+    }
+    EXPECT_EQ(isStarted.wait_for(milliseconds(0)), std::future_status::ready);
 }
 
 /// A task that ends when it is cancelled, but cannot be told so without a failure.
