@@ -115,7 +115,8 @@ class Failures:
         if text.startswith(" DownLoad Picture begin "):
             self._page = None
         if _REASON.match(text):
-            self._reason = text
+            if not self._explains_refusal(item):
+                self._reason = text
         elif found := _WITHOUT_ANSWER.match(text):
             self._page = self._add(item, chapter, _not_exchanged(chapter, found[1]), "platform")
         elif fails_download(text) and self._page is not None:
@@ -128,17 +129,24 @@ class Failures:
             self._error(item, chapter)
 
     def _error(self, item: Item, chapter: Chapter) -> None:
-        text = item.detail.strip()
-        refusal, self._unexplained = self._unexplained, None
         if item.detail.startswith("metadata ") and self._page is not None:
+            self._unexplained = None
             return  # it says again that the report failed
-        if refusal is not None and item.time - refusal.time < _SOON:
-            refusal.text += f": {text}"
-            self.changed.add(refusal.number)
+        if self._explains_refusal(item):
             return
+        text = item.detail.strip()
         suspects = next(peers for part, peers in _SUSPECTS if part in item.title)
         added = self._add(item, chapter, f"the service logged: {text}", *suspects)
         self._page = added if chapter.is_page else self._page
+
+    def _explains_refusal(self, item: Item) -> bool:
+        """Whether this is the reason of a refusal just before it, which the service logs behind its reply."""
+        refusal, self._unexplained = self._unexplained, None
+        if refusal is None or item.time - refusal.time >= _SOON:
+            return False
+        refusal.text += f": {item.detail.strip()}"
+        self.changed.add(refusal.number)
+        return True
 
     def _add(self, item: Item, chapter: Chapter, text: str, *suspects: str, number: int = 0) -> Failure:
         """A failure; the fault that caused it had taken hold at one of the suspects."""

@@ -17,6 +17,7 @@ from simulator import Journal, Response, wire
 from simulator.trace.chapters import chapters_of
 from simulator.trace.recording import Recorder, read
 from simulator.trace.story.chapter import Chapter, Failure
+from simulator.trace.story.failures import Failures
 from simulator.trace.words import Item
 from support import StartCamera, at_most, wait_end
 
@@ -133,6 +134,19 @@ def test_refusals_that_nobody_injected(start_camera: StartCamera, tmp_path: Path
     assert [(failure.text, failure.fault) for failure in found] == [
         ("nonsense was refused, status 400: Process cmd:nonsense  not supported .", ""),
         ("the platform answered the request of page 0 to 0 with 404 Not Found; the download ended", "")]
+
+
+@pytest.mark.parametrize("first", ["log", "message"])
+def test_reason_of_a_refusal_may_be_logged_before_or_behind_the_reply(first: str) -> None:
+    reason = Item(line=1, time=1.0, kind="log", source="service", target="", title="INFO Custom_JsonMsgLoop",
+                  detail="Process cmd:nonsense  not supported .", number=1)
+    reply = Item(line=2, time=1.0, kind="message", source="service", target="client", title="reply: status 400",
+                 number=2)
+    found = Failures()
+    for item in (reason, reply) if first == "log" else (reply, reason):
+        found.take(item, Chapter("nonsense", 1.0))
+    assert [failure.text for failure in found.all.values()] == [
+        "nonsense was refused, status 400: Process cmd:nonsense  not supported ."]
 
 
 def test_killed_service(start_camera: StartCamera, tmp_path: Path) -> None:

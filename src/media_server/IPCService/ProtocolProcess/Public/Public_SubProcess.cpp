@@ -177,7 +177,11 @@ void Public_SubProcess::rethrowStartFailure() const
 void Public_SubProcess::initialize(Poco::Util::Application& self)
 {
     try {
-        startUp(self);
+        try {
+            startUp(self);
+        } catch (const std::bad_alloc&) {
+            throw Poco::OutOfMemoryException();  // which the process entry knows
+        }
     } catch (...) {
         m_pStartFailure = std::current_exception();
         logger().setLevel("none");  // the process entry reports it; a framework that does so too would repeat it

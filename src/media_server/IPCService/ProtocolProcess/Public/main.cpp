@@ -2,12 +2,9 @@
 #include <Poco/Util/Application.h>
 #include <malloc.h>
 
-#include <exception>
 #include <iostream>
-#include <new>
 
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
-#include "media_server/IPCService/Public/ExceptionText.h"
 
 namespace {
 
@@ -15,22 +12,15 @@ namespace {
 /// library raises the size as it sees large blocks, and keeps the memory of a page for good.
 constexpr int RETURNED_BLOCK_SIZE = 256 * 1024;
 
-/// Tells why the service cannot be, also when there is no memory for it. @return the exit code
-int fail(const std::exception& exc)
-{
-    std::cerr << IPCService::exceptionText(exc) << std::endl;
-    return Poco::Util::Application::EXIT_SOFTWARE;
-}
-
+/// Does the work; tells why the service cannot be. @return the exit code
 template <typename Work>
 int guarded(const Work& work)
 {
     try {
         return work();
     } catch (const Poco::Exception& exc) {
-        return fail(exc);
-    } catch (const std::bad_alloc& exc) {
-        return fail(exc);
+        std::cerr << exc.displayText() << std::endl;
+        return Poco::Util::Application::EXIT_SOFTWARE;
     }
 }
 
