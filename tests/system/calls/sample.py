@@ -11,7 +11,7 @@ ALL = "CAMGATE_CALLS_PARTS" in os.environ
 PARTS = int(os.environ.get("CAMGATE_CALLS_PARTS", "4"))
 
 
-def part_of(failures: list[Failure], part: int, sample: int) -> list[Failure]:
-    """A part of them; of a sample's parts each has so many."""
+def part_of(failures: list[Failure], part: int) -> list[Failure]:
+    """A part of them, in the order in which they are played: a sample is the first of it that can be made."""
     chosen = failures[part::PARTS]
-    return chosen if ALL else random.Random(part).sample(chosen, min(sample, len(chosen)))
+    return chosen if ALL else random.Random(part).sample(chosen, len(chosen))

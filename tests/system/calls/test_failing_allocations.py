@@ -26,7 +26,7 @@ def test_failing_allocation_of_a_tour_costs_at_most_what_needed_it(with_library:
     tours.control.begin()
     tours.whole()
     failures = plan.allocations(tours.control.counts(), lasts=False)
-    tours.each(part_of(failures, part, TOURS_OF_A_SAMPLE), tours.failing)
+    tours.each(part_of(failures, part), tours.failing, TOURS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "tours with a failing allocation")
 
 
@@ -39,8 +39,8 @@ def test_tour_behind_one_without_memory_is_whole(with_library: StartCamera, part
     tours.control.begin()
     tours.whole()
     failures = plan.allocations(tours.control.counts(), lasts=True)
-    tours.each(part_of(failures, part, TOURS_OF_A_SAMPLE),
-               lambda failure: tours.without_memory(failure, tours.memory_comes_back))
+    tours.each(part_of(failures, part),
+               lambda failure: tours.without_memory(failure, tours.memory_comes_back), TOURS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "tours without memory from an allocation on")
 
 
@@ -64,8 +64,8 @@ def test_stop_ends_where_a_tour_has_no_memory_any_more(with_library: StartCamera
     tours.control.begin()
     tours.whole()
     failures = plan.allocations(tours.control.counts(), lasts=True)
-    tours.each(part_of(failures, part, STOPS_OF_A_SAMPLE),
-               lambda failure: tours.without_memory(failure, tours.stop_without_memory))
+    tours.each(part_of(failures, part),
+               lambda failure: tours.without_memory(failure, tours.stop_without_memory), STOPS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "stops without memory in a tour")
 
 
@@ -78,7 +78,7 @@ def test_failing_allocation_of_a_start_ends_it_with_70_or_does_no_harm(with_libr
     tours.control.begin()
     tours.camera.start_service()
     failures = plan.allocations(tours.control.counts(), lasts)
-    tours.each(part_of(failures, part, STARTS_OF_A_SAMPLE), tours.starting)
+    tours.each(part_of(failures, part), tours.starting, STARTS_OF_A_SAMPLE)
     record_property("starts that OpenSSL did not survive whole", tours.without_tls)
     tours.expect_no_violations(record_property, "starts with a failing allocation" + ", and all behind it" * lasts)
 
@@ -94,5 +94,5 @@ def test_failing_allocation_of_a_stop_does_not_hinder_it(with_library: StartCame
     tours.camera.service.send_signal(signal.SIGTERM)
     tours.camera.service.wait()
     failures = plan.allocations(tours.control.counts(), lasts)
-    tours.each(part_of(failures, part, STOPS_OF_A_SAMPLE), tours.stopping)
+    tours.each(part_of(failures, part), tours.stopping, STOPS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "stops with a failing allocation" + ", and all behind it" * lasts)

@@ -25,7 +25,7 @@ def test_failing_call_of_a_tour_costs_at_most_the_tour(with_library: StartCamera
     tours.control.begin()
     tours.whole()
     failures = plan.failures(tours.control.counts())
-    tours.each(part_of(failures, part, TOURS_OF_A_SAMPLE), tours.failing)
+    tours.each(part_of(failures, part), tours.failing, TOURS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "tours with a failing call")
 
 
@@ -37,7 +37,7 @@ def test_failing_call_of_a_start_ends_it_with_70_or_does_no_harm(with_library: S
     tours.control.begin()
     tours.camera.start_service()
     failures = plan.failures(tours.control.counts())
-    tours.each(part_of(failures, part, STARTS_OF_A_SAMPLE), tours.starting)
+    tours.each(part_of(failures, part), tours.starting, STARTS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "starts with a failing call")
 
 
@@ -51,5 +51,5 @@ def test_failing_call_of_a_stop_does_not_hinder_it(with_library: StartCamera, pa
     tours.camera.service.send_signal(signal.SIGTERM)
     tours.camera.service.wait()
     failures = plan.failures(tours.control.counts())
-    tours.each(part_of(failures, part, STOPS_OF_A_SAMPLE), tours.stopping)
+    tours.each(part_of(failures, part), tours.stopping, STOPS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "stops with a failing call")

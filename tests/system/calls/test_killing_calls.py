@@ -33,13 +33,14 @@ def test_next_tour_is_whole_whichever_call_was_the_last(with_library: StartCamer
     tours = Tours(with_library)
     tours.start()
     tours.control.begin()
-    when(tours)
     if when is during_tour:
         tours.whole()
+    else:
+        when(tours)
     kills = plan.kills(tours.control.counts())
     if when is during_stop:
         tours.start()
-    tours.each(part_of(kills, part, KILLS_OF_A_SAMPLE), lambda kill: tours.killed(kill, lambda: when(tours)))
+    tours.each(part_of(kills, part), lambda kill: tours.killed(kill, lambda: when(tours)), KILLS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "kills in a tour or a stop")
 
 
@@ -60,5 +61,5 @@ def test_next_tour_is_whole_whichever_call_of_a_start_was_the_last(with_library:
         tours.camera.service.wait()
         tours.killed(kill, starts_anew)
 
-    tours.each(part_of(kills, part, KILLS_OF_A_SAMPLE), killed)
+    tours.each(part_of(kills, part), killed, KILLS_OF_A_SAMPLE)
     tours.expect_no_violations(record_property, "kills in a start")

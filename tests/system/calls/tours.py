@@ -360,9 +360,11 @@ class Tours:
         camera.start_service()
         self.whole()
 
-    def each(self, failures: Iterable[Failure], play: Callable[[Failure], None]) -> None:
-        """Plays all of them, also those behind one that does harm."""
+    def each(self, failures: Iterable[Failure], play: Callable[[Failure], None], sample: int | None = None) -> None:
+        """Plays all of them, or until so many were made, also those behind one that does harm."""
         for failure in failures:
+            if self.made == sample and not ALL:
+                return
             self._played = True
             try:
                 play(failure)
