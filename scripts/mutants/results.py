@@ -21,7 +21,7 @@ from scripts.mutants.trial import Plan, Trial, compile_headers, run
 WORK = ROOT / "build" / "mutate"
 RESULTS = WORK / "results.jsonl"
 # Changes that are tried side by side: they mostly wait.
-WORKERS = 4
+WORKERS = 6
 BUILD_SECONDS = 1800
 LONGEST_SYSTEM_SECONDS = 900
 
@@ -97,8 +97,8 @@ class Run:
         self._plans: dict[str, tuple[Plan, Path]] = {}
         self._system_seconds = 0.0
 
-    def try_all(self, mutants: Iterable[Mutant], only_unit_tests: set[tuple[str, str, str]]) -> dict[Mutant, str]:
-        """The results of these. The system tests run last, for what the unit tests leave, but for `only_unit_tests`."""
+    def try_all(self, mutants: Iterable[Mutant], listed: set[tuple[str, str, str]]) -> dict[Mutant, str]:
+        """The results of these. System tests run last, for what the unit tests leave and what is not listed."""
         mutants = list(mutants)
         for mutant in mutants:
             tests_of(mutant, SURVIVED)  # reads the tests as they are now; who edits one meanwhile has it tried next time
@@ -106,7 +106,7 @@ class Run:
             list(pool.map(lambda mutant: self._unit_tests(mutant, Path(folder)), mutants))
             left = [mutant for mutant in mutants if self._results.of(mutant) == LEFT]
             for mutant in left:
-                if mutant.change() not in only_unit_tests:
+                if mutant.change() not in listed:
                     self._system_tests(mutant, Path(folder))
         return {mutant: self._results.of(mutant) or "" for mutant in mutants}
 
@@ -134,7 +134,7 @@ class Run:
             self._results.add(mutant, failing or SURVIVED)
 
     def _prepared(self, path: str, folder: Path) -> tuple[Plan, Path]:
-        """How the file's unit tests run, and its headers. A test that fails without any change would kill everything."""
+        """How the file's unit tests run, and its headers. A test that fails without a change would kill everything."""
         with self._lock:
             lock = self._locks.setdefault(path, threading.Lock())
         with lock:

@@ -17,10 +17,12 @@ from functools import cache
 from pathlib import Path
 
 from scripts.mutants.places import ROOT, source
-from scripts.mutants.tests_of import BUILD, unit_tests_of
+from scripts.mutants.tests_of import BUILD, unit_test_files_of, unit_tests_of
 
 # Tests that run side by side in processes of their own: they mostly wait.
 TESTS_AT_ONCE = 6
+# Without a change.
+LONGEST_SECONDS = 120
 # A test that takes longer runs in a process of its own, beside others.
 JOINED_MILLISECONDS = 1000
 # What a test may take: as long as without a change, so many times, and some more for a machine that was idle then.
@@ -28,7 +30,8 @@ TIMES_AS_LONG = 4
 MORE_SECONDS = 10
 # A mutated loop may ask for all memory of the machine.
 LIMITS = ["prlimit", f"--as={8 << 30}", "--core=0"]
-LINKER = "-fuse-ld=lld" if shutil.which("ld.lld") else "-fuse-ld=bfd"
+# Nobody looks at the debugging information.
+LINKER = f"-Wl,--strip-debug -fuse-ld={'lld' if shutil.which('ld.lld') else 'bfd'}"
 
 
 @dataclass
@@ -66,9 +69,11 @@ def link_command_of_build(program: str) -> str:
     return next(line for line in reversed(commands) if f"-o bin/{program}" in line)
 
 
-def link_command(program: str, output: Path, ours: Path) -> str:
-    """The build's own command, with our object before the library that holds the unchanged one."""
-    command = re.sub(r" -g\d? ", " ", link_command_of_build(program)).replace(" -O2 ", " -O0 ")
+def link_command(program: str, output: Path, ours: Path, tests: Iterable[Path] = ()) -> str:
+    """The build's own command, with our object before the library that holds the unchanged one, and of tests these."""
+    objects = {f"{file.name}.o" for file in tests}
+    command = " ".join(word for word in link_command_of_build(program).split(" ")
+                       if not word.endswith("_test.cpp.o") or Path(word).name in objects)
     return command.replace(f"-o bin/{program} ", f"{LINKER} -o {shlex.quote(str(output))} {shlex.quote(str(ours))} ")
 
 
@@ -114,36 +119,36 @@ class Trial:
         command += ["-include", str(headers)]
         return subprocess.run(command, cwd=folder, capture_output=True, check=False).returncode == 0
 
-    def _link(self, program: str, change: Callable[[str], str] = lambda command: command) -> None:
-        command = change(link_command(program, self._folder / "bin" / program, self._object))
+    def _link(self, program: str, tests: Iterable[Path] = (),
+              change: Callable[[str], str] = lambda command: command) -> None:
+        command = change(link_command(program, self._folder / "bin" / program, self._object, tests))
         subprocess.run(command, shell=True, cwd=BUILD, check=True, capture_output=True)
 
     def link_unit_tests(self) -> None:
         if not unit_tests_of(self.path):
             raise SystemExit(f"mutate: {self.path} has no unit tests")
-        self._link("unit_tests")
+        self._link("unit_tests", unit_test_files_of(self.path))
 
     def plan(self) -> tuple[Plan, list[str]]:
         """How the tests of the unchanged file run, and which of them fail."""
         joined, seconds, apart = unit_tests_of(self.path), 0.0, []
         while joined:
             begin = time.monotonic()
-            passes, output = self._run_tests(joined, 600)
+            passes, output = self._run_tests(joined, LONGEST_SECONDS)
             seconds = time.monotonic() - begin
-            took = {name: int(time) for name, time in re.findall(r"^\[       OK \] (\S+).* \((\d+) ms\)$", output, re.M)}
             begun = set(re.findall(r"^\[ RUN      \] (\S+)$", output, re.M))
-            others = [name for name in joined if name in begun and took.get(name, JOINED_MILLISECONDS) >=
-                      JOINED_MILLISECONDS]
-            if passes and not others:
+            short = {name for name, milliseconds in re.findall(r"^\[       OK \] (\S+).* \((\d+) ms\)$", output, re.M)
+                     if int(milliseconds) < JOINED_MILLISECONDS}
+            if passes and begun <= short:
                 break
-            apart += others or joined
+            apart += sorted(begun - short) or joined
             joined = [name for name in joined if name not in apart]
         alone: dict[str, float] = {}
         failing = []
 
         def look(name: str) -> None:
             begin = time.monotonic()
-            if self._fails([name], 240):
+            if self._fails([name], LONGEST_SECONDS):
                 failing.append(name)
             alone[name] = time.monotonic() - begin
         with ThreadPoolExecutor(TESTS_AT_ONCE) as pool:
@@ -173,13 +178,13 @@ class Trial:
             list(pool.map(look, plan.alone))
         return failed[0] if failed else None
 
-    def _run_tests(self, names: list[str], seconds: float) -> tuple[bool, str]:
+    def _run_tests(self, names: list[str], seconds: float, *options: str) -> tuple[bool, str]:
         return run([ROOT / "scripts/private-run", ROOT, "--", *LIMITS, self._folder / "bin/unit_tests",
-                    "--gtest_filter=" + ":".join(names), *(["--gtest_fail_fast"] if seconds < 240 else [])], seconds)
+                    "--gtest_filter=" + ":".join(names), *options], seconds)
 
     def _fails(self, names: list[str], seconds: float) -> str | None:
         """The first of these that fails or does not end, None if all pass; they take `seconds` without a change."""
-        passes, output = self._run_tests(names, TIMES_AS_LONG * seconds + MORE_SECONDS)
+        passes, output = self._run_tests(names, TIMES_AS_LONG * seconds + MORE_SECONDS, "--gtest_fail_fast")
         if passes:
             return None
         failed = re.findall(r"^\[  FAILED  \] ([\w./]+)", output, re.M)
@@ -194,14 +199,15 @@ class Trial:
         shutil.copy(BUILD / "bin/ringbuf_cat", self._folder / "bin")
         if Path(self.path).name == "main.cpp":
             # The entry point is in no library: our object takes its place.
-            self._link("protocol_process", lambda command: re.sub(r" \S*/Public/main\.cpp\.o", "", command))
+            self._link("protocol_process", change=lambda command: re.sub(r" \S*/Public/main\.cpp\.o", "", command))
         else:
             self._link("protocol_process")
         name = self._failing(tests, seconds)
         return name and self._failing([f"tests/system/{name}"] if "::" in name else tests, seconds)
 
     def _failing(self, tests: list[str], seconds: float) -> str | None:
-        passes, output = run([*LIMITS, "/usr/bin/python3", "-m", "pytest", "-x", "-q", "-n", str(min(8, 2 * len(tests))),
+        processes = str(min(8, 2 * len(tests)))
+        passes, output = run([*LIMITS, "/usr/bin/python3", "-m", "pytest", "-x", "-q", "-n", processes,
                               "-p", "no:cacheprovider", *tests], seconds, CAMGATE_BUILD=str(self._folder))
         names = re.findall(r"^(?:FAILED|ERROR) \S*?(test_\w+\.py::\S+)", output, re.M)
         return None if passes else (names or ["the system tests take too long"])[0]
