@@ -11,15 +11,16 @@ import threading
 import time
 from collections.abc import Iterable
 from concurrent.futures import ThreadPoolExecutor
-from functools import cache
 from pathlib import Path
+from typing import Any
 
 from scripts.mutants.places import ROOT, Mutant, source
-from scripts.mutants.tests_of import all_system_tests, files_of_test, system_tests_of, unit_test_files_of
+from scripts.mutants.tests_of import all_system_tests, system_tests_of, text_of, text_of_test, unit_test_files_of
 from scripts.mutants.trial import Plan, Trial, compile_headers, run
 
 WORK = ROOT / "build" / "mutate"
 RESULTS = WORK / "results.jsonl"
+PLANS = WORK / "plans.json"
 # Changes that are tried side by side: they mostly wait.
 WORKERS = 6
 BUILD_SECONDS = 1800
@@ -30,18 +31,13 @@ SURVIVED = "survived"
 LEFT = "passes the unit tests"
 
 
-@cache
-def _digest_of_one(file: Path) -> str:
-    return hashlib.sha256(file.read_bytes()).hexdigest()[:16]
-
-
-def digest_of(*files: Path) -> str:
-    return hashlib.sha256(" ".join(map(_digest_of_one, files)).encode()).hexdigest()[:16]
+def digest_of(*texts: str) -> str:
+    return hashlib.sha256("\0".join(texts).encode()).hexdigest()[:16]
 
 
 def name_of(mutant: Mutant) -> str:
     """A name for the change and the file that it is one of."""
-    return f"{digest_of(ROOT / mutant.path)} {mutant.offset} {mutant.length} {mutant.new.strip()}"
+    return f"{digest_of(source(mutant.path))} {mutant.offset} {mutant.length} {mutant.new.strip()}"
 
 
 def tests_of(mutant: Mutant, result: str) -> str:
@@ -49,9 +45,9 @@ def tests_of(mutant: Mutant, result: str) -> str:
     if result == REFUSED:
         return ""
     if result not in (LEFT, SURVIVED):
-        return digest_of(*files_of_test(mutant.path, result))
+        return digest_of(text_of_test(mutant.path, result))
     system_tests = system_tests_of(mutant.path) if result == SURVIVED else []
-    return digest_of(*unit_test_files_of(mutant.path), *(ROOT / name for name in system_tests))
+    return digest_of(*map(text_of, [*unit_test_files_of(mutant.path), *(ROOT / name for name in system_tests)]))
 
 
 class Results:
@@ -87,11 +83,33 @@ class Results:
             print(f"{result[:60]:60} {mutant}", flush=True)
 
 
+class Plans:
+    """How the unit tests of each file run, kept over runs as long as neither is different."""
+
+    def __init__(self, path: Path = PLANS) -> None:
+        self._path = path
+        self._lock = threading.Lock()
+        self._plans: dict[str, list[Any]] = json.loads(path.read_text()) if path.exists() else {}
+
+    @staticmethod
+    def _name(path: str) -> str:
+        return f"{path} {digest_of(source(path), *map(text_of, unit_test_files_of(path)))}"
+
+    def of(self, path: str) -> Plan | None:
+        return Plan(*self._plans[self._name(path)]) if self._name(path) in self._plans else None
+
+    def add(self, path: str, plan: Plan) -> None:
+        with self._lock:
+            self._plans[self._name(path)] = list(vars(plan).values())
+            self._path.write_text(json.dumps(self._plans))
+
+
 class Run:
     """Tries changes side by side."""
 
     def __init__(self, results: Results) -> None:
         self._results = results
+        self._kept_plans = Plans()
         self._locks: dict[str, threading.Lock] = {}
         self._lock = threading.Lock()
         self._plans: dict[str, tuple[Plan, Path]] = {}
@@ -101,7 +119,7 @@ class Run:
         """The results of these. System tests run last, for what the unit tests leave and what is not listed."""
         mutants = list(mutants)
         for mutant in mutants:
-            tests_of(mutant, SURVIVED)  # reads the tests as they are now; who edits one meanwhile has it tried next time
+            tests_of(mutant, SURVIVED)  # reads the tests as they are now, whoever edits one meanwhile
         with tempfile.TemporaryDirectory(dir=WORK) as folder, ThreadPoolExecutor(WORKERS) as pool:
             list(pool.map(lambda mutant: self._unit_tests(mutant, Path(folder)), mutants))
             left = [mutant for mutant in mutants if self._results.of(mutant) == LEFT]
@@ -143,11 +161,12 @@ class Run:
                 trial = Trial(path, source(path), place)
                 headers = compile_headers(path, place)
                 require(None if trial.compiles(headers) else f"compiling {path}")
-                plan = Plan([], 0, {})
-                if not path.endswith("/main.cpp"):
+                plan = Plan([], 0, {}) if path.endswith("/main.cpp") else self._kept_plans.of(path)
+                if not plan:
                     trial.link_unit_tests()
                     plan, failing = trial.plan()
                     require(failing[0] if failing else None)
+                    self._kept_plans.add(path, plan)
                 self._plans[path] = plan, headers
         return self._plans[path]
 

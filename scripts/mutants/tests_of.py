@@ -15,6 +15,13 @@ BUILD = ROOT / "build" / "host"
 # The system tests of each topic, by a pattern in the names of its files.
 TOPICS = yaml.safe_load((ROOT / "tests/mutants/topics.yaml").read_text())
 TEST = re.compile(r"^TEST(?:_[FP])?\((\w+),", re.M)
+BLOCK = re.compile(r"^TEST(?:_[FP])?\((\w+), (\w+)\)\n\{\n.*?^\}\n+", re.M | re.S)
+
+
+@cache
+def text_of(file: Path) -> str:
+    """A file of tests as it was when it was first looked at, which is when its program was built."""
+    return file.read_text()
 
 
 @cache
@@ -32,7 +39,7 @@ def unit_test_files_of(path: str) -> list[Path]:
 @cache
 def unit_tests_of(path: str) -> list[str]:
     """The full names of the tests in these files."""
-    wanted = {suite for file in unit_test_files_of(path) for suite in TEST.findall(file.read_text())}
+    wanted = {suite for file in unit_test_files_of(path) for suite in TEST.findall(text_of(file))}
     listing = subprocess.run([BUILD / "bin/unit_tests", "--gtest_list_tests"], capture_output=True, text=True,
                              check=True)
     names, suite = [], ""
@@ -55,9 +62,13 @@ def all_system_tests() -> list[str]:
     return [f"tests/system/test_{topic}.py" for topic in sorted(set(" ".join(TOPICS.values()).split()))]
 
 
-def files_of_test(path: str, test: str) -> list[Path]:
-    """The file that a test of `path` is in, by the name that a trial gives it; none when it is there no more."""
+def text_of_test(path: str, test: str) -> str:
+    """What a result of a test of `path`, by the name that a trial gives it, depends on; "" when it is there no more.
+
+    Of a unit test that is its file without the other tests, of a system test its whole file."""
+    words = set(re.split(r"[./]", test))
     if "::" in test:
-        return [file for file in [ROOT / "tests/system" / test.partition("::")[0]] if file.is_file()]
-    suites = set(re.split(r"[./]", test))
-    return [file for file in unit_test_files_of(path) if suites & set(TEST.findall(file.read_text()))]
+        file = ROOT / "tests/system" / test.partition("::")[0]
+        return text_of(file) if file.is_file() else ""
+    return "".join(BLOCK.sub(lambda block: block[0] if {block[1], block[2]} <= words else "", text_of(file))
+                   for file in unit_test_files_of(path) if words & set(TEST.findall(text_of(file))))
