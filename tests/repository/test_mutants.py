@@ -72,6 +72,47 @@ def test_the_list_applies_or_is_refused(tmp_path: Path, change: dict[str, str], 
         assert places.equivalent(mutants, tmp_path / "list.yaml") == {mutants[0].change()}
 
 
+FIXTURE = """struct Fixture
+{
+};
+
+"""
+TEXT = FIXTURE + """TEST_F(Some, First)
+{
+    EXPECT_TRUE(true);
+}
+
+TEST_P(Some, Second)
+{
+    EXPECT_TRUE(false);
+}
+
+"""
+
+
+@pytest.mark.parametrize("text", [TEXT, TEXT + "TEST(Some, Third)\n{\n}\n"])
+def test_a_result_depends_on_the_test_that_noticed_the_change(monkeypatch: pytest.MonkeyPatch, tmp_path: Path,
+                                                                 text: str) -> None:
+    (tmp_path / "a_test.cpp").write_text(text)
+    monkeypatch.setattr(tests_of, "unit_test_files_of", lambda path: [tmp_path / "a_test.cpp"])
+    first = tests_of.text_of_test(PATH, "Some.First")
+    assert "EXPECT_TRUE(true)" in first
+    assert first.startswith(FIXTURE)
+    assert "EXPECT_TRUE(false)" not in first
+    assert tests_of.text_of_test(PATH, "Values/Some.Second/3") == TEXT.replace(first.removeprefix(FIXTURE), "")
+
+
+def test_results_hold_as_long_as_what_they_depend_on(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
+    mutant = places.all_mutants()[0]
+    monkeypatch.setattr(results, "text_of_test", lambda path, test: f"text of {test}")
+    results.Results(tmp_path / "kept").add(mutant, "Some.Test")
+    assert results.Results(tmp_path / "kept").of(mutant) == "Some.Test"
+    monkeypatch.setattr(results, "text_of_test", lambda path, test: "another text")
+    changed = results.Results(tmp_path / "kept")
+    assert changed.of(mutant) is None
+    assert changed.last(mutant) == "Some.Test"
+
+
 MUTANTS = [places.Mutant(PATH, 7, 3, " <= ", line, f"a{line} < 0", f"a{line} <= 0") for line in range(100)]
 
 
