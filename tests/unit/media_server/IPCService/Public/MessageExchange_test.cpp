@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <future>
@@ -171,6 +172,19 @@ TEST(MessageExchange, RequestToAnAbsentPeerIsSentEverySecondUntilItLeaves)
     EXPECT_FALSE(itgt.hasDatagram()) << "the request was sent again although it had left";
 }
 
+TEST(MessageExchange, AbsentPeerIsTriedAgainAfterASecond)
+{
+    std::atomic<int> longest{0};
+    systemCalls().polling = [&longest](const pollfd*, nfds_t, int time) { longest = std::max(longest.load(), time); };
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([&longest] { return longest > 0; }));
+    EXPECT_LE(longest, 1000);
+    EXPECT_EQ(sendFailures(), 1);
+    UnixSocket itgt(ITGT_PATH);
+    ASSERT_TRUE(itgt.send(OWN_PATH, reply(7031, 't')));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 't')));
+}
+
 TEST(MessageExchange, RepetitionWithoutMemoryIsTriedAgainASecondLater)
 {
     std::atomic<bool> isShort{false};
@@ -214,6 +228,15 @@ TEST(MessageExchange, WhatArrivesBeforeTheRequestLeavesIsItsReply)
     ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
     ASSERT_TRUE(UnixSocket().send(OWN_PATH, reply(7031, 'e')));
     EXPECT_THAT(exchanging.replies(), ElementsAre(reply(7031, 'e')));
+}
+
+TEST(MessageExchange, WhatEndsWithItsCommandIsAReplyToWhatHasNotLeft)
+{
+    Exchanging exchanging({7031});
+    ASSERT_TRUE(eventually([] { return sendFailures() == 1; }));
+    const std::string beginning = reply(7777, 'e').substr(0, 168);
+    ASSERT_TRUE(UnixSocket().send(OWN_PATH, beginning));
+    EXPECT_THAT(exchanging.replies(), ElementsAre(beginning + requestBytes(7031).substr(168)));
 }
 
 TEST(MessageExchange, WhatIsTooShortForACommandIsNoReplyToWhatHasNotLeft)

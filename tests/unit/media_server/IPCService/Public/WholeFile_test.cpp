@@ -101,6 +101,14 @@ TEST_F(WholeFile, FileOfFourGibibytesIsRefused)
     EXPECT_EQ(text, "before");
 }
 
+TEST_F(WholeFile, OfOneByteLessTheBeginningIsRead)
+{
+    const std::string path = folder.write("f", "text");
+    ASSERT_EQ(::truncate(path.c_str(), 4294967295), 0);
+    EXPECT_EQ(IPCService::readWholeFile(path, text, 10), WholeFileResult::Read);
+    EXPECT_EQ(text, "text");
+}
+
 TEST_F(WholeFile, UnknownSizeIsAFailure)
 {
     const std::string path = folder.write("f", "text");

@@ -64,7 +64,23 @@ TEST_F(SendSysObjTest, WhatIsWrittenIsOnTheDiskBeforeItgtIsTold)
     };
     EXPECT_EQ(send(page()), 0);
     EXPECT_EQ(flags & O_DSYNC, O_DSYNC);
+    EXPECT_EQ(flags & (O_NONBLOCK | O_CLOEXEC), O_NONBLOCK | O_CLOEXEC) << "it might wait, or be inherited";
     EXPECT_EQ(found, "the page");
+}
+
+TEST_F(SendSysObjTest, NamesAreOnTheDiskTooAndThatOfTheFolderOnce)
+{
+    std::vector<std::string> folders;
+    systemCalls().open = [&folders](const std::string& path, int flags) -> std::optional<int> {
+        if (flags == (O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+            folders.push_back(path);
+        }
+        return std::nullopt;
+    };
+    EXPECT_EQ(send(page(0)), 0);
+    EXPECT_EQ(send(page(30)), 0);
+    const std::string folder = "/tmp/mmcblk0/face_basic/faceLib/";
+    EXPECT_EQ(folders, (std::vector<std::string>{folder, folder + "..", folder}));
 }
 
 TEST_F(SendSysObjTest, UmaskAloneRestrictsFileAndFolder)
@@ -143,10 +159,41 @@ TEST_F(DownloadPictureProcessTest, FetchesImportsAndReportsThePage)
     EXPECT_EQ(m_platform.bodies(), (std::vector<std::string>{pageRequest(0, 30), resultDocument(0, 30)}));
     EXPECT_EQ(pageFile("white0"), "the page");
     ASSERT_EQ(m_itgt.requests().size(), 3U);
-    EXPECT_EQ(commandOf(m_itgt.requests()[0]), 7020U);
-    EXPECT_EQ(commandOf(m_itgt.requests()[1]), 7021U);
-    EXPECT_EQ(numberAt<std::int64_t>(m_itgt.requests()[1], 304), 4711) << "the import task that ITGT named";
-    EXPECT_EQ(commandOf(m_itgt.requests()[2]), 7031U);
+    std::string importFile = requestOf("/tmp/II", 1, 7020);
+    putNumber<std::uint32_t>(importFile, 208, 3);
+    putText(importFile, 316, "/tmp/mmcblk0/face_basic/faceLib/");
+    putText(importFile, 448, "white0");
+    EXPECT_EQ(difference(importFile, m_itgt.requests()[0]), "");
+    std::string progress = requestOf("/tmp/II", 0, 7021);
+    putNumber<std::int64_t>(progress, 304, 4711);  // the import task that ITGT named
+    EXPECT_EQ(difference(progress, m_itgt.requests()[1]), "");
+    EXPECT_EQ(difference(requestOf("/tmp/II", 0, 7031), m_itgt.requests()[2]), "");
+    EXPECT_EQ(firstLogged(LOG_FILE, " Notify ITGT result:%d"), " Notify ITGT result:0");
+}
+
+TEST_F(DownloadPictureProcessTest, PageThatIsRefusedIsNotImported)
+{
+    m_platformScript = always("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(process(), 0);
+    EXPECT_TRUE(m_itgt.requests().empty());
+}
+
+TEST_F(DownloadPictureProcessTest, EndsAtTheTenthNotYetAndNoOtherAnswerCounts)
+{
+    // A pause waits for the interruption alone.
+    systemCalls().poll = [](pollfd*, nfds_t count, int milliseconds) -> std::optional<int> {
+        return count == 1 && milliseconds > 500 ? std::optional(0) : std::nullopt;
+    };
+    m_itgtScript = [asked = 0](const std::string& request) mutable {
+        if (commandOf(request) != 7021) {
+            return importAtOnce(request);
+        }
+        return ++asked <= 3 ? messageOf(7099) : progressReply(0, "/tmp/state.json");
+    };
+    EXPECT_EQ(process(), 1);
+    EXPECT_EQ(m_itgt.requests(7021).size(), 13U);
+    EXPECT_EQ(firstLogged(LOG_FILE, "Tried %d times, Fail!"), "Tried 10 times, Fail!");
+    EXPECT_EQ(m_platform.bodies().back(), resultDocument(0, 30));
 }
 
 TEST_F(DownloadPictureProcessTest, TenthAnswerMayStillBeTheGoodOne)

@@ -74,6 +74,7 @@ TEST_F(HandOverTest, RemovesTheSocketFilesThatAreMadeAnew)
 TEST_F(HandOverTest, GivesNothingElseAway)
 {
     const fs::path other = make("other");
+    const fs::path similar = make("whit");
     const fs::path linked = make("white60");
     fs::create_hard_link(linked, "/tmp/second name");
     std::ofstream("/tmp/elsewhere") << "elsewhere";
@@ -81,6 +82,7 @@ TEST_F(HandOverTest, GivesNothingElseAway)
     ASSERT_EQ(::mkfifo((FOLDER / "white120").c_str(), 0600), 0);
     handOverTo(ACCOUNT);
     EXPECT_EQ(ownerOf(other), ::geteuid());
+    EXPECT_EQ(ownerOf(similar), ::geteuid());
     EXPECT_EQ(ownerOf(linked), ::geteuid());
     EXPECT_EQ(ownerOf("/tmp/elsewhere"), ::geteuid());
     EXPECT_EQ(ownerOf(FOLDER / "white120"), ::geteuid());
@@ -93,6 +95,16 @@ TEST_F(HandOverTest, FolderBehindALinkIsNotGivenAway)
     handOverTo(ACCOUNT);
     EXPECT_EQ(ownerOf("/tmp/other folder"), ::geteuid());
     EXPECT_EQ(ownerOf("/tmp/other folder/white0"), ::geteuid());
+}
+
+TEST_F(HandOverTest, PipeInPlaceOfTheFolderIsNotWaitedFor)
+{
+    fs::remove_all(FOLDER);
+    ASSERT_EQ(::mkfifo(FOLDER.c_str(), 0600), 0);
+    ::alarm(10);
+    handOverTo(ACCOUNT);
+    ::alarm(0);
+    EXPECT_EQ(ownerOf(FOLDER), ::geteuid());
 }
 
 TEST_F(HandOverTest, LeavesTheGroupAsItIs)

@@ -82,7 +82,7 @@ TEST_P(LostBodyTest, CostsItsOwnCommandOnlyWhateverTheNextHeadHasInItsPaths)
 INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, LostBodyTest,
                          testing::Values(std::string(16, '\0'), "/tmp/HK", "/run/HK", std::string(16, '\xFF'),
                                          "@hidden", " \n", "HK", "}", "tmp/HK", "truth", "nul", "f", "-", "-/",
-                                         "-:", "-x"));
+                                         "-:", "-:0", "-/9", "-x"));
 
 /** Bodies of the size of a head that begin JSON text. Another size was announced. */
 class TextOfTheSizeOfAHeadTest : public ReceiveCommandTest, public testing::WithParamInterface<std::string>
@@ -100,6 +100,17 @@ TEST_P(TextOfTheSizeOfAHeadTest, IsABody)
 INSTANTIATE_TEST_SUITE_P(ReceiveCommandTest, TextOfTheSizeOfAHeadTest,
                          testing::Values("{}", "[]", " \t\r\n{}", " {}", std::string(278, ' ') + "{}", "\"a\"", "-0",
                                          "-9", "0", "9", "true", "false", "null"));
+
+TEST_F(ReceiveCommandTest, HeadInPlaceOfABodyIsNotTriedAgain)
+{
+    int pauses = 0;
+    systemCalls().polling = [&pauses](const pollfd*, nfds_t, int milliseconds) { pauses += milliseconds > 0 ? 1 : 0; };
+    sendDatagram(head(1, 4));
+    sendCommand(2, "next");
+    expectReceived(1, "");
+    EXPECT_EQ(pauses, 0);
+    expectReceived(2, "next");
+}
 
 TEST_F(ReceiveCommandTest, OwnRepliesBeforeHeadAndBodyArePassedOver)
 {

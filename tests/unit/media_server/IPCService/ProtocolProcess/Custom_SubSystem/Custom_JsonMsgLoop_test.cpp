@@ -34,6 +34,14 @@ TEST_F(JsonMsgLoopTest, DecodesNameAndArguments)
     EXPECT_TRUE(loggedBy(LOG_FILE).empty());
 }
 
+TEST_F(JsonMsgLoopTest, WhatIsNoJsonIsNoCommand)
+{
+    Poco::Dynamic::Var name;
+    Poco::JSON::Object::Ptr info;
+    EXPECT_FALSE(m_loop->GetJsonMsgInfo("{", name, info));
+    EXPECT_EQ(countLogged(LOG_FILE, "PUBLIC_JSON Err %s "), 1);
+}
+
 TEST_F(JsonMsgLoopTest, RepliesByteForByte)
 {
     m_loop->SendJsonMsg("/tmp/KH", 0xFEDCBA98, 200);

@@ -42,6 +42,9 @@ TEST_F(PageReport, PostsThePicturesInTheOrderOfTheFile)
             R"({"ImportInfo":[{"credentialNumber":"B2","importStatus":0},{"credentialNumber":"A1","importStatus":7}],)"
             R"("cameraCode":"C1","datatime":"2024-05-06 07:08:09","offset":30,"securityCode":"S1","startIndex":60,)"
             R"("taskID":"T1"})"});
+    EXPECT_NE(m_platform.requests().back().find("\r\nConnection: Close\r\n"), std::string::npos);
+    ASSERT_EQ(m_itgt.requests().size(), 1U);
+    EXPECT_EQ(difference(requestOf("/tmp/II", 0, 7031), m_itgt.requests()[0]), "");
 }
 
 TEST_F(PageReport, NumbersOfThePageAreUnsigned)
@@ -50,6 +53,32 @@ TEST_F(PageReport, NumbersOfThePageAreUnsigned)
     m_page.offset = 0;
     report(NO_PICTURES);
     EXPECT_EQ(m_platform.bodies(), std::vector<std::string>{resultDocument(4294967280U, 0)});
+}
+
+TEST_F(PageReport, RecordsAreFoundAtTheirLines)
+{
+    const auto lines = [this](const std::string& state) {
+        CapturedLog::clear();
+        report(state);
+        std::vector<int> numbers;
+        for (const LogLine& line : loggedBy(LOG_FILE)) {
+            numbers.push_back(line.number);
+        }
+        return numbers;
+    };
+    EXPECT_EQ(lines(NO_PICTURES), (std::vector<int>{182, 190, 198, 217}));
+    EXPECT_EQ(lines("{"), (std::vector<int>{118}));
+    EXPECT_EQ(lines(R"({"TaskResultArry":1})"), (std::vector<int>{157}));
+    m_page.ServerPort = unusedPort();
+    EXPECT_EQ(lines(NO_PICTURES), (std::vector<int>{182, 190, 198, 221}));
+}
+
+TEST_F(PageReport, FileThatIsNotThereIsNamed)
+{
+    reportFile("/tmp/no such file");
+    EXPECT_EQ(loggedBy(LOG_FILE),
+              std::vector<LogLine>{at(77, error(" [Custom] download picture, open file %s error.",
+                                                " [Custom] download picture, open file /tmp/no such file error."))});
 }
 
 TEST_F(PageReport, InterruptionEndsTheWaitForASilentPlatformWithoutAWord)

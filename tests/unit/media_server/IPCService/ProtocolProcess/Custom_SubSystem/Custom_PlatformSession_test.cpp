@@ -44,6 +44,20 @@ TEST_F(PlatformSessionTest, RequestLineHasEscapesForWhateverIsNotPrintableAscii)
     ASSERT_EQ(server.requests().size(), 1U);
     const std::string request = server.requests()[0];
     EXPECT_EQ(request.substr(0, request.find('\n')), "POST /%20!~%01%1F%7F%80%FF%0D%0A HTTP/1.1\r");
+    EXPECT_NE(request.find("\r\nConnection: Keep-Alive\r\n"), std::string::npos);
+}
+
+TEST_F(PlatformSessionTest, RequestThatOffersNoMoreSaysSoBehindItsLength)
+{
+    const TlsServer server(always(httpAnswer("")));
+    const std::string host = "127.0.0.1";
+    const std::string method = "POST";
+    const std::string path = "/";
+    const std::string type = "text/plain";
+    Poco::Net::HTTPResponse response;
+    IPCService::MetaDataGW::exchangeWithPlatform({host, server.port(), method, path, type, false}, "{}", response);
+    ASSERT_EQ(server.requests().size(), 1U);
+    EXPECT_NE(server.requests()[0].find("\r\nContent-Length: 2\r\nConnection: Close\r\n"), std::string::npos);
 }
 
 TEST_F(PlatformSessionTest, ServerThatDoesNotReadTheRequestEndsAfter5Seconds)

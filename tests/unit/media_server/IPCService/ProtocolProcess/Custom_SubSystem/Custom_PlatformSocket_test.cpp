@@ -1,11 +1,18 @@
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_PlatformSocket.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/SSLManager.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -130,6 +137,48 @@ TEST_F(PlatformSocketTest, NoServerNameIsSentForAnAddress)
     PlatformSocket("::ffff:127.0.0.1", server.port()).send("\r\n\r\n");
     EXPECT_TRUE(eventually([&] { return server.requests().size() == 4; }));
     EXPECT_EQ(server.handshakes().back().serverName, "") << "an address with letters";
+}
+
+TEST_F(PlatformSocketTest, WaitsForWhatComesNextAndNothingElse)
+{
+    std::atomic<bool> waits{false};
+    const TlsServer server([&waits](TlsConnection& connection, const std::string&) {
+        EXPECT_TRUE(eventually([&waits] { return waits.load(); }));
+        connection.send("some bytes");
+    });
+    std::vector<short> events;
+    int longest = 0;
+    int noDelay = 0;
+    bool sent = false;
+    systemCalls().polling = [&, client = std::this_thread::get_id()](const pollfd* waited, nfds_t, int milliseconds) {
+        if (std::this_thread::get_id() == client) {
+            events.push_back(waited->events);
+            longest = std::max(longest, milliseconds);
+            socklen_t size = sizeof(noDelay);
+            EXPECT_EQ(::getsockopt(waited->fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size), 0);
+            waits = sent && waited->events == POLLIN;
+        }
+    };
+    PlatformSocket socket("127.0.0.1", server.port());
+    socket.send("hello\r\n\r\n");
+    sent = true;
+    std::array<char, 100> buffer{};
+    EXPECT_EQ(socket.receive(buffer.data(), buffer.size()), 10U);
+    systemCalls().polling = nullptr;
+    events.erase(std::unique(events.begin(), events.end()), events.end());
+    EXPECT_EQ(events, (std::vector<short>{POLLOUT, POLLIN}));
+    EXPECT_LE(longest, 5000);
+    EXPECT_NE(noDelay, 0);
+}
+
+TEST_F(PlatformSocketTest, SendsOnBehindWhatTheLibraryTook)
+{
+    SSL_CTX_set_mode(Poco::Net::SSLManager::instance().defaultClientContext()->sslContext(),
+                     SSL_MODE_ENABLE_PARTIAL_WRITE);
+    const TlsServer server(always(""));
+    const std::string request = "POST / HTTP/1.1\r\nContent-Length: 100000\r\n\r\n" + std::string(100000, 'b');
+    PlatformSocket("127.0.0.1", server.port()).send(request);
+    EXPECT_TRUE(eventually([&] { return server.requests() == std::vector<std::string>{request}; }));
 }
 
 TEST_F(PlatformSocketTest, SaysWithWhomAConnectFailed)

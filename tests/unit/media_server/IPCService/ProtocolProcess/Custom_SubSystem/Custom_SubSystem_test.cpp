@@ -20,6 +20,7 @@
 
 #include "log_lines.h"
 #include "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess.h"
+#include "support/exchange_messages.h"
 #include "support/fake_platform.h"
 #include "support/tls_server.h"
 #include "support/unix_socket.h"
@@ -96,6 +97,17 @@ TEST_F(StartUpTest, OpensTheRingBuffer)
     EXPECT_EQ(opened[0].size, 4194304U);
     EXPECT_NE(m_subSystem.m_ringBufHandle, nullptr);
     EXPECT_EQ(opened[0].handle, m_subSystem.m_ringBufHandle);
+    EXPECT_EQ(loggedBy(LOG_FILE), std::vector<LogLine>{info("CustomSubSystem Wait itgt ok!\n")});
+}
+
+TEST_F(StartUpTest, TellsItgtThatItIsReady)
+{
+    startUp();
+    std::string expected = messageOf(1037);
+    putText(expected, 0, "/tmp/II");
+    putText(expected, 8, "/tmp/CU");
+    putNumber<std::uint32_t>(expected, 160, 4);
+    EXPECT_EQ(difference(expected, m_itgt.receive().value_or("")), "");
 }
 
 TEST_F(StartUpTest, EndLeavesEverythingOpen)
@@ -129,6 +141,8 @@ TEST_F(StartUpTest, SetsTheTlsDefaultsOfTheProcess)
     EXPECT_EQ(SSL_CTX_get_verify_depth(found), 9);
     EXPECT_EQ(SSL_CTX_get_min_proto_version(found), TLS1_2_VERSION);
     EXPECT_EQ(SSL_CTX_get_max_proto_version(found), TLS1_2_VERSION);
+    EXPECT_NE(SSL_CTX_get_read_ahead(found), 0);
+    EXPECT_EQ(SSL_CTX_get_session_cache_mode(found), SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
     EXPECT_EQ(SSL_CTX_get0_certificate(found), nullptr);
     EXPECT_EQ(SSL_CTX_get0_privatekey(found), nullptr);
 

@@ -113,6 +113,23 @@ TEST_F(WhiteListClearTest, RefusedOneHasNoReplyAndTheNextIsServed)
     expectReply(33, 200);
 }
 
+TEST_F(WhiteListClearTest, ConfigurationIsNotThere)
+{
+    Poco::JSON::Object::Ptr info = arguments(R"({"cameraCode":"C1"})");
+    std::uint32_t tag = 33;
+    ::unlink(m_configPath.c_str());
+    expectFailure(m_loop->WhiteListClearHandler(info, tag),
+                  at(311, error(" [Custom] download picture, open file %s error.",
+                                " [Custom] download picture, open file /tmp/config.json error.")));
+}
+
+TEST_F(WhiteListClearTest, ConfigurationIsNoJson)
+{
+    const int result = handle("{");
+    const std::string text = firstLogged(LOG_FILE, "parser Err %s ");
+    expectFailure(result, at(357, error("parser Err %s ", text)));
+}
+
 TEST_F(WhiteListClearTest, SizeIsNotToBeHad)
 {
     systemCalls().fstatFails = true;

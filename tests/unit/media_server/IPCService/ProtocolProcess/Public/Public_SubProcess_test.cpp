@@ -108,6 +108,7 @@ TEST(SubProcess, ChildSignalHasAHandlerWithInformationAndAnEmptyMask)
                   for (int signal = 1; signal < 32; ++signal) {
                       EXPECT_EQ(sigismember(&action.sa_mask, signal), 0) << signal;
                   }
+                  EXPECT_EQ(CapturedLog::withFormat("SignalCapture sucess!\n").size(), 1U);
               }),
               0);
 }
