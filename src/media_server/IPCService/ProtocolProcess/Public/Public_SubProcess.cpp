@@ -14,6 +14,7 @@
 #include <new>
 #include <utility>
 
+#include "bounds_checked.h"
 #include "media_server/IPCService/ProtocolProcess/Custom_SubSystem/Custom_SubSystem.h"
 #include "media_server/IPCService/Public/ServiceLog.h"
 #include "media_server/IPCService/Public/StopSignals.h"
@@ -130,7 +131,10 @@ void captureChildSignal()
 
 }  // namespace
 
-Public_SubProcess::Public_SubProcess() : m_taskManager(threadPool()), m_exitCode(EXIT_SOFTWARE) {}
+Public_SubProcess::Public_SubProcess() : m_taskManager(threadPool()), m_exitCode(EXIT_SOFTWARE)
+{
+    memset_s(&m_stEventCacheHndl, sizeof(m_stEventCacheHndl), 0, sizeof(m_stEventCacheHndl));
+}
 
 Public_SubProcess::~Public_SubProcess()
 {

@@ -55,7 +55,7 @@ private:
     Poco::TaskManager m_taskManager;
     bool m_bEnding = false;  ///< the tasks were told to end: none starts any more; under m_listing
     Poco::AutoPtr<Public_MetaDataRecvTask> m_pMetaDataRecvTask;
-    EventCacheHndl m_stEventCacheHndl{};
+    EventCacheHndl m_stEventCacheHndl;
     std::exception_ptr m_pStartFailure;
     int m_exitCode;
 };
