@@ -18,6 +18,9 @@ COMMANDS = {"faceNotHitDown": '{"taskName":"faceNotHitDown","taskInfo":{"faceID"
 AIMS = {"faceNotHitDown": 1.3, "a refused command": 1.2}
 FLOOR = ("The library's JSON, the log's three or four lines and the waits between datagrams are what is left beyond "
          "the bare loop, which parses and logs nothing.")
+# What most of a command's instructions are, by the functions below which they run.
+PROFILE = {"stand-in of the log": "QL_WriteLog", "reading JSON": "IPCService::JsonText::parse*",
+           "writing JSON": "IPCService::JsonText::*::written*"}
 ROUNDS = 15
 COMMANDS_A_ROUND = 400
 COUNTED_COMMANDS = 1000
@@ -92,13 +95,17 @@ def _counts(name: str, body: str) -> list[Row]:
             measuring.wait_for_commands(camera)
             ask(camera, body, count)
         return several
-    more = COUNTED_COMMANDS
-    ran = [measuring.instructions(f"exec {measuring.callgrind()} {binary}", work(count), client=False)
-           for count in (1, 1 + more)]
-    called = [measuring.system_calls(str(binary), work(count), client=False) for count in (1, 1 + more)]
-    calls = {call: (number - called[0].get(call, 0)) / more for call, number in called[1].items()}
+    numbers = (1, 1 + COUNTED_COMMANDS)
+
+    def thousand(function: str | None) -> float:
+        ran = [measuring.instructions(f"exec {measuring.callgrind(function)} {binary}", work(count), client=False)
+               for count in numbers]
+        return (ran[1] - ran[0]) / COUNTED_COMMANDS / 1000
+    called = [measuring.system_calls(str(binary), work(count), client=False) for count in numbers]
+    calls = {call: (number - called[0].get(call, 0)) / COUNTED_COMMANDS for call, number in called[1].items()}
     parts = {call: number for call, number in sorted(calls.items(), key=lambda item: -item[1]) if number > 0.5}
-    return [Row(GROUP, f"{name}: instructions", "", (ran[1] - ran[0]) / more / 1000, "thousand"),
+    return [Row(GROUP, f"{name}: instructions", "", thousand(None), "thousand",
+                parts={f"{part}, thousand": thousand(function) for part, function in PROFILE.items()}),
             Row(GROUP, f"{name}: system calls", "", sum(calls.values()), tolerance=0.05, parts=parts)]
 
 

@@ -125,7 +125,7 @@ def _counts(command: str, work: Work, settings: Mapping[str, Any]) -> str:
         work(one)
         one.service.stop(PATIENCE)
         file = one.path(COUNTS)
-        deadline = time.monotonic() + 10
+        deadline = time.monotonic() + PATIENCE
         # strace writes its table after the end of the program.
         while not (file.exists() and file.stat().st_size):
             if time.monotonic() > deadline:
