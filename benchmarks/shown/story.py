@@ -109,8 +109,8 @@ CHAPTERS = (
         "A faceNotHitDown takes {A command: faceNotHitDown: instructions} thousand instructions and "
         "{A command: faceNotHitDown: system calls} system calls, from the datagram to the reply: "
         "{A command: faceNotHitDown: instructions / reading JSON, thousand} thousand to read its JSON, "
-        "{A command: faceNotHitDown: instructions / writing JSON, thousand} thousand to write JSON, and "
-        "{A command: faceNotHitDown: instructions / stand-in of the log, thousand} thousand in the stand-in of the log.",
+        "{A command: faceNotHitDown: instructions / writing JSON, thousand} thousand to write JSON, and {A command: "
+        "faceNotHitDown: instructions / stand-in of the log, thousand} thousand in the stand-in of the log.",
         "Its client waits {A command: faceNotHitDown: round trip, median / service, median, µs} µs for the reply, of "
         "which a loop that only receives and answers would take "
         "{A command: faceNotHitDown: round trip, median / bare loop, median, µs} µs.",
