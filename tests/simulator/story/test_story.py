@@ -78,12 +78,14 @@ def test_failure_has_its_reason_its_fault_and_its_place(camsim: Camsim, tmp_path
 
 def test_unanswered_page_and_the_download_that_it_held_up(camsim: Camsim, tmp_path: Path) -> None:
     chapters = played(camsim, tmp_path, "itgt-silent")
-    found = failures(chapters)
-    assert re.fullmatch("(whiteListDown|a command during .*) was refused, status 409: not allowed,.*", found[0].text)
-    assert [(failure.fault, failure.text.partition(",")[0]) for failure in found[1:]] == [
+    refusal = re.compile("(whiteListDown|a command during .*) was refused, status 409: not allowed,.*")
+    # ITGT may hold its answer back before the second command comes, or behind it.
+    refused = [failure for failure in failures(chapters) if refusal.fullmatch(failure.text)]
+    assert [failure.fault for failure in refused] == [""]
+    assert [(failure.fault, failure.text.partition(",")[0]) for failure in failures(chapters)
+            if failure not in refused] == [
         ("itgt.silent", "ITGT did not answer 7020 CMD_FACE_IMPORT_FILE"),
         ("", "page 0 to 0 was not done when the service was stopped")]
-    assert found[0].fault == ""
     page, stop = chapters[-2:]
     told = next(item for item in page.items if item.title == "7020 CMD_FACE_IMPORT_FILE request")
     assert page.phases[-1] == ("import", told.time, stop.begin), "it goes on until the stop"
