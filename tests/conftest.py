@@ -43,7 +43,9 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
 
 @pytest.hookimpl(optionalhook=True)
 def pytest_xdist_make_scheduler(config: pytest.Config, log: Any) -> Any:
-    """Hands out one test at a time, so that the long ones do not gather at one worker."""
+    """Hands out one test at a time, so that the long ones do not gather at one worker. Every fourth worker begins with
+    the shortest: the processors have work while the long ones wait.
+    """
     from xdist.scheduler import LoadScheduling
 
     class OneByOne(LoadScheduling):  # type: ignore[misc] # xdist comes without types
@@ -54,7 +56,7 @@ def pytest_xdist_make_scheduler(config: pytest.Config, log: Any) -> Any:
                 self.pending[:] = range(len(self.collection))
                 for _ in range(2):  # a worker starts a test when it knows the next one
                     for node in self.nodes:
-                        self._send_tests(node, 1)
+                        self.send(node)
             for node in self.nodes:
                 self.check_schedule(node)
 
@@ -64,6 +66,11 @@ def pytest_xdist_make_scheduler(config: pytest.Config, log: Any) -> Any:
             if not self.pending:
                 node.shutdown()
             elif len(self.node2pending[node]) < 2:
+                self.send(node)
+
+        def send(self, node: Any) -> None:
+            if self.pending:
+                self.pending.insert(0, self.pending.pop(-1 if self.nodes.index(node) % 4 == 3 else 0))
                 self._send_tests(node, 1)
 
     return OneByOne(config, log)
