@@ -266,9 +266,9 @@ TEST(SubProcess, NoTaskStartsOnceTheTasksWereToldToEnd)
 class CancelledWhileStartingTask : public WorkTask
 {
 public:
-    CancelledWhileStartingTask(std::atomic<bool>& runs, std::promise<void>& mayStart, std::future<void>& isStarted)
-        : WorkTask([&runs](WorkTask& task) {
-              runs = true;
+    CancelledWhileStartingTask(std::atomic<int>& running, std::promise<void>& mayStart, std::future<void>& isStarted)
+        : WorkTask([&running](WorkTask& task) {
+              ++running;
               EXPECT_TRUE(eventually([&] { return task.isCancelled(); }));
           }),
           m_mayStart(mayStart),
@@ -289,19 +289,20 @@ private:
 
 TEST(SubProcess, TaskThatIsStartedWhileTheOthersAreToldToEndIsRefused)
 {
-    std::atomic<bool> runs{false};
+    std::atomic<int> running{0};
     std::promise<void> mayStart;
     std::promise<void> start;
     std::future<void> isStarted = start.get_future();
     {
         Public_SubProcess process;
         process.startTask(new WorkTask([&](WorkTask&) {
+            ++running;
             mayStart.get_future().wait();
             EXPECT_THROW(process.startTask(new WorkTask([](WorkTask&) {})), Poco::IllegalStateException);
             start.set_value();
         }));
-        process.startTask(new CancelledWhileStartingTask(runs, mayStart, isStarted));
-        ASSERT_TRUE(eventually([&runs] { return runs.load(); }));
+        process.startTask(new CancelledWhileStartingTask(running, mayStart, isStarted));
+        ASSERT_TRUE(eventually([&running] { return running == 2; }));
     }
     EXPECT_EQ(isStarted.wait_for(milliseconds(0)), std::future_status::ready);
 }
