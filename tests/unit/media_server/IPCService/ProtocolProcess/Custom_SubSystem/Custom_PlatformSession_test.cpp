@@ -23,7 +23,8 @@ protected:
         const Stopwatch watch;
         EXPECT_EQ(post(server.port(), std::string(megabytes << 20, 'b')), 400);
         EXPECT_GE(watch.elapsed(), milliseconds(4900));
-        EXPECT_LE(watch.elapsed(), atMost(milliseconds(15000))) << "half of what the slow reader takes for the whole request";
+        EXPECT_LE(watch.elapsed(), atMost(milliseconds(15000)))
+            << "half of what the slow reader takes for the whole request";
         EXPECT_EQ(m_response, "");
         EXPECT_EQ(loggedBy("Custom_HttpParam").back(),
                   error("SendMsgAndRecvResponse err:%s", "SendMsgAndRecvResponse err:Timeout"));
