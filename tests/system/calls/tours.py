@@ -36,8 +36,8 @@ Record = Callable[[str, object], None]
 _SPARE_THREADS = 2
 # A failure that lasts is tried again after a second or five; a reply that is lost never comes.
 _LATEST_REPLY = 12.0
-# A call that the tour does not come to again does not kill it, and a record that is lost does not come.
-_LATEST_KILL = 1.0
+# What is not called again does not kill, and what is lost, or ended without memory and has told so, does not come.
+_SOON = 1.0
 START_FAILED = 70
 # A library that ends the process.
 _ABORTED = 128 + signal.SIGABRT
@@ -217,8 +217,9 @@ class Tours:
                 self._try("whiteListClear", {"cameraCode": "C1"}), self._try("faceNotHitDown", {"a": "b"})]
         statuses = [reply.status for reply in camera.client.replies if reply.tag in tags]
         if 200 in statuses[:1] and failure.call != _LOG:
+            has_told = failure.call == plan.ALLOCATION and self._texts(begin) - self._usual
             with suppress(TimeoutError):
-                camera.wait_for_log(END, _LATEST_REPLY, begin)
+                camera.wait_for_log(END, _SOON if has_told else _LATEST_REPLY, begin)
         self.made += bool(self.control.failed())
         self.control.begin()
         assert camera.service.exit_code is None, f"the service ended: {camera.service.exit_code}"
@@ -275,13 +276,13 @@ class Tours:
             log_fails = failure.call == _LOG  # it may be the record that is waited for
             with suppress(*([TimeoutError] if log_fails else [])):
                 camera.wait_for(lambda event: event.matches("service", "ended") or event.matches("service", "log")
-                                and _STARTED in event.record.text, _LATEST_KILL if log_fails else 20.0, begin)
+                                and _STARTED in event.record.text, _SOON if log_fails else 20.0, begin)
         self.made += bool(self.control.failed())
         self.control.begin()
         # The record that tells of a start that goes on without may be lost with what it tells of.
         with suppress(*([AssertionError] if failure.lasts else [])):
             poll_until(lambda: camera.service.exit_code is not None or self._goes_on_without(begin)
-                       or self._takes_commands(), _LATEST_KILL if failure.lasts else 20.0)
+                       or self._takes_commands(), _SOON if failure.lasts else 20.0)
         if camera.service.exit_code == _ABORTED and self._passed_through(begin):
             assert failure.call == plan.ALLOCATION
         elif camera.service.exit_code == _ABORTED and failure.call == plan.ALLOCATION and not failure.lasts:
@@ -356,7 +357,7 @@ class Tours:
         # It may be gone before the last command is sent.
         with suppress(TimeoutError, OSError, AssertionError, CameraError):
             when()
-            camera.wait_for(lambda event: event.matches("service", "ended"), _LATEST_KILL, begin)
+            camera.wait_for(lambda event: event.matches("service", "ended"), _SOON, begin)
         was_killed = bool(self.control.failed())
         if not was_killed:  # fewer calls than in the tour that was counted
             camera.service.send_signal(signal.SIGKILL)
