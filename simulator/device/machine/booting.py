@@ -13,7 +13,7 @@ from simulator.errors import CameraError
 
 # A card can be changed while it is out, and nothing of it is remembered.
 _READY = ("until systemctl is-active --quiet multi-user.target; do sleep 0.2; done; "  # pause: systemd tells only a bus
-          "systemctl stop camgate camera-card; sync; echo 3 >/proc/sys/vm/drop_caches")
+          "systemctl stop camgate camera-card; sync")
 
 
 def keep_state(made: Path) -> None:
