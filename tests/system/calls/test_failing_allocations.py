@@ -3,10 +3,13 @@
 from __future__ import annotations
 
 import signal
+from collections.abc import Callable
+from errno import ENOMEM
 
 import pytest
 
 import plan
+from plan import Failure
 from sample import PARTS, part_of
 from support import StartCamera
 from tours import START_FAILED, Record, Tours
@@ -81,6 +84,26 @@ def test_failing_allocation_of_a_start_ends_it_with_70_or_does_no_harm(with_libr
     tours.each(part_of(failures, part), tours.starting, STARTS_OF_A_SAMPLE)
     record_property("starts that OpenSSL did not survive whole", tours.without_tls)
     tours.expect_no_violations(record_property, "starts with a failing allocation" + ", and all behind it" * lasts)
+
+
+@pytest.mark.parametrize(("fails", "code", "said"), [
+    (lambda _count: Failure(0, plan.ALLOCATION, 1, ENOMEM), 128 + signal.SIGABRT, b"std::bad_alloc\n"),
+    (lambda count: Failure(0, plan.ALLOCATION, count // 2, ENOMEM, True), START_FAILED, b"\nOut of memory\n")],
+    ids=["before the service's own", "of the service"])
+def test_start_without_memory_says_so(with_library: StartCamera, fails: Callable[[int], Failure], code: int,
+                                      said: bytes) -> None:
+    tours = Tours(with_library, ends_with=(0, START_FAILED, 128 + signal.SIGABRT))
+    tours.control.begin()
+    tours.camera.start_service()
+    count = tours.control.allocations()
+    tours.camera.service.send_signal(signal.SIGTERM)
+    tours.camera.service.wait()
+    if count > 0:  # or else nothing can fail in this build
+        before = len(tours.camera.service.stderr)
+        tours.control.begin(fails(count))
+        tours.camera.start_service(wait=False)
+        assert tours.camera.service.wait() == code
+        assert said in tours.camera.service.stderr[before:]
 
 
 @pytest.mark.seconds(30)
