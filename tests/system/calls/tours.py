@@ -20,7 +20,7 @@ from sample import ALL
 from simulator import Camera, CameraError, wire
 from support import BEGIN, END, FOLDER, StartCamera, at_request, descriptors, emulated, poll_until, sanitized, threads
 
-# What did not hold, as soon as it is known: a run of all takes long.
+# What did not hold, and what had happened, as soon as it is known: a run of all takes long.
 FINDINGS = Path(__file__).resolve().parents[3] / "build" / "logs" / "calls.txt"
 _CONTROL = "/tmp/calls"
 _CALLS = 512
@@ -269,7 +269,6 @@ class Tours:
         camera, begin, said = self.camera, len(self.camera.journal), len(self.camera.service.stderr)
         self.control.begin(failure)
         camera.start_service(wait=False)
-
         if failure.call == plan.ALLOCATION:
             self._until(lambda: self._has_started(begin))
         else:
@@ -381,7 +380,7 @@ class Tours:
                 self.violations.append(f"{failure}: {type(error).__name__} {error}"[:300])
                 FINDINGS.parent.mkdir(parents=True, exist_ok=True)
                 with FINDINGS.open("a") as file:
-                    file.write(self.violations[-1] + "\n")
+                    print(self.violations[-1], *self.camera.journal.events[-80:], sep="\n  ", file=file)
                 self._end()
 
     def expect_no_violations(self, record_property: Record, name: str) -> None:

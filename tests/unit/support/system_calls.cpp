@@ -35,9 +35,21 @@ mode_t modeOf(int flags, va_list arguments)
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, unsigned int)) : 0;
 }
 
-std::optional<int> hookedOpen(const char* path, int flags)
+/// A hook's answer; nothing when there is none.
+template <typename... Parameters, typename... Arguments>
+std::optional<int> answerOf(const Hook<std::optional<int>(Parameters...)>& hook, Arguments... arguments)
 {
-    return systemCalls().open ? systemCalls().open(path, flags) : std::nullopt;
+    const auto function = hook.get();
+    return function ? (*function)(arguments...) : std::nullopt;
+}
+
+/// Tells a hook, if there is one.
+template <typename... Parameters, typename... Arguments>
+void tell(const Hook<void(Parameters...)>& hook, Arguments... arguments)
+{
+    if (const auto function = hook.get()) {
+        (*function)(arguments...);
+    }
 }
 
 int failed(int error)
@@ -70,7 +82,7 @@ int __wrap_open(const char* path, int flags, ...)
     va_start(arguments, flags);
     const mode_t mode = modeOf(flags, arguments);
     va_end(arguments);
-    const std::optional<int> answer = hookedOpen(path, flags);
+    const std::optional<int> answer = answerOf(systemCalls().open, path, flags);
     return answer ? *answer : __real_open(path, flags, mode);
 }
 
@@ -80,7 +92,7 @@ int __wrap_open64(const char* path, int flags, ...)
     va_start(arguments, flags);
     const mode_t mode = modeOf(flags, arguments);
     va_end(arguments);
-    const std::optional<int> answer = hookedOpen(path, flags);
+    const std::optional<int> answer = answerOf(systemCalls().open, path, flags);
     return answer ? *answer : __real_open64(path, flags, mode);
 }
 
@@ -90,28 +102,24 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...)
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    const std::optional<int> answer =
-        systemCalls().ioctl ? systemCalls().ioctl(descriptor, request, argument) : std::nullopt;
+    const std::optional<int> answer = answerOf(systemCalls().ioctl, descriptor, request, argument);
     return answer ? *answer : __real_ioctl(descriptor, request, argument);
 }
 
 int __wrap_usleep(useconds_t microseconds)
 {
-    if (systemCalls().usleep) {
-        systemCalls().usleep(microseconds);
-        return 0;
+    const auto hook = systemCalls().usleep.get();
+    if (!hook) {
+        return __real_usleep(microseconds);
     }
-    return __real_usleep(microseconds);
+    (*hook)(microseconds);
+    return 0;
 }
 
 int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds)
 {
-    if (systemCalls().polling) {
-        systemCalls().polling(waited, count, milliseconds);
-    }
-    const std::optional<int> answer =
-        systemCalls().poll ? systemCalls().poll(waited, count, milliseconds) : std::nullopt;
-    if (answer) {
+    tell(systemCalls().polling, waited, count, milliseconds);
+    if (const std::optional<int> answer = answerOf(systemCalls().poll, waited, count, milliseconds)) {
         return *answer;
     }
     return systemCalls().pollFails ? failed(ENOMEM) : __real_poll(waited, count, milliseconds);
@@ -125,15 +133,13 @@ int __wrap___poll_chk(pollfd* waited, nfds_t count, int milliseconds, std::size_
 
 int __wrap_munmap(void* address, std::size_t length)
 {
-    const std::optional<int> answer = systemCalls().munmap ? systemCalls().munmap(address, length) : std::nullopt;
+    const std::optional<int> answer = answerOf(systemCalls().munmap, address, length);
     return answer ? *answer : __real_munmap(address, length);
 }
 
 ssize_t __wrap_writev(int descriptor, const iovec* parts, int count)
 {
-    if (systemCalls().writing) {
-        systemCalls().writing(descriptor, count);
-    }
+    tell(systemCalls().writing, descriptor, count);
     return __real_writev(descriptor, parts, count);
 }
 
@@ -218,9 +224,7 @@ int __wrap___xstat64(int version, const char* path, struct stat64* status)
 /// Comes before the C library's for shared libraries, too.
 ssize_t sendto(int descriptor, const void* data, std::size_t length, int flags, const sockaddr* address, socklen_t size)
 {
-    if (systemCalls().sending) {
-        systemCalls().sending();
-    }
+    tell(systemCalls().sending);
     static const auto next = reinterpret_cast<decltype(&::sendto)>(::dlsym(RTLD_NEXT, "sendto"));
     return next(descriptor, data, length, flags, address, size);
 }
@@ -230,7 +234,8 @@ ssize_t sendto(int descriptor, const void* data, std::size_t length, int flags, 
 ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags) __asm__("recv");
 ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags)
 {
-    if (systemCalls().recvFails && systemCalls().recvFails()) {
+    const auto fails = systemCalls().recvFails.get();
+    if (fails && (*fails)()) {
         return failed(ENOMEM);
     }
     static const auto next = reinterpret_cast<decltype(&recvForAll)>(::dlsym(RTLD_NEXT, "recv"));
@@ -240,9 +245,7 @@ ssize_t recvForAll(int descriptor, void* buffer, std::size_t length, int flags)
 /// Comes before the C library's for shared libraries, too: the network library's sockets wait here.
 int epoll_wait(int descriptor, epoll_event* events, int count, int milliseconds)
 {
-    if (systemCalls().socketPoll) {
-        systemCalls().socketPoll();
-    }
+    tell(systemCalls().socketPoll);
     static const auto next = reinterpret_cast<decltype(&::epoll_wait)>(::dlsym(RTLD_NEXT, "epoll_wait"));
     return next(descriptor, events, count, milliseconds);
 }
