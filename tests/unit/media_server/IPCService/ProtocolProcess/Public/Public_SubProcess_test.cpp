@@ -7,9 +7,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -35,6 +37,7 @@ namespace {
 
 using IPCService::ProtocalProcess::Public_SubProcess;
 using std::chrono::milliseconds;
+using testing::Each;
 using testing::HasSubstr;
 
 const char SOURCE[] = "media_server/IPCService/ProtocolProcess/Public/Public_SubProcess";
@@ -215,16 +218,20 @@ TEST(SubProcess, RunSubscribesStartsItsTaskAndTheSubsystemAndServes)
 
 TEST(SubProcess, TasksHoldTheStopSignalsBackAndTheCallerDoesNot)
 {
+    std::array<std::vector<int>, 4> inTasks;  // the pool begins with two threads
+    std::atomic<std::size_t> begun{0};
     Public_SubProcess process;
     const std::vector<int> before = heldBack();
-    std::atomic<bool> done{false};
-    std::vector<int> inTask;
-    process.startTask(new WorkTask([&done, &inTask](WorkTask&) {
-        inTask = heldBack();
-        done = true;
-    }));
-    ASSERT_TRUE(eventually([&done] { return done.load(); }));
-    EXPECT_EQ(inTask, (std::vector<int>{SIGINT, SIGQUIT, SIGTERM}));
+    const auto haveBegun = [&] { return begun == inTasks.size(); };
+    for (std::vector<int>& inTask : inTasks) {
+        process.startTask(new WorkTask([&](WorkTask&) {
+            inTask = heldBack();
+            ++begun;
+            EXPECT_TRUE(eventually(haveBegun));
+        }));
+    }
+    ASSERT_TRUE(eventually(haveBegun));
+    EXPECT_THAT(inTasks, Each(std::vector<int>{SIGINT, SIGQUIT, SIGTERM}));
     EXPECT_EQ(heldBack(), before);
 }
 
