@@ -148,11 +148,13 @@ TEST_F(JsonPicDownloadTaskTest, CancelBeforeItRunsEndsItAtItsFirstWait)
 
 TEST_F(JsonPicDownloadTaskTest, CancelAfterItsEndDoesNothing)
 {
-    m_record.totalNum = 0;
-    Task task = makeTask();
-    task->runTask();
-    task->cancel();
-    expectNextDownloadRuns();
+    m_record = task(1);
+    Task ended = makeTask();
+    ended->runTask();
+    ended->cancel();
+    makeTask()->runTask();
+    EXPECT_EQ(m_platform.bodies(), (std::vector<std::string>{pageRequest(0, 1), resultDocument(0, 1), pageRequest(0, 1),
+                                                             resultDocument(0, 1)}));
 }
 
 TEST_F(JsonPicDownloadTaskTest, CancelWakesThePauseBetweenPages)
