@@ -38,7 +38,7 @@ def time_of_commit() -> dict[str, str]:
 def build_elsewhere(folder: Path) -> Path:
     """The build folder of a copy of the sources in another place, with another user's settings."""
     other = folder / "a_folder_with_a_much_longer_name_than_that_of_the_first_one"
-    shutil.copytree(ROOT, other, ignore=shutil.ignore_patterns("build", ".git", "__pycache__"))
+    shutil.copytree(ROOT, other, symlinks=True, ignore=shutil.ignore_patterns("build", ".git", "__pycache__"))
     environment = {"TZ": "Pacific/Chatham", "LC_ALL": "C", **time_of_commit()}
     if PRESET == "armhf":
         # Another user has the compiler in another folder.

@@ -107,14 +107,14 @@ public:
 
     std::string readBody(const HTTPResponse& response)
     {
-        const bool hasChunks = isChunked(response);
-        const auto length = hasChunks ? std::nullopt : announcedLength(response);
-        reserve(length.value_or(LARGEST_BODY));
-        if (hasChunks) {
+        if (isChunked(response)) {
+            reserve(LARGEST_BODY);
             takeChunks();
-        } else if (length) {
+        } else if (const auto length = announcedLength(response)) {
+            reserve(*length);
             take(*length);
         } else {
+            reserve(LARGEST_BODY);
             while (hasMore()) {
                 take(m_end - m_next);
             }
