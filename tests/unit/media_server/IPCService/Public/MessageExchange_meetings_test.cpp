@@ -55,13 +55,22 @@ protected:
     std::unique_ptr<Exchanging> m_second;
 };
 
-TEST_F(TwoWaiting, EachGetsItsOwnReplyInEitherOrder)
+TEST_F(TwoWaiting, EachGetsItsOwnReplyWhenTheFirstOnesComesFirst)
 {
     ASSERT_TRUE(m_itgt.send(OWN_PATH, reply(7021, 'i')));
     EXPECT_THAT(m_first.replies(), ElementsAre(reply(7021, 'i')));
     EXPECT_FALSE(m_second->hasEnded(milliseconds(0)));
     ASSERT_TRUE(m_faces.send(OWN_PATH, reply(7019, 'f')));
     EXPECT_THAT(m_second->replies(), ElementsAre(reply(7019, 'f')));
+}
+
+TEST_F(TwoWaiting, EachGetsItsOwnReplyWhenTheSecondOnesComesFirst)
+{
+    ASSERT_TRUE(m_faces.send(OWN_PATH, reply(7019, 'f')));
+    EXPECT_THAT(m_second->replies(), ElementsAre(reply(7019, 'f')));
+    EXPECT_FALSE(m_first.hasEnded(milliseconds(0)));
+    ASSERT_TRUE(m_itgt.send(OWN_PATH, reply(7021, 'i')));
+    EXPECT_THAT(m_first.replies(), ElementsAre(reply(7021, 'i')));
 }
 
 TEST_F(TwoWaiting, LateReplyReachesTheFirstAlsoWhenTheSecondHasEnded)
@@ -297,9 +306,11 @@ TEST(ExchangesMeet, WhoIsAnsweredWhileItStandsInLineToSendAgainLeavesTheLine)
     ASSERT_TRUE(eventually([] { return CapturedLog::withFormat("sendTo fail:%s.").size() == 1; }));
     Exchanging silent({7019}, FACES_PATH);
     ASSERT_EQ(commandOf(faces.receive()), 7019U);
-    EXPECT_FALSE(absent.hasEnded(milliseconds(1500))) << "it stands in line from one second on, for five";
+    constexpr milliseconds IN_LINE(1500);
+    EXPECT_FALSE(absent.hasEnded(IN_LINE)) << "it stands in line from one second on, for five";
     UnixSocket itgt(ITGT_PATH);
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'r')));
+    EXPECT_TRUE(absent.hasEnded(WITHIN_A_TURN - IN_LINE));
     EXPECT_THAT(absent.replies(), ElementsAre(reply(7021, 'r')));
     EXPECT_FALSE(itgt.receive(milliseconds(100)).has_value()) << "it was sent all the same";
 }
