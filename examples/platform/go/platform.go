@@ -7,6 +7,7 @@ import (
 	"encoding/json"
 	"fmt"
 	"log"
+	"net"
 	"net/http"
 	"os"
 	"path/filepath"
@@ -91,6 +92,10 @@ func main() {
 	}
 	http.HandleFunc("/faces/page", page)
 	http.HandleFunc("/faces/result", result)
+	listener, problem := net.Listen("tcp", ":"+port)
+	if problem != nil {
+		log.Fatal(problem)
+	}
 	fmt.Printf("the platform is up: https://localhost:%s/faces/page, %d faces\n", port, len(faces))
-	log.Fatal(http.ListenAndServeTLS(":"+port, certificate, key, nil))
+	log.Fatal(http.ServeTLS(listener, nil, certificate, key))
 }
