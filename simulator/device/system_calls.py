@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import errno
 import functools
+import os
 import socket
 import stat
 import subprocess
@@ -104,7 +105,9 @@ def set_id_mode_filter() -> seccomp.SyscallFilter:
     """No file or folder that is run with its owner's or group's rights."""
     mode_argument = {"chmod": 1, "fchmod": 1, "fchmodat": 2, "mkdir": 1, "mkdirat": 2, "mknod": 1, "mknodat": 2,
                      "creat": 1, "open": 2, "openat": 3}
-    return _allowing((name, [_bit(argument, bit)]) for name, argument in mode_argument.items()
+    # Without it there is no mode, and anything may stand in its place.
+    creates = {"open": [_bit(1, os.O_CREAT)], "openat": [_bit(2, os.O_CREAT)]}
+    return _allowing((name, [*creates.get(name, []), _bit(argument, bit)]) for name, argument in mode_argument.items()
                      for bit in (stat.S_ISUID, stat.S_ISGID))
 
 

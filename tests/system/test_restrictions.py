@@ -52,6 +52,7 @@ static void paths(void) {
     tell("home", access("/home/secret", F_OK));
     tell("set-user-id mode", chmod("/tmp/probe", 04755));
     tell("set-group-id file", open("/tmp/probe2", O_WRONLY | O_CREAT, 02755));
+    tell("mode without a new file", syscall(SYS_openat, AT_FDCWD, "/", O_RDONLY | O_DIRECTORY, 06755));
     tell("ordinary mode", chmod("/tmp/probe", 0660));
     tell("memory of all", access("/proc/meminfo", F_OK));
 }
@@ -100,8 +101,8 @@ int main(void) {
 """
 
 ALLOWED = {name: "0" for name in (
-    "write /tmp", "write /dev/shm", "write /mnt/srvfs", "ordinary mode", "memory", "unix socket", "internet socket",
-    "netlink socket", "chroot and mount need a capability")}
+    "write /tmp", "write /dev/shm", "write /mnt/srvfs", "mode without a new file", "ordinary mode", "memory",
+    "unix socket", "internet socket", "netlink socket", "chroot and mount need a capability")}
 ERRORS = {
     **dict.fromkeys(("write /mnt", "write /etc", "write /run", "write /var/tmp", "write /sys"), errno.EROFS),
     **dict.fromkeys(("set-user-id mode", "set-group-id file", "executable memory", "executable writable memory",
