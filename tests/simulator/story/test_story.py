@@ -52,8 +52,9 @@ REASONS = {
                        "platform.reset", "ERROR"),
     "platform-status": ("the platform answered the request of page 0 to 29 with 503 Service Unavailable; "
                         "the download ended", "platform.status", "503 Service Unavailable"),
-    "platform-tls-1.1": ("page 0 to 29 was not fetched: SSL Exception: .*; the download ended",
-                         "platform.tls", "ERROR"),
+    # POCO 1.13 has another name for it.
+    "platform-tls-1.1": ("page 0 to 29 was not fetched: SSL (Exception|connection unexpectedly closed): .*; "
+                         "the download ended", "platform.tls", "ERROR"),
     "itgt-never-ready": ("ITGT said 10 times that page 0 to 0 is not imported; .*", "itgt.never-ready", "INFO"),
     "itgt-bad-pictures": (r"ITGT did not take \d+ pictures of page 0 to \d+", "itgt.bad-pictures", "imported the page"),
     "itgt-state-file-missing": (r"the service logged: \[Custom\] download picture, open file .* error\.",

@@ -305,7 +305,7 @@ class Tours:
     def _has_tls(self) -> bool:
         begin = self._begin_download()
         self.camera.wait_for_log(END, 20.0, begin)
-        return not any("SSL Exception" in text for text in self._texts(begin))
+        return not any(re.search("SSL (Exception|connection)", text) for text in self._texts(begin))
 
     def _has_started(self, since: int) -> bool:
         return any(event.matches("service", "ended") or event.matches("service", "log")
