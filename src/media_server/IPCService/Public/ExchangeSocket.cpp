@@ -49,22 +49,26 @@ void ExchangeSocket::bind()
     }
     m_pProtocol = pProtocol;
     m_pTransmitter = pTransmitter;
-    ::stat(EXCHANGE_PATH, &m_file);
+    if (::stat(EXCHANGE_PATH, &m_file) != 0) {
+        m_file = {};  // unknown
+    }
     for (const ExchangeMember* pMember : m_members) {
         pMember->wakeUp.signal();  // it has another descriptor to wait for
     }
 }
 
 /// Whether the path still leads to the socket. Replies would reach nobody else. A path that cannot be looked at is not
-/// gone: the way of a reply that is due would be.
+/// gone: the way of a reply that is due would be. Nor is one that could not be looked at when it was bound.
 bool ExchangeSocket::isBound() const
 {
     struct stat status = {};
     if (::stat(EXCHANGE_PATH, &status) != 0) {
         return errno != ENOENT;
     }
-    return status.st_dev == m_file.st_dev && status.st_ino == m_file.st_ino &&
-           status.st_ctim.tv_sec == m_file.st_ctim.tv_sec && status.st_ctim.tv_nsec == m_file.st_ctim.tv_nsec;
+    const bool isUnknown = m_file.st_ino == 0;
+    return isUnknown ||
+           (status.st_dev == m_file.st_dev && status.st_ino == m_file.st_ino &&
+            status.st_ctim.tv_sec == m_file.st_ctim.tv_sec && status.st_ctim.tv_nsec == m_file.st_ctim.tv_nsec);
 }
 
 void ExchangeSocket::leave(ExchangeMember& member) noexcept

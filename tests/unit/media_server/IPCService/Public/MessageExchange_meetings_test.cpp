@@ -237,17 +237,23 @@ TEST(ExchangesMeet, PathThatCannotBeLookedAtIsNotMadeAnew)
     UnixSocket itgt(ITGT_PATH);
     Exchanging silent({7021});
     ASSERT_TRUE(itgt.receive().has_value());
-    struct stat before = {};
-    ASSERT_EQ(::stat(OWN_PATH, &before), 0);
+    const auto before = identityOfOwnPath();
     systemCalls().statFails = true;
     EXPECT_NO_THROW(IPCService::MessageExchange());
     systemCalls().statFails = false;
-    struct stat after = {};
-    ASSERT_EQ(::stat(OWN_PATH, &after), 0);
-    EXPECT_EQ(after.st_ino, before.st_ino);
-    EXPECT_EQ(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+    EXPECT_EQ(identityOfOwnPath(), before);
     ASSERT_TRUE(itgt.send(OWN_PATH, reply(7021, 'i')));
     EXPECT_THAT(silent.replies(), ElementsAre(reply(7021, 'i')));
+}
+
+TEST(ExchangesMeet, PathThatCouldNotBeLookedAtWhenItWasBoundIsNotMadeAnew)
+{
+    systemCalls().statFails = true;
+    const IPCService::MessageExchange first;
+    systemCalls().statFails = false;
+    const auto before = identityOfOwnPath();
+    const IPCService::MessageExchange second;
+    EXPECT_EQ(identityOfOwnPath(), before);
 }
 
 TEST(ExchangesMeet, PathThatCannotBeMadeAnewFailsTheNextExchangeOnly)

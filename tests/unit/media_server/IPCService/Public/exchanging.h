@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "media_server/IPCService/Public/Interruption.h"
@@ -24,6 +26,14 @@
 constexpr char OWN_PATH[] = "/tmp/CP";
 constexpr char ITGT_PATH[] = "/tmp/II";
 constexpr char FACES_PATH[] = "/tmp/A";
+
+/// What tells the path from one of the same name that was made anew.
+inline std::pair<ino_t, long> identityOfOwnPath()
+{
+    struct stat status = {};
+    EXPECT_EQ(::stat(OWN_PATH, &status), 0);
+    return {status.st_ino, status.st_ctim.tv_nsec};
+}
 
 inline std::string requestBytes(std::uint32_t command, const std::string& peer = ITGT_PATH)
 {
