@@ -159,3 +159,12 @@ def test_sums_are_those_of_the_files(tree: Path) -> None:
     lines = (tree / "DEBIAN/md5sums").read_text().splitlines()
     files = [path for path in tree.rglob("*") if path.is_file() and not path.is_symlink()]
     assert len(lines) == len([path for path in files if path.parent.name != "DEBIAN"])
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_installed_size_counts_each_file_and_nothing_of_this_file_system(name: str) -> None:
+    """In whole KiB; a folder or a link counts as one, however large it is here."""
+    entries = subprocess.run(["dpkg-deb", "--contents", str(package(name))], stdout=subprocess.PIPE, text=True,
+                             check=True).stdout.splitlines()
+    sizes = [-(-int(line.split()[2]) // 1024) if line.startswith("-") else 1 for line in entries]
+    assert field(package(name), "Installed-Size") == str(sum(sizes) - 1), "all but the root itself"

@@ -41,6 +41,9 @@ _SOON = 1.0
 START_FAILED = 70
 # A library that ends the process.
 _ABORTED = 128 + signal.SIGABRT
+# What stands first, if anything, where there is no memory before the service begins: the framework's exception passes
+# through main, or the C library ends the process where it looks for the user.
+_BEFORE_ITS_OWN = r"terminate called|.*: nss_database\w*: Assertion|Unexpected error\.$|$"
 # The record before the TLS library begins.
 _TLS_BEGINS = "client open name"
 # A start that says this goes on: without taking commands, or as root, who cannot write what the service's user has.
@@ -280,7 +283,7 @@ class Tours:
         with suppress(*([AssertionError] if failure.lasts else [])):
             poll_until(lambda: camera.service.exit_code is not None or self._goes_on_without(begin)
                        or self._takes_commands(), _SOON if failure.lasts else 20.0)
-        if camera.service.exit_code == _ABORTED and not self._had_begun(begin):
+        if camera.service.exit_code == _ABORTED and self._ended_before_its_own(begin):
             assert failure.call == plan.ALLOCATION
         elif camera.service.exit_code == _ABORTED and failure.call == plan.ALLOCATION and not failure.lasts:
             assert _TLS_BEGINS in camera.service.log[-1].text
@@ -295,12 +298,9 @@ class Tours:
             else:
                 self.whole(records=self._takes_records())
 
-    def _had_begun(self, since: int) -> bool:
-        """Whether the service has written a record. What the framework has no memory for before it begins passes
-        through main; and the C library ends the process where it has none to look for the user.
-        """
-        return any(event.matches("service", "log") and event.record.level
-                   for event in self.camera.journal.events[since:])
+    def _ended_before_its_own(self, since: int) -> bool:
+        texts = (event.record.text for event in self.camera.journal.events[since:] if event.matches("service", "log"))
+        return bool(re.match(_BEFORE_ITS_OWN, next(texts, "")))
 
     def _has_tls(self) -> bool:
         begin = self._begin_download()
