@@ -12,7 +12,6 @@ import signal
 import socket
 import struct
 import subprocess
-import threading
 from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 
@@ -21,7 +20,7 @@ from simulator.device.sandbox import COUNTS, Sandbox
 from simulator.errors import CameraError
 from simulator.journal import Journal
 from simulator.messages.log import LogRecord, parse_record
-from simulator.messages.sockets import join
+from simulator.owned_thread import OwnedThread
 
 _START_SECONDS = 60.0
 # SCM_CREDENTIALS: pid, uid, gid as the kernel sees the sender, in the reader's numbering.
@@ -74,7 +73,7 @@ class Service:
         self._arguments = list(arguments)
         self._visible = list(visible)
         self._process: subprocess.Popen[bytes] | None = None
-        self._readers: list[threading.Thread] = []
+        self._readers: list[OwnedThread] = []
         self._output: dict[str, list[bytes]] = {"stdout": [], "stderr": []}
         self._unfinished_line = b""
         self._stderr_ended = True
@@ -145,7 +144,7 @@ class Service:
         if self._exit_code is None:
             self._process.kill()
         for reader in self._readers:
-            join(reader)
+            reader.join()
         self._readers.clear()
         return self._exit_code
 
@@ -192,7 +191,7 @@ class Service:
     def _follow(self) -> None:
         """Reads what the process writes from here on; the journal takes the log."""
         self._stderr_ended = False
-        self._readers = [threading.Thread(target=target, args=(self._process,), name=target.__name__, daemon=True)
+        self._readers = [OwnedThread(functools.partial(target, self._process), target.__name__)
                          for target in (self._read_stdout, self._read_stderr)]
         for reader in self._readers:
             reader.start()

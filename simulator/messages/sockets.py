@@ -2,14 +2,14 @@
 
 from __future__ import annotations
 
-import contextlib
 import os
 import select
 import socket
 import struct
-import threading
 from collections.abc import Callable, Sequence
 from pathlib import Path
+
+from simulator.owned_thread import OwnedThread
 
 # Room for the largest command body; the kernel takes at most its own limit.
 _BUFFER_SIZE = 2 * 1024 * 1024
@@ -33,7 +33,7 @@ class DatagramEndpoint:
         self._socket.bind(str(path))
         path.chmod(0o666)
         self._wake = os.eventfd(0)
-        self._thread = threading.Thread(target=self._read, name=f"datagrams {path.name}", daemon=True)
+        self._thread = OwnedThread(self._read, f"datagrams {path.name}")
 
     def start(self) -> None:
         """Begins to read: once the owner has kept the endpoint, so that the handler finds it."""
@@ -45,7 +45,7 @@ class DatagramEndpoint:
 
     def close(self) -> None:
         os.eventfd_write(self._wake, 1)
-        join(self._thread)
+        self._thread.join()
         self._socket.close()
         os.close(self._wake)
         self._path.unlink(missing_ok=True)
@@ -60,12 +60,6 @@ class DatagramEndpoint:
             self._handler(self._socket.recv(_BUFFER_SIZE))
 
 
-def join(thread: threading.Thread) -> None:
-    """Waits for the end of a thread; nothing happens if a signal came while it was to start."""
-    with contextlib.suppress(RuntimeError):
-        thread.join()
-
-
 class Acceptor:
     """Hands each connection to listening sockets, which somebody else made, to `accepted` on a thread of its own."""
 
@@ -74,17 +68,13 @@ class Acceptor:
         self._accepted = accepted
         self._listeners: list[socket.socket] = []
         self._wake = -1
-        self._thread: threading.Thread | None = None
+        self._thread: OwnedThread | None = None
 
     def start(self, listeners: Sequence[socket.socket]) -> None:
         """Begins to accept; owns the sockets until stop."""
         self._listeners = list(listeners)
         self._wake = os.eventfd(0)
-        poll = select.poll()  # here: a signal may close the sockets before the thread looks at them
-        for pollable in (self._wake, *self._listeners):
-            poll.register(pollable, select.POLLIN)
-        by_descriptor = {listener.fileno(): listener for listener in self._listeners}
-        self._thread = threading.Thread(target=self._accept, args=(poll, by_descriptor), name=self._name, daemon=True)
+        self._thread = OwnedThread(self._accept, self._name)
         self._thread.start()
 
     def stop(self) -> None:
@@ -92,13 +82,17 @@ class Acceptor:
         if self._thread is None:
             return
         os.eventfd_write(self._wake, 1)
-        join(self._thread)
+        self._thread.join()
         self._thread = None
         os.close(self._wake)
         for listener in self._listeners:
             listener.close()
 
-    def _accept(self, poll: select.poll, listeners: dict[int, socket.socket]) -> None:
+    def _accept(self) -> None:
+        listeners = {listener.fileno(): listener for listener in self._listeners}
+        poll = select.poll()
+        for descriptor in (self._wake, *listeners):
+            poll.register(descriptor, select.POLLIN)
         while True:
             ready = [descriptor for descriptor, _ in poll.poll()]
             if self._wake in ready:

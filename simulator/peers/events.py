@@ -16,7 +16,7 @@ from typing import Any
 
 from simulator.journal import Journal
 from simulator.messages import wire
-from simulator.messages.sockets import join
+from simulator.owned_thread import OwnedThread
 
 
 class EventPublisher:
@@ -38,7 +38,7 @@ class EventPublisher:
         self._journal = journal
         self._path = socket_path
         self._listener: socket.socket | None = None
-        self._thread: threading.Thread | None = None
+        self._thread: OwnedThread | None = None
         self._subscribers: list[socket.socket] = []
         self._wake = -1
         self._stopping = threading.Event()
@@ -56,7 +56,7 @@ class EventPublisher:
         self._path.chmod(0o666)
         self._listener.listen()
         self._wake = os.eventfd(0)
-        self._thread = threading.Thread(target=self._serve, name="event publisher", daemon=True)
+        self._thread = OwnedThread(self._serve, "event publisher")
         self._thread.start()
 
     def stop(self) -> None:
@@ -65,7 +65,7 @@ class EventPublisher:
             return
         self._stopping.set()
         os.eventfd_write(self._wake, 1)
-        join(self._thread)
+        self._thread.join()
         os.close(self._wake)
         for connection in (self._listener, *self._subscribers):
             connection.close()

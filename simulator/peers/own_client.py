@@ -14,7 +14,8 @@ from pathlib import Path
 
 from simulator.journal import Journal
 from simulator.messages import wire
-from simulator.messages.sockets import DatagramEndpoint, join
+from simulator.messages.sockets import DatagramEndpoint
+from simulator.owned_thread import OwnedThread
 from simulator.peers.client import Client
 
 _BETWEEN_LOOKS = 0.05
@@ -45,7 +46,7 @@ class OwnClient:
         self._out = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._endpoint: DatagramEndpoint | None = None
         self._ended = threading.Event()
-        self._thread = threading.Thread(target=self._watch, name="own client", daemon=True)
+        self._thread = OwnedThread(self._watch, "own client")
 
     def __enter__(self) -> OwnClient:
         self.folder.mkdir(exist_ok=True)
@@ -56,7 +57,7 @@ class OwnClient:
 
     def __exit__(self, *_: object) -> None:
         self._ended.set()
-        join(self._thread)
+        self._thread.join()
         self._client.on_reply = None
         self._out.close()
 

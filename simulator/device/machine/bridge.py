@@ -21,6 +21,7 @@ from typing import Any
 from simulator.device.machine.channel import Channel
 from simulator.errors import CameraError
 from simulator.messages import wire
+from simulator.owned_thread import OwnedThread
 
 _PEERS = {wire.ITGT_SOCKET: "+", wire.FACE_LIBRARY_SOCKET: "+", wire.CLIENT_SOCKET: "+", "/tmp/.camera/event": "="}
 _OF_SERVICE = (wire.COMMAND_SOCKET, wire.EXCHANGE_SOCKET, "/tmp/CU")
@@ -52,7 +53,7 @@ class Bridge:
         self._poll.register(self._wake, select.POLLIN)
         self._ending = False
         self._actions: queue.Queue[Callable[[], None]] = queue.Queue()
-        self._threads = [threading.Thread(target=target, name=f"machine {target.__name__}", daemon=True)
+        self._threads = [OwnedThread(target, f"machine {target.__name__}")
                          for target in (self._carry_in, self._carry_out)]
 
     def start(self, connection: socket.socket) -> None:

@@ -17,6 +17,7 @@ from typing import Any
 
 from simulator.journal import Journal
 from simulator.messages.sockets import Acceptor
+from simulator.owned_thread import OwnedThread
 from simulator.peers.real.address import Address, address_of
 
 _LOOK_SECONDS = 1.0
@@ -38,7 +39,7 @@ class Door:
         self._listeners: list[socket.socket] = []
         self._acceptor: Acceptor | None = None
         self._ended = threading.Event()
-        self._watch: threading.Thread | None = None
+        self._watch: OwnedThread | None = None
 
     def start(self, listeners: Sequence[socket.socket]) -> None:
         """Owns the sockets, which listen, until stop."""
@@ -77,7 +78,7 @@ class Door:
             if self._acceptor is None or self._ended.is_set():
                 return
             self._close()
-            self._watch = threading.Thread(target=self._wait_back, name="watch for the platform", daemon=True)
+            self._watch = OwnedThread(self._wait_back, "watch for the platform")
             self._watch.start()
         self._journal.add("platform", "absent", error=error.strerror or str(error))
 

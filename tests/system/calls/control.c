@@ -1,6 +1,6 @@
 /* Preloaded into the service: counts what it does, call by call, and says which of them fails.
  *
- * The order, and the counts, are in /tmp/calls, see tours.py; without that file nothing fails. The calls are counted
+ * The order, and the counts, are in /tmp/calls, see control.py; without that file nothing fails. The calls are counted
  * and made to fail in failing_calls.c and failing_allocations.c.
  */
 #include <sys/prctl.h>

@@ -2,12 +2,8 @@
 
 from __future__ import annotations
 
-import mmap
-import os
-import platform
 import re
 import signal
-import struct
 import time
 from collections.abc import Callable, Iterable
 from contextlib import suppress
@@ -15,18 +11,14 @@ from pathlib import Path
 from typing import Any
 
 import plan
+from control import Control, library
 from plan import Failure
 from sample import ALL
-from simulator import Camera, CameraError, wire
-from support import BEGIN, END, FOLDER, StartCamera, at_request, descriptors, emulated, poll_until, sanitized, threads
+from simulator import CameraError, wire
+from support import BEGIN, END, FOLDER, StartCamera, at_request, descriptors, poll_until, threads
 
 # What did not hold, and what had happened, as soon as it is known: a run of all takes long.
 FINDINGS = Path(__file__).resolve().parents[3] / "build" / "logs" / "calls.txt"
-_CONTROL = "/tmp/calls"
-_CALLS = 512
-# role, call, number, error, lasts, failed; behind them the counts.
-_HEAD = struct.Struct("6i")
-_COUNTS = struct.Struct(f"{len(plan.ROLES) * _CALLS}i")
 FACES = 2
 # Nothing has been tried for so long: what fails has failed, for the moment. Longer than the pause before a new attempt.
 _QUIET = 0.05
@@ -56,50 +48,6 @@ _RECORD = r"\d{4}-\d\d-\d\dT"
 _REPLY_LOST = "SendJsonMsg fail"
 
 
-def _library() -> str:
-    """What can be made to fail: the calls not with sanitizers and counters in the service, nor under an emulator, and
-    the allocations not with sanitizers, whose own come before. Where nothing can, only the service's way through is
-    tested.
-    """
-    calls = platform.machine() == "x86_64" and not emulated() and "GCOV_PREFIX" not in os.environ
-    sources = ["control.c", *["failing_calls.c"] * calls, "failing_allocations.c"] if not sanitized() else []
-    return "".join((Path(__file__).parent / name).read_text() for name in sources)
-
-
-class Control:
-    """What the preloaded library is told, and what it tells: see control.c."""
-
-    def __init__(self, camera: Camera) -> None:
-        path = camera.path(_CONTROL)
-        size = _HEAD.size + _COUNTS.size
-        path.write_bytes(bytes(size))
-        path.chmod(0o666)
-        with path.open("r+b") as file:
-            self._memory = mmap.mmap(file.fileno(), size)
-
-    def begin(self, failure: Failure | None = None) -> None:
-        """Counts anew from here, and has this one fail."""
-        self._memory[:] = bytes(len(self._memory))
-        if failure is not None:
-            call = plan.call_number(failure.call)
-            self._memory[:_HEAD.size] = _HEAD.pack(failure.role, call, 0, failure.error, failure.lasts, 0)
-            self._memory[8:12] = struct.pack("i", failure.number)  # last: it is what makes it valid
-
-    def failed(self) -> int:
-        """How many calls have failed."""
-        return int(struct.unpack("i", self._memory[20:24])[0])
-
-    def counts(self) -> dict[tuple[int, str], int]:
-        """How often each call was made since `begin`, by role and name."""
-        numbers = _COUNTS.unpack(self._memory[_HEAD.size:])
-        return {(index // _CALLS, plan.call_name(index % _CALLS)): count for index, count in enumerate(numbers)
-                if count}
-
-    def allocations(self) -> int:
-        """How many were tried since `begin`."""
-        return sum(count for (_, call), count in self.counts().items() if call == plan.ALLOCATION)
-
-
 class Tours:
     """One camera, and tours of its service: a download of a page, a clear with two lists, a notHit record.
 
@@ -110,7 +58,7 @@ class Tours:
     """
 
     def __init__(self, with_library: StartCamera, **arguments: Any) -> None:
-        self.camera = with_library(_library(), start=False, records_only=False, **arguments)
+        self.camera = with_library(library(), start=False, records_only=False, **arguments)
         self.control = Control(self.camera)
         self.camera.faces.lists = self.camera.faces.lists[:2]
         self.made = 0
@@ -230,8 +178,7 @@ class Tours:
         self.whole()
         assert all(self._replies(tag) <= 1 for tag in tags), "at most one reply"
         assert failure.call != plan.ALLOCATION or len(statuses) == len(tags), "one reply each"
-        kept, most_threads = self._kept
-        poll_until(lambda: descriptors(camera) <= kept and threads(camera) <= most_threads)
+        self._expect_nothing_left()
 
     def without_memory(self, failure: Failure, then: Callable[[], object]) -> None:
         """A tour in which this allocation fails and all behind it, for a while: what comes then is whole again."""
@@ -254,8 +201,16 @@ class Tours:
         assert camera.service.exit_code is None, f"the service ended: {camera.service.exit_code}"
         self._command("faceNotHitDown", {"a": "b"})  # behind all commands without memory
         self.whole()
-        kept, most_threads = self._kept
-        poll_until(lambda: descriptors(camera) <= kept and threads(camera) <= most_threads)
+        self._expect_nothing_left()
+
+    def _expect_nothing_left(self) -> None:
+        """Descriptors and threads are no more than after the first tours; says how many, if they are."""
+        def left() -> list[tuple[str, int, int]]:
+            counts = ("descriptors", descriptors(self.camera)), ("threads", threads(self.camera))
+            return [(name, now, most) for (name, now), most in zip(counts, self._kept) if now > most]
+        with suppress(AssertionError):
+            poll_until(lambda: not left())
+        assert left() == []
 
     def stop_without_memory(self) -> None:
         self.camera.service.send_signal(signal.SIGTERM)
