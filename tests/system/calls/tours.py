@@ -210,7 +210,8 @@ class Tours:
             return [(name, now, most) for (name, now), most in zip(counts, self._kept) if now > most]
         with suppress(AssertionError):
             poll_until(lambda: not left())
-        assert left() == []
+        too_many = left()
+        assert not too_many, f"now, and at most: {too_many}"
 
     def stop_without_memory(self) -> None:
         self.camera.service.send_signal(signal.SIGTERM)
