@@ -343,7 +343,7 @@ class Tours:
     def expect_no_violations(self, record_property: Record, name: str) -> None:
         """Counts what was played, under a name, in the record of the run."""
         record_property(name, self.made)
-        assert self.violations == []
+        assert not self.violations, "\n".join(self.violations)
         assert self.made > 0 or not self._played or ALL  # one call more or less is made from run to run
 
     def _end(self) -> None:
