@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
 import select
 import socket
 import struct
+import termios
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
@@ -33,11 +35,17 @@ class DatagramEndpoint:
         self._socket.bind(str(path))
         path.chmod(0o666)
         self._wake = os.eventfd(0)
+        self._handles = False
         self._thread = OwnedThread(self._read, f"datagrams {path.name}")
 
     def start(self) -> None:
         """Begins to read: once the owner has kept the endpoint, so that the handler finds it."""
         self._thread.start()
+
+    def is_idle(self) -> bool:
+        """Whether the handler is done with everything that has been sent here."""
+        waiting = any(fcntl.ioctl(self._socket, termios.FIONREAD, b"\0" * 4))
+        return not waiting and not self._handles  # in this order: it is taken only while _handles is set
 
     def send(self, data: bytes, path: Path) -> None:
         """Sends one datagram; waits up to 5 s while the receiver's queue is full. Raises OSError."""
@@ -57,7 +65,9 @@ class DatagramEndpoint:
         while True:
             if self._wake in [descriptor for descriptor, _ in poll.poll()]:
                 return
+            self._handles = True
             self._handler(self._socket.recv(_BUFFER_SIZE))
+            self._handles = False
 
 
 class Acceptor:

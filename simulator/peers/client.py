@@ -82,6 +82,10 @@ class Client:
             self._endpoint.close()
             self._endpoint = None
 
+    def is_idle(self) -> bool:
+        """Whether it has taken everything that has been sent to it."""
+        return self._endpoint is None or self._endpoint.is_idle()
+
     def hide(self) -> None:
         """Removes the socket's file: commands still go out, and their replies find nobody."""
         self._outside(wire.CLIENT_SOCKET).unlink(missing_ok=True)

@@ -56,6 +56,10 @@ class MessagePeer:
             self._endpoint.close()
             self._endpoint = None
 
+    def is_idle(self) -> bool:
+        """Whether it is done with everything that has been sent to it."""
+        return self._endpoint is None or self._endpoint.is_idle()
+
     def script(self, command: int, *answers: Answer) -> None:
         """Queues the answers to the next requests with this command, ahead of on_message and the own behaviour."""
         self._scripts[command].extend(answers)

@@ -153,13 +153,17 @@ class Player:
         self._stop()
 
     def _stop(self) -> None:
-        """Ends the service; before it, replies that are not to come have a while in which they could."""
+        """Ends the service; before it, replies that are not to come have a while in which they could, and behind it,
+        its peers have one to take what it sent them."""
         tags = {tag for _, tag in self._unanswered}
         with contextlib.suppress(TimeoutError):
             if tags and self._camera.service.exit_code is None:
                 self._camera.wait_for(lambda event: event.matches("client", "reply") and event.tag in tags,
                                       _SILENCE_SECONDS)
         self._camera.service.stop()
+        peers = self._camera.itgt, self._camera.faces, self._camera.client
+        with contextlib.suppress(TimeoutError):
+            self._camera.wait_until(lambda: all(peer.is_idle() for peer in peers), _SILENCE_SECONDS)
 
     _steps: dict[str, Callable[[Player, Step], None]] = {
         "send": _send, "raw": _raw, "publish": _publish, "on": _on, "off": _off,
