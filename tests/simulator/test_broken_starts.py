@@ -102,3 +102,12 @@ def test_a_thread_that_was_started_runs_even_if_it_is_waited_for_at_once() -> No
         thread.start()
         thread.join()
     assert ran == list(range(200))
+
+
+def test_a_thread_that_was_never_started_is_not_waited_for_and_runs_nothing() -> None:
+    ran: list[int] = []
+    thread = OwnedThread(lambda: ran.append(1), "never")
+    thread.join()
+    thread.start()
+    thread.join()
+    assert ran == []

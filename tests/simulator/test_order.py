@@ -20,7 +20,7 @@ from simulator.device import service
 from simulator.messages import sockets
 from simulator.trace.explanation import LiveTrace
 from simulator.trace.recording import Entry, read
-from support import poll_until
+from support import DEADLINE, poll_until
 
 SCENARIOS = Path(__file__).parents[1] / "scenarios"
 SLOW_SECONDS = 0.3
@@ -139,6 +139,23 @@ def test_what_was_sent_before_the_end_counts_however_late_it_is_taken(
     player = Player(load(SCENARIOS / "faces-twice.json"), make_camera(start=False))
     player.play()
     assert [check for check in player.checks if not check.ok] == []
+
+
+def test_an_endpoint_is_idle_when_its_handler_is_done(tmp_path: Path) -> None:
+    begun, may_end = threading.Event(), threading.Event()
+
+    def handle(_data: bytes) -> None:
+        begun.set()
+        may_end.wait(DEADLINE)
+    endpoint = sockets.DatagramEndpoint(tmp_path / "A", handle)
+    assert endpoint.is_idle()
+    endpoint.send(b"one", tmp_path / "A")
+    assert not endpoint.is_idle(), "nobody has taken it"
+    endpoint.start()
+    assert begun.wait(DEADLINE) and not endpoint.is_idle(), "it is dealt with"
+    may_end.set()
+    poll_until(endpoint.is_idle)
+    endpoint.close()
 
 
 def test_an_order_that_is_wrong_is_seen() -> None:
